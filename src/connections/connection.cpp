@@ -1,0 +1,266 @@
+#include "connections/connection.h"
+
+#include "connections/connectionpropertieswidget.h"
+#include "network/network.h"
+#include "network/networksimulation.h"
+#include "network/streamhelpers.h"
+#include "nodes/node.h"
+
+#include <QPainter>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+constexpr double pi = 3.14159265;
+constexpr qreal linkZValue = 1.0;
+constexpr double faintestOpacity = 0.1;
+constexpr double bandHalfWidth = 10.0;  // of the hit test, scene units to either side of the line
+constexpr int dotPitch = 8;             // of the frames in flight
+constexpr int dotSize = 6;
+constexpr int lineLengthPerDot = 10;
+constexpr int capsuleHeight = 14;
+constexpr int capsuleMargin = 3;  // left and right of the dots
+constexpr double capsuleStrokeWidth = 1.5;
+constexpr double selectionMarkSize = 8.0;
+
+const Connection* defaultConnection()
+{
+    return NetworkSimulation::instance()->network()->defaultConnection();
+}
+
+/// Of the line between the nodes, in radians; two nodes on one spot give a level line.
+double lineAngle(const QPointF& difference)
+{
+    if (difference.isNull())
+        return 0.0;
+    return std::atan(difference.y() / difference.x());
+}
+
+}  // namespace
+
+Connection::Connection(Node* node1, Node* node2)
+    : _nodes{node1, node2}
+{
+    setZValue(linkZValue);
+    setFlag(QGraphicsItem::ItemIsSelectable);
+    for (Node* node : _nodes) {
+        if (node)
+            node->addConnection(this);
+    }
+}
+
+Connection::~Connection()
+{
+    for (Node* node : _nodes) {
+        if (node)
+            node->removeConnection(this);
+    }
+}
+
+Node* Connection::node(int index)
+{
+    return index == 0 || index == 1 ? _nodes[index] : nullptr;
+}
+
+void Connection::setNode(int index, Node* node)
+{
+    if (index != 0 && index != 1)
+        return;
+    prepareGeometryChange();
+    _nodes[index] = node;
+}
+
+Node* Connection::otherNode(const Node* node)
+{
+    if (node == _nodes[0])
+        return _nodes[1];
+    if (node == _nodes[1])
+        return _nodes[0];
+    return nullptr;
+}
+
+bool Connection::isNodeInvolved(Node* node)
+{
+    return node == _nodes[0] || node == _nodes[1];
+}
+
+void Connection::resetStatistics()
+{
+    _totalFrames = 0;
+    _lostFrames = 0;
+    _crcErrors = 0;
+}
+
+bool Connection::carryFrame(QByteArray frame, int atLeastUntil, bool lastConnection, Node* source)
+{
+    int delay = 0;
+    const Frame carried(frame, source, otherNode(source), this, atLeastUntil, &delay, lastConnection);
+    if (!carried.isValid())
+        return false;
+    if (lastConnection && carried.isBroadcast())
+        source->_dataConfirmation(true);  // once a send, when it is sent and never later
+
+    _frames.append(carried);  // also a frame that will not arrive: it travels visibly and is captured as lost
+    _deliveries.start(delay);
+    _traffic.request();
+    return carried.wasDelivered(false);
+}
+
+void Connection::deliverFrame()
+{
+    if (_frames.isEmpty())
+        return;
+
+    Frame frame = _frames.takeFirst();
+    _traffic.request();
+    Network* network = NetworkSimulation::instance()->network();
+    if (!frame.destinationNode() || !frame.wasDelivered(false)) {
+        frame.neverReceived();
+        emit network->frameLeftLink();
+        return;
+    }
+
+    frame.destinationNode()->_dataIndication(frame.payload());
+    frame.nowReceived();
+    emit network->frameLeftLink();
+    const bool isConfirmed = frame.wasDelivered(true) && !frame.isBroadcast() && !frame.promiscuousReceive();
+    if (frame.sourceNode() && isConfirmed)
+        frame.sourceNode()->_dataConfirmation(true);
+}
+
+QWidget* Connection::propertiesWidget()
+{
+    return new ConnectionPropertiesWidget(this, nullptr);
+}
+
+/// Measured with the own stroke width, on purpose: a link that follows the default width (own value -1) gets
+/// bounds one unit smaller on every side than its line.
+QRectF Connection::boundingRect() const
+{
+    if (!_nodes[0] || !_nodes[1])
+        return QRectF();
+
+    const QPointF p0 = _nodes[0]->pos();
+    const QPointF p1 = _nodes[1]->pos();
+    const double width = _connectionStrokeWidth;
+    return QRectF(std::min(p0.x(), p1.x()) - width, std::min(p0.y(), p1.y()) - width,
+                  std::abs(p0.x() - p1.x()) + 2 * width, std::abs(p0.y() - p1.y()) + 2 * width);
+}
+
+/// A band around the line whatever its stroke width; it may reach beyond the bounds.
+QPainterPath Connection::shape() const
+{
+    QPainterPath band;
+    if (!_nodes[0] || !_nodes[1])
+        return band;
+
+    const QPointF p0 = _nodes[0]->pos();
+    const QPointF p1 = _nodes[1]->pos();
+    const double angle = pi - lineAngle(p0 - p1);
+    const QPointF offset(static_cast<int>(std::sin(angle) * bandHalfWidth),
+                         static_cast<int>(std::cos(angle) * bandHalfWidth));
+    band.moveTo(p0 + offset);
+    band.lineTo(p1 + offset);
+    band.lineTo(p1 - offset);
+    band.lineTo(p0 - offset);
+    band.closeSubpath();
+    return band;
+}
+
+void Connection::paint(QPainter* painter, const QStyleOptionGraphicsItem* /*option*/, QWidget* /*widget*/)
+{
+    if (!_nodes[0] || !_nodes[1])
+        return;
+
+    const QPointF p0 = _nodes[0]->pos();
+    const QPointF p1 = _nodes[1]->pos();
+    const QPen linePen(QBrush(_effectiveColor(), Qt::SolidPattern), _effectiveStrokeWidth(),
+                       _broken ? Qt::DotLine : Qt::SolidLine, Qt::SquareCap, Qt::BevelJoin);
+    painter->setPen(linePen);
+    painter->setOpacity(std::max(_effectiveReliability(), faintestOpacity));
+    painter->drawLine(p0, p1);
+    painter->setOpacity(1.0);
+
+    if (!_frames.isEmpty())
+        _drawFramesInFlight(painter, linePen);
+    if (isSelected()) {
+        const QPointF corner(selectionMarkSize / 2, selectionMarkSize / 2);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(_effectiveColor());
+        painter->drawRect(QRectF((p0 + p1) / 2 - corner, QSizeF(selectionMarkSize, selectionMarkSize)));
+    }
+}
+
+/// A capsule at the middle of the line with a dot a frame, the oldest first, as many as the line has room
+/// for.
+void Connection::_drawFramesInFlight(QPainter* painter, const QPen& linePen) const
+{
+    const QPointF difference = _nodes[0]->pos() - _nodes[1]->pos();
+    const auto distance = static_cast<int>(std::hypot(difference.x(), difference.y()));
+    const double angle = lineAngle(difference) * 180 / pi;
+    const int dots = std::min(distance / lineLengthPerDot, _frames.size());
+    const int halfWidth = dots * dotPitch / 2;
+
+    painter->save();
+    painter->translate((_nodes[0]->pos() + _nodes[1]->pos()) / 2);
+    painter->rotate(std::min(angle, 180 - angle));
+    painter->setPen(QPen(linePen.brush(), capsuleStrokeWidth, Qt::SolidLine, Qt::SquareCap, Qt::BevelJoin));
+    painter->setBrush(Qt::white);
+    painter->drawRoundedRect(-halfWidth - capsuleMargin, -capsuleHeight / 2,
+                             2 * halfWidth + 2 * capsuleMargin, capsuleHeight, capsuleHeight / 2.0,
+                             capsuleHeight / 2.0);
+    painter->setPen(Qt::NoPen);
+    painter->translate(-halfWidth, 0);
+    for (int i = 0; i < dots; ++i) {
+        painter->setBrush(_frames.at(i).wasDelivered(false) ? Qt::darkGreen : Qt::darkRed);
+        painter->drawEllipse(dotPitch * i + 1, -dotSize / 2, dotSize, dotSize);
+    }
+    painter->restore();
+}
+
+/// Timeouts of the frames keep running and will take frames carried after the link is mended, on purpose.
+void Connection::_discardFramesInFlight()
+{
+    _frames.clear();
+}
+
+QColor Connection::_effectiveColor() const
+{
+    return _connectionColor.isValid() ? _connectionColor : defaultConnection()->_connectionColor;
+}
+
+double Connection::_effectiveStrokeWidth() const
+{
+    return _connectionStrokeWidth >= 0 ? _connectionStrokeWidth : defaultConnection()->_connectionStrokeWidth;
+}
+
+double Connection::_effectiveReliability() const
+{
+    return _reliability >= 0 ? _reliability : defaultConnection()->_reliability;
+}
+
+QDataStream& operator<<(QDataStream& stream, Connection* connection)
+{
+    stream << qint32{connection->type()};
+    for (Node* node : connection->_nodes)
+        stream << nodeFileId(node);
+    return stream << connection->_broken << connection->_reliability << connection->_errorDetectionReliability
+                  << qint32{connection->_delayMs} << qint32{connection->_delayDeviationMs}
+                  << connection->_connectionColor << connection->_connectionStrokeWidth
+                  << connection->toolTip();
+}
+
+QDataStream& operator>>(QDataStream& stream, Connection* connection)
+{
+    QString comment;
+    connection->prepareGeometryChange();
+    stream >> connection->_broken >> connection->_reliability >> connection->_errorDetectionReliability
+        >> connection->_delayMs >> connection->_delayDeviationMs;
+    connection->_connectionColor = Stream::readColor(stream);
+    connection->_connectionStrokeWidth = Stream::readFinite(stream, -1.0);
+    stream >> comment;
+    connection->setToolTip(comment);
+    return stream;
+}

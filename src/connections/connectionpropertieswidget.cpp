@@ -1,0 +1,7 @@
+#include "connections/connectionpropertieswidget.h"
+
+ConnectionPropertiesWidget::ConnectionPropertiesWidget(Connection* /*connection*/, QWidget* parentProperties)
+{
+    if (parentProperties)
+        parentProperties->setParent(this);
+}

@@ -1,0 +1,206 @@
+#include "network/network.h"
+
+#include "network/networkpropertieswidget.h"
+#include "network/networksimulation.h"
+#include "network/streamhelpers.h"
+#include "nodes/tcpnode.h"
+
+#include <QLinearGradient>
+#include <QMap>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int backgroundShadeHeight = 200;     // scene units
+constexpr int acceptRetryInterval = 200;       // ms
+constexpr int bytePairsOfLongestMask = 32768;  // a line edit holds 32767 characters at most
+
+// What stands in a file before the body of a template record: kind, and the ids of ends or node
+constexpr int connectionHeaderSize = 20;
+constexpr int nodeHeaderSize = 16;
+
+template <typename Item> void writeItems(QDataStream& stream, const QList<Item*>& items)
+{
+    stream << static_cast<quint32>(items.size());
+    for (Item* item : items)
+        stream << item;
+}
+
+/// Calls \a readItem once for each of the announced entries, but not beyond the end of the stream: a damaged
+/// count must not be counted through for minutes. The count of a null list reads as an empty one.
+template <typename ReadItem> void readItems(QDataStream& stream, ReadItem readItem)
+{
+    quint32 count = 0;
+    stream >> count;
+    for (quint32 i = 0; i < count && count != Stream::nullArrayLength && !stream.atEnd(); ++i)
+        readItem();
+}
+
+/// An entry of another kind is passed over without its body, which leaves the stream out of step: the file's
+/// trailer then does not fit and the whole load is discarded.
+void readNode(QDataStream& stream, Network& network, QMap<quint64, Node*>& nodes)
+{
+    qint32 itemType = 0;
+    qint32 nodeType = 0;
+    quint64 id = 0;
+    stream >> itemType;
+    if (itemType != NetworkItem::NodeType)
+        return;
+    stream >> nodeType;
+    if (nodeType != Node::TcpNodeKind)
+        return;
+
+    Node* node = new TcpNode(QByteArray(), nullptr);
+    stream >> id >> node;
+    nodes.insert(id, node);
+    network.addItem(node);
+}
+
+void readConnection(QDataStream& stream, Network& network, const QMap<quint64, Node*>& nodes)
+{
+    qint32 itemType = 0;
+    quint64 firstId = 0;
+    quint64 secondId = 0;
+    stream >> itemType;
+    if (itemType != NetworkItem::ConnectionType)
+        return;
+    stream >> firstId >> secondId;
+    if (!nodes.contains(firstId) || !nodes.contains(secondId))
+        return;
+
+    auto* connection = new Connection(nodes.value(firstId), nodes.value(secondId));
+    stream >> connection;
+    network.addItem(connection);
+}
+
+}  // namespace
+
+Network::Network(QWidget* parent)
+    : QGraphicsScene(parent)
+{
+    QLinearGradient background(0, 0, 0, backgroundShadeHeight);
+    background.setColorAt(0, QColor(245, 245, 255));
+    background.setColorAt(1, Qt::white);
+    setBackgroundBrush(background);
+
+    _setDefaults();
+    _acceptRetry.setInterval(acceptRetryInterval);
+    _acceptRetry.setSingleShot(true);
+    connect(&_acceptRetry, SIGNAL(timeout()), this, SLOT(_tcpResumeAccepting()));
+    connect(&_tcpServer.server, SIGNAL(acceptError(QAbstractSocket::SocketError)), &_acceptRetry,
+            SLOT(start()));
+    setTcpEnabled(false);
+}
+
+/// Sockets and items go while the members that they look at are still there.
+Network::~Network()
+{
+    setTcpPnpEnabled(false);
+    setTcpEnabled(false);
+    _endDrawing();
+    clear();
+}
+
+void Network::_setDefaults()
+{
+    _defaultConnection._broken = false;
+    _defaultConnection._reliability = 1.0;
+    _defaultConnection._errorDetectionReliability = 1.0;
+    _defaultConnection._delayMs = 0;
+    _defaultConnection._delayDeviationMs = 0;
+    _defaultConnection._connectionColor = Qt::darkBlue;
+    _defaultConnection._connectionStrokeWidth = 2.0;
+
+    _defaultNode._promiscuousMode = Qt::Unchecked;
+    _defaultNode._framesAcknowledged = Qt::Unchecked;
+    _defaultNode._frameAcknowledgeTimeout = 0;
+    _defaultNode._inactiveColor = Qt::lightGray;
+    _defaultNode._activeColor = QColor(155, 155, 255);
+    _defaultNode._txColor = QColor(155, 255, 155);
+    _defaultNode._rxColor = QColor(255, 255, 155);
+    _defaultNode._strokeWidth = 2.0;
+    _defaultNode._showName = Qt::Checked;
+    _defaultNode._showAddress = Qt::Checked;
+    _defaultNode._showConnectionCount = Qt::Checked;
+}
+
+NetworkItem* Network::selectedNetworkItem()
+{
+    const QList<QGraphicsItem*> selection = selectedItems();
+    return selection.isEmpty() ? nullptr : dynamic_cast<NetworkItem*>(selection.first());
+}
+
+void Network::deleteSelectedNetworkItem()
+{
+    const QList<QGraphicsItem*> selection = selectedItems();
+    if (selection.isEmpty())
+        return;
+
+    QGraphicsItem* item = selection.first();
+    if (const auto* node = dynamic_cast<Node*>(item))
+        _forgetDrawingFrom(node);
+    clearSelection();
+    removeItem(item);
+    delete item;
+    if (items().isEmpty())
+        emit lastNodeDeleted();
+}
+
+QWidget* Network::propertiesWidget()
+{
+    return new NetworkPropertiesWidget(nullptr);
+}
+
+QString Network::addressInputMask(int length) const
+{
+    const int wanted = length < 0 ? addressLength() : length;
+    const int bytePairs = qBound(1, wanted, bytePairsOfLongestMask);
+    return QStringLiteral("XX") + QStringLiteral(":XX").repeated(bytePairs - 1);
+}
+
+QDataStream& operator<<(QDataStream& stream, Network& network)
+{
+    stream << qint32{network.maximalTransferUnit()} << qint32{network.addressLength()};
+    stream << qint32{network.destinationAddressOffset()} << qint32{network.sourceAddressOffset()};
+    stream << network.broadcastAddress();
+    stream << network.isTcpEnabled() << network.tcpPort() << network.isTcpPnpEnabled();
+    if (NetworkSimulation::instance()->fileVersion() == 1)
+        stream << network.isNameUsedForPnpIdentification();
+    stream << network.defaultConnection() << network.defaultNode();
+
+    QList<Node*> nodes;
+    QList<Connection*> connections;
+    const QList<QGraphicsItem*> items = network.items(Qt::DescendingOrder);
+    for (QGraphicsItem* item : items) {
+        if (auto* node = dynamic_cast<Node*>(item))
+            nodes.append(node);
+        else if (auto* connection = dynamic_cast<Connection*>(item))
+            connections.append(connection);
+    }
+    writeItems(stream, nodes);
+    writeItems(stream, connections);
+    return stream;
+}
+
+QDataStream& operator>>(QDataStream& stream, Network& network)
+{
+    bool isTcpEnabled = false;
+    stream >> network._network.maximalTransferUnit >> network._network.addressLength;
+    stream >> network._network.destinationAddressOffset >> network._network.sourceAddressOffset;
+    stream >> network._network.broadcastAddress;
+    stream >> isTcpEnabled >> network._tcpServer.port >> network._tcpServer.pnpEnabled;
+    if (NetworkSimulation::instance()->fileVersion() == 1)
+        stream >> network._tcpServer.nameBasedPnp;
+    network.setTcpEnabled(isTcpEnabled);  // a failure is not reported: the server is then off
+
+    stream.skipRawData(connectionHeaderSize);
+    stream >> network.defaultConnection();
+    stream.skipRawData(nodeHeaderSize);
+    stream >> network.defaultNode();
+
+    QMap<quint64, Node*> nodes;
+    readItems(stream, [&] { readNode(stream, network, nodes); });
+    readItems(stream, [&] { readConnection(stream, network, nodes); });
+    return stream;
+}

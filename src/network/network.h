@@ -1,0 +1,149 @@
+#pragma once
+
+#include "connections/connection.h"
+#include "network/networkitem.h"
+#include "nodes/node.h"
+
+#include <QByteArray>
+#include <QGraphicsScene>
+#include <QList>
+#include <QTcpServer>
+#include <QTimer>
+
+QT_BEGIN_NAMESPACE
+class QGraphicsLineItem;
+class QTcpSocket;
+QT_END_NAMESPACE
+
+class TcpNode;
+
+/// The scene that holds the simulated network: owns the nodes and connections, the network-wide frame
+/// parameters, the templates that undecided settings fall back to, the state of editing and the TCP server
+/// for the nodes' programs.
+class Network : public QGraphicsScene
+{
+    Q_OBJECT
+
+public:
+    enum EditMode {
+        Selection = 0,
+        NodePlacement = 1,
+        ConnectionDrawing = 2,
+    };
+
+    explicit Network(QWidget* parent = nullptr);
+    ~Network() override;
+
+    // Editing
+    EditMode editorMode() const { return _editor.mode; }
+    void setEditorMode(EditMode mode);   // any mode but Selection clears the selection
+    NetworkItem* selectedNetworkItem();  // the first selected item; null for none or another kind of item
+    void deleteSelectedNetworkItem();    // the first selected item only
+    QWidget* propertiesWidget();         // newly made, without a parent; the caller owns it
+
+    // TCP server
+    quint16 tcpPort() const { return _tcpServer.port; }
+    void setTcpPort(quint16 port);  // a listening server moves to the new port, or stays off when it cannot
+    quint16 listeningPort() const;  // the real one when tcpPort() is 0; 0 while the server is off
+    bool isTcpEnabled() const { return _tcpServer.server.isListening(); }
+    bool setTcpEnabled(bool enable);  // false when the port cannot be opened; the server is then off
+    QString tcpErrorString() const;   // why the server could not be started last; empty when it could
+    bool isTcpPnpEnabled() const { return _tcpServer.pnpEnabled; }
+    void setTcpPnpEnabled(bool enable) { _tcpServer.pnpEnabled = enable; }
+    bool isNameUsedForPnpIdentification() const { return _tcpServer.nameBasedPnp; }
+    void setNameUsedForPnpIdentification(bool use) { _tcpServer.nameBasedPnp = use; }
+
+    // Frame parameters, in bytes
+    int maximalTransferUnit() const { return _network.maximalTransferUnit; }
+    int addressLength() const { return _network.addressLength; }
+    int destinationAddressOffset() const { return _network.destinationAddressOffset; }
+    int sourceAddressOffset() const { return _network.sourceAddressOffset; }
+    const QByteArray& broadcastAddress() const { return _network.broadcastAddress; }
+
+    /// The QLineEdit input mask for an address of \a length bytes; negative: the network's address length.
+    /// It has at least one byte pair, so that no address field is maskless, and at most what a line edit can
+    /// hold.
+    QString addressInputMask(int length) const;
+
+    // Templates
+    Connection* defaultConnection() { return &_defaultConnection; }
+    const Connection* defaultConnection() const { return &_defaultConnection; }
+    Node* defaultNode() { return &_defaultNode; }
+    const Node* defaultNode() const { return &_defaultNode; }
+
+signals:
+    /// A deletion has left the scene empty.
+    void lastNodeDeleted();
+
+    /// A frame has left its link, delivered or lost.
+    void frameLeftLink();
+
+protected:
+    void mousePressEvent(QGraphicsSceneMouseEvent* event) override;
+    void mouseMoveEvent(QGraphicsSceneMouseEvent* event) override;
+    void mouseReleaseEvent(QGraphicsSceneMouseEvent* event) override;
+    void mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+
+private slots:
+    void _tcpPnpNewNode();
+    void _tcpPnpDataFromPending();
+    void _tcpPnpPendingDisconnected();
+    void _tcpResumeAccepting();
+
+private:
+    friend class Connection;
+    friend class NetworkPropertiesWidget;
+    friend class Node;
+    friend struct TestAccess;
+    friend QDataStream& operator>>(QDataStream& stream, Network& network);
+
+    void _setDefaults();
+    Node* _nodeAt(const QPointF& position) const;
+    void _placeNode(const QPointF& position);
+    void _remeasureConnectionsOfSelection();
+    void _startDrawing(const QPointF& position);
+    void _connectTo(Node* end);
+    void _endDrawing();
+    void _forgetDrawingFrom(const Node* node);
+
+    bool _startTcpServer();
+    void _stopTcpServer();
+    void _forgetPending(QTcpSocket* socket);
+    void _identifyByName(QTcpSocket* socket);
+    void _identifyByAddress(QTcpSocket* socket);
+    template <typename Identity>
+    void _attach(QTcpSocket* socket, const Identity& identity, Identity (Node::*identityOf)() const);
+
+    struct {
+        EditMode mode = Selection;
+        Node* from = nullptr;                            // where a drawing started; not owned
+        QGraphicsLineItem* connectionPreview = nullptr;  // owned; null while nothing is drawn
+    } _editor;
+
+    struct {
+        int maximalTransferUnit = 255;
+        int addressLength = 6;
+        int destinationAddressOffset = 0;
+        int sourceAddressOffset = 6;
+        QByteArray broadcastAddress = QByteArray::fromHex("FFFFFFFFFFFF");
+    } _network;
+
+    Connection _defaultConnection{nullptr, nullptr};
+    Node _defaultNode{QByteArray()};
+
+    struct {
+        bool pnpEnabled = false;    // unknown programs get new nodes
+        bool nameBasedPnp = false;  // programs identify by name, else by address
+        quint16 port = 8844;
+        QTcpServer server;
+        QList<QTcpSocket*> pending;  // accepted, not identified yet; owned
+        QString error;               // of the last start that failed
+    } _tcpServer;
+
+    QTimer _acceptRetry;  // runs while accepting has failed
+};
+
+/// The network record of the simulation file.
+QDataStream& operator<<(QDataStream& stream, Network& network);
+QDataStream& operator>>(QDataStream& stream, Network& network);

@@ -1,0 +1,153 @@
+#include "network/network.h"
+
+#include "nodes/tcpnode.h"
+
+#include <QGraphicsLineItem>
+#include <QGraphicsSceneMouseEvent>
+#include <QKeyEvent>
+#include <QPen>
+
+namespace {
+
+constexpr qreal previewOpacity = 0.5;
+constexpr qreal previewZValue = -1.0;  // under the nodes, so that it never hides the one under the cursor
+
+}  // namespace
+
+void Network::setEditorMode(EditMode mode)
+{
+    _editor.mode = mode;
+    if (mode != Selection)
+        clearSelection();
+}
+
+void Network::mousePressEvent(QGraphicsSceneMouseEvent* event)
+{
+    switch (_editor.mode) {
+    case Selection:
+        QGraphicsScene::mousePressEvent(event);
+        return;
+    case NodePlacement:  // any button, also on top of another node: the mode does nothing but place nodes
+        _placeNode(event->scenePos());
+        break;
+    case ConnectionDrawing:
+        _startDrawing(event->scenePos());
+        break;
+    }
+    event->accept();
+}
+
+void Network::mouseMoveEvent(QGraphicsSceneMouseEvent* event)
+{
+    switch (_editor.mode) {
+    case Selection:
+        QGraphicsScene::mouseMoveEvent(event);
+        _remeasureConnectionsOfSelection();
+        return;
+    case NodePlacement:
+        break;
+    case ConnectionDrawing:
+        if (_editor.from && _editor.connectionPreview)
+            _editor.connectionPreview->setLine(QLineF(_editor.from->pos(), event->scenePos()));
+        break;
+    }
+    event->accept();
+}
+
+/// A drawing that is under way when the mode changes ends with the next release too, without a connection.
+void Network::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
+{
+    switch (_editor.mode) {
+    case Selection:
+        QGraphicsScene::mouseReleaseEvent(event);
+        _endDrawing();
+        update();
+        return;
+    case NodePlacement:
+        break;
+    case ConnectionDrawing:
+        _connectTo(_nodeAt(event->scenePos()));
+        break;
+    }
+    _endDrawing();
+    event->accept();
+}
+
+/// Neither the scene nor an item reacts to double clicks, on purpose.
+void Network::mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event)
+{
+    event->accept();
+}
+
+/// Keys other than Delete are not passed on: items never receive any.
+void Network::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Delete)
+        deleteSelectedNetworkItem();
+}
+
+void Network::_remeasureConnectionsOfSelection()
+{
+    const QList<QGraphicsItem*> selection = selectedItems();
+    for (QGraphicsItem* item : selection) {
+        const auto* node = dynamic_cast<Node*>(item);
+        if (!node)
+            continue;
+        for (Connection* connection : node->connections())
+            connection->prepareGeometryChange();
+    }
+}
+
+Node* Network::_nodeAt(const QPointF& position) const
+{
+    auto* node = dynamic_cast<Node*>(itemAt(position, QTransform()));
+    return node && node->type() == NetworkItem::NodeType ? node : nullptr;
+}
+
+void Network::_placeNode(const QPointF& position)
+{
+    auto* node = new TcpNode(QByteArray(), nullptr);
+    addItem(node);
+    node->setPos(position);
+}
+
+void Network::_startDrawing(const QPointF& position)
+{
+    _endDrawing();  // a preview left over from a press without a release
+    _editor.from = _nodeAt(position);
+    if (!_editor.from)
+        return;
+
+    const QPen pen(QBrush(_defaultConnection._connectionColor, Qt::SolidPattern),
+                   _defaultConnection._connectionStrokeWidth, Qt::SolidLine, Qt::SquareCap, Qt::BevelJoin);
+    _editor.connectionPreview = addLine(QLineF(_editor.from->pos(), position), pen);
+    _editor.connectionPreview->setOpacity(previewOpacity);
+    _editor.connectionPreview->setZValue(previewZValue);
+}
+
+/// Joins the node where the drawing started with \a end, unless they are one or joined already.
+void Network::_connectTo(Node* end)
+{
+    Node* from = _editor.from;
+    if (!from || !end || end == from)
+        return;
+    for (Connection* connection : from->connections()) {
+        if (connection->isNodeInvolved(end))
+            return;
+    }
+    addItem(new Connection(from, end));
+}
+
+void Network::_endDrawing()
+{
+    _editor.from = nullptr;
+    delete _editor.connectionPreview;  // takes itself off the scene
+    _editor.connectionPreview = nullptr;
+}
+
+/// A drawing never outlives the node where it started.
+void Network::_forgetDrawingFrom(const Node* node)
+{
+    if (_editor.from == node)
+        _endDrawing();
+}

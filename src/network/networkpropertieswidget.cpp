@@ -1,0 +1,7 @@
+#include "network/networkpropertieswidget.h"
+
+NetworkPropertiesWidget::NetworkPropertiesWidget(QWidget* parentProperties)
+{
+    if (parentProperties)
+        parentProperties->setParent(this);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <QWidget>
+
+class NetworkPropertiesWidget : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit NetworkPropertiesWidget(QWidget* extra);
+};

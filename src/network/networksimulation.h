@@ -1,0 +1,63 @@
+#pragma once
+
+#include "capture/capture.h"
+#include "network/network.h"
+
+#include <QObject>
+
+QT_BEGIN_NAMESPACE
+class QIODevice;
+QT_END_NAMESPACE
+
+/// The whole simulation the user works on: the network and the capture of its frames. There is never more
+/// than one; a new and an opened simulation replace it, and every pointer into the old one is then dangling.
+class NetworkSimulation : public QObject
+{
+    Q_OBJECT
+
+public:
+    static const quint32 MagicNumber = 0xC191277C;           // both ends of a file of version 0
+    static const quint32 VersionedMagicNumber = 0xC191277D;  // both ends of a file that carries its version
+    static const quint32 ActualFileVersion = 1;              // of every new simulation
+
+    /// The present simulation; a new one when there is none yet.
+    static NetworkSimulation* instance();
+
+    static NetworkSimulation* newNetworkSimulation();
+
+    /// Replaces the simulation by the one in the file. On failure \a ok, unless null, becomes false and the
+    /// simulation is new and empty; on success \a ok is left as it is.
+    static NetworkSimulation* loadNetworkSimulation(const QString& fileName, bool* ok);
+
+    /// As above, from a device open for reading: for files that may not be written.
+    static NetworkSimulation* loadNetworkSimulation(QIODevice* device, bool* ok);
+
+    /// Deletes the present simulation, which closes its sockets. To be called before the application object
+    /// ends.
+    static void deleteNetworkSimulation();
+
+    NetworkSimulation() = default;
+    ~NetworkSimulation() override;
+
+    /// False when the file cannot be opened; write errors are not reported.
+    [[nodiscard]] bool save(const QString& fileName);
+    [[nodiscard]] bool exportPcapDump(const QString& fileName);
+
+    bool hasChanges() { return true; }  // no record of unsaved changes is kept
+
+    Network* network() { return &_network; }
+    Capture* capture() { return &_capture; }
+    quint32 fileVersion() const { return _fileVersion; }
+
+    void updateNetworkDisplay();  // repaints the whole scene
+
+private:
+    static NetworkSimulation* _readIntoInstance(QIODevice* device, bool* ok);
+    bool _read(QIODevice* device);
+
+    Network _network;
+    Capture _capture;
+    quint32 _fileVersion = 0;
+
+    static NetworkSimulation* _instance;
+};

@@ -1,0 +1,239 @@
+#include "network/timeouts.h"
+
+#include <QBasicTimer>
+#include <QCoreApplication>
+#include <QPointer>
+#include <QTimerEvent>
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+namespace {
+
+constexpr qint64 nanosecondsPerMillisecond = 1000000;
+constexpr qint64 never = std::numeric_limits<qint64>::max();
+
+qint64 monotonicNanoseconds()
+{
+    return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+qint64 roundedUpToMilliseconds(qint64 nanoseconds)
+{
+    return (nanoseconds + nanosecondsPerMillisecond - 1) / nanosecondsPerMillisecond;
+}
+
+}  // namespace
+
+/// Runs the handlers of all Timeouts of the process: a heap of those that have something pending, ordered by
+/// their next due time, and two toolkit timers. Lives as long as the application object.
+class TimeoutScheduler : public QObject
+{
+public:
+    static TimeoutScheduler& instance();
+    ~TimeoutScheduler() override;
+
+    qint64 passTime() const { return _passTime; }
+
+    void update(Timeouts* timeouts);
+    void remove(Timeouts* timeouts);
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private:
+    explicit TimeoutScheduler(QObject* parent)
+        : QObject(parent)
+    {
+    }
+
+    static qint64 _dueTime(const Timeouts* timeouts) { return timeouts->_dueTimes.top(); }
+
+    void _runDueHandlers();
+    void _arm();
+    void _place(Timeouts* timeouts, int index);
+    void _siftUp(int index);
+    void _siftDown(int index);
+
+    std::vector<Timeouts*> _heap;  // not owned; the earliest due time first
+    QBasicTimer _nextPass;         // runs while something is due at once
+    QBasicTimer _later;            // fires at or before the earliest due time of the rest
+    qint64 _laterDueTime = never;
+    qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
+};
+
+TimeoutScheduler& TimeoutScheduler::instance()
+{
+    static QPointer<TimeoutScheduler> scheduler;
+    if (!scheduler)
+        scheduler = new TimeoutScheduler(QCoreApplication::instance());
+    return *scheduler;
+}
+
+TimeoutScheduler::~TimeoutScheduler()
+{
+    for (Timeouts* timeouts : _heap)
+        timeouts->_heapIndex = -1;
+}
+
+/// To be called after a due time was added to or taken from \a timeouts.
+void TimeoutScheduler::update(Timeouts* timeouts)
+{
+    if (timeouts->_dueTimes.empty()) {
+        remove(timeouts);
+        return;
+    }
+    if (timeouts->_heapIndex < 0) {
+        _heap.push_back(timeouts);
+        timeouts->_heapIndex = static_cast<int>(_heap.size()) - 1;
+    }
+    _siftUp(timeouts->_heapIndex);
+    _siftDown(timeouts->_heapIndex);
+    if (_passTime < 0)
+        _arm();
+}
+
+void TimeoutScheduler::remove(Timeouts* timeouts)
+{
+    const int index = timeouts->_heapIndex;
+    if (index < 0)
+        return;
+
+    Timeouts* last = _heap.back();
+    _heap.pop_back();
+    timeouts->_heapIndex = -1;
+    if (last == timeouts)
+        return;
+    _place(last, index);
+    _siftUp(index);
+    _siftDown(last->_heapIndex);
+}
+
+void TimeoutScheduler::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() == _later.timerId()) {
+        _later.stop();
+        _laterDueTime = never;
+    }
+    if (_passTime >= 0)
+        return;  // inside an event loop of a handler's own: the pass goes on when the handler is back
+    _runDueHandlers();
+    _nextPass.stop();
+    _arm();
+}
+
+/// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
+/// called.
+void TimeoutScheduler::_runDueHandlers()
+{
+    _passTime = monotonicNanoseconds();
+    while (!_heap.empty() && _dueTime(_heap.front()) <= _passTime) {
+        Timeouts* timeouts = _heap.front();
+        timeouts->_dueTimes.pop();
+        update(timeouts);
+        const std::function<void()> handler = timeouts->_handler;
+        handler();
+    }
+    _passTime = -1;
+}
+
+void TimeoutScheduler::_arm()
+{
+    if (_heap.empty())
+        return;
+    const qint64 dueTime = _dueTime(_heap.front());
+    if (_nextPass.isActive() || dueTime >= _laterDueTime)
+        return;
+
+    const qint64 wait = dueTime - monotonicNanoseconds();
+    if (wait <= 0) {
+        _nextPass.start(0, Qt::PreciseTimer, this);
+        return;
+    }
+    const qint64 milliseconds = roundedUpToMilliseconds(wait);
+    _laterDueTime = dueTime;
+    _later.start(static_cast<int>(std::min<qint64>(milliseconds, std::numeric_limits<int>::max())),
+                 Qt::PreciseTimer, this);
+}
+
+void TimeoutScheduler::_place(Timeouts* timeouts, int index)
+{
+    _heap[static_cast<size_t>(index)] = timeouts;
+    timeouts->_heapIndex = index;
+}
+
+void TimeoutScheduler::_siftUp(int index)
+{
+    Timeouts* moved = _heap[static_cast<size_t>(index)];
+    while (index > 0) {
+        const int parent = (index - 1) / 2;
+        Timeouts* above = _heap[static_cast<size_t>(parent)];
+        if (_dueTime(above) <= _dueTime(moved))
+            break;
+        _place(above, index);
+        index = parent;
+    }
+    _place(moved, index);
+}
+
+void TimeoutScheduler::_siftDown(int index)
+{
+    Timeouts* moved = _heap[static_cast<size_t>(index)];
+    const int size = static_cast<int>(_heap.size());
+    for (int child = 2 * index + 1; child < size; child = 2 * index + 1) {
+        if (child + 1 < size
+            && _dueTime(_heap[static_cast<size_t>(child) + 1]) < _dueTime(_heap[static_cast<size_t>(child)]))
+            ++child;
+        Timeouts* below = _heap[static_cast<size_t>(child)];
+        if (_dueTime(moved) <= _dueTime(below))
+            break;
+        _place(below, index);
+        index = child;
+    }
+    _place(moved, index);
+}
+
+Timeouts::Timeouts(std::function<void()> handler)
+    : _handler(std::move(handler))
+{
+}
+
+Timeouts::~Timeouts()
+{
+    if (_heapIndex >= 0)
+        TimeoutScheduler::instance().remove(this);
+}
+
+void Timeouts::start(int delay)
+{
+    // Strictly after the present pass, so that two handlers that start each other leave room for the sockets.
+    const qint64 now = std::max(monotonicNanoseconds(), TimeoutScheduler::instance().passTime() + 1);
+    _startAt(now + std::max(delay, 0) * nanosecondsPerMillisecond);
+}
+
+void Timeouts::startOncePerMillisecond(int delay)
+{
+    const qint64 millisecond = roundedUpToMilliseconds(monotonicNanoseconds()) + std::max(delay, 0);
+    if (millisecond == _lastMillisecond)
+        return;
+    _lastMillisecond = millisecond;
+    _startAt(millisecond * nanosecondsPerMillisecond);
+}
+
+bool Timeouts::startAtEndOfPass()
+{
+    const qint64 passTime = TimeoutScheduler::instance().passTime();
+    if (passTime < 0)
+        return false;
+    _startAt(passTime);
+    return true;
+}
+
+void Timeouts::_startAt(qint64 dueTime)
+{
+    _dueTimes.push(dueTime);
+    if (_heapIndex < 0 || _dueTimes.top() == dueTime)
+        TimeoutScheduler::instance().update(this);
+}

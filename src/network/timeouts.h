@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <functional>
+#include <queue>
+#include <vector>
+
+/// Any number of pending single-shot timeouts of one owner: the handler runs once for each as it falls due.
+///
+/// The toolkit's own list of timers is searched from end to end, so one toolkit timer a frame stalls the
+/// program at some ten thousand frames in flight. Here all owners share one toolkit timer and the cost of a
+/// timeout does not grow with their number. Due times are kept to the nanosecond and are never early; equal
+/// or not, the handler runs for each of them. What is still pending when the object is destroyed never runs.
+/// GUI thread only.
+class Timeouts
+{
+public:
+    explicit Timeouts(std::function<void()> handler);
+    ~Timeouts();
+    Q_DISABLE_COPY_MOVE(Timeouts)
+
+    /// Due in \a delay milliseconds (0 or less: on the next pass of the event loop, never inside this call).
+    void start(int delay);
+
+    /// As start(), for handlers that are harmless to repeat: due at the end of a millisecond of the clock,
+    /// and no second time within the same one. With a constant delay at most \a delay + 1 of them are ever
+    /// pending.
+    void startOncePerMillisecond(int delay);
+
+    /// Due at the end of the pass that is running handlers right now.
+    /// Returns false, and starts nothing, when no pass is running.
+    bool startAtEndOfPass();
+
+private:
+    friend class TimeoutScheduler;
+
+    void _startAt(qint64 dueTime);
+
+    std::function<void()> _handler;
+    std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>>
+        _dueTimes;                 // ns of the monotonic clock
+    qint64 _lastMillisecond = -1;  // of startOncePerMillisecond()
+    int _heapIndex = -1;           // place in the scheduler's heap; -1: nothing is pending
+};

@@ -1,0 +1,428 @@
+#include "nodes/node.h"
+
+#include "connections/connection.h"
+#include "network/frame.h"
+#include "network/network.h"
+#include "network/networksimulation.h"
+#include "network/streamhelpers.h"
+#include "nodes/nodepropertieswidget.h"
+
+#include <QApplication>
+#include <QFontMetrics>
+#include <QPainter>
+#include <QRadialGradient>
+
+#include <algorithm>
+
+namespace {
+
+constexpr qreal nodeZValue = 2.0;    // above the links
+constexpr int flashDuration = 500;   // ms, of the transmit and receive colours
+constexpr int longestLabel = 10000;  // characters; what follows is neither measured nor drawn
+
+// Scene units, around the node's centre
+constexpr int smallestHalfWidth = 24;
+constexpr int boundsHalfHeight = 40;
+constexpr int labelHeight = 20;
+const QRectF disc(-20, -20, 40, 40);
+const QRectF centreText(-23, -23, 46, 46);
+const QRectF highlight(-12, -16, 24, 16);
+const QPointF shadeCentre(0, 15);
+constexpr qreal shadeRadius = 30;
+constexpr int lighterPercent = 120;
+constexpr int darkerPercent = 200;
+constexpr int highlightAlpha = 75;
+constexpr int selectionMarkSize = 6;
+const QPoint selectionMarks[] = {{-23, -23}, {-23, 17}, {17, -23}, {17, 17}};
+
+const Node* defaultNode()
+{
+    return NetworkSimulation::instance()->network()->defaultNode();
+}
+
+bool isChecked(Qt::CheckState own, Qt::CheckState inherited)
+{
+    return (own == Qt::PartiallyChecked ? inherited : own) == Qt::Checked;
+}
+
+QColor validOr(const QColor& own, const QColor& inherited)
+{
+    return own.isValid() ? own : inherited;
+}
+
+/// Label texts, no longer than can be measured and drawn in a moment.
+QString labelText(const QString& name)
+{
+    return name.left(longestLabel);
+}
+
+QString labelText(const QByteArray& address)
+{
+    return QString::fromLatin1(address.left(longestLabel / 2).toHex().toUpper());
+}
+
+/// Half of each, on the packed words: the lowest bit of a channel spills into the next one, on purpose.
+QColor coarseBlend(const QColor& one, const QColor& other)
+{
+    return QColor((one.rgba() >> 1) + (other.rgba() >> 1));
+}
+
+bool hasVersionOneFields()
+{
+    return NetworkSimulation::instance()->fileVersion() == 1;
+}
+
+}  // namespace
+
+Node::Node(const QByteArray& address)
+    : _address(address)
+{
+    _initialize();
+}
+
+Node::Node(const QString& name)
+    : _name(name)
+{
+    _initialize();
+}
+
+void Node::_initialize()
+{
+    setFlags(QGraphicsItem::ItemIsSelectable | QGraphicsItem::ItemIsMovable
+             | QGraphicsItem::ItemSendsGeometryChanges);
+    setZValue(nodeZValue);
+    _calculateWidthForText();
+}
+
+Node::~Node()
+{
+    if (auto* network = qobject_cast<Network*>(scene()))
+        network->_forgetDrawingFrom(this);
+    const QList<Connection*> connections = _connections;  // each takes itself off the list
+    qDeleteAll(connections);
+}
+
+void Node::setName(const QString& name)
+{
+    _name = name;
+    _calculateWidthForText();
+    if (scene())
+        scene()->update();
+}
+
+void Node::setAddress(const QByteArray& address)
+{
+    _address = address;
+    _calculateWidthForText();
+    update();
+}
+
+bool Node::isInPromiscuousMode() const
+{
+    if (_promiscuousMode != Qt::PartiallyChecked)
+        return _promiscuousMode == Qt::Checked;
+    return defaultNode()->_promiscuousMode == Qt::Checked;
+}
+
+bool Node::active() const
+{
+    return (_flags & (Connected | Disabled)) == Connected;
+}
+
+void Node::setActive(bool active, bool disabling)
+{
+    if (disabling)
+        _setFlag(Disabled, !active);
+    else
+        _setFlag(Connected, active);
+    update();
+}
+
+void Node::addConnection(Connection* connection)
+{
+    if (!_connections.contains(connection))
+        _connections.append(connection);
+    update();
+}
+
+void Node::removeConnection(Connection* connection)
+{
+    _connections.removeAll(connection);
+    update();
+}
+
+void Node::resetStatistics()
+{
+    _sendFrames = 0;
+    _sendBytes = 0;
+    _receivedFrames = 0;
+    _receivedBytes = 0;
+    emit sendStatisticsChanged(0, 0);
+    emit receivedStatisticsChanged(0, 0);
+}
+
+void Node::setInactiveColor(const QColor& color)
+{
+    _inactiveColor = color;
+    update();
+}
+
+void Node::setActiveColor(const QColor& color)
+{
+    _activeColor = color;
+    update();
+}
+
+void Node::dataRequest(QByteArray frame)
+{
+    _flags |= Transmitting;
+    _txFlashes.startOncePerMillisecond(flashDuration);
+    _traffic.request();
+
+    const bool isConfirmationWanted = _isConfirmationWanted();
+    const int timeout = _effectiveAcknowledgeTimeout();
+    if (!active())
+        return;
+
+    _sendBytes += frame.size();
+    ++_sendFrames;
+    emit sendStatisticsChanged(static_cast<int>(_sendFrames), static_cast<int>(_sendBytes));
+
+    bool isDelivered = false;
+    if (_connections.isEmpty() && Frame::isBroadcast(frame)) {
+        isDelivered = true;  // a lone node's broadcast has reached everybody
+        if (isConfirmationWanted)
+            dataConfirmation(true);
+    }
+    if (_carryOverConnections(frame, isConfirmationWanted ? timeout : -1))
+        isDelivered = true;
+    if (!isDelivered && isConfirmationWanted)
+        _losses.start(timeout);
+}
+
+/// Whether one of them will deliver the frame. The last one confirms broadcasts and has the frame captured.
+bool Node::_carryOverConnections(const QByteArray& frame, int acknowledgeTimeout)
+{
+    bool isDelivered = false;
+    const QList<Connection*> connections = _connections;
+    for (Connection* connection : connections) {
+        const bool isLast = connection == connections.last();
+        if (connection->carryFrame(frame, acknowledgeTimeout, isLast, this))
+            isDelivered = true;
+    }
+    return isDelivered;
+}
+
+void Node::_dataIndication(QByteArray frame)
+{
+    _flags |= Receiving;
+    _rxFlashes.startOncePerMillisecond(flashDuration);
+    _traffic.request();
+
+    _receivedBytes += frame.size();
+    ++_receivedFrames;
+    emit receivedStatisticsChanged(static_cast<int>(_receivedFrames), static_cast<int>(_receivedBytes));
+    dataIndication(frame);
+}
+
+void Node::_dataConfirmation(bool delivered)
+{
+    if (_isConfirmationWanted())
+        dataConfirmation(delivered);
+}
+
+void Node::dataIndication(QByteArray /*frame*/)
+{
+}
+
+void Node::dataConfirmation(bool /*delivered*/)
+{
+}
+
+/// A frame within the 500 ms restarts nothing, on purpose: the first timeout clears the flag.
+void Node::clearTxFlag()
+{
+    _flags &= ~Transmitting;
+    _traffic.request();
+}
+
+void Node::clearRxFlag()
+{
+    _flags &= ~Receiving;
+    _traffic.request();
+}
+
+void Node::frameLost()
+{
+    dataConfirmation(false);
+}
+
+bool Node::_isConfirmationWanted() const
+{
+    if (_framesAcknowledged != Qt::PartiallyChecked)
+        return _framesAcknowledged == Qt::Checked;
+    return defaultNode()->_framesAcknowledged == Qt::Checked;
+}
+
+int Node::_effectiveAcknowledgeTimeout() const
+{
+    return _frameAcknowledgeTimeout >= 1 ? _frameAcknowledgeTimeout : defaultNode()->_frameAcknowledgeTimeout;
+}
+
+void Node::_setFlag(StateFlag flag, bool on)
+{
+    _flags = on ? _flags | flag : _flags & ~flag;
+}
+
+QWidget* Node::propertiesWidget()
+{
+    return new NodePropertiesWidget(this, nullptr);
+}
+
+QRectF Node::boundingRect() const
+{
+    const int left = -std::max(smallestHalfWidth, _widthForText / 2);
+    return QRectF(left, -boundsHalfHeight, std::max(2 * smallestHalfWidth, _widthForText),
+                  2 * boundsHalfHeight);
+}
+
+QPainterPath Node::shape() const
+{
+    QPainterPath path;
+    path.addEllipse(disc);
+    return path;
+}
+
+/// Links are measured by their ends: they are told before an end moves, or the scene's index keeps stale
+/// places.
+QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
+{
+    if (change == QGraphicsItem::ItemPositionChange) {
+        for (Connection* connection : qAsConst(_connections))
+            connection->prepareGeometryChange();
+    }
+    return QGraphicsItem::itemChange(change, value);
+}
+
+void Node::_calculateWidthForText()
+{
+    const QFontMetrics metrics = QApplication::fontMetrics();
+    const int width = std::max(metrics.horizontalAdvance(labelText(_name)),
+                               metrics.horizontalAdvance(labelText(_address)));
+    if (width == _widthForText)
+        return;
+    prepareGeometryChange();
+    _widthForText = width;
+}
+
+QColor Node::_baseColor() const
+{
+    const Node* defaults = defaultNode();
+    const QColor txColor = validOr(_txColor, defaults->_txColor);
+    const QColor rxColor = validOr(_rxColor, defaults->_rxColor);
+    if (!active())
+        return validOr(_inactiveColor, defaults->_inactiveColor);
+    switch (_flags & (Transmitting | Receiving)) {
+    case Transmitting | Receiving:
+        return coarseBlend(txColor, rxColor);
+    case Transmitting:
+        return txColor;
+    case Receiving:
+        return rxColor;
+    default:
+        return validOr(_activeColor, defaults->_activeColor);
+    }
+}
+
+void Node::paint(QPainter* painter, const QStyleOptionGraphicsItem* /*option*/, QWidget* /*widget*/)
+{
+    const QColor base = _baseColor();
+    const QColor dark = base.darker(darkerPercent);
+    _drawDisc(painter, base, dark);
+    painter->setBrush(dark);
+    _drawLabels(painter);
+    if (isSelected())
+        _drawSelectionMarks(painter);
+    painter->setPen(Qt::NoPen);
+    painter->setBrush(QColor(255, 255, 255, highlightAlpha));
+    painter->drawEllipse(highlight);
+}
+
+void Node::_drawDisc(QPainter* painter, const QColor& base, const QColor& dark) const
+{
+    QRadialGradient shade(shadeCentre, shadeRadius);
+    shade.setColorAt(0.0, base.lighter(lighterPercent));
+    shade.setColorAt(1.0, base);
+    painter->setBrush(shade);
+    painter->setPen(QPen(dark, _strokeWidth > 0 ? _strokeWidth : defaultNode()->_strokeWidth));
+    painter->drawEllipse(disc);
+}
+
+/// In the pen of the disc's outline.
+void Node::_drawLabels(QPainter* painter) const
+{
+    const Node* defaults = defaultNode();
+    const qreal left = -_widthForText / 2.0;
+    if (!_name.isEmpty() && isChecked(_showName, defaults->_showName))
+        painter->drawText(QRectF(left, -boundsHalfHeight, _widthForText, labelHeight), Qt::AlignCenter,
+                          labelText(_name));
+    if (isChecked(_showAddress, defaults->_showAddress))
+        painter->drawText(QRectF(left, boundsHalfHeight - labelHeight, _widthForText, labelHeight),
+                          Qt::AlignCenter, labelText(_address));
+
+    const bool isConnected = (_flags & Connected) != 0;
+    if (!isConnected)  // always marked, whatever the setting
+        painter->drawText(centreText, Qt::AlignCenter, QStringLiteral("?"));
+    else if (isChecked(_showConnectionCount, defaults->_showConnectionCount))
+        painter->drawText(centreText, Qt::AlignCenter, QString::number(_connections.size()));
+}
+
+/// In the brush set before: the darkened base colour.
+void Node::_drawSelectionMarks(QPainter* painter)
+{
+    painter->setPen(Qt::NoPen);
+    for (const QPoint& corner : selectionMarks)
+        painter->drawRect(QRect(corner, QSize(selectionMarkSize, selectionMarkSize)));
+}
+
+quint64 nodeFileId(const Node* node)
+{
+    return reinterpret_cast<quintptr>(node);
+}
+
+QDataStream& operator<<(QDataStream& stream, Node* node)
+{
+    stream << qint32{node->type()} << qint32{node->nodeType()} << nodeFileId(node) << node->pos();
+    stream << node->_address << qint32{node->_flags & Node::Disabled};
+    stream << static_cast<qint32>(node->_framesAcknowledged) << qint32{node->_frameAcknowledgeTimeout};
+    stream << node->_inactiveColor << node->_activeColor << node->_txColor << node->_rxColor;
+    stream << node->_strokeWidth;
+    // Not in the order of the members, on purpose: the format has always had it so.
+    stream << static_cast<qint32>(node->_showAddress) << static_cast<qint32>(node->_showConnectionCount)
+           << static_cast<qint32>(node->_showName);
+    stream << node->_name << node->toolTip();
+    if (hasVersionOneFields())
+        stream << static_cast<qint32>(node->_promiscuousMode);
+    return stream;
+}
+
+QDataStream& operator>>(QDataStream& stream, Node* node)
+{
+    QString comment;
+    node->setPos(Stream::readPosition(stream));
+    stream >> node->_address >> node->_flags;
+    node->_flags &= Node::Disabled;  // the node's program has to attach anew
+    node->_framesAcknowledged = Stream::readCheckState(stream);
+    stream >> node->_frameAcknowledgeTimeout;
+    for (QColor* color : {&node->_inactiveColor, &node->_activeColor, &node->_txColor, &node->_rxColor})
+        *color = Stream::readColor(stream);
+    node->_strokeWidth = Stream::readFinite(stream, -1.0);
+    for (Qt::CheckState* state : {&node->_showAddress, &node->_showConnectionCount, &node->_showName})
+        *state = Stream::readCheckState(stream);
+    stream >> node->_name >> comment;
+    node->_calculateWidthForText();
+    node->setToolTip(comment);
+    if (hasVersionOneFields())
+        node->_promiscuousMode = Stream::readCheckState(stream);
+    return stream;
+}

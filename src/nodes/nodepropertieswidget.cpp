@@ -1,0 +1,7 @@
+#include "nodes/nodepropertieswidget.h"
+
+NodePropertiesWidget::NodePropertiesWidget(Node* /*node*/, QWidget* parentProperties)
+{
+    if (parentProperties)
+        parentProperties->setParent(this);
+}

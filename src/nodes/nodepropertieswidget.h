@@ -1,0 +1,13 @@
+#pragma once
+
+#include <QWidget>
+
+class Node;
+
+class NodePropertiesWidget : public QWidget
+{
+    Q_OBJECT
+
+public:
+    NodePropertiesWidget(Node* node, QWidget* parentProperties);
+};

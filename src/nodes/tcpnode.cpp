@@ -1,0 +1,360 @@
+#include "nodes/tcpnode.h"
+
+#include "network/bridgeprotocol.h"
+#include "network/network.h"
+#include "network/networksimulation.h"
+#include "network/streamhelpers.h"
+#include "nodes/tcpnodepropertieswidget.h"
+
+#include <QApplication>
+#include <QDataStream>
+#include <QGraphicsSceneContextMenuEvent>
+#include <QMenu>
+#include <QPointer>
+#include <QTcpSocket>
+#include <QTimer>
+#include <QtEndian>
+
+namespace {
+
+constexpr qint64 unsentLimit = 64 * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
+constexpr int lingerTime = 3000;  // ms that a closed socket has left to send what was written before
+constexpr int inactiveColorOffset = 150;
+
+struct MenuEntry {
+    const char* text;
+    const char* icon;
+    TcpNode::DebugCommand command;
+};
+
+const MenuEntry menuEntries[] = {
+    {"Identify", ":DebugIdentify.png", TcpNode::IdentifyDC},
+    {"Run/Continue", ":DebugRunCont.png", TcpNode::RunContDC},
+    {"Pause", ":DebugPause.png", TcpNode::PauseDC},
+    {"Step", ":DebugStep.png", TcpNode::StepDC},
+    {"Reset", ":DebugReset.png", TcpNode::ResetDC},
+    {"Quit", ":DebugQuit.png", TcpNode::QuitDC},
+};
+
+/// An entry's data is the command to send.
+QMenu* newDebugMenu(QWidget* parent)
+{
+    auto* menu = new QMenu(parent);
+    for (const MenuEntry& entry : menuEntries) {
+        QAction* action = menu->addAction(QIcon(QLatin1String(entry.icon)), QLatin1String(entry.text));
+        action->setData(entry.command);
+        if (entry.command == TcpNode::IdentifyDC)
+            menu->addSeparator();
+    }
+    return menu;
+}
+
+/// True, or the stream's status says that the message is not wholly there. To be asked before memory is
+/// taken.
+bool hasArrived(QDataStream& stream, quint32 length)
+{
+    if (stream.status() == QDataStream::Ok && stream.device()->bytesAvailable() < length)
+        stream.setStatus(QDataStream::ReadPastEnd);
+    return stream.status() == QDataStream::Ok;
+}
+
+/// To be called once hasArrived() has answered true.
+QByteArray readBytes(QDataStream& stream, quint32 length)
+{
+    QByteArray bytes(static_cast<int>(length), Qt::Uninitialized);
+    stream.readRawData(bytes.data(), bytes.size());
+    return bytes;
+}
+
+/// The length word of a message's body; that of a null array reads as 0.
+quint32 readBodyLength(QDataStream& stream)
+{
+    quint32 length = 0;
+    stream >> length;
+    return length == Stream::nullArrayLength ? 0 : length;
+}
+
+void skipBody(QDataStream& stream)
+{
+    const quint32 length = readBodyLength(stream);
+    if (hasArrived(stream, length))
+        stream.skipRawData(static_cast<int>(length));
+}
+
+/// What has been written is still sent out, if the peer takes it in time. No node hears of the socket any
+/// more.
+void closeAndDelete(QTcpSocket* socket)
+{
+    socket->setParent(NetworkSimulation::instance()->network());
+    QObject::connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
+    QTimer::singleShot(lingerTime, socket, [socket] { socket->abort(); });
+    socket->close();
+}
+
+}  // namespace
+
+QList<TcpNode*> TcpNode::__allTcpNodes;
+
+TcpNode::TcpNode(const QByteArray& address, QTcpSocket* socket)
+    : Node(address)
+{
+    setSocket(socket);
+    __allTcpNodes.append(this);
+}
+
+TcpNode::TcpNode(const QString& name, QTcpSocket* socket)
+    : Node(name)
+{
+    setSocket(socket);
+    __allTcpNodes.append(this);
+}
+
+TcpNode::~TcpNode()
+{
+    __allTcpNodes.removeOne(this);
+    setSocket(nullptr);
+}
+
+void TcpNode::setSocket(QTcpSocket* socket)
+{
+    if (socket && socket == _socket)
+        return;
+    if (_socket)
+        _socket->close();  // normally runs _socketStateChanged()
+    if (_socket) {         // but unsent bytes hold the closing up
+        QTcpSocket* unsent = _socket;
+        _detachSocket();
+        delete unsent;
+    }
+    if (socket && socket->state() == QAbstractSocket::ConnectedState)
+        _adoptSocket(socket);
+}
+
+void TcpNode::_adoptSocket(QTcpSocket* socket)
+{
+    _socket = socket;
+    _socket->setParent(this);
+    _socket->setSocketOption(QAbstractSocket::LowDelayOption,
+                             1);  // frames would arrive 40 ms late, in bursts
+    connect(_socket, SIGNAL(stateChanged(QAbstractSocket::SocketState)), this,
+            SLOT(_socketStateChanged(QAbstractSocket::SocketState)));
+    connect(_socket, SIGNAL(readyRead()), this, SLOT(_socketDataIndication()));
+    if (_socket->bytesAvailable() > 0)  // what followed an identification by address
+        QMetaObject::invokeMethod(this, "_socketDataIndication", Qt::QueuedConnection);
+    setActive(true, false);
+    emit connectionStateChanged();
+}
+
+/// The node forgets the socket, which is the caller's from here on.
+void TcpNode::_detachSocket()
+{
+    _socket->disconnect(this);
+    _socket = nullptr;
+    setActive(false, false);
+    emit connectionStateChanged();
+}
+
+void TcpNode::_socketStateChanged(QAbstractSocket::SocketState state)
+{
+    if (state != QAbstractSocket::UnconnectedState || !_socket)
+        return;
+    _socket->deleteLater();
+    _detachSocket();
+}
+
+/// After a protocol error: detaches the node at once, whether or not the peer still reads.
+void TcpNode::_closeSocket()
+{
+    if (!_socket)
+        return;
+    QTcpSocket* socket = _socket;
+    _detachSocket();
+    closeAndDelete(socket);
+}
+
+void TcpNode::_socketDataIndication()
+{
+    while (_socket && _socket->bytesAvailable() > 0) {
+        QDataStream stream(_socket);
+        stream.setVersion(Stream::version);
+        const bool isUnderstood = _handleMessage(stream);
+        if (!isUnderstood || stream.status() != QDataStream::Ok)
+            _closeSocket();
+    }
+}
+
+/// False when the connection is to be closed. An incomplete message shows in the stream's status; nothing is
+/// done.
+bool TcpNode::_handleMessage(QDataStream& stream)
+{
+    quint8 type = 0;
+    stream >> type;
+    switch (type) {
+    case Bridge::Frame:
+        _handleFrame(stream);
+        return true;
+    case Bridge::NodeControl:
+        return _handleNodeControl(stream);
+    case Bridge::Ignored:
+        skipBody(stream);
+        return true;
+    default:  // Bridge::Goodbye among them: its body goes with the connection
+        return false;
+    }
+}
+
+void TcpNode::_handleFrame(QDataStream& stream)
+{
+    const quint32 length = readBodyLength(stream);
+    if (hasArrived(stream, length))
+        dataRequest(readBytes(stream, length));
+}
+
+bool TcpNode::_handleNodeControl(QDataStream& stream)
+{
+    quint32 length = 0;
+    quint8 type = 0;
+    stream >> length >> type;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+
+    const quint32 dataLength = length - 1;  // of a length of 0: more than can ever have arrived
+    switch (type) {
+    case Bridge::SetAddress:
+        _handleAddress(stream, dataLength);
+        return true;
+    case Bridge::Enable:  // announced data bytes are not read, on purpose: they begin the next message
+        setActive(true, true);
+        return true;
+    case Bridge::Disable:  // likewise
+        setActive(false, true);
+        return true;
+    case Bridge::SetColor:
+        _handleColor(stream, dataLength);
+        return true;
+    case Bridge::SetName:
+        _handleName(stream, dataLength);
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// An address of the wrong length is read and dropped.
+void TcpNode::_handleAddress(QDataStream& stream, quint32 dataLength)
+{
+    if (!hasArrived(stream, dataLength))
+        return;
+    const QByteArray newAddress = readBytes(stream, dataLength);
+    const int networkLength = NetworkSimulation::instance()->network()->addressLength();
+    const bool replacesOne = newAddress.size() == address().size();
+    const bool isFirstOne = address().isEmpty() && newAddress.size() == networkLength;
+    if (replacesOne || isFirstOne)
+        setAddress(newAddress);
+}
+
+/// The inactive colour is a pale version of the active one. A component above 210 gives an invalid colour, on
+/// purpose: the default node's is taken then.
+void TcpNode::_handleColor(QDataStream& stream, quint32 dataLength)
+{
+    if (dataLength != Bridge::colorSize)
+        return;  // the bytes stay in the stream, on purpose: they begin the next message
+    quint8 red = 0;
+    quint8 green = 0;
+    quint8 blue = 0;
+    stream >> red >> green >> blue;
+    if (stream.status() != QDataStream::Ok)
+        return;
+    setActiveColor(QColor(red, green, blue));
+    setInactiveColor(QColor(red / 2 + inactiveColorOffset, green / 2 + inactiveColorOffset,
+                            blue / 2 + inactiveColorOffset));
+}
+
+void TcpNode::_handleName(QDataStream& stream, quint32 dataLength)
+{
+    if (hasArrived(stream, dataLength))
+        setName(Bridge::nameFromBytes(readBytes(stream, dataLength)));
+}
+
+void TcpNode::dataIndication(QByteArray frame)
+{
+    if (!frame.isEmpty())
+        _sendMessage(Bridge::Frame, frame);
+}
+
+void TcpNode::dataConfirmation(bool delivered)
+{
+    const char outcome = delivered ? Bridge::FrameDelivered : Bridge::FrameNotDelivered;
+    _sendMessage(Bridge::Confirmation, QByteArray(1, outcome));
+}
+
+void TcpNode::sendDebugCommand(DebugCommand command)
+{
+    _sendMessage(Bridge::Debug, QByteArray(1, static_cast<char>(command)));
+}
+
+void TcpNode::sendDebugCommandToSelectedOrAll(DebugCommand command)
+{
+    NetworkItem* selected = NetworkSimulation::instance()->network()->selectedNetworkItem();
+    if (auto* node = dynamic_cast<TcpNode*>(selected)) {
+        node->sendDebugCommand(command);
+        return;
+    }
+    if (selected)
+        return;
+    const QList<TcpNode*> nodes = __allTcpNodes;
+    for (TcpNode* node : nodes)
+        node->sendDebugCommand(command);
+}
+
+/// While unattached, nothing.
+void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
+{
+    if (!_socket)
+        return;
+    QByteArray message(Bridge::headerSize, Qt::Uninitialized);
+    message.reserve(Bridge::headerSize + body.size());
+    message[0] = static_cast<char>(type);
+    qToBigEndian(static_cast<quint32>(body.size()), message.data() + 1);
+    message.append(body);
+    _socket->write(message);
+
+    if (_socket->bytesToWrite() > unsentLimit) {
+        QTcpSocket* socket = _socket;
+        _detachSocket();
+        socket->abort();
+        socket->deleteLater();
+        return;
+    }
+    if (!_isFlushPending)
+        _isFlushPending = _outputFlush.startAtEndOfPass();
+}
+
+/// Sends what one pass of deliveries has written in one go, without waiting for the event loop to find it.
+void TcpNode::_flushOutput()
+{
+    _isFlushPending = false;
+    if (_socket)
+        _socket->flush();
+}
+
+/// For this node only: it becomes the selected one. Dismissing the menu sends nothing.
+void TcpNode::contextMenuEvent(QGraphicsSceneContextMenuEvent* event)
+{
+    if (scene())
+        scene()->clearSelection();
+    setSelected(true);
+
+    // The event loop of the menu may see the end of this node, and of the menu with its parent.
+    const QPointer<TcpNode> self = this;
+    const QPointer<QMenu> menu = newDebugMenu(QApplication::focusWidget());
+    const QAction* chosen = menu->exec(event->screenPos());
+    if (self && menu && chosen)
+        sendDebugCommand(static_cast<DebugCommand>(chosen->data().toInt()));
+    delete menu;
+}
+
+QWidget* TcpNode::propertiesWidget()
+{
+    return new TcpNodePropertiesWidget(this, Node::propertiesWidget());
+}

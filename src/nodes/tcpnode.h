@@ -1,0 +1,86 @@
+#pragma once
+
+#include "nodes/node.h"
+
+#include <QAbstractSocket>
+
+QT_BEGIN_NAMESPACE
+class QTcpSocket;
+QT_END_NAMESPACE
+
+/// A node whose behaviour an external program supplies over TCP: the program's frame messages become sends,
+/// delivered frames and confirmations are written back, and the program may set the node's address, name,
+/// colour and activation.
+///
+/// Nothing is buffered between two reads, on purpose: a message that is only partly there when its first byte
+/// is read closes the connection. Programs write each message in one piece.
+class TcpNode : public Node
+{
+    Q_OBJECT
+
+public:
+    /// Sent to the program; the value is the byte on the wire.
+    enum DebugCommand {
+        InvalidDC = 0,
+        RunContDC = 1,
+        PauseDC = 2,
+        StepDC = 3,
+        ResetDC = 4,
+        QuitDC = 5,
+        IdentifyDC = 6,
+    };
+
+    /// \a socket as in setSocket().
+    TcpNode(const QByteArray& address, QTcpSocket* socket);
+    TcpNode(const QString& name, QTcpSocket* socket);
+    ~TcpNode() override;
+
+    /// Attaches the program behind \a socket; a program attached before loses its connection. A connected
+    /// socket is owned by the node from here on; null or an unconnected one, which is not adopted, leaves the
+    /// node unattached.
+    void setSocket(QTcpSocket* socket);
+    const QTcpSocket* socket() const { return _socket; }  // null when no program is attached
+
+    void sendDebugCommand(DebugCommand command);
+
+    /// To the selected node, or to every TCP node in order of construction when nothing is selected.
+    static void sendDebugCommandToSelectedOrAll(DebugCommand command);
+
+    void dataIndication(QByteArray frame) override;
+    void dataConfirmation(bool delivered) override;
+
+    QWidget* propertiesWidget() override;
+    int nodeType() const override { return TcpNodeKind; }
+
+signals:
+    void connectionStateChanged();
+
+protected:
+    void contextMenuEvent(QGraphicsSceneContextMenuEvent* event) override;
+
+private slots:
+    void _socketStateChanged(QAbstractSocket::SocketState state);
+    void _socketDataIndication();
+
+private:
+    friend class TcpNodePropertiesWidget;
+    friend struct TestAccess;
+
+    void _adoptSocket(QTcpSocket* socket);
+    void _detachSocket();
+    void _closeSocket();
+    bool _handleMessage(QDataStream& stream);
+    void _handleFrame(QDataStream& stream);
+    bool _handleNodeControl(QDataStream& stream);
+    void _handleAddress(QDataStream& stream, quint32 dataLength);
+    void _handleColor(QDataStream& stream, quint32 dataLength);
+    void _handleName(QDataStream& stream, quint32 dataLength);
+    void _sendMessage(quint8 type, const QByteArray& body);
+    void _flushOutput();
+
+    QTcpSocket* _socket = nullptr;  // owned once adopted; null when no program is attached
+    bool _isFlushPending = false;
+    Timeouts _outputFlush{[this] { _flushOutput(); }};
+
+    static QList<TcpNode*> __allTcpNodes;  // every living TCP node in order of construction; not owned
+};
