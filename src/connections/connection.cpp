@@ -38,6 +38,16 @@ double lineAngle(const QPointF& difference)
     return std::atan(difference.y() / difference.x());
 }
 
+/// A late frame is delivered but never confirmed, nor is one that only promiscuous mode has picked up.
+void handOver(Frame& frame)
+{
+    frame.destinationNode()->_dataIndication(frame.payload());
+    frame.nowReceived();
+    const bool isConfirmed = frame.wasDelivered(true) && !frame.isBroadcast() && !frame.promiscuousReceive();
+    if (frame.sourceNode() && isConfirmed)
+        frame.sourceNode()->_dataConfirmation(true);
+}
+
 }  // namespace
 
 Connection::Connection(Node* node1, Node* node2)
@@ -115,19 +125,11 @@ void Connection::deliverFrame()
 
     Frame frame = _frames.takeFirst();
     _traffic.request();
-    Network* network = NetworkSimulation::instance()->network();
-    if (!frame.destinationNode() || !frame.wasDelivered(false)) {
-        frame.neverReceived();
-        emit network->frameLeftLink();
-        return;
-    }
-
-    frame.destinationNode()->_dataIndication(frame.payload());
-    frame.nowReceived();
-    emit network->frameLeftLink();
-    const bool isConfirmed = frame.wasDelivered(true) && !frame.isBroadcast() && !frame.promiscuousReceive();
-    if (frame.sourceNode() && isConfirmed)
-        frame.sourceNode()->_dataConfirmation(true);
+    if (frame.destinationNode() && frame.wasDelivered(false))
+        handOver(frame);
+    else
+        frame.neverReceived();  // the sender learns of it through its own timeout
+    emit NetworkSimulation::instance()->network()->frameLeftLink();
 }
 
 QWidget* Connection::propertiesWidget()

@@ -1,0 +1,54 @@
+#include "exitcode.h"
+#include "network/networksimulation.h"
+#include "options.h"
+#include "runner.h"
+
+#include <QApplication>
+#include <QLoggingCategory>
+
+#include <csignal>
+#include <cstdio>
+
+namespace {
+
+const QString silentStart = QStringLiteral("default.warning=false");  // of folders that only a desktop session has
+const QString withoutDebugOutput = QStringLiteral("default.debug=false");
+
+QStringList argumentList(int argc, char* argv[])
+{
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    return arguments;
+}
+
+ExitCode answer(const CommandLine& commandLine)
+{
+    if (!commandLine.isError) {
+        fputs(qPrintable(commandLine.text), stdout);
+        return ExitCode::Success;
+    }
+    fprintf(stderr, "lattivo-headless: %s\n", qPrintable(commandLine.text));
+    return ExitCode::WrongOption;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[])
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");  // the scene needs an application, but nobody looks at it
+    qputenv("QT_NO_GLIB", "1");               // the toolkit's own event loop costs a frame less than GLib's
+    std::signal(SIGPIPE, SIG_IGN);            // a closed standard output is no reason to lose dump and report
+
+    QLoggingCategory::setFilterRules(silentStart);
+    int toolkitArgc = 1;  // the toolkit's own options are none of this program's
+    QApplication application(toolkitArgc, argv);
+    const CommandLine commandLine = parseCommandLine(argumentList(argc, argv));
+    if (!commandLine.options)
+        return static_cast<int>(answer(commandLine));
+    QLoggingCategory::setFilterRules(commandLine.options->debugOutput ? QString() : withoutDebugOutput);
+
+    const ExitCode exitCode = Runner(*commandLine.options).run();
+    NetworkSimulation::deleteNetworkSimulation();
+    return static_cast<int>(exitCode);
+}

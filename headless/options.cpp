@@ -1,0 +1,185 @@
+#include "options.h"
+
+#include "exitcode.h"
+
+#include <QCommandLineParser>
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const QCommandLineOption listenOption("listen", "Switch the TCP server on, on PORT (0: any free port).",
+                                      "PORT");
+const QCommandLineOption plugAndPlayOption("plug-and-play", "Programs that match no node get a new one.");
+const QCommandLineOption identifyByOption("identify-by",
+                                          "What programs identify themselves by: \"name\" or \"address\".",
+                                          "name|address");
+const QCommandLineOption
+    captureOption("capture", "Switch the capture on and write it to FILE (pcap) at the end.", "FILE");
+const QCommandLineOption
+    seedOption("seed", "Start of the random numbers: the same inputs then give the same losses.", "N");
+const QCommandLineOption durationOption("duration", "End after SECONDS.", "SECONDS");
+const QCommandLineOption framesOption("frames", "End when N frames have left their links.", "N");
+const QCommandLineOption
+    waitForOption("wait-for", "Count time and frames only once the nodes of these names are attached.",
+                  "NAME[,NAME...]");
+const QCommandLineOption waitTimeoutOption("wait-timeout",
+                                           "How long to wait for the nodes of --wait-for (default: 30).",
+                                           "SECONDS");
+const QCommandLineOption reportOption("report", "Write what happened to FILE (JSON) at the end.", "FILE");
+const QCommandLineOption debugOutputOption("debug-output", "Write a \"*\" for each corrupted bit.");
+
+QString description()
+{
+    const auto line = [](ExitCode code, const char* meaning) {
+        return QStringLiteral("\n  %1  %2").arg(static_cast<int>(code)).arg(QLatin1String(meaning));
+    };
+    return "Simulates a network of point-to-point links without a window. Prints \"listening on port N\" "
+           "when\n"
+           "programs can attach; ends at the first of its end conditions, or on SIGINT or SIGTERM.\n"
+           "\nExit codes:"
+        + line(ExitCode::Success, "ended in order") + line(ExitCode::WrongOption, "wrong option")
+        + line(ExitCode::SimulationNotLoaded, "the simulation file does not load")
+        + line(ExitCode::PortNotOpened, "the port cannot be opened")
+        + line(ExitCode::DumpNotWritten, "the dump of --capture cannot be written")
+        + line(ExitCode::ReportNotWritten, "the report cannot be written")
+        + line(ExitCode::NodesMissing, "nodes of --wait-for did not attach in time");
+}
+
+void setUp(QCommandLineParser& parser)
+{
+    parser.setApplicationDescription(description());
+    parser.addOptions({listenOption, plugAndPlayOption, identifyByOption, captureOption, seedOption,
+                       durationOption, framesOption, waitForOption, waitTimeoutOption, reportOption,
+                       debugOutputOption});
+    parser.addPositionalArgument("SIMULATION", "Simulation file to load; it is never written.",
+                                 "[SIMULATION]");
+}
+
+/// Reads option values one by one; remembers the first that is wrong.
+class ValueReader
+{
+public:
+    explicit ValueReader(const QCommandLineParser& parser)
+        : _parser(parser)
+    {
+    }
+
+    QString error() const { return _error; }
+
+    /// A whole number from \a smallest to \a largest; nothing when the option is not given.
+    template <typename Number>
+    std::optional<Number> wholeNumber(const QCommandLineOption& option, qint64 smallest, qint64 largest)
+    {
+        return _read<Number>(option, [=](const QString& text) -> std::optional<Number> {
+            bool isNumber = false;
+            const qint64 number = text.toLongLong(&isNumber);
+            if (!isNumber || number < smallest || number > largest)
+                return std::nullopt;
+            return static_cast<Number>(number);
+        });
+    }
+
+    std::optional<double> seconds(const QCommandLineOption& option)
+    {
+        return _read<double>(option, [](const QString& text) -> std::optional<double> {
+            constexpr double longest = std::numeric_limits<int>::max() / 1000;  // timers count milliseconds
+            bool isNumber = false;
+            const double number = text.toDouble(&isNumber);
+            if (!isNumber || !std::isfinite(number) || number <= 0 || number > longest)
+                return std::nullopt;
+            return number;
+        });
+    }
+
+    std::optional<bool> isName(const QCommandLineOption& option)
+    {
+        return _read<bool>(option, [](const QString& text) -> std::optional<bool> {
+            if (text != "name" && text != "address")
+                return std::nullopt;
+            return text == "name";
+        });
+    }
+
+    QStringList names(const QCommandLineOption& option)
+    {
+        return _read<QStringList>(option,
+                                  [](const QString& text) -> std::optional<QStringList> {
+                                      const QStringList names = text.split(',');
+                                      if (names.contains(QString()))
+                                          return std::nullopt;
+                                      return names;
+                                  })
+            .value_or(QStringList());
+    }
+
+    QString fileName(const QCommandLineOption& option)
+    {
+        return _read<QString>(option,
+                              [](const QString& text) -> std::optional<QString> {
+                                  if (text.isEmpty())
+                                      return std::nullopt;
+                                  return text;
+                              })
+            .value_or(QString());
+    }
+
+private:
+    template <typename Value, typename Convert>
+    std::optional<Value> _read(const QCommandLineOption& option, Convert convert)
+    {
+        if (!_parser.isSet(option))
+            return std::nullopt;
+        const QString text = _parser.value(option);
+        const std::optional<Value> value = convert(text);
+        if (!value && _error.isEmpty())
+            _error = QStringLiteral("bad value \"%1\" of option --%2").arg(text, option.names().constFirst());
+        return value;
+    }
+
+    const QCommandLineParser& _parser;
+    QString _error;
+};
+
+CommandLine failure(const QString& text)
+{
+    return {std::nullopt, text, true};
+}
+
+}  // namespace
+
+CommandLine parseCommandLine(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    setUp(parser);
+    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption version = parser.addVersionOption();
+    if (!parser.parse(arguments))
+        return failure(parser.errorText());
+    if (parser.isSet(help))
+        return {std::nullopt, parser.helpText(), false};
+    if (parser.isSet(version))
+        return {std::nullopt, QStringLiteral("lattivo-headless " LATTIVO_VERSION "\n"), false};
+    if (parser.positionalArguments().size() > 1)
+        return failure("more than one simulation file");
+
+    constexpr qint64 largestFrameCount = std::numeric_limits<qint64>::max();
+    ValueReader read(parser);
+    Options options;
+    options.simulationFile = parser.positionalArguments().value(0);
+    options.listenPort = read.wholeNumber<quint16>(listenOption, 0, std::numeric_limits<quint16>::max());
+    options.plugAndPlay = parser.isSet(plugAndPlayOption);
+    options.identifyByName = read.isName(identifyByOption);
+    options.captureFile = read.fileName(captureOption);
+    options.seed = read.wholeNumber<quint32>(seedOption, 0, std::numeric_limits<quint32>::max());
+    options.duration = read.seconds(durationOption);
+    options.frames = read.wholeNumber<qint64>(framesOption, 1, largestFrameCount);
+    options.waitFor = read.names(waitForOption);
+    options.waitTimeout = read.seconds(waitTimeoutOption).value_or(options.waitTimeout);
+    options.reportFile = read.fileName(reportOption);
+    options.debugOutput = parser.isSet(debugOutputOption);
+    if (!read.error().isEmpty())
+        return failure(read.error());
+    return {options, QString(), false};
+}

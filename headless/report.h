@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QJsonObject>
+
+class NetworkSimulation;
+
+/// What is known of the run beside the simulation itself.
+struct RunFacts {
+    quint32 seed = 0;
+    double seconds = 0.0;        // since all waited-for nodes were attached
+    qint64 framesLeftLinks = 0;  // since then
+    QString endedBy;             // "duration", "frames", "signal"
+};
+
+/// Nodes in the order they were made, and the captured frames by outcome.
+QJsonObject makeReport(NetworkSimulation& simulation, const RunFacts& facts);

@@ -1,0 +1,256 @@
+#include "runner.h"
+
+#include "network/networksimulation.h"
+#include "network/streamhelpers.h"
+#include "nodes/tcpnode.h"
+#include "report.h"
+#include "terminationsignals.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+#include <QTcpSocket>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr int nodesCheckInterval = 10;   // ms
+constexpr int longestUnsentWait = 1000;  // ms that the programs have at the end to take what was written
+
+Network& network()
+{
+    return *NetworkSimulation::instance()->network();
+}
+
+QList<const TcpNode*> tcpNodes()
+{
+    QList<const TcpNode*> nodes;
+    const QList<QGraphicsItem*> items = network().items(Qt::AscendingOrder);
+    for (const QGraphicsItem* item : items) {
+        if (const auto* node = dynamic_cast<const TcpNode*>(item))
+            nodes.append(node);
+    }
+    return nodes;
+}
+
+QStringList unattached(QStringList names)
+{
+    for (const TcpNode* node : tcpNodes()) {
+        if (node->socket())
+            names.removeAll(node->name());
+    }
+    return names;
+}
+
+bool hasUnsentBytes()
+{
+    const QList<const TcpNode*> nodes = tcpNodes();
+    return std::any_of(nodes.begin(), nodes.end(), [](const TcpNode* node) {
+        return node->socket() && node->socket()->bytesToWrite() > 0;
+    });
+}
+
+int milliseconds(double seconds)
+{
+    return static_cast<int>(seconds * 1000);
+}
+
+}  // namespace
+
+Runner::Runner(const Options& options, QObject* parent)
+    : QObject(parent)
+    , _options(options)
+    , _dump(options.captureFile)
+    , _report(options.reportFile)
+{
+    _waitLimit.setSingleShot(true);
+    _runLimit.setSingleShot(true);
+    _runLimit.setTimerType(Qt::PreciseTimer);
+    connect(&_nodesCheck, SIGNAL(timeout()), this, SLOT(_checkWaitedForNodes()));
+    connect(&_waitLimit, SIGNAL(timeout()), this, SLOT(_giveUpWaiting()));
+    connect(&_runLimit, SIGNAL(timeout()), this, SLOT(_endByDuration()));
+    connect(new TerminationSignals(this), SIGNAL(received()), this, SLOT(_endBySignal()));
+}
+
+ExitCode Runner::run()
+{
+    if (!_openOutputs() || !_loadSimulation())
+        return _exitCode;
+    _applySettings();
+    if (!_startServer())
+        return _exitCode;
+
+    _nodesCheck.start(nodesCheckInterval);
+    _waitLimit.start(milliseconds(_options.waitTimeout));
+    _checkWaitedForNodes();
+    QCoreApplication::exec();
+    _sendUnsentBytes();
+    return _exitCode;
+}
+
+/// At the start, so that nobody waits an hour to learn that a folder does not exist.
+bool Runner::_openOutputs()
+{
+    const auto message = [](const QString& what, const QFile& file) {
+        return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.fileName(), file.errorString());
+    };
+    if (!_options.captureFile.isEmpty() && !_dump.open(QIODevice::ReadWrite | QIODevice::Truncate))
+        return _fail(ExitCode::DumpNotWritten, message("dump", _dump));
+    if (!_options.reportFile.isEmpty() && !_report.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return _fail(ExitCode::ReportNotWritten, message("report", _report));
+    return true;
+}
+
+bool Runner::_loadSimulation()
+{
+    if (_options.simulationFile.isEmpty()) {
+        NetworkSimulation::newNetworkSimulation();
+        return true;
+    }
+    QFile file(_options.simulationFile);
+    const auto fail = [this, &file](const QString& reason) {
+        return _fail(ExitCode::SimulationNotLoaded,
+                     QStringLiteral("cannot load the simulation %1: %2").arg(file.fileName(), reason));
+    };
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(file.errorString());
+    bool isLoaded = !file.isSequential();
+    if (isLoaded)
+        NetworkSimulation::loadNetworkSimulation(&file, &isLoaded);
+    return isLoaded || fail("not a simulation file, or damaged");
+}
+
+void Runner::_applySettings()
+{
+    const quint32 seed = _options.seed.value_or(QRandomGenerator::global()->generate());
+    _options.seed = seed;
+    qsrand(seed);
+    if (_options.plugAndPlay)
+        network().setTcpPnpEnabled(true);
+    if (_options.identifyByName)
+        network().setNameUsedForPnpIdentification(*_options.identifyByName);
+    if (!_options.captureFile.isEmpty())
+        NetworkSimulation::instance()->capture()->setEnabled(true);
+    connect(&network(), SIGNAL(frameLeftLink()), this, SLOT(_countFrame()));
+}
+
+/// A simulation file that has the server on has started it already, or could not.
+bool Runner::_startServer()
+{
+    if (_options.listenPort) {
+        network().setTcpEnabled(false);
+        network().setTcpPort(*_options.listenPort);
+        network().setTcpEnabled(true);
+    }
+    if (!network().tcpErrorString().isEmpty())
+        return _fail(ExitCode::PortNotOpened,
+                     QStringLiteral("cannot open port %1: %2")
+                         .arg(network().tcpPort())
+                         .arg(network().tcpErrorString()));
+    if (!network().isTcpEnabled()) {
+        fputs("lattivo-headless: the TCP server is off, no program can attach (see --listen)\n", stderr);
+        return true;
+    }
+    printf("listening on port %d\n", network().listeningPort());
+    fflush(stdout);
+    return true;
+}
+
+void Runner::_checkWaitedForNodes()
+{
+    if (unattached(_options.waitFor).isEmpty())
+        _beginCounting();
+}
+
+void Runner::_giveUpWaiting()
+{
+    _fail(ExitCode::NodesMissing,
+          QStringLiteral("not attached in time: %1").arg(unattached(_options.waitFor).join(", ")));
+    _end("missing nodes");
+}
+
+void Runner::_beginCounting()
+{
+    _nodesCheck.stop();
+    _waitLimit.stop();
+    _runTime.start();
+    if (_options.duration)
+        _runLimit.start(milliseconds(*_options.duration));
+}
+
+void Runner::_countFrame()
+{
+    if (!_runTime.isValid())
+        return;
+    ++_framesLeftLinks;
+    if (_options.frames && _framesLeftLinks >= *_options.frames)
+        _end("frames");
+}
+
+void Runner::_endByDuration()
+{
+    _end("duration");
+}
+
+void Runner::_endBySignal()
+{
+    _end("signal");
+}
+
+/// Writes everything as it is at this moment; what the event loop still has to do does not show in it.
+void Runner::_end(const QString& endedBy)
+{
+    if (_hasEnded)
+        return;
+    _hasEnded = true;
+    const bool isDumpWritten = _writeDump();
+    if (!_writeReport(endedBy))
+        _fail(ExitCode::ReportNotWritten,
+              "cannot write the report " + _report.fileName() + ": " + _report.errorString());
+    if (!isDumpWritten)
+        _fail(ExitCode::DumpNotWritten,
+              "cannot write the dump " + _dump.fileName() + ": " + _dump.errorString());
+    QCoreApplication::quit();
+}
+
+bool Runner::_writeDump()
+{
+    if (!_dump.isOpen())
+        return true;
+    CaptureDumpStream stream(&_dump);
+    stream.setVersion(Stream::version);
+    stream << *NetworkSimulation::instance()->capture();
+    return stream.status() == QDataStream::Ok && _dump.flush();
+}
+
+bool Runner::_writeReport(const QString& endedBy)
+{
+    if (!_report.isOpen())
+        return true;
+    RunFacts facts;
+    facts.seed = *_options.seed;
+    facts.seconds = _runTime.isValid() ? static_cast<double>(_runTime.nsecsElapsed()) / 1e9 : 0.0;
+    facts.framesLeftLinks = _framesLeftLinks;
+    facts.endedBy = endedBy;
+    const QByteArray json = QJsonDocument(makeReport(*NetworkSimulation::instance(), facts)).toJson();
+    return _report.write(json) == json.size() && _report.flush();
+}
+
+void Runner::_sendUnsentBytes()
+{
+    QElapsedTimer waited;
+    waited.start();
+    while (hasUnsentBytes() && !waited.hasExpired(longestUnsentWait))
+        QCoreApplication::processEvents(QEventLoop::AllEvents, nodesCheckInterval);
+}
+
+/// The first failure decides the exit code. Always false.
+bool Runner::_fail(ExitCode code, const QString& message)
+{
+    fprintf(stderr, "lattivo-headless: %s\n", qPrintable(message));
+    if (_exitCode == ExitCode::Success)
+        _exitCode = code;
+    return false;
+}

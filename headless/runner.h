@@ -1,0 +1,51 @@
+#pragma once
+
+#include "exitcode.h"
+#include "options.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QObject>
+#include <QTimer>
+
+/// One run of a simulation without a window: sets it up as the options say, waits for its end and writes what
+/// is asked for. Each failure is one line on standard error and an exit code of its own.
+class Runner : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Runner(const Options& options, QObject* parent = nullptr);
+
+    ExitCode run();
+
+private slots:
+    void _checkWaitedForNodes();
+    void _giveUpWaiting();
+    void _countFrame();
+    void _endByDuration();
+    void _endBySignal();
+
+private:
+    bool _openOutputs();
+    bool _loadSimulation();
+    void _applySettings();
+    bool _startServer();
+    void _beginCounting();
+    void _end(const QString& endedBy);
+    bool _writeDump();
+    bool _writeReport(const QString& endedBy);
+    void _sendUnsentBytes();
+    bool _fail(ExitCode code, const QString& message);
+
+    Options _options;
+    ExitCode _exitCode = ExitCode::Success;
+    QFile _dump;
+    QFile _report;
+    QTimer _nodesCheck;
+    QTimer _waitLimit;
+    QTimer _runLimit;
+    QElapsedTimer _runTime;  // invalid until all waited-for nodes are attached
+    qint64 _framesLeftLinks = 0;
+    bool _hasEnded = false;
+};

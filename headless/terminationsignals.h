@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QObject>
+
+/// Turns SIGINT and SIGTERM into a signal of the event loop. The second one of a kind ends the process at
+/// once. One object a process.
+class TerminationSignals : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit TerminationSignals(QObject* parent = nullptr);
+
+signals:
+    void received();
+
+private slots:
+    void _drain();
+};
