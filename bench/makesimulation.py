@@ -1,0 +1,203 @@
+#!/usr/bin/env python3
+"""Writes the simulation file of a benchmark: pairs of linked nodes, or a star around node 0.
+
+Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last two bytes), as wire.h has it too.
+"""
+
+import argparse
+import struct
+from dataclasses import dataclass
+
+VERSIONED_MAGIC = 0xC191277D
+FILE_VERSION = 1
+NODE_ITEM_TYPE = 65536
+CONNECTION_ITEM_TYPE = 65537
+PLAIN_NODE = -1
+TCP_NODE = 1
+UNCHECKED, PARTIALLY_CHECKED, CHECKED = 0, 1, 2
+
+MAXIMAL_TRANSFER_UNIT = 255
+ADDRESS_LENGTH = 6
+DESTINATION_OFFSET = 0
+SOURCE_OFFSET = 6
+BROADCAST_ADDRESS = b"\xff" * ADDRESS_LENGTH
+DEFAULT_PORT = 8844
+
+NODES_PER_ROW = 32
+NODE_DISTANCE = 200.0  # scene units
+
+DARK_BLUE = (0, 0, 128)
+LIGHT_GRAY = (192, 192, 192)
+ACTIVE_BLUE = (155, 155, 255)
+TX_GREEN = (155, 255, 155)
+RX_YELLOW = (255, 255, 155)
+
+
+@dataclass
+class Simulation:
+    pairs: int = 1
+    star_links: int = 0  # 0: pairs
+    confirms: bool = False
+    confirmation_timeout: int = 1000  # ms
+    delay: int = 0  # ms
+    delay_deviation: int = 0  # ms
+    reliability: float = 1.0  # per bit
+
+    def node_count(self):
+        return 1 + self.star_links if self.star_links else 2 * self.pairs
+
+    def links(self):
+        if self.star_links:
+            return [(0, leaf) for leaf in range(1, 1 + self.star_links)]
+        return [(2 * pair, 2 * pair + 1) for pair in range(self.pairs)]
+
+
+def node_name(node):
+    return f"node-{node}"
+
+
+def node_address(node):
+    return struct.pack(">BxxxH", 2, node)
+
+
+def boolean(value):
+    return struct.pack(">?", value)
+
+
+def byte_array(value):
+    return struct.pack(">I", len(value)) + value
+
+
+def string(value):
+    return byte_array(value.encode("utf-16-be"))
+
+
+def color(rgb):
+    """None is the invalid colour, which inherits."""
+    if rgb is None:
+        return struct.pack(">bHHHHH", 0, 0xFFFF, 0, 0, 0, 0)
+    wide = [component * 0x101 for component in rgb]
+    return struct.pack(">bHHHHH", 1, 0xFFFF, *wide, 0)
+
+
+def node_record(node_type, node_id, position, address, body, name, promiscuous):
+    header = struct.pack(">iiQ", NODE_ITEM_TYPE, node_type, node_id)
+    flags = 0
+    return (
+        header
+        + struct.pack(">dd", *position)
+        + byte_array(address)
+        + struct.pack(">i", flags)
+        + body
+        + string(name)
+        + string("")  # tool tip
+        + struct.pack(">i", promiscuous)
+    )
+
+
+def node_settings(acknowledged, timeout, colors, stroke_width, shown):
+    show_address = show_connection_count = show_name = shown
+    return (
+        struct.pack(">ii", acknowledged, timeout)
+        + b"".join(color(rgb) for rgb in colors)
+        + struct.pack(">d", stroke_width)
+        + struct.pack(">iii", show_address, show_connection_count, show_name)
+    )
+
+
+def default_node(simulation):
+    acknowledged = CHECKED if simulation.confirms else UNCHECKED
+    timeout = simulation.confirmation_timeout if simulation.confirms else 0
+    colors = (LIGHT_GRAY, ACTIVE_BLUE, TX_GREEN, RX_YELLOW)
+    settings = node_settings(acknowledged, timeout, colors, 2.0, CHECKED)
+    return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
+
+
+def node(index):
+    row, column = divmod(index, NODES_PER_ROW)
+    position = (column * NODE_DISTANCE, row * NODE_DISTANCE)
+    inherited = node_settings(PARTIALLY_CHECKED, -1, (None,) * 4, -1.0, PARTIALLY_CHECKED)
+    return node_record(
+        TCP_NODE, node_id(index), position, node_address(index), inherited, node_name(index), PARTIALLY_CHECKED
+    )
+
+
+def node_id(index):
+    return index + 1  # 0 names no node
+
+
+def connection_record(ends, reliability, detection, delay, deviation, rgb, stroke_width):
+    broken = False
+    return (
+        struct.pack(">iQQ", CONNECTION_ITEM_TYPE, *ends)
+        + boolean(broken)
+        + struct.pack(">ddii", reliability, detection, delay, deviation)
+        + color(rgb)
+        + struct.pack(">d", stroke_width)
+        + string("")  # tool tip
+    )
+
+
+def default_connection(simulation):
+    return connection_record(
+        (0, 0), simulation.reliability, 1.0, simulation.delay, simulation.delay_deviation, DARK_BLUE, 2.0
+    )
+
+
+def connection(ends):
+    return connection_record([node_id(end) for end in ends], -1.0, -1.0, -1, -1, None, -1.0)
+
+
+def network_record(simulation):
+    server_on = plug_and_play = name_based = False  # the runner's options decide
+    parameters = (MAXIMAL_TRANSFER_UNIT, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
+    nodes = [node(index) for index in range(simulation.node_count())]
+    connections = [connection(ends) for ends in simulation.links()]
+    return (
+        struct.pack(">iiii", *parameters)
+        + byte_array(BROADCAST_ADDRESS)
+        + struct.pack(">?H??", server_on, DEFAULT_PORT, plug_and_play, name_based)
+        + default_connection(simulation)
+        + default_node(simulation)
+        + struct.pack(">I", len(nodes))
+        + b"".join(nodes)
+        + struct.pack(">I", len(connections))
+        + b"".join(connections)
+    )
+
+
+def simulation_file(simulation):
+    capture_enabled = view_follows = False
+    return (
+        struct.pack(">II", VERSIONED_MAGIC, FILE_VERSION)
+        + network_record(simulation)
+        + struct.pack(">??", capture_enabled, view_follows)
+        + struct.pack(">I", VERSIONED_MAGIC)
+    )
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("file")
+    wiring = parser.add_mutually_exclusive_group()
+    wiring.add_argument("--pairs", type=int, default=1)
+    wiring.add_argument("--star", type=int, default=0, metavar="LINKS")
+    parser.add_argument("--confirm", action="store_true", help="every node gets confirmations")
+    parser.add_argument("--delay", type=int, default=0, help="of every link, in ms")
+    parser.add_argument("--deviation", type=int, default=0, help="width of the delay's random spread, in ms")
+    parser.add_argument("--reliability", type=float, default=1.0, help="of every link, per bit, 0 to 1")
+    options = parser.parse_args()
+    simulation = Simulation(
+        pairs=options.pairs,
+        star_links=options.star,
+        confirms=options.confirm,
+        delay=options.delay,
+        delay_deviation=options.deviation,
+        reliability=options.reliability,
+    )
+    with open(options.file, "wb") as file:
+        file.write(simulation_file(simulation))
+
+
+if __name__ == "__main__":
+    main()
