@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import argparse
 import re
+import signal
 import socket
 import subprocess
 import sys
@@ -241,8 +242,11 @@ class TestBridge(unittest.TestCase):
         self.peer.sendall(bytes.fromhex("02 00000001 01"))  # unread on the program's side
         self.bridge.send(bridge.encode_frame(b"last"))
         closing = threading.Thread(target=self.bridge.close)
+        self.enterContext(mock.patch.object(bridge, "CLOSE_PATIENCE", PATIENCE))
         closing.start()
         self.assertEqual(read_exactly(self.peer, 9), bytes.fromhex("01 00000004") + b"last")
+        self.assertEqual(self.peer.recv(1), b"")  # ended in order; a reset would raise
+        self.assertTrue(closing.is_alive())
         self.peer.close()
         closing.join(PATIENCE)
         self.assertFalse(closing.is_alive())
@@ -382,7 +386,7 @@ class TestPrograms(unittest.TestCase):
         return process, output
 
     def test_a_signal_ends_the_receiver_with_its_report(self) -> None:
-        for number in (program.signal.SIGINT, program.signal.SIGTERM):
+        for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(number):
                 process, output = self.interrupted(number)
                 self.assertIn("received: 0", output.splitlines())
@@ -393,7 +397,7 @@ class TestPrograms(unittest.TestCase):
             process = self.start_sender(simulator.port, "--count", "1")
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 69)
-                process.send_signal(program.signal.SIGINT)
+                process.send_signal(signal.SIGINT)
                 self.assertEqual(peer.recv(1), b"")
             output, errors = process.communicate(timeout=PATIENCE)
         self.assertIn("sent: 1", output.splitlines())
