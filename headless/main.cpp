@@ -11,8 +11,9 @@
 
 namespace {
 
-const QString silentStart = QStringLiteral("default.warning=false");  // of folders that only a desktop session has
-const QString withoutDebugOutput = QStringLiteral("default.debug=false");
+const QString silentStart
+    = QStringLiteral("default.warning=false");  // of folders that only a desktop session has
+const QLatin1String withoutDebugOutput("default.debug=false");
 
 QStringList argumentList(int argc, char* argv[])
 {
@@ -46,7 +47,8 @@ int main(int argc, char* argv[])
     const CommandLine commandLine = parseCommandLine(argumentList(argc, argv));
     if (!commandLine.options)
         return static_cast<int>(answer(commandLine));
-    QLoggingCategory::setFilterRules(commandLine.options->debugOutput ? QString() : withoutDebugOutput);
+    QLoggingCategory::setFilterRules(commandLine.options->debugOutput ? QString()
+                                                                      : QString(withoutDebugOutput));
 
     const ExitCode exitCode = Runner(*commandLine.options).run();
     NetworkSimulation::deleteNetworkSimulation();

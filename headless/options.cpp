@@ -9,26 +9,26 @@
 
 namespace {
 
-const QCommandLineOption listenOption("listen", "Switch the TCP server on, on PORT (0: any free port).",
-                                      "PORT");
-const QCommandLineOption plugAndPlayOption("plug-and-play", "Programs that match no node get a new one.");
-const QCommandLineOption identifyByOption("identify-by",
-                                          "What programs identify themselves by: \"name\" or \"address\".",
-                                          "name|address");
-const QCommandLineOption
-    captureOption("capture", "Switch the capture on and write it to FILE (pcap) at the end.", "FILE");
-const QCommandLineOption
-    seedOption("seed", "Start of the random numbers: the same inputs then give the same losses.", "N");
-const QCommandLineOption durationOption("duration", "End after SECONDS.", "SECONDS");
-const QCommandLineOption framesOption("frames", "End when N frames have left their links.", "N");
-const QCommandLineOption
-    waitForOption("wait-for", "Count time and frames only once the nodes of these names are attached.",
-                  "NAME[,NAME...]");
-const QCommandLineOption waitTimeoutOption("wait-timeout",
-                                           "How long to wait for the nodes of --wait-for (default: 30).",
-                                           "SECONDS");
-const QCommandLineOption reportOption("report", "Write what happened to FILE (JSON) at the end.", "FILE");
-const QCommandLineOption debugOutputOption("debug-output", "Write a \"*\" for each corrupted bit.");
+struct KnownOptions {
+    const QCommandLineOption listen{"listen", "Switch the TCP server on, on PORT (0: any free port).",
+                                    "PORT"};
+    const QCommandLineOption plugAndPlay{"plug-and-play", "Programs that match no node get a new one."};
+    const QCommandLineOption identifyBy{
+        "identify-by", "What programs identify themselves by: \"name\" or \"address\".", "name|address"};
+    const QCommandLineOption capture{"capture",
+                                     "Switch the capture on and write it to FILE (pcap) at the end.", "FILE"};
+    const QCommandLineOption seed{
+        "seed", "Start of the random numbers: the same inputs then give the same losses.", "N"};
+    const QCommandLineOption duration{"duration", "End after SECONDS.", "SECONDS"};
+    const QCommandLineOption frames{"frames", "End when N frames have left their links.", "N"};
+    const QCommandLineOption waitFor{"wait-for",
+                                     "Count time and frames only once the nodes of these names are attached.",
+                                     "NAME[,NAME...]"};
+    const QCommandLineOption waitTimeout{
+        "wait-timeout", "How long to wait for the nodes of --wait-for (default: 30).", "SECONDS"};
+    const QCommandLineOption report{"report", "Write what happened to FILE (JSON) at the end.", "FILE"};
+    const QCommandLineOption debugOutput{"debug-output", "Write a \"*\" for each corrupted bit."};
+};
 
 QString description()
 {
@@ -47,12 +47,12 @@ QString description()
         + line(ExitCode::NodesMissing, "nodes of --wait-for did not attach in time");
 }
 
-void setUp(QCommandLineParser& parser)
+void setUp(QCommandLineParser& parser, const KnownOptions& known)
 {
     parser.setApplicationDescription(description());
-    parser.addOptions({listenOption, plugAndPlayOption, identifyByOption, captureOption, seedOption,
-                       durationOption, framesOption, waitForOption, waitTimeoutOption, reportOption,
-                       debugOutputOption});
+    parser.addOptions({known.listen, known.plugAndPlay, known.identifyBy, known.capture, known.seed,
+                       known.duration, known.frames, known.waitFor, known.waitTimeout, known.report,
+                       known.debugOutput, known.help, known.version});
     parser.addPositionalArgument("SIMULATION", "Simulation file to load; it is never written.",
                                  "[SIMULATION]");
 }
@@ -84,7 +84,7 @@ public:
     std::optional<double> seconds(const QCommandLineOption& option)
     {
         return _read<double>(option, [](const QString& text) -> std::optional<double> {
-            constexpr double longest = std::numeric_limits<int>::max() / 1000;  // timers count milliseconds
+            constexpr double longest = std::numeric_limits<int>::max() / 1000.0;  // timers count milliseconds
             bool isNumber = false;
             const double number = text.toDouble(&isNumber);
             if (!isNumber || !std::isfinite(number) || number <= 0 || number > longest)
@@ -132,7 +132,7 @@ private:
         if (!_parser.isSet(option))
             return std::nullopt;
         const QString text = _parser.value(option);
-        const std::optional<Value> value = convert(text);
+        std::optional<Value> value = convert(text);
         if (!value && _error.isEmpty())
             _error = QStringLiteral("bad value \"%1\" of option --%2").arg(text, option.names().constFirst());
         return value;
@@ -152,14 +152,13 @@ CommandLine failure(const QString& text)
 CommandLine parseCommandLine(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    setUp(parser);
-    const QCommandLineOption help = parser.addHelpOption();
-    const QCommandLineOption version = parser.addVersionOption();
+    const KnownOptions known;
+    setUp(parser, known);
     if (!parser.parse(arguments))
         return failure(parser.errorText());
-    if (parser.isSet(help))
+    if (parser.isSet(known.help))
         return {std::nullopt, parser.helpText(), false};
-    if (parser.isSet(version))
+    if (parser.isSet(known.version))
         return {std::nullopt, QStringLiteral("lattivo-headless " LATTIVO_VERSION "\n"), false};
     if (parser.positionalArguments().size() > 1)
         return failure("more than one simulation file");
@@ -168,17 +167,17 @@ CommandLine parseCommandLine(const QStringList& arguments)
     ValueReader read(parser);
     Options options;
     options.simulationFile = parser.positionalArguments().value(0);
-    options.listenPort = read.wholeNumber<quint16>(listenOption, 0, std::numeric_limits<quint16>::max());
-    options.plugAndPlay = parser.isSet(plugAndPlayOption);
-    options.identifyByName = read.isName(identifyByOption);
-    options.captureFile = read.fileName(captureOption);
-    options.seed = read.wholeNumber<quint32>(seedOption, 0, std::numeric_limits<quint32>::max());
-    options.duration = read.seconds(durationOption);
-    options.frames = read.wholeNumber<qint64>(framesOption, 1, largestFrameCount);
-    options.waitFor = read.names(waitForOption);
-    options.waitTimeout = read.seconds(waitTimeoutOption).value_or(options.waitTimeout);
-    options.reportFile = read.fileName(reportOption);
-    options.debugOutput = parser.isSet(debugOutputOption);
+    options.listenPort = read.wholeNumber<quint16>(known.listen, 0, std::numeric_limits<quint16>::max());
+    options.plugAndPlay = parser.isSet(known.plugAndPlay);
+    options.identifyByName = read.isName(known.identifyBy);
+    options.captureFile = read.fileName(known.capture);
+    options.seed = read.wholeNumber<quint32>(known.seed, 0, std::numeric_limits<quint32>::max());
+    options.duration = read.seconds(known.duration);
+    options.frames = read.wholeNumber<qint64>(known.frames, 1, largestFrameCount);
+    options.waitFor = read.names(known.waitFor);
+    options.waitTimeout = read.seconds(known.waitTimeout).value_or(options.waitTimeout);
+    options.reportFile = read.fileName(known.report);
+    options.debugOutput = parser.isSet(known.debugOutput);
     if (!read.error().isEmpty())
         return failure(read.error());
     return {options, QString(), false};

@@ -4,7 +4,6 @@
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
 #include "report.h"
-#include "terminationsignals.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -37,7 +36,8 @@ QList<const TcpNode*> tcpNodes()
 
 QStringList unattached(QStringList names)
 {
-    for (const TcpNode* node : tcpNodes()) {
+    const QList<const TcpNode*> nodes = tcpNodes();
+    for (const TcpNode* node : nodes) {
         if (node->socket())
             names.removeAll(node->name());
     }
@@ -71,7 +71,7 @@ Runner::Runner(const Options& options, QObject* parent)
     connect(&_nodesCheck, SIGNAL(timeout()), this, SLOT(_checkWaitedForNodes()));
     connect(&_waitLimit, SIGNAL(timeout()), this, SLOT(_giveUpWaiting()));
     connect(&_runLimit, SIGNAL(timeout()), this, SLOT(_endByDuration()));
-    connect(new TerminationSignals(this), SIGNAL(received()), this, SLOT(_endBySignal()));
+    connect(&_signals, SIGNAL(received()), this, SLOT(_endBySignal()));
 }
 
 ExitCode Runner::run()

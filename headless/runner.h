@@ -2,6 +2,7 @@
 
 #include "exitcode.h"
 #include "options.h"
+#include "terminationsignals.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -42,6 +43,7 @@ private:
     ExitCode _exitCode = ExitCode::Success;
     QFile _dump;
     QFile _report;
+    TerminationSignals _signals;
     QTimer _nodesCheck;
     QTimer _waitLimit;
     QTimer _runLimit;

@@ -1,7 +1,5 @@
 #include "terminationsignals.h"
 
-#include <QSocketNotifier>
-
 #include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,8 +31,8 @@ TerminationSignals::TerminationSignals(QObject* parent)
 {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, signalSockets) != 0)
         return;  // the signals then end the process the rough way
-    auto* notifier = new QSocketNotifier(signalSockets[1], QSocketNotifier::Read, this);
-    connect(notifier, SIGNAL(activated(int)), this, SLOT(_drain()));
+    _notifier.emplace(signalSockets[1], QSocketNotifier::Read);
+    connect(&*_notifier, SIGNAL(activated(int)), this, SLOT(_drain()));
     catchSignal(SIGINT);
     catchSignal(SIGTERM);
 }

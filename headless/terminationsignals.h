@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QObject>
+#include <QSocketNotifier>
+
+#include <optional>
 
 /// Turns SIGINT and SIGTERM into a signal of the event loop. The second one of a kind ends the process at
 /// once. One object a process.
@@ -16,4 +19,7 @@ signals:
 
 private slots:
     void _drain();
+
+private:
+    std::optional<QSocketNotifier> _notifier;  // empty when there is nothing to watch
 };

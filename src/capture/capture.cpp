@@ -229,8 +229,7 @@ CaptureDumpStream::~CaptureDumpStream() = default;
 CaptureDumpStream& operator<<(CaptureDumpStream& stream, Capture& capture)
 {
     writeDumpHeader(stream);
-    const QList<Frame> frames = capture.capturedFrames();
-    for (const Frame& frame : frames) {
+    for (const Frame& frame : capture.capturedFrames()) {
         if (!frame.payload().isEmpty())
             writeDumpRecord(stream, frame);
     }

@@ -13,6 +13,7 @@
 namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
+constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
 constexpr qint64 never = std::numeric_limits<qint64>::max();
 
 qint64 monotonicNanoseconds()
@@ -59,8 +60,8 @@ private:
 
     std::vector<Timeouts*> _heap;  // not owned; the earliest due time first
     QBasicTimer _nextPass;         // runs while something is due at once
-    QBasicTimer _later;            // fires at or before the earliest due time of the rest
-    qint64 _laterDueTime = never;
+    QBasicTimer _later;            // fires within a millisecond of the earliest due time, or before it
+    qint64 _laterFireTime = never;
     qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
 };
 
@@ -115,7 +116,7 @@ void TimeoutScheduler::timerEvent(QTimerEvent* event)
 {
     if (event->timerId() == _later.timerId()) {
         _later.stop();
-        _laterDueTime = never;
+        _laterFireTime = never;
     }
     if (_passTime >= 0)
         return;  // inside an event loop of a handler's own: the pass goes on when the handler is back
@@ -141,21 +142,20 @@ void TimeoutScheduler::_runDueHandlers()
 
 void TimeoutScheduler::_arm()
 {
-    if (_heap.empty())
+    if (_heap.empty() || _nextPass.isActive())
         return;
     const qint64 dueTime = _dueTime(_heap.front());
-    if (_nextPass.isActive() || dueTime >= _laterDueTime)
+    if (dueTime >= _laterFireTime)
         return;
 
-    const qint64 wait = dueTime - monotonicNanoseconds();
-    if (wait <= 0) {
+    const qint64 now = monotonicNanoseconds();
+    if (dueTime <= now) {
         _nextPass.start(0, Qt::PreciseTimer, this);
         return;
     }
-    const qint64 milliseconds = roundedUpToMilliseconds(wait);
-    _laterDueTime = dueTime;
-    _later.start(static_cast<int>(std::min<qint64>(milliseconds, std::numeric_limits<int>::max())),
-                 Qt::PreciseTimer, this);
+    const qint64 wait = std::min(roundedUpToMilliseconds(dueTime - now), longestWait);
+    _laterFireTime = now + wait * nanosecondsPerMillisecond;
+    _later.start(static_cast<int>(wait), Qt::PreciseTimer, this);
 }
 
 void TimeoutScheduler::_place(Timeouts* timeouts, int index)

@@ -318,17 +318,15 @@ void Node::_calculateWidthForText()
 QColor Node::_baseColor() const
 {
     const Node* defaults = defaultNode();
-    const QColor txColor = validOr(_txColor, defaults->_txColor);
-    const QColor rxColor = validOr(_rxColor, defaults->_rxColor);
     if (!active())
         return validOr(_inactiveColor, defaults->_inactiveColor);
     switch (_flags & (Transmitting | Receiving)) {
     case Transmitting | Receiving:
-        return coarseBlend(txColor, rxColor);
+        return coarseBlend(validOr(_txColor, defaults->_txColor), validOr(_rxColor, defaults->_rxColor));
     case Transmitting:
-        return txColor;
+        return validOr(_txColor, defaults->_txColor);
     case Receiving:
-        return rxColor;
+        return validOr(_rxColor, defaults->_rxColor);
     default:
         return validOr(_activeColor, defaults->_activeColor);
     }

@@ -17,7 +17,8 @@
 
 namespace {
 
-constexpr qint64 unsentLimit = 64 * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
+constexpr qint64 unsentLimit
+    = qint64{64} * 1024 * 1024;   // bytes; a program that stops reading is dropped beyond it
 constexpr int lingerTime = 3000;  // ms that a closed socket has left to send what was written before
 constexpr int inactiveColorOffset = 150;
 
@@ -87,7 +88,7 @@ void closeAndDelete(QTcpSocket* socket)
 {
     socket->setParent(NetworkSimulation::instance()->network());
     QObject::connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
-    QTimer::singleShot(lingerTime, socket, [socket] { socket->abort(); });
+    QTimer::singleShot(lingerTime, socket, SLOT(deleteLater()));
     socket->close();
 }
 

@@ -1,0 +1,26 @@
+#!/bin/sh
+# Checks the code's format and runs the static analysers; any finding is an error.
+set -eu
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+# shellcheck disable=SC2086  # one word a package
+install_packages $build_packages $check_packages
+
+build=build/dev
+cmake --preset dev >/dev/null
+cmake --build --preset dev --parallel 2 --target lattivo_core lattivo lattivo-headless
+
+echo "== clang-format =="
+find QtComponents bench examples headless src tests -name '*.h' -o -name '*.cpp' | sort \
+    | xargs clang-format --dry-run --Werror
+
+analysed=$(find QtComponents headless src -name '*.cpp' | sort)
+echo "== clang-tidy =="
+echo "$analysed" | xargs -P 2 -n 2 clang-tidy -p "$build" --quiet --warnings-as-errors='*'
+
+echo "== clazy =="
+echo "$analysed" | xargs -P 2 -n 2 clazy-standalone -p "$build" --extra-arg=-Werror \
+    --checks=level1,connect-not-normalized --ignore-dirs='.*_autogen.*'
+echo "No findings."

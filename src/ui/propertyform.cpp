@@ -1,0 +1,177 @@
+#include "ui/propertyform.h"
+
+#include "QtColorPicker/qtcolorpicker.h"
+
+#include <QCheckBox>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTextEdit>
+#include <QVBoxLayout>
+
+namespace {
+
+constexpr int formMargin = 5;
+constexpr int embeddedStretch = 1;
+constexpr int endStretch = 10;
+
+void fillWidth(QWidget* field)
+{
+    field->setSizePolicy(QSizePolicy::MinimumExpanding, QSizePolicy::Preferred);
+}
+
+}  // namespace
+
+PropertyForm::PropertyForm(QWidget* form, const QString& title)
+    : _form(form)
+    , _layout(new QVBoxLayout(form))
+{
+    _layout->setContentsMargins(formMargin, formMargin, formMargin, formMargin);
+    auto* label = new QLabel(QStringLiteral("<b>%1</b>").arg(title), form);
+    label->setAlignment(Qt::AlignHCenter | Qt::AlignBottom);
+    _layout->addWidget(label);
+}
+
+void PropertyForm::beginGroup(const QString& title, int stretch)
+{
+    _beginRows(new QGroupBox(title, _form), stretch);
+}
+
+void PropertyForm::beginPlainGroup()
+{
+    _beginRows(new QWidget(_form), 0);
+}
+
+void PropertyForm::_beginRows(QWidget* group, int stretch)
+{
+    _rows = new QFormLayout(group);
+    _rows->setRowWrapPolicy(QFormLayout::WrapAllRows);
+    _layout->addWidget(group, stretch);
+}
+
+QSpinBox* PropertyForm::addSpinBox(const QString& label, const Range<int>& range, int value,
+                                   const char* changed)
+{
+    auto* box = _addNumberBox<QSpinBox>(label, range, value);
+    if (changed)
+        QObject::connect(box, SIGNAL(valueChanged(int)), _form, changed);
+    return box;
+}
+
+QDoubleSpinBox* PropertyForm::addDoubleSpinBox(const QString& label, const Range<double>& range, double value,
+                                               const char* changed)
+{
+    auto* box = _addNumberBox<QDoubleSpinBox>(label, range, value);
+    QObject::connect(box, SIGNAL(valueChanged(double)), _form, changed);
+    return box;
+}
+
+template <typename Box, typename Value>
+Box* PropertyForm::_addNumberBox(const QString& label, const Range<Value>& range, Value value)
+{
+    auto* box = new Box(_form);
+    box->setRange(range.lowest, range.highest);
+    box->setSingleStep(range.step);
+    box->setValue(value);
+    box->setAlignment(Qt::AlignRight);
+    fillWidth(box);
+    _addRow(label, box);
+    return box;
+}
+
+/// An undecided state shows as unticked: this box has no third state to fall back to.
+QCheckBox* PropertyForm::addCheckBox(const QString& label, Qt::CheckState state, const char* changed)
+{
+    auto* box = new QCheckBox(_form);
+    box->setChecked(state == Qt::Checked);
+    _addRow(label, box);
+    QObject::connect(box, SIGNAL(stateChanged(int)), _form, changed);
+    return box;
+}
+
+QCheckBox* PropertyForm::addThreeStateBox(const QString& label, Qt::CheckState state, const char* changed)
+{
+    auto* box = new QCheckBox(_form);
+    box->setTristate();
+    box->setCheckState(state);
+    _addRow(label, box);
+    QObject::connect(box, SIGNAL(stateChanged(int)), _form, changed);
+    return box;
+}
+
+QLineEdit* PropertyForm::addLineEdit(const QString& label, const QString& text)
+{
+    auto* field = new QLineEdit(text, _form);
+    fillWidth(field);
+    _addRow(label, field);
+    return field;
+}
+
+QLineEdit* PropertyForm::addReadOnlyField(const QString& label, const QString& text)
+{
+    QLineEdit* field = addLineEdit(label, text);
+    field->setAlignment(Qt::AlignRight);
+    field->setEnabled(false);
+    return field;
+}
+
+/// "Default" comes first: of equal colours the picker names the first one.
+QtColorPicker* PropertyForm::addColorPicker(const QString& label, const Colors& colors, const char* changed)
+{
+    auto* picker = new QtColorPicker(_form, -1, true);
+    picker->insertColor(colors.inherited, QObject::tr("Default"));
+    if (colors.hasStandardColors)
+        picker->setStandardColors();
+    picker->setCurrentColor(colors.shown);
+    _addRow(label, picker);
+    QObject::connect(picker, SIGNAL(colorChanged(QColor)), _form, changed);
+    return picker;
+}
+
+QPushButton* PropertyForm::addButton(const QString& text, const char* clicked, const QString& label)
+{
+    auto* button = new QPushButton(text, _form);
+    fillWidth(button);
+    _addRow(label, button);
+    QObject::connect(button, SIGNAL(clicked()), _form, clicked);
+    return button;
+}
+
+QTextEdit* PropertyForm::addComments(const QString& text, const char* changed, int stretch)
+{
+    auto* group = new QGroupBox(QObject::tr("Comments"), _form);
+    auto* comment = new QTextEdit(group);
+    comment->setAcceptRichText(false);
+    comment->setTabChangesFocus(true);  // the keyboard must be able to leave the field
+    comment->setPlainText(text);
+    (new QVBoxLayout(group))->addWidget(comment);
+    _layout->addWidget(group, stretch);
+    QObject::connect(comment, SIGNAL(textChanged()), _form, changed);
+    return comment;
+}
+
+void PropertyForm::embed(QWidget* otherForm)
+{
+    if (!otherForm)
+        return;
+    otherForm->setParent(_form);
+    if (otherForm->layout())
+        otherForm->layout()->setContentsMargins(0, 0, 0, 0);
+    _layout->addWidget(otherForm, embeddedStretch);
+}
+
+void PropertyForm::addEnd()
+{
+    _layout->addStretch(endStretch);
+}
+
+void PropertyForm::_addRow(const QString& label, QWidget* field)
+{
+    if (label.isEmpty())
+        _rows->addRow(field);
+    else
+        _rows->addRow(label, field);
+}

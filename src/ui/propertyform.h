@@ -1,0 +1,89 @@
+#pragma once
+
+#include <QColor>
+#include <QString>
+
+#include <limits>
+
+QT_BEGIN_NAMESPACE
+class QCheckBox;
+class QDoubleSpinBox;
+class QFormLayout;
+class QLineEdit;
+class QPushButton;
+class QSpinBox;
+class QTextEdit;
+class QVBoxLayout;
+class QWidget;
+QT_END_NAMESPACE
+
+class QtColorPicker;
+
+/// Puts one property form together: a title, groups of rows with each label above its field, other forms.
+///
+/// A field is filled before it is connected, so that filling is no edit. The fields belong to the form; the
+/// slots named for them are slots of the form, called when the user or the program changes the field.
+class PropertyForm
+{
+public:
+    template <typename Value> struct Range {
+        Value lowest;
+        Value highest;
+        Value step;
+    };
+
+    /// What a colour row offers and shows.
+    struct Colors {
+        QColor shown;
+        QColor inherited;  // offered under the name "Default"; invalid: not offered
+        bool hasStandardColors;
+    };
+
+    static constexpr Range<int> milliseconds{0, std::numeric_limits<int>::max(), 10};
+    static constexpr Range<double> strokeWidths{0.1, 10.0, 0.1};
+
+    /// \a form is not owned and has no layout yet.
+    PropertyForm(QWidget* form, const QString& title);
+
+    // Groups: rows go into the one begun last
+    void beginGroup(const QString& title, int stretch = 0);
+    void beginPlainGroup();  // without a frame
+
+    // Rows
+    QSpinBox* addSpinBox(const QString& label, const Range<int>& range, int value,
+                         const char* changed = nullptr);  // null: the form connects the box itself
+    QDoubleSpinBox* addDoubleSpinBox(const QString& label, const Range<double>& range, double value,
+                                     const char* changed);
+    QCheckBox* addCheckBox(const QString& label, Qt::CheckState state, const char* changed);
+    QCheckBox* addThreeStateBox(const QString& label, Qt::CheckState state, const char* changed);
+    QLineEdit* addLineEdit(const QString& label, const QString& text);
+    QLineEdit* addReadOnlyField(const QString& label, const QString& text);  // no label: a row of its own
+    QtColorPicker* addColorPicker(const QString& label, const Colors& colors, const char* changed);
+    QPushButton* addButton(const QString& text, const char* clicked, const QString& label = QString());
+
+    /// The group "Comments" with its text.
+    QTextEdit* addComments(const QString& text, const char* changed, int stretch = 0);
+
+    // Below the groups
+    void embed(QWidget* otherForm);  // null: nothing
+    void addEnd();                   // leaves what is left of the height empty
+
+    /// The row that holds the group's fields, for rows that come and go while the form is shown.
+    QFormLayout* rows() const { return _rows; }
+
+private:
+    void _beginRows(QWidget* group, int stretch);
+    template <typename Box, typename Value>
+    Box* _addNumberBox(const QString& label, const Range<Value>& range, Value value);
+    void _addRow(const QString& label, QWidget* field);
+
+    QWidget* _form;         // not owned
+    QVBoxLayout* _layout;   // the form's
+    QFormLayout* _rows = nullptr;  // the present group's; null before the first
+};
+
+/// What a form shows of a setting: the item's own value, or the default's while the item leaves it undecided.
+template <typename Value> Value ownOrDefault(bool isOwn, const Value& own, const Value& inherited)
+{
+    return isOwn ? own : inherited;
+}
