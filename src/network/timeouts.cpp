@@ -50,7 +50,7 @@ private:
     {
     }
 
-    static qint64 _dueTime(const Timeouts* timeouts) { return timeouts->_dueTimes.top(); }
+    static qint64 _dueTime(const Timeouts* timeouts) { return timeouts->_nextDueTime(); }
 
     void _runDueHandlers();
     void _arm();
@@ -82,7 +82,7 @@ TimeoutScheduler::~TimeoutScheduler()
 /// To be called after a due time was added to or taken from \a timeouts.
 void TimeoutScheduler::update(Timeouts* timeouts)
 {
-    if (timeouts->_dueTimes.empty()) {
+    if (timeouts->_isEmpty()) {
         remove(timeouts);
         return;
     }
@@ -132,7 +132,7 @@ void TimeoutScheduler::_runDueHandlers()
     _passTime = monotonicNanoseconds();
     while (!_heap.empty() && _dueTime(_heap.front()) <= _passTime) {
         Timeouts* timeouts = _heap.front();
-        timeouts->_dueTimes.pop();
+        timeouts->_dropNextDueTime();
         update(timeouts);
         const std::function<void()> handler = timeouts->_handler;
         handler();
@@ -233,7 +233,25 @@ bool Timeouts::startAtEndOfPass()
 
 void Timeouts::_startAt(qint64 dueTime)
 {
-    _dueTimes.push(dueTime);
-    if (_heapIndex < 0 || _dueTimes.top() == dueTime)
+    const bool isNext = _isEmpty() || dueTime < _nextDueTime();
+    if (_ordered.empty() || dueTime >= _ordered.back())
+        _ordered.push(dueTime);
+    else
+        _unordered.push(dueTime);
+    if (isNext)
         TimeoutScheduler::instance().update(this);
+}
+
+/// Not to be asked while nothing is pending.
+bool Timeouts::_isOrderedNext() const
+{
+    return _unordered.empty() || (!_ordered.empty() && _ordered.front() <= _unordered.top());
+}
+
+void Timeouts::_dropNextDueTime()
+{
+    if (_isOrderedNext())
+        _ordered.pop();
+    else
+        _unordered.pop();
 }
