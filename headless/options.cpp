@@ -28,6 +28,8 @@ struct KnownOptions {
         "wait-timeout", "How long to wait for the nodes of --wait-for (default: 30).", "SECONDS"};
     const QCommandLineOption report{"report", "Write what happened to FILE (JSON) at the end.", "FILE"};
     const QCommandLineOption debugOutput{"debug-output", "Write a \"*\" for each corrupted bit."};
+    const QCommandLineOption help{{"h", "help"}, "Print this help."};
+    const QCommandLineOption version{{"v", "version"}, "Print the version."};
 };
 
 QString description()

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <limits>
 #include <utility>
 
@@ -14,6 +15,7 @@ namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
+constexpr size_t fewestReclaimed = 1024;                         // due times that are over
 constexpr qint64 never = std::numeric_limits<qint64>::max();
 
 qint64 monotonicNanoseconds()
@@ -234,8 +236,8 @@ bool Timeouts::startAtEndOfPass()
 void Timeouts::_startAt(qint64 dueTime)
 {
     const bool isNext = _isEmpty() || dueTime < _nextDueTime();
-    if (_ordered.empty() || dueTime >= _ordered.back())
-        _ordered.push(dueTime);
+    if (_hasNoOrdered() || dueTime >= _ordered.back())
+        _ordered.push_back(dueTime);
     else
         _unordered.push(dueTime);
     if (isNext)
@@ -245,13 +247,19 @@ void Timeouts::_startAt(qint64 dueTime)
 /// Not to be asked while nothing is pending.
 bool Timeouts::_isOrderedNext() const
 {
-    return _unordered.empty() || (!_ordered.empty() && _ordered.front() <= _unordered.top());
+    return _unordered.empty() || (!_hasNoOrdered() && _ordered[_firstOrdered] <= _unordered.top());
 }
 
+/// Room of those that are over is reclaimed when they are the larger part: a constant cost for each.
 void Timeouts::_dropNextDueTime()
 {
-    if (_isOrderedNext())
-        _ordered.pop();
-    else
+    if (!_isOrderedNext()) {
         _unordered.pop();
+        return;
+    }
+    ++_firstOrdered;
+    if (_hasNoOrdered() || _firstOrdered > std::max(_ordered.size() / 2, fewestReclaimed)) {
+        _ordered.erase(_ordered.begin(), _ordered.begin() + static_cast<std::ptrdiff_t>(_firstOrdered));
+        _firstOrdered = 0;
+    }
 }

@@ -37,15 +37,17 @@ private:
 
     void _startAt(qint64 dueTime);
 
-    bool _isEmpty() const { return _ordered.empty() && _unordered.empty(); }
+    bool _isEmpty() const { return _hasNoOrdered() && _unordered.empty(); }
+    bool _hasNoOrdered() const { return _firstOrdered == _ordered.size(); }
     bool _isOrderedNext() const;
-    qint64 _nextDueTime() const { return _isOrderedNext() ? _ordered.front() : _unordered.top(); }
+    qint64 _nextDueTime() const { return _isOrderedNext() ? _ordered[_firstOrdered] : _unordered.top(); }
     void _dropNextDueTime();
 
     std::function<void()> _handler;
     // In ns of the monotonic clock. With a constant delay all due times are in order, which costs less than a
     // heap.
-    std::queue<qint64> _ordered;  // each at or after the one before
+    std::vector<qint64> _ordered;  // each at or after the one before
+    size_t _firstOrdered = 0;      // those in front of it are over
     std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>> _unordered;  // the rest
     qint64 _lastMillisecond = -1;  // of startOncePerMillisecond()
     int _heapIndex = -1;           // place in the scheduler's heap; -1: nothing is pending
