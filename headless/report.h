@@ -9,7 +9,7 @@ struct RunFacts {
     quint32 seed = 0;
     double seconds = 0.0;        // since all waited-for nodes were attached
     qint64 framesLeftLinks = 0;  // since then
-    QString endedBy;             // "duration", "frames", "signal"
+    QString endedBy;             // "duration", "frames", "signal", "missing nodes"
 };
 
 /// Nodes in the order they were made, and the captured frames by outcome.

@@ -180,8 +180,11 @@ void Runner::_beginCounting()
         _runLimit.start(milliseconds(*_options.duration));
 }
 
+/// The first frame after the last awaited program has come may be faster than the next look at the nodes.
 void Runner::_countFrame()
 {
+    if (!_runTime.isValid())
+        _checkWaitedForNodes();
     if (!_runTime.isValid())
         return;
     ++_framesLeftLinks;
@@ -205,13 +208,12 @@ void Runner::_end(const QString& endedBy)
     if (_hasEnded)
         return;
     _hasEnded = true;
-    const bool isDumpWritten = _writeDump();
+    if (!_writeDump())
+        _fail(ExitCode::DumpNotWritten,
+              "cannot write the dump " + _dump.fileName() + ": " + _dump.errorString());
     if (!_writeReport(endedBy))
         _fail(ExitCode::ReportNotWritten,
               "cannot write the report " + _report.fileName() + ": " + _report.errorString());
-    if (!isDumpWritten)
-        _fail(ExitCode::DumpNotWritten,
-              "cannot write the dump " + _dump.fileName() + ": " + _dump.errorString());
     QCoreApplication::quit();
 }
 

@@ -11,24 +11,24 @@ constexpr int textColumnWidth = 120;
 constexpr int iconColumnWidth = 12;
 
 struct ColumnInfo {
-    const char* title;
-    int width;  // pixels
+    const char* title;  // null: none
+    int width;          // pixels
     int alignment;
 };
 
 const ColumnInfo columns[Capture::ColumnCount] = {
     // in the order of Capture::Column
     {"Delta Time", textColumnWidth, centred},
-    {"", iconColumnWidth, centred},  // the icon columns have no title, on purpose
-    {"", iconColumnWidth, centred},
-    {"", iconColumnWidth, centred},
+    {nullptr, iconColumnWidth, centred},  // the icon columns have no title, on purpose
+    {nullptr, iconColumnWidth, centred},
+    {nullptr, iconColumnWidth, centred},
     {"Framesize", textColumnWidth, centred},
     {"Time on Network", textColumnWidth, centred},
     {"Destination address", textColumnWidth, centred},
     {"Source address", textColumnWidth, centred},
     {"Frame data", textColumnWidth, leftAligned},
 };
-const ColumnInfo beyondTheColumns = {"", textColumnWidth, centred};
+const ColumnInfo beyondTheColumns = {nullptr, textColumnWidth, centred};
 
 const ColumnInfo& columnInfo(int section)
 {
@@ -203,8 +203,8 @@ QVariant Capture::headerData(int section, Qt::Orientation orientation, int role)
         return nothing();  // row numbers are not shown, on purpose
     if (role == Qt::SizeHintRole)
         return QSize(columnInfo(section).width, headerHeight);
-    if (role == Qt::DisplayRole && section >= 0 && section < ColumnCount)
-        return QString::fromLatin1(columns[section].title);
+    if (role == Qt::DisplayRole)
+        return QString::fromLatin1(columnInfo(section).title);
     return nothing();
 }
 

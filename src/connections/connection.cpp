@@ -6,6 +6,7 @@
 #include "network/streamhelpers.h"
 #include "nodes/node.h"
 
+#include <QGraphicsEffect>
 #include <QPainter>
 
 #include <algorithm>
@@ -50,11 +51,49 @@ void handOver(Frame& frame)
 
 }  // namespace
 
+/// Tells the toolkit where a link really paints; the picture stays as it is.
+///
+/// The bounds of a link are less than that, and those of a level or an upright one are empty: by them alone,
+/// the toolkit would lose its updates and leave it out where only its capsule lies in the repainted region.
+class Connection::PaintedArea : public QGraphicsEffect
+{
+public:
+    explicit PaintedArea(const Connection* link)
+        : _link(link)
+    {
+    }
+
+    QRectF boundingRectFor(const QRectF& bounds) const override;
+
+protected:
+    void draw(QPainter* painter) override { drawSource(painter); }
+
+private:
+    const Connection* _link;  // its owner
+};
+
+/// \a bounds are the link's in the pixels of a view, or in scene units while there is no view. Whole pixels,
+/// so that the scene's index finds the link again where it put it, whether a view has come or gone meanwhile.
+QRectF Connection::PaintedArea::boundingRectFor(const QRectF& bounds) const
+{
+    const QRectF inScene = _link->boundingRect();
+    if (inScene.isNull())
+        return bounds;
+
+    const double pixelsPerUnit
+        = std::hypot(bounds.width(), bounds.height()) / std::hypot(inScene.width(), inScene.height());
+    const double growth = pixelsPerUnit * (_link->_reachBeyondLine() - _link->_connectionStrokeWidth);
+    const QRectF area = bounds.adjusted(-growth, -growth, growth, growth);
+    return {QPointF(std::floor(area.left()), std::floor(area.top())),
+            QPointF(std::ceil(area.right()), std::ceil(area.bottom()))};
+}
+
 Connection::Connection(Node* node1, Node* node2)
     : _nodes{node1, node2}
 {
     setZValue(linkZValue);
     setFlag(QGraphicsItem::ItemIsSelectable);
+    setGraphicsEffect(new PaintedArea(this));
     for (Node* node : _nodes) {
         if (node)
             node->addConnection(this);
@@ -222,6 +261,20 @@ void Connection::_drawFramesInFlight(QPainter* painter, const QPen& linePen) con
     painter->restore();
 }
 
+/// The width of the default connection is that of every link that follows it.
+void Connection::_setStrokeWidth(double width)
+{
+    prepareGeometryChange();
+    if (this == defaultConnection()) {
+        const QList<QGraphicsItem*> items = NetworkSimulation::instance()->network()->items();
+        for (QGraphicsItem* item : items) {
+            if (auto* link = dynamic_cast<Connection*>(item))
+                link->prepareGeometryChange();
+        }
+    }
+    _connectionStrokeWidth = width;
+}
+
 /// Timeouts of the frames keep running and will take frames carried after the link is mended, on purpose.
 void Connection::_discardFramesInFlight()
 {
@@ -241,6 +294,13 @@ double Connection::_effectiveStrokeWidth() const
 double Connection::_effectiveReliability() const
 {
     return _reliability >= 0 ? _reliability : defaultConnection()->_reliability;
+}
+
+/// How far the picture goes beyond the line between the nodes, at most, on every side: by the caps of the line
+/// or by the capsule.
+double Connection::_reachBeyondLine() const
+{
+    return std::max(_effectiveStrokeWidth(), capsuleHeight / 2 + capsuleStrokeWidth);
 }
 
 QDataStream& operator<<(QDataStream& stream, Connection* connection)

@@ -74,11 +74,15 @@ private:
     friend QDataStream& operator<<(QDataStream& stream, Connection* connection);
     friend QDataStream& operator>>(QDataStream& stream, Connection* connection);
 
+    class PaintedArea;
+
+    void _setStrokeWidth(double width);
     void _discardFramesInFlight();
     void _drawFramesInFlight(QPainter* painter, const QPen& linePen) const;
     QColor _effectiveColor() const;
     double _effectiveStrokeWidth() const;
     double _effectiveReliability() const;
+    double _reachBeyondLine() const;
 
     Node* _nodes[2];             // not owned
     QList<Frame> _frames;        // in flight, oldest first

@@ -62,14 +62,15 @@ void ConnectionPropertiesWidget::_addBehavior(PropertyForm& form)
     _reliability = form.addDoubleSpinBox(tr("Reliability [%]"), percentages,
                                          percent * _shown(&Connection::_reliability),
                                          SLOT(reliabilityChanged(double)));
-    _errorDetectionReliability = form.addDoubleSpinBox(
-        tr("Error Detection Reliability [%]"), percentages,
-        percent * _shown(&Connection::_errorDetectionReliability),
-        SLOT(errorDetectionReliabilityChanged(double)));
+    _errorDetectionReliability
+        = form.addDoubleSpinBox(tr("Error Detection Reliability [%]"), percentages,
+                                percent * _shown(&Connection::_errorDetectionReliability),
+                                SLOT(errorDetectionReliabilityChanged(double)));
     _delay = form.addSpinBox(tr("Transmission Delay [ms]"), PropertyForm::milliseconds,
                              _shown(&Connection::_delayMs), SLOT(delayChanged(int)));
-    _delayDeviation = form.addSpinBox(tr("Tx Delay Deviation [ms]"), PropertyForm::milliseconds,
-                                      _shown(&Connection::_delayDeviationMs), SLOT(delayDeviationChanged(int)));
+    _delayDeviation
+        = form.addSpinBox(tr("Tx Delay Deviation [ms]"), PropertyForm::milliseconds,
+                          _shown(&Connection::_delayDeviationMs), SLOT(delayDeviationChanged(int)));
     if (_default)
         return;
     _resetBehavior = form.addButton(tr("Default Behavior"), SLOT(resetBehavior()));
@@ -218,13 +219,10 @@ void ConnectionPropertiesWidget::_appearanceChanged()
     _updateConnection();
 }
 
-/// The bounds of a connection follow its own stroke width.
 void ConnectionPropertiesWidget::_setStrokeWidth(double width)
 {
-    if (!_connection)
-        return;
-    _connection->prepareGeometryChange();
-    _connection->_connectionStrokeWidth = width;
+    if (_connection)
+        _connection->_setStrokeWidth(width);
 }
 
 /// Repaints what the settings show in: every connection may follow the default one.

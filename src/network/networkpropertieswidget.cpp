@@ -1,7 +1,210 @@
 #include "network/networkpropertieswidget.h"
 
-NetworkPropertiesWidget::NetworkPropertiesWidget(QWidget* parentProperties)
+#include "network/networksimulation.h"
+#include "ui/addressfield.h"
+#include "ui/propertyform.h"
+
+#include <QCheckBox>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QSpinBox>
+
+#include <algorithm>
+#include <limits>
+
+namespace {
+
+constexpr int largestNumber = std::numeric_limits<int>::max();
+constexpr int lowestPort = 1;
+constexpr int highestPort = 65536;  // one more than there are, on purpose: it is stored as 0
+
+Network* network()
 {
-    if (parentProperties)
-        parentProperties->setParent(this);
+    return NetworkSimulation::instance()->network();
+}
+
+/// What \a taken bytes leave of a frame of \a frameSize; either may come from a file and be any number.
+int bytesLeft(qint64 frameSize, qint64 taken)
+{
+    return static_cast<int>(qBound<qint64>(0, frameSize - taken, largestNumber));
+}
+
+Qt::CheckState checkState(bool isChecked)
+{
+    return isChecked ? Qt::Checked : Qt::Unchecked;
+}
+
+}  // namespace
+
+NetworkPropertiesWidget::NetworkPropertiesWidget(QWidget* extra)
+{
+    PropertyForm form(this, tr("Network Simulation"));
+    _addFrameParameters(form);
+    _addTcpServer(form);
+    form.embed(network()->defaultConnection()->propertiesWidget());
+    form.embed(network()->defaultNode()->propertiesWidget());
+    form.embed(extra);
+    form.addEnd();
+    connect(network(), SIGNAL(lastNodeDeleted()), this, SLOT(networkEmpty()));
+}
+
+void NetworkPropertiesWidget::_addFrameParameters(PropertyForm& form)
+{
+    const int mtu = network()->maximalTransferUnit();
+    const int length = network()->addressLength();
+    const int destination = network()->destinationAddressOffset();
+    const int source = network()->sourceAddressOffset();
+    const int highestLength = bytesLeft(mtu, std::max(destination, source));
+    const int highestOffset = bytesLeft(mtu, length);
+
+    form.beginPlainGroup();
+    _frameMtu = _addNumber(form, tr("Maximal Transfer Unit"), 0, largestNumber, mtu, SLOT(frameMtuChanged()));
+    _frameAddressLength
+        = _addNumber(form, tr("Address Length"), 0, highestLength, length, SLOT(frameAddressLengthChanged()));
+    _frameAddressLength->setEnabled(network()->items().isEmpty());
+    _frameDestinationAddressOffset = _addNumber(form, tr("Destination Address Offset"), 0, highestOffset,
+                                                destination, SLOT(frameDestinationAddressOffsetChanged()));
+    _frameSourceAddressOffset = _addNumber(form, tr("Source Address Offset"), 0, highestOffset, source,
+                                           SLOT(frameSourceAddressOffsetChanged()));
+
+    _frameBroadcastAddress = form.addLineEdit(tr("Broadcast address"), QString());
+    _showBroadcastAddress();
+    connect(_frameBroadcastAddress, SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
+    connect(_frameBroadcastAddress, SIGNAL(editingFinished()), this, SLOT(frameBroadcastAddressChanged()));
+}
+
+void NetworkPropertiesWidget::_addTcpServer(PropertyForm& form)
+{
+    form.beginGroup(tr("TCP Server"));
+    _tcpEnabled = form.addCheckBox(tr("Enabled"), checkState(network()->isTcpEnabled()),
+                                   SLOT(tcpEnabledChanged(int)));
+    _tcpPort
+        = _addNumber(form, tr("Port"), lowestPort, highestPort, network()->tcpPort(), SLOT(tcpPortChanged()));
+    _tcpPort->setEnabled(!network()->isTcpEnabled());
+    form.addCheckBox(tr("Plug'n'Place"), checkState(network()->isTcpPnpEnabled()),
+                     SLOT(tcpPnpEnabledChanged(int)));
+    form.addCheckBox(tr("Name is ID"), checkState(network()->isNameUsedForPnpIdentification()),
+                     SLOT(tcpUseNameForPnpChanged(int)));
+}
+
+/// Typing the number that is shown already is an edit too, which only the line edit inside the box tells of.
+QSpinBox* NetworkPropertiesWidget::_addNumber(PropertyForm& form, const QString& label, int lowest,
+                                              int highest, int value, const char* edited)
+{
+    QSpinBox* box = form.addSpinBox(label, {lowest, highest, 1}, value);
+    _numbersBefore.insert(box, box->value());
+    connect(box->findChild<QLineEdit*>(), SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
+    connect(box, SIGNAL(editingFinished()), this, edited);
+    return box;
+}
+
+void NetworkPropertiesWidget::_markTyped()
+{
+    _typedInto.insert(sender());
+}
+
+/// Whether the number was typed, or stepped to another one, since this was last asked.
+bool NetworkPropertiesWidget::_takeEdit(QSpinBox* box)
+{
+    const bool isTyped = _typedInto.remove(box->findChild<QLineEdit*>());
+    const int before = _numbersBefore.value(box);
+    _numbersBefore.insert(box, box->value());
+    return isTyped || box->value() != before;
+}
+
+/// The highest address length is not worked out again, on purpose.
+void NetworkPropertiesWidget::frameMtuChanged()
+{
+    if (!_takeEdit(_frameMtu))
+        return;
+    network()->_network.maximalTransferUnit = _frameMtu->value();
+    _fitOffsets();
+}
+
+/// A broadcast address that is too long is cut; a short one is left as it is.
+void NetworkPropertiesWidget::frameAddressLengthChanged()
+{
+    if (!_takeEdit(_frameAddressLength))
+        return;
+    const int length = _frameAddressLength->value();
+    network()->_network.addressLength = length;
+    network()->_network.broadcastAddress.truncate(length);
+    _showBroadcastAddress();
+    _fitOffsets();
+}
+
+/// The boxes cut their values to the new range themselves.
+void NetworkPropertiesWidget::_fitOffsets()
+{
+    const int highestOffset = bytesLeft(_frameMtu->value(), _frameAddressLength->value());
+    _frameSourceAddressOffset->setMaximum(highestOffset);
+    _frameDestinationAddressOffset->setMaximum(highestOffset);
+    network()->_network.sourceAddressOffset = _frameSourceAddressOffset->value();
+    network()->_network.destinationAddressOffset = _frameDestinationAddressOffset->value();
+}
+
+void NetworkPropertiesWidget::frameSourceAddressOffsetChanged()
+{
+    if (_takeEdit(_frameSourceAddressOffset))
+        network()->_network.sourceAddressOffset = _frameSourceAddressOffset->value();
+}
+
+void NetworkPropertiesWidget::frameDestinationAddressOffsetChanged()
+{
+    if (_takeEdit(_frameDestinationAddressOffset))
+        network()->_network.destinationAddressOffset = _frameDestinationAddressOffset->value();
+}
+
+void NetworkPropertiesWidget::frameBroadcastAddressChanged()
+{
+    if (!_typedInto.remove(_frameBroadcastAddress))
+        return;
+    const QString digits = _frameBroadcastAddress->text().remove(QLatin1Char(':'));
+    network()->_network.broadcastAddress = QByteArray::fromHex(digits.toUtf8());
+}
+
+void NetworkPropertiesWidget::_showBroadcastAddress()
+{
+    AddressField::setLength(_frameBroadcastAddress, -1);
+    AddressField::setAddress(_frameBroadcastAddress, network()->broadcastAddress());
+    _typedInto.remove(_frameBroadcastAddress);
+}
+
+void NetworkPropertiesWidget::tcpEnabledChanged(int state)
+{
+    const bool enable = state == Qt::Checked;
+    if (!network()->setTcpEnabled(enable) && enable) {
+        _warnOfTcpFailure();
+        _tcpEnabled->setChecked(false);  // which leads here again
+        return;
+    }
+    _tcpPort->setEnabled(!enable);
+}
+
+void NetworkPropertiesWidget::_warnOfTcpFailure()
+{
+    const QString text = tr("Could not start the TCP server on port %1").arg(network()->tcpPort());
+    QMessageBox::warning(this, tr("TCP Server"), text, QMessageBox::Ok);
+}
+
+void NetworkPropertiesWidget::tcpPortChanged()
+{
+    if (_takeEdit(_tcpPort))
+        network()->setTcpPort(static_cast<quint16>(_tcpPort->value()));
+}
+
+void NetworkPropertiesWidget::tcpPnpEnabledChanged(int state)
+{
+    network()->setTcpPnpEnabled(state == Qt::Checked);
+}
+
+void NetworkPropertiesWidget::tcpUseNameForPnpChanged(int state)
+{
+    network()->setNameUsedForPnpIdentification(state == Qt::Checked);
+}
+
+/// The last node has gone: there is no address left that the length could contradict.
+void NetworkPropertiesWidget::networkEmpty()
+{
+    _frameAddressLength->setEnabled(true);
 }

@@ -1,11 +1,63 @@
 #pragma once
 
+#include <QHash>
+#include <QSet>
 #include <QWidget>
 
+QT_BEGIN_NAMESPACE
+class QCheckBox;
+class QLineEdit;
+class QSpinBox;
+QT_END_NAMESPACE
+
+class PropertyForm;
+
+/// The form of the network as a whole: frame parameters, TCP server, and the forms of the default connection
+/// and the default node. Each edit is stored at once; a field that is only entered and left stores nothing,
+/// since what it shows may have been cut to its range.
 class NetworkPropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
+    /// \a extra: a further form to show at the bottom, or null. It is no parent: this form is made without
+    /// one.
     explicit NetworkPropertiesWidget(QWidget* extra);
+
+public slots:
+    void frameMtuChanged();
+    void frameAddressLengthChanged();
+    void frameSourceAddressOffsetChanged();
+    void frameDestinationAddressOffsetChanged();
+    void frameBroadcastAddressChanged();
+    void tcpEnabledChanged(int state);
+    void tcpPortChanged();
+    void tcpPnpEnabledChanged(int state);
+    void tcpUseNameForPnpChanged(int state);
+    void networkEmpty();
+
+private slots:
+    void _markTyped();
+
+private:
+    void _addFrameParameters(PropertyForm& form);
+    void _addTcpServer(PropertyForm& form);
+    QSpinBox* _addNumber(PropertyForm& form, const QString& label, int lowest, int highest, int value,
+                         const char* edited);
+    bool _takeEdit(QSpinBox* box);
+    void _showBroadcastAddress();
+    void _fitOffsets();
+    void _warnOfTcpFailure();
+
+    QSpinBox* _frameMtu = nullptr;
+    QSpinBox* _frameAddressLength = nullptr;
+    QSpinBox* _frameSourceAddressOffset = nullptr;
+    QSpinBox* _frameDestinationAddressOffset = nullptr;
+    QLineEdit* _frameBroadcastAddress = nullptr;
+    QSpinBox* _defaultNodeFrameAcknowledgeTimeout
+        = nullptr;  // always null: the default node's form has the box
+    QCheckBox* _tcpEnabled = nullptr;
+    QSpinBox* _tcpPort = nullptr;
+    QSet<QObject*> _typedInto;             // line edits with an edit that is not stored yet; not owned
+    QHash<QSpinBox*, int> _numbersBefore;  // what each box held when it was last stored
 };

@@ -4,6 +4,7 @@
 
 namespace {
 
+constexpr int storedColorSize = 11;      // bytes: kind, alpha, three channels and padding
 constexpr double farEndOfScene = 1.0e7;  // scene units; the index and the views compute in int and float
 
 double boundedCoordinate(double coordinate)
@@ -31,7 +32,7 @@ double Stream::readFinite(QDataStream& stream, double fallback)
 {
     double value = 0.0;
     stream >> value;
-    return std::isfinite(value) ? value : fallback;
+    return std::isfinite(value) ? boundedCoordinate(value) : fallback;
 }
 
 QPointF Stream::readPosition(QDataStream& stream)
@@ -41,19 +42,16 @@ QPointF Stream::readPosition(QDataStream& stream)
     return {boundedCoordinate(position.x()), boundedCoordinate(position.y())};
 }
 
+/// The kind is looked at before a colour is made of it: one of an unknown kind may not even be asked for it.
 QColor Stream::readColor(QDataStream& stream)
 {
+    char kind = QColor::Invalid;
+    stream.device()->peek(&kind, sizeof kind);
+    if (kind <= QColor::Invalid || kind > QColor::ExtendedRgb) {
+        stream.skipRawData(storedColorSize);
+        return QColor();
+    }
     QColor color;
     stream >> color;
-    switch (color.spec()) {
-    case QColor::Rgb:
-    case QColor::Hsv:
-    case QColor::Cmyk:
-    case QColor::Hsl:
-    case QColor::ExtendedRgb:
-        return color;
-    case QColor::Invalid:
-        break;
-    }
-    return QColor();
+    return color;
 }

@@ -13,7 +13,8 @@ constexpr quint32 nullArrayLength = 0xFFFFFFFF;
 /// A two or three-state switch; anything but the two states with a meaning of their own reads as unchecked.
 Qt::CheckState readCheckState(QDataStream& stream);
 
-/// A number that painting and the scene's index can live with: \a fallback instead of infinities and NaN.
+/// A length that painting and the scene's index can live with: \a fallback instead of infinities and NaN, and
+/// never beyond the far end of the scene.
 double readFinite(QDataStream& stream, double fallback);
 
 /// A place in the scene: not finite reads as 0, and what lies beyond the far end of the scene moves to it.

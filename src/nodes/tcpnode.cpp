@@ -15,6 +15,8 @@
 #include <QTimer>
 #include <QtEndian>
 
+#include <sys/socket.h>
+
 namespace {
 
 constexpr qint64 unsentLimit
@@ -82,15 +84,40 @@ void skipBody(QDataStream& stream)
         stream.skipRawData(static_cast<int>(length));
 }
 
-/// What has been written is still sent out, if the peer takes it in time. No node hears of the socket any
-/// more.
-void closeAndDelete(QTcpSocket* socket)
+/// Closes and deletes a socket that no node uses any more. What has been written is still sent out, if the
+/// peer takes it in time. What the peer still writes is thrown away: closed with unread bytes, a socket loses
+/// its unsent ones in the kernel.
+class LingeringSocket : public QObject
 {
-    socket->setParent(NetworkSimulation::instance()->network());
-    QObject::connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
-    QTimer::singleShot(lingerTime, socket, SLOT(deleteLater()));
-    socket->close();
-}
+    Q_OBJECT
+
+public:
+    explicit LingeringSocket(QTcpSocket* socket)
+        : QObject(socket)
+        , _socket(socket)
+    {
+        socket->setParent(NetworkSimulation::instance()->network());
+        connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
+        connect(socket, SIGNAL(readyRead()), this, SLOT(discardInput()));
+        connect(socket, SIGNAL(bytesWritten(qint64)), this, SLOT(endOutput()));
+        QTimer::singleShot(lingerTime, socket, SLOT(deleteLater()));
+        discardInput();
+        endOutput();
+    }
+
+private slots:
+    void discardInput() { _socket->readAll(); }
+
+    /// The peer sees the end of the connection behind the last byte.
+    void endOutput()
+    {
+        if (_socket->bytesToWrite() == 0)
+            ::shutdown(static_cast<int>(_socket->socketDescriptor()), SHUT_WR);
+    }
+
+private:
+    QTcpSocket* _socket;  // its parent
+};
 
 }  // namespace
 
@@ -170,7 +197,7 @@ void TcpNode::_closeSocket()
         return;
     QTcpSocket* socket = _socket;
     _detachSocket();
-    closeAndDelete(socket);
+    new LingeringSocket(socket);
 }
 
 void TcpNode::_socketDataIndication()
@@ -359,3 +386,5 @@ QWidget* TcpNode::propertiesWidget()
 {
     return new TcpNodePropertiesWidget(this, Node::propertiesWidget());
 }
+
+#include "tcpnode.moc"

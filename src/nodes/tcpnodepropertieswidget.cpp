@@ -1,7 +1,46 @@
 #include "nodes/tcpnodepropertieswidget.h"
 
-TcpNodePropertiesWidget::TcpNodePropertiesWidget(TcpNode* /*node*/, QWidget* parentProperties)
+#include "nodes/tcpnode.h"
+#include "ui/propertyform.h"
+
+#include <QHostAddress>
+#include <QLineEdit>
+#include <QTcpSocket>
+
+namespace {
+
+/// A server that listens on all addresses sees IPv4 peers under IPv6 addresses: their plain form is shown.
+QString hostText(const QHostAddress& host)
 {
-    if (parentProperties)
-        parentProperties->setParent(this);
+    bool isIpv4 = false;
+    const quint32 ipv4 = host.toIPv4Address(&isIpv4);
+    QString text = (isIpv4 ? QHostAddress(ipv4) : host).toString();
+    return text.replace(QLatin1String("127.0.0.1"), QLatin1String("localhost"));
+}
+
+QString peerText(const QTcpSocket* socket)
+{
+    if (!socket || socket->state() != QAbstractSocket::ConnectedState)
+        return QStringLiteral("-");
+    return hostText(socket->peerAddress()) + QLatin1Char(':') + QString::number(socket->peerPort());
+}
+
+}  // namespace
+
+TcpNodePropertiesWidget::TcpNodePropertiesWidget(TcpNode* node, QWidget* parentProperties)
+    : _node(node)
+{
+    PropertyForm form(this, tr("TCP Node"));
+    form.beginGroup(tr("Connection"));
+    _peer = form.addReadOnlyField(QString(), QString());
+    form.embed(parentProperties);
+    form.addEnd();
+
+    connectionStateUpdate();
+    connect(node, SIGNAL(connectionStateChanged()), this, SLOT(connectionStateUpdate()));
+}
+
+void TcpNodePropertiesWidget::connectionStateUpdate()
+{
+    _peer->setText(peerText(_node ? _node->socket() : nullptr));
 }

@@ -1,13 +1,27 @@
 #pragma once
 
+#include <QPointer>
 #include <QWidget>
+
+QT_BEGIN_NAMESPACE
+class QLineEdit;
+QT_END_NAMESPACE
 
 class TcpNode;
 
+/// The form that edits a TCP node: shows which program is attached, above the form of an ordinary node.
 class TcpNodePropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
+    /// \a parentProperties: the form of an ordinary node, to show below this one, or null.
     TcpNodePropertiesWidget(TcpNode* node, QWidget* parentProperties);
+
+public slots:
+    void connectionStateUpdate();
+
+private:
+    QPointer<TcpNode> _node;  // not owned; may go before the form
+    QLineEdit* _peer;
 };

@@ -1,15 +1,277 @@
 #include "ui/mainwindow.h"
 
+#include "network/networkitem.h"
 #include "network/networksimulation.h"
+#include "nodes/tcpnode.h"
+#include "ui/capturetableview.h"
+#include "ui/propertyeditor.h"
 
+#include <QActionGroup>
+#include <QApplication>
+#include <QDockWidget>
+#include <QFileDialog>
 #include <QGraphicsView>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QToolBar>
+
+namespace {
+
+constexpr QSize smallestView(500, 400);
+constexpr QSize toolSize(32, 32);
+
+Network* network()
+{
+    return NetworkSimulation::instance()->network();
+}
+
+QKeySequence shortcut(const char* keys)
+{
+    return QKeySequence(QString::fromLatin1(keys), QKeySequence::PortableText);
+}
+
+QIcon icon(const char* resource)
+{
+    return QIcon(QString::fromLatin1(resource));
+}
+
+}  // namespace
 
 MainWindow::MainWindow()
+    : _propertyEditor(nullptr)
+    , _captureView(nullptr)
+{
+    setCorner(Qt::BottomRightCorner, Qt::RightDockWidgetArea);
+    setWindowIcon(icon(":Icon.png"));
+    _addMenus();
+
+    _propertyEditor = new PropertyEditor(this);
+    _propertyEditor->setFeatures(QDockWidget::NoDockWidgetFeatures);
+    addDockWidget(Qt::RightDockWidgetArea, _propertyEditor);
+
+    _addNetworkView();
+    _attachNetwork();
+    _addCaptureDock();
+}
+
+void MainWindow::_addMenus()
+{
+    _addFileMenu();
+    _addEditMenu();
+    const QList<QAction*> drawingActions = _addDrawingMenu();
+    const QList<QAction*> debugActions = _addDebugMenu();
+
+    auto* tools = new QToolBar(tr("Tools"), this);
+    tools->setIconSize(toolSize);
+    tools->addActions(drawingActions);
+    addToolBar(Qt::LeftToolBarArea, tools);
+
+    auto* debug = new QToolBar(tr("Debug"), this);
+    debug->addSeparator();
+    debug->addActions(debugActions);
+    addToolBar(Qt::LeftToolBarArea, debug);
+}
+
+void MainWindow::_addFileMenu()
+{
+    QMenu* menu = menuBar()->addMenu(tr("&File"));
+    menu->addAction(tr("&New Simulation"), this, SLOT(newSimulation()), shortcut("Ctrl+n"));
+    menu->addAction(tr("&Open Simulation..."), this, SLOT(loadSimulation()), shortcut("Ctrl+o"));
+    menu->addAction(tr("&Save Simulation as..."), this, SLOT(saveSimulationAs()), shortcut("Ctrl+s"));
+    menu->addSeparator();
+    menu->addAction(tr("Export captured frames for Wireshark..."), this, SLOT(exportFrames()));
+    menu->addSeparator();
+    menu->addAction(tr("&Quit"), qApp, SLOT(quit()), shortcut("Ctrl+q"));
+}
+
+void MainWindow::_addEditMenu()
+{
+    QMenu* menu = menuBar()->addMenu(tr("&Edit"));
+    menu->addAction(tr("Delete"), this, SLOT(deleteItem()), shortcut("DEL"));
+}
+
+QList<QAction*> MainWindow::_addDrawingMenu()
+{
+    QMenu* menu = menuBar()->addMenu(tr("&Drawing"));
+    QAction* selection = menu->addAction(icon(":Pointer.png"), tr("Selection"), this,
+                                         SLOT(switchToSelectionEditMode()), shortcut("ESC"));
+    menu->addSeparator();
+    QAction* nodes = menu->addAction(icon(":Node.png"), tr("Insert Node(s)"), this,
+                                     SLOT(switchToNodeInsertionEditMode()), shortcut("Ctrl+1"));
+    QAction* connections = menu->addAction(icon(":Connection.png"), tr("Draw Connection(s)"), this,
+                                           SLOT(switchToConnectionDrawingEditMode()), shortcut("Ctrl+2"));
+
+    const QList<QAction*> actions = {selection, nodes, connections};
+    auto* group = new QActionGroup(this);
+    for (QAction* action : actions) {
+        action->setCheckable(true);
+        group->addAction(action);
+    }
+    selection->setChecked(true);
+    return actions;
+}
+
+QList<QAction*> MainWindow::_addDebugMenu()
+{
+    QMenu* menu = menuBar()->addMenu(tr("&Debug"));
+    menu->addAction(icon(":DebugRunCont.png"), tr("Run/Continue"), this, SLOT(debugRunCont()));
+    menu->addAction(icon(":DebugPause.png"), tr("Pause"), this, SLOT(debugPause()));
+    menu->addAction(icon(":DebugStep.png"), tr("Step"), this, SLOT(debugStep()));
+    menu->addAction(icon(":DebugReset.png"), tr("Reset"), this, SLOT(debugReset()));
+    menu->addAction(icon(":DebugQuit.png"), tr("Quit"), this, SLOT(debugQuit()));
+    const QList<QAction*> actions = menu->actions();
+    menu->addSeparator();
+    return actions;
+}
+
+/// The part of the network shown is fixed by the view's size before the window has laid it out.
+void MainWindow::_addNetworkView()
 {
     auto* view = new QGraphicsView(this);
     view->setRenderHint(QPainter::Antialiasing);
-    view->setMinimumSize(500, 400);
+    view->setMinimumSize(smallestView);
     view->setSceneRect(0, 0, view->width(), view->height());
-    view->setScene(NetworkSimulation::instance()->network());
     setCentralWidget(view);
+}
+
+void MainWindow::_addCaptureDock()
+{
+    auto* dock = new QDockWidget(tr("Frame Capture"), this);
+    dock->setFeatures(QDockWidget::NoDockWidgetFeatures);
+    _captureView = new CaptureTableView(this);
+    dock->setWidget(_captureView);
+    addDockWidget(Qt::BottomDockWidgetArea, dock);
+    _captureView->setCaptureModel(NetworkSimulation::instance()->capture());
+}
+
+void MainWindow::switchToSelectionEditMode()
+{
+    networkItemSelectionChanged();
+    network()->setEditorMode(Network::Selection);
+}
+
+void MainWindow::switchToNodeInsertionEditMode()
+{
+    _switchToDrawing(Network::NodePlacement);
+}
+
+void MainWindow::switchToConnectionDrawingEditMode()
+{
+    _switchToDrawing(Network::ConnectionDrawing);
+}
+
+/// The mode goes first: it clears the selection, which brings the network's form up.
+void MainWindow::_switchToDrawing(Network::EditMode mode)
+{
+    network()->setEditorMode(mode);
+    _propertyEditor->editNothing();
+}
+
+void MainWindow::deleteItem()
+{
+    network()->deleteSelectedNetworkItem();
+}
+
+void MainWindow::networkItemSelectionChanged()
+{
+    if (network()->selectedItems().isEmpty())
+        _propertyEditor->editNetwork();
+    else
+        _propertyEditor->editNetworkItem(network()->selectedNetworkItem());
+}
+
+/// Does not ask about unsaved changes: no record of them is kept.
+void MainWindow::newSimulation()
+{
+    _detachSimulation();
+    NetworkSimulation::newNetworkSimulation();
+    _attachSimulation();
+}
+
+void MainWindow::saveSimulationAs()
+{
+    QString fileName
+        = QFileDialog::getSaveFileName(this, tr("Save Network"), QString(), tr("Lattivo File (*.ltvo)"));
+    if (fileName.isEmpty())
+        return;
+    if (!fileName.contains(QLatin1Char('.')))  // anywhere, also in a folder's name, on purpose
+        fileName += QStringLiteral(".ltvo");
+    if (!NetworkSimulation::instance()->save(fileName))
+        QMessageBox::critical(this, tr("Save Network"), tr("Could not save the network!"), QMessageBox::Ok);
+}
+
+/// A file that cannot be read leaves a new, empty simulation, without a message.
+void MainWindow::loadSimulation()
+{
+    const QString fileName = QFileDialog::getOpenFileName(this, tr("Load Network"), QString(),
+                                                          tr("Lattivo Files (*.kvt *.ltvo)"));
+    if (fileName.isEmpty())
+        return;
+    _detachSimulation();
+    NetworkSimulation::loadNetworkSimulation(fileName, nullptr);
+    _attachSimulation();
+}
+
+void MainWindow::exportFrames()
+{
+    const QString fileName = QFileDialog::getSaveFileName(this, tr("Export frame dump"), QString(),
+                                                          tr("pcap dump (*.pcapdump)"));
+    if (fileName.isEmpty())
+        return;
+    if (!NetworkSimulation::instance()->exportPcapDump(fileName)) {
+        QMessageBox::critical(this, tr("Export frame dump"), tr("Could not export the frame dump!"),
+                              QMessageBox::Ok);
+    }
+}
+
+void MainWindow::debugRunCont()
+{
+    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::RunContDC);
+}
+
+void MainWindow::debugPause()
+{
+    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
+}
+
+void MainWindow::debugStep()
+{
+    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::StepDC);
+}
+
+void MainWindow::debugReset()
+{
+    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::ResetDC);
+}
+
+void MainWindow::debugQuit()
+{
+    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::QuitDC);
+}
+
+/// Nothing may point into the old simulation while it dies, and its last signals may not call back here.
+void MainWindow::_detachSimulation()
+{
+    disconnect(network(), nullptr, this, nullptr);
+    _networkView()->setScene(nullptr);
+    _propertyEditor->editNothing();
+    _captureView->setCaptureModel(nullptr);
+}
+
+void MainWindow::_attachSimulation()
+{
+    _attachNetwork();
+    _propertyEditor->editNetwork();
+    _captureView->setCaptureModel(NetworkSimulation::instance()->capture());
+}
+
+void MainWindow::_attachNetwork()
+{
+    connect(network(), SIGNAL(selectionChanged()), this, SLOT(networkItemSelectionChanged()));
+    _networkView()->setScene(network());
+}
+
+QGraphicsView* MainWindow::_networkView() const
+{
+    return static_cast<QGraphicsView*>(centralWidget());
 }

@@ -3,6 +3,7 @@
 #include "QtColorPicker/qtcolorpicker.h"
 
 #include <QCheckBox>
+#include <QEvent>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QLabel>
@@ -18,9 +19,38 @@ constexpr int formMargin = 5;
 constexpr int embeddedStretch = 1;
 constexpr int endStretch = 10;
 
+/// Leaves the wheel to the scroll area around the form, until the field has the focus: whoever scrolls over a
+/// number does not mean to change it.
+class WheelGuard : public QObject
+{
+public:
+    explicit WheelGuard(QWidget* field)
+        : QObject(field)
+    {
+        field->setFocusPolicy(Qt::StrongFocus);  // the wheel gives no focus either
+        field->installEventFilter(this);
+    }
+
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (event->type() != QEvent::Wheel || static_cast<QWidget*>(watched)->hasFocus())
+            return QObject::eventFilter(watched, event);
+        event->ignore();
+        return true;
+    }
+};
+
 void fillWidth(QWidget* field)
 {
     field->setSizePolicy(QSizePolicy::MinimumExpanding, QSizePolicy::Preferred);
+}
+
+/// Disabled because nothing can be typed, not because the text means nothing.
+void keepReadable(QLineEdit* field)
+{
+    QPalette palette = field->palette();
+    palette.setColor(QPalette::Disabled, QPalette::Text, palette.color(QPalette::Active, QPalette::Text));
+    field->setPalette(palette);
 }
 
 }  // namespace
@@ -78,6 +108,7 @@ Box* PropertyForm::_addNumberBox(const QString& label, const Range<Value>& range
     box->setValue(value);
     box->setAlignment(Qt::AlignRight);
     fillWidth(box);
+    new WheelGuard(box);
     _addRow(label, box);
     return box;
 }
@@ -112,9 +143,18 @@ QLineEdit* PropertyForm::addLineEdit(const QString& label, const QString& text)
 
 QLineEdit* PropertyForm::addReadOnlyField(const QString& label, const QString& text)
 {
-    QLineEdit* field = addLineEdit(label, text);
+    QLineEdit* field = newReadOnlyField(text, _form);
+    _addRow(label, field);
+    return field;
+}
+
+QLineEdit* PropertyForm::newReadOnlyField(const QString& text, QWidget* parent)
+{
+    auto* field = new QLineEdit(text, parent);
+    fillWidth(field);
     field->setAlignment(Qt::AlignRight);
     field->setEnabled(false);
+    keepReadable(field);
     return field;
 }
 

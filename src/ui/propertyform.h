@@ -64,11 +64,14 @@ public:
     /// The group "Comments" with its text.
     QTextEdit* addComments(const QString& text, const char* changed, int stretch = 0);
 
+    /// A right-aligned field for a row that is inserted later.
+    static QLineEdit* newReadOnlyField(const QString& text, QWidget* parent);
+
     // Below the groups
     void embed(QWidget* otherForm);  // null: nothing
     void addEnd();                   // leaves what is left of the height empty
 
-    /// The row that holds the group's fields, for rows that come and go while the form is shown.
+    /// Of the present group, for rows that come and go while the form is shown.
     QFormLayout* rows() const { return _rows; }
 
 private:
@@ -77,8 +80,8 @@ private:
     Box* _addNumberBox(const QString& label, const Range<Value>& range, Value value);
     void _addRow(const QString& label, QWidget* field);
 
-    QWidget* _form;         // not owned
-    QVBoxLayout* _layout;   // the form's
+    QWidget* _form;                // not owned
+    QVBoxLayout* _layout;          // the form's
     QFormLayout* _rows = nullptr;  // the present group's; null before the first
 };
 

@@ -1,0 +1,90 @@
+#include "ui/captureheaders.h"
+
+#include <QAbstractItemModel>
+#include <QElapsedTimer>
+#include <QPaintEvent>
+#include <QPainter>
+#include <QStyleOptionHeader>
+#include <QTimerEvent>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int shortestPause = 16;  // ms, some 60 pictures a second
+constexpr int pauseFactor = 20;    // new rows take one part in so many of the time at most
+
+}  // namespace
+
+CaptureColumnHeader::CaptureColumnHeader(QWidget* parent)
+    : QHeaderView(Qt::Horizontal, parent)
+{
+}
+
+void CaptureColumnHeader::paintEvent(QPaintEvent* event)
+{
+    QPainter painter(viewport());
+    for (int section = 0; section < count(); ++section) {
+        const QRect area(sectionViewportPosition(section), 0, sectionSize(section), viewport()->height());
+        if (!isSectionHidden(section) && area.intersects(event->rect()))
+            paintSection(&painter, area, section);
+    }
+
+    QStyleOptionHeader empty;
+    initStyleOption(&empty);
+    empty.rect = viewport()->rect();
+    empty.rect.setLeft(length() - offset());
+    if (!empty.rect.isEmpty())
+        style()->drawControl(QStyle::CE_HeaderEmptyArea, &empty, &painter, this);
+}
+
+CaptureRowHeader::CaptureRowHeader(int rowHeight, QWidget* parent)
+    : QHeaderView(Qt::Vertical, parent)
+{
+    setSectionResizeMode(Fixed);
+    setDefaultSectionSize(rowHeight);
+    hide();  // the rows have no titles
+}
+
+/// The new rows come through here, and the toolkit's own handling runs later for all of them at once.
+void CaptureRowHeader::setModel(QAbstractItemModel* model)
+{
+    const char* inserted = SIGNAL(rowsInserted(QModelIndex, int, int));
+    if (this->model())
+        disconnect(this->model(), inserted, this, SLOT(_showRowsSoon()));
+    QHeaderView::setModel(model);
+    if (!model)
+        return;
+    disconnect(model, inserted, this, SLOT(sectionsInserted(QModelIndex, int, int)));
+    connect(model, inserted, this, SLOT(_showRowsSoon()));
+}
+
+void CaptureRowHeader::_showRowsSoon()
+{
+    if (!_pause.isActive())
+        _pause.start(0, this);  // once all frames that are there have come in
+}
+
+void CaptureRowHeader::timerEvent(QTimerEvent* event)
+{
+    if (event->timerId() == _pause.timerId())
+        _showRows();
+    else
+        QHeaderView::timerEvent(event);
+}
+
+void CaptureRowHeader::_showRows()
+{
+    _pause.stop();
+    const int shownRows = count();
+    const int rows = model() ? model()->rowCount() : 0;
+    if (rows <= shownRows)
+        return;
+
+    QElapsedTimer timer;
+    timer.start();
+    sectionsInserted(QModelIndex(), shownRows, rows - 1);
+    sectionPosition(rows - 1);  // places all rows, which takes the longer the more there are
+    emit rowsShown();
+    _pause.start(std::max(shortestPause, pauseFactor * static_cast<int>(timer.elapsed())), this);
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QBasicTimer>
+#include <QHeaderView>
+
+/// The column titles of the capture table. Paints them in the table's own font and does not ask the model for
+/// one: the capture answers with a text, and the toolkit would complain at every paint that it describes no
+/// font.
+class CaptureColumnHeader : public QHeaderView
+{
+    Q_OBJECT
+
+public:
+    explicit CaptureColumnHeader(QWidget* parent);
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+};
+
+/// The rows of the capture table, hidden and of one height. It tells the table of new rows some 60 times a
+/// second at most, so that drawing does not hold up the frames, and less often when the rows are so many that
+/// making room for them takes long.
+class CaptureRowHeader : public QHeaderView
+{
+    Q_OBJECT
+
+public:
+    CaptureRowHeader(int rowHeight, QWidget* parent);
+
+    void setModel(QAbstractItemModel* model) override;
+
+signals:
+    /// The table has taken over all rows of the model.
+    void rowsShown();
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private slots:
+    void _showRowsSoon();
+
+private:
+    void _showRows();
+
+    QBasicTimer _pause;  // runs from a new row on, until a pause has brought none
+};

@@ -1,0 +1,193 @@
+#include "ui/capturetableview.h"
+
+#include "capture/capture.h"
+#include "ui/captureheaders.h"
+
+#include <QCheckBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QTableView>
+#include <QVBoxLayout>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int fontSize = 10;  // pixels
+constexpr int iconSize = 12;
+constexpr int rowMargin = 2;  // above and below
+constexpr int barStretch = 10;
+constexpr int measuredRows = 0;  // a width fits the rows in view, not all of the million there may be
+
+int rowHeight(const QWidget* table)
+{
+    return std::max(table->fontMetrics().height(), iconSize) + 2 * rowMargin;
+}
+
+/// What the counter will grow into, so that it does not push the window wider.
+int roomForCount(const QWidget* bar)
+{
+    return bar->fontMetrics().horizontalAdvance(QStringLiteral("0000000"));
+}
+
+/// A label of a fixed size does not lay out the whole window again with every text.
+void fitToText(QLabel* label)
+{
+    if (label->size() != label->sizeHint())
+        label->setFixedSize(label->sizeHint());
+}
+
+/// The text is true at once and is painted with the next update().
+void setTextUnpainted(QLabel* label, const QString& text)
+{
+    label->setAttribute(Qt::WA_UpdatesDisabled);
+    label->setText(text);
+    label->setAttribute(Qt::WA_UpdatesDisabled, false);
+}
+
+}  // namespace
+
+CaptureTableView::CaptureTableView(QWidget* parent)
+    : QWidget(parent)
+    , _captureTableView(new QTableView(this))
+    , _captureEnabled(new QCheckBox(this))
+    , _viewFollows(new QCheckBox(this))
+    , _hideAddr(new QCheckBox(this))
+    , _frameCountLabel(new QLabel(QStringLiteral("0"), this))
+{
+    _setUpTable();
+    _frameCountLabel->setTextFormat(Qt::PlainText);
+    fitToText(_frameCountLabel);
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(_captureTableView);
+    _addBar(layout);
+
+    connect(_captureEnabled, SIGNAL(stateChanged(int)), this, SLOT(enabledChanged(int)));
+    connect(_viewFollows, SIGNAL(stateChanged(int)), this, SLOT(viewFollowsChanged(int)));
+    connect(_hideAddr, SIGNAL(stateChanged(int)), this, SLOT(hideAddrChanged(int)));
+}
+
+void CaptureTableView::_setUpTable()
+{
+    QFont smallFont = font();
+    smallFont.setPixelSize(fontSize);
+    _captureTableView->setFont(smallFont);
+    _captureTableView->setShowGrid(false);
+    _captureTableView->setAlternatingRowColors(true);
+    _captureTableView->setSelectionBehavior(QAbstractItemView::SelectRows);
+    _captureTableView->setSelectionMode(QAbstractItemView::SingleSelection);
+    _captureTableView->setTabKeyNavigation(true);
+    _captureTableView->setIconSize(QSize(iconSize, iconSize));
+    _captureTableView->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+
+    auto* columns = new CaptureColumnHeader(_captureTableView);
+    columns->setResizeContentsPrecision(measuredRows);
+    columns->setStretchLastSection(true);
+    _captureTableView->setHorizontalHeader(columns);
+
+    auto* rows = new CaptureRowHeader(rowHeight(_captureTableView), _captureTableView);
+    _captureTableView->setVerticalHeader(rows);
+    connect(rows, SIGNAL(rowsShown()), this, SLOT(_rowsShown()));
+}
+
+void CaptureTableView::_addBar(QBoxLayout* layout)
+{
+    auto* clear = new QPushButton(tr("Clear"), this);
+    connect(clear, SIGNAL(clicked()), this, SLOT(clearCapture()));
+
+    auto* bar = new QHBoxLayout;
+    bar->addWidget(_frameCountLabel);
+    bar->addWidget(new QLabel(tr("Frames captured."), this));
+    bar->addItem(new QSpacerItem(roomForCount(this), 0, QSizePolicy::Expanding));
+    bar->setStretch(bar->count() - 1, barStretch);
+    bar->addWidget(new QLabel(tr("Cature enabled:"), this));  // spelt so on purpose
+    bar->addWidget(_captureEnabled);
+    bar->addWidget(new QLabel(tr("View follows frames:"), this));
+    bar->addWidget(_viewFollows);
+    bar->addWidget(new QLabel(tr("Hide addresses:"), this));
+    bar->addWidget(_hideAddr);
+    bar->addWidget(clear);
+    layout->addLayout(bar);
+}
+
+void CaptureTableView::setCaptureModel(Capture* model)
+{
+    if (Capture* previous = _model())
+        disconnect(previous, nullptr, this, nullptr);
+    _captureTableView->setModel(model);
+    _captureTableView->resizeColumnsToContents();
+    if (!model)
+        return;
+
+    connect(model, SIGNAL(rowsInserted(QModelIndex, int, int)), this,
+            SLOT(rowsInsertedHandler(QModelIndex, int, int)));
+    _captureEnabled->setChecked(model->isEnabled());
+    hideAddrChanged(_hideAddr->checkState());  // a new model comes with all columns shown
+    _fillWithLastColumn();
+    _viewFollows->setChecked(model->doesViewFollows());
+    _showCount(model->rowCount());
+}
+
+void CaptureTableView::enabledChanged(int state)
+{
+    if (Capture* model = _model())
+        model->setEnabled(state == Qt::Checked);
+}
+
+void CaptureTableView::viewFollowsChanged(int state)
+{
+    if (Capture* model = _model())
+        model->setViewFollows(state == Qt::Checked);
+}
+
+void CaptureTableView::hideAddrChanged(int state)
+{
+    _captureTableView->setColumnHidden(Capture::DestinationColumn, state == Qt::Checked);
+    _captureTableView->setColumnHidden(Capture::SourceColumn, state == Qt::Checked);
+}
+
+void CaptureTableView::clearCapture()
+{
+    Capture* model = _model();
+    if (!model)
+        return;
+    model->clear();
+    _fillWithLastColumn();
+    _showCount(0);
+}
+
+void CaptureTableView::rowsInsertedHandler(const QModelIndex& /*parent*/, int /*first*/, int /*last*/)
+{
+    if (!_viewFollows->isChecked())
+        return;  // the counter stays behind, on purpose
+    setTextUnpainted(_frameCountLabel, QString::number(_model()->rowCount()));
+    _captureTableView->scrollToBottom();
+}
+
+/// The table knows of the new rows only now, so that it is painted seldom; the counter is painted with it.
+void CaptureTableView::_rowsShown()
+{
+    fitToText(_frameCountLabel);
+    _frameCountLabel->update();
+    if (_viewFollows->isChecked())
+        _captureTableView->scrollToBottom();
+}
+
+Capture* CaptureTableView::_model() const
+{
+    return qobject_cast<Capture*>(_captureTableView->model());
+}
+
+/// Switching the stretching on where it is on already would do nothing.
+void CaptureTableView::_fillWithLastColumn()
+{
+    _captureTableView->horizontalHeader()->setStretchLastSection(false);
+    _captureTableView->horizontalHeader()->setStretchLastSection(true);
+}
+
+void CaptureTableView::_showCount(int frames)
+{
+    _frameCountLabel->setText(QString::number(frames));
+    fitToText(_frameCountLabel);
+}

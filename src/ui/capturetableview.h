@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QWidget>
+
+QT_BEGIN_NAMESPACE
+class QBoxLayout;
+class QCheckBox;
+class QLabel;
+class QModelIndex;
+class QTableView;
+QT_END_NAMESPACE
+
+class Capture;
+
+/// The table of captured frames with the switches of the capture beneath it. The model is the table's; no
+/// pointer to it is kept here.
+class CaptureTableView : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit CaptureTableView(QWidget* parent);
+
+    /// Null detaches the present capture, which is never owned.
+    void setCaptureModel(Capture* model);
+
+private slots:
+    void enabledChanged(int state);
+    void viewFollowsChanged(int state);
+    void hideAddrChanged(int state);
+    void clearCapture();
+    void rowsInsertedHandler(const QModelIndex& parent, int first, int last);
+    void _rowsShown();
+
+private:
+    Capture* _model() const;
+    void _setUpTable();
+    void _addBar(QBoxLayout* layout);
+    void _fillWithLastColumn();
+    void _showCount(int frames);
+
+    QTableView* _captureTableView;
+    QCheckBox* _captureEnabled;
+    QCheckBox* _viewFollows;
+    QCheckBox* _hideAddr;
+    QLabel* _frameCountLabel;
+};

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QBasicTimer>
+#include <QObject>
+
+QT_BEGIN_NAMESPACE
+class QLineEdit;
+QT_END_NAMESPACE
+
+/// Two read-only fields that count traffic. Numbers are written at once after a quiet time, then some 60
+/// times a second at most, so that painting the fields does not hold the traffic up; those written last are
+/// true.
+class TrafficFields : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// The fields are not owned and live as long as \a parent.
+    TrafficFields(QLineEdit* frames, QLineEdit* bytes, QObject* parent);
+
+    void show(int frames, int bytes);
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private:
+    void _write();
+
+    QLineEdit* _framesField;
+    QLineEdit* _bytesField;
+    int _frames = 0;
+    int _bytes = 0;
+    bool _isWaiting = false;  // the numbers are newer than the fields
+    QBasicTimer _pause;       // runs after each writing
+};
