@@ -12,5 +12,5 @@ struct RunFacts {
     QString endedBy;             // "duration", "frames", "signal", "missing nodes"
 };
 
-/// Nodes in the order they were made, and the captured frames by outcome.
+/// Nodes in stacking order, the lowest first, and the captured frames by outcome.
 QJsonObject makeReport(NetworkSimulation& simulation, const RunFacts& facts);

@@ -210,8 +210,9 @@ public:
     quint16 port()
     {
         const QRegularExpression ready("^listening on port (\\d+)\n");
-        QTest::qWaitFor([&] { return output().contains('\n') || hasEnded(); }, processPatience);
-        return ready.match(QString::fromUtf8(output())).captured(1).toUShort();
+        const bool hasAnswered
+            = QTest::qWaitFor([this] { return output().contains('\n') || hasEnded(); }, processPatience);
+        return hasAnswered ? ready.match(QString::fromUtf8(output())).captured(1).toUShort() : 0;
     }
 
     /// Waits for its end.

@@ -105,9 +105,13 @@ public:
         rlimit low = _before;
         low.rlim_cur = static_cast<rlim_t>(lowest) + spare;
         setrlimit(RLIMIT_NOFILE, &low);
-        for (int descriptor = dup(STDERR_FILENO); descriptor >= 0; descriptor = dup(STDERR_FILENO))
-            _taken.push_back(descriptor);
-        _isComplete = errno == EMFILE;
+        int descriptor = 0;
+        while (descriptor >= 0 && _taken.size() <= low.rlim_cur) {
+            descriptor = dup(STDERR_FILENO);
+            if (descriptor >= 0)
+                _taken.push_back(descriptor);
+        }
+        _isComplete = descriptor < 0 && errno == EMFILE;
     }
 
     ~FileDescriptorShortage()
@@ -503,6 +507,9 @@ void TestTcpServer::destroyingTheNetworkForgetsRefusedPrograms()
 
 void TestTcpServer::acceptingGoesOnAfterAShortageOfFileDescriptors()
 {
+    if (qgetenv("LD_PRELOAD").contains("vgpreload"))
+        QSKIP("valgrind takes a connection that it has no file descriptor for, and closes it");
+
     QSignalSpy failures(&TestAccess::server(*network()).server,
                         SIGNAL(acceptError(QAbstractSocket::SocketError)));
     const Program waiting(network()->listeningPort());

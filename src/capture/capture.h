@@ -50,7 +50,6 @@ public:
 
 private:
     friend struct TestAccess;
-    friend class CaptureDumpStream;
     friend QDataStream& operator>>(QDataStream& stream, Capture& capture);
 
     QVariant _text(const Frame& frame, int row, int column) const;

@@ -162,8 +162,8 @@ void TcpNode::_adoptSocket(QTcpSocket* socket)
 {
     _socket = socket;
     _socket->setParent(this);
-    _socket->setSocketOption(QAbstractSocket::LowDelayOption,
-                             1);  // frames would arrive 40 ms late, in bursts
+    // Without it frames arrive 40 ms late, in bursts.
+    _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(_socket, SIGNAL(stateChanged(QAbstractSocket::SocketState)), this,
             SLOT(_socketStateChanged(QAbstractSocket::SocketState)));
     connect(_socket, SIGNAL(readyRead()), this, SLOT(_socketDataIndication()));
