@@ -4,7 +4,6 @@
 
 #include <QGraphicsItem>
 
-#include <algorithm>
 #include <vector>
 
 namespace {
@@ -42,24 +41,24 @@ void ThrottledUpdateQueue::append(ThrottledUpdate* update)
         update->_item->update();
         return;
     }
-    update->_isPending = true;
+    update->_index = static_cast<int>(_pending.size());
     _pending.push_back(update);
 }
 
 void ThrottledUpdateQueue::remove(ThrottledUpdate* update)
 {
-    const auto place = std::find(_pending.begin(), _pending.end(), update);
-    if (place == _pending.end())
-        return;
-    *place = _pending.back();
+    ThrottledUpdate* last = _pending.back();
+    last->_index = update->_index;
+    _pending[static_cast<size_t>(update->_index)] = last;
     _pending.pop_back();
+    update->_index = -1;
 }
 
 void ThrottledUpdateQueue::_repaintPending()
 {
     _isPeriodRunning = !_pending.empty();
     for (ThrottledUpdate* update : _pending) {
-        update->_isPending = false;
+        update->_index = -1;
         update->_item->update();
     }
     _pending.clear();
@@ -74,7 +73,7 @@ ThrottledUpdate::ThrottledUpdate(QGraphicsItem* item)
 
 ThrottledUpdate::~ThrottledUpdate()
 {
-    if (_isPending)
+    if (_index >= 0)
         ThrottledUpdateQueue::instance().remove(this);
 }
 

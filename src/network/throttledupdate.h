@@ -22,7 +22,7 @@ public:
     /// Repaints the whole item, now or soon.
     void request()
     {
-        if (!_isPending)
+        if (_index < 0)
             _enqueue();
     }
 
@@ -32,5 +32,5 @@ private:
     void _enqueue();
 
     QGraphicsItem* _item;
-    bool _isPending = false;
+    int _index = -1;  // place among those that wait; -1: does not wait
 };

@@ -142,19 +142,20 @@ void TimeoutScheduler::_runDueHandlers()
     _passTime = -1;
 }
 
+/// Leaves the later timer alone when it fires within a millisecond of the due time anyway.
 void TimeoutScheduler::_arm()
 {
     if (_heap.empty() || _nextPass.isActive())
         return;
     const qint64 dueTime = _dueTime(_heap.front());
-    if (dueTime >= _laterFireTime)
-        return;
-
     const qint64 now = monotonicNanoseconds();
     if (dueTime <= now) {
         _nextPass.start(0, Qt::PreciseTimer, this);
         return;
     }
+    if (_laterFireTime < dueTime + nanosecondsPerMillisecond)
+        return;
+
     const qint64 wait = std::min(roundedUpToMilliseconds(dueTime - now), longestWait);
     _laterFireTime = now + wait * nanosecondsPerMillisecond;
     _later.start(static_cast<int>(wait), Qt::PreciseTimer, this);

@@ -28,8 +28,8 @@ public:
     /// pending.
     void startOncePerMillisecond(int delay);
 
-    /// Due at the end of the pass that is running handlers right now.
-    /// Returns false, and starts nothing, when no pass is running.
+    /// Due at the end of the pass that is running handlers right now; not for a handler to start itself
+    /// again. Returns false, and starts nothing, when no pass is running.
     bool startAtEndOfPass();
 
 private:
