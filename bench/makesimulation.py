@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Writes the simulation file of a benchmark: pairs of linked nodes, or a star around node 0.
+"""Writes the simulation file of a benchmark: pairs of linked nodes, a ring of them, or a star around node 0.
 
 Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last two bytes), as wire.h has it too.
 """
 
 import argparse
 import struct
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 VERSIONED_MAGIC = 0xC191277D
 FILE_VERSION = 1
@@ -23,9 +23,6 @@ SOURCE_OFFSET = 6
 BROADCAST_ADDRESS = b"\xff" * ADDRESS_LENGTH
 DEFAULT_PORT = 8844
 
-NODES_PER_ROW = 32
-NODE_DISTANCE = 200.0  # scene units
-
 DARK_BLUE = (0, 0, 128)
 LIGHT_GRAY = (192, 192, 192)
 ACTIVE_BLUE = (155, 155, 255)
@@ -34,14 +31,28 @@ RX_YELLOW = (255, 255, 155)
 
 
 @dataclass
+class Layout:
+    nodes_per_row: int = 32
+    distance: float = 200.0  # scene units
+    left: float = 0.0
+    top: float = 0.0
+
+    def position(self, index):
+        row, column = divmod(index, self.nodes_per_row)
+        return (self.left + column * self.distance, self.top + row * self.distance)
+
+
+@dataclass
 class Simulation:
     pairs: int = 1
+    ring_steps: tuple = ()  # each node of the pairs is linked with those so many places further on instead
     star_links: int = 0  # 0: pairs
     confirms: bool = False
     confirmation_timeout: int = 1000  # ms
     delay: int = 0  # ms
     delay_deviation: int = 0  # ms
     reliability: float = 1.0  # per bit
+    layout: Layout = field(default_factory=Layout)
 
     def node_count(self):
         return 1 + self.star_links if self.star_links else 2 * self.pairs
@@ -49,6 +60,9 @@ class Simulation:
     def links(self):
         if self.star_links:
             return [(0, leaf) for leaf in range(1, 1 + self.star_links)]
+        if self.ring_steps:
+            count = self.node_count()
+            return [(node, (node + step) % count) for step in self.ring_steps for node in range(count)]
         return [(2 * pair, 2 * pair + 1) for pair in range(self.pairs)]
 
 
@@ -113,9 +127,7 @@ def default_node(simulation):
     return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
 
 
-def node(index):
-    row, column = divmod(index, NODES_PER_ROW)
-    position = (column * NODE_DISTANCE, row * NODE_DISTANCE)
+def node(index, position):
     inherited = node_settings(PARTIALLY_CHECKED, -1, (None,) * 4, -1.0, PARTIALLY_CHECKED)
     return node_record(
         TCP_NODE, node_id(index), position, node_address(index), inherited, node_name(index), PARTIALLY_CHECKED
@@ -151,7 +163,7 @@ def connection(ends):
 def network_record(simulation):
     server_on = plug_and_play = name_based = False  # the runner's options decide
     parameters = (MAXIMAL_TRANSFER_UNIT, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
-    nodes = [node(index) for index in range(simulation.node_count())]
+    nodes = [node(index, simulation.layout.position(index)) for index in range(simulation.node_count())]
     connections = [connection(ends) for ends in simulation.links()]
     return (
         struct.pack(">iiii", *parameters)

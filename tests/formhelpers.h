@@ -15,16 +15,26 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 
 /// Property forms as a user meets them: fields are found by the label above them, and worked by mouse and
 /// keys.
 namespace FormHelpers {
 
-inline bool show(QWidget* form)
+using Form = std::unique_ptr<QWidget>;
+
+inline bool show(QWidget* window)
 {
-    form->show();
-    form->activateWindow();
-    return QTest::qWaitForWindowActive(form);
+    window->show();
+    window->activateWindow();
+    return QTest::qWaitForWindowActive(window);
+}
+
+inline Form open(QWidget* form)
+{
+    if (!show(form))
+        qFatal("the form does not get the keyboard");
+    return Form(form);
 }
 
 /// The visible field below that label; null when there is none, or one of another kind.
@@ -38,25 +48,26 @@ template <typename Field> Field* field(const QWidget* form, const QString& label
     return nullptr;
 }
 
-/// The visible button of that text; null when there is none.
-inline QPushButton* button(const QWidget* form, const QString& text)
+/// The visible widget of that kind and text; null when there is none.
+template <typename Widget>
+Widget* withText(const QWidget* form, QString (Widget::*textOf)() const, const QString& text)
 {
-    const QList<QPushButton*> buttons = form->findChildren<QPushButton*>();
-    for (QPushButton* candidate : buttons) {
-        if (candidate->text() == text && candidate->isVisible())
+    const QList<Widget*> candidates = form->findChildren<Widget*>();
+    for (Widget* candidate : candidates) {
+        if ((candidate->*textOf)() == text && candidate->isVisible())
             return candidate;
     }
     return nullptr;
 }
 
+inline QPushButton* button(const QWidget* form, const QString& text)
+{
+    return withText<QPushButton>(form, &QPushButton::text, text);
+}
+
 inline QGroupBox* group(const QWidget* form, const QString& title)
 {
-    const QList<QGroupBox*> groups = form->findChildren<QGroupBox*>();
-    for (QGroupBox* candidate : groups) {
-        if (candidate->title() == title && candidate->isVisible())
-            return candidate;
-    }
-    return nullptr;
+    return withText<QGroupBox>(form, &QGroupBox::title, title);
 }
 
 inline QString textOf(const QWidget* widget)
@@ -134,6 +145,22 @@ inline void choose(QtColorPicker* picker, const QList<Qt::Key>& keys)
             return;
         QTest::keyClick(popup->focusWidget() ? popup->focusWidget() : popup, key);
     }
+}
+
+/// Whether the Tab key leads through the form from top to bottom.
+inline bool isTabOrderFromTopToBottom(QWidget* form)
+{
+    int lastY = -1;
+    for (QWidget* next = form->nextInFocusChain(); next != form; next = next->nextInFocusChain()) {
+        const bool isStop = next->isEnabled() && next->isVisible() && next->focusPolicy() & Qt::TabFocus;
+        if (!isStop || !form->isAncestorOf(next))
+            continue;
+        const int y = next->mapTo(form, QPoint(0, 0)).y();
+        if (y < lastY)
+            return false;
+        lastY = y;
+    }
+    return lastY >= 0;
 }
 
 /// Puts the keyboard into every field that takes it, one after the other.

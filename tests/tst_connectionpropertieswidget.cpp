@@ -10,14 +10,10 @@
 #include <QSignalSpy>
 #include <QVBoxLayout>
 
-#include <memory>
-
 using namespace FormHelpers;
 using namespace TestHelpers;
 
 namespace {
-
-using Form = std::unique_ptr<QWidget>;
 
 Connection& defaults()
 {
@@ -26,10 +22,7 @@ Connection& defaults()
 
 Form openForm(Connection* connection)
 {
-    Form form(connection->propertiesWidget());
-    if (!show(form.get()))
-        qFatal("the form does not get the keyboard");
-    return form;
+    return open(connection->propertiesWidget());
 }
 
 QDoubleSpinBox* percentBox(const Form& form, const char* label)
@@ -88,6 +81,7 @@ private slots:
     void theRowsOfTheDefaultsStandInOrder();
     void numbersHaveTheirLimits_data();
     void numbersHaveTheirLimits();
+    void theTabKeyLeadsFromTopToBottom();
     void labelsStandAboveTheirFields();
     void groupsHaveTheirStretch();
     void aFreshConnectionShowsTheDefaultsAndNoDefaultButtons();
@@ -193,6 +187,13 @@ void TestConnectionPropertiesWidget::numbersHaveTheirLimits()
         QCOMPARE(box->sizePolicy().horizontalPolicy(), QSizePolicy::MinimumExpanding);
         QCOMPARE(box->sizePolicy().verticalPolicy(), QSizePolicy::Preferred);
     }
+}
+
+void TestConnectionPropertiesWidget::theTabKeyLeadsFromTopToBottom()
+{
+    const LinkedPair pair;
+    TestAccess::delay(*pair.link) = 1;
+    QVERIFY(isTabOrderFromTopToBottom(openForm(pair.link).get()));
 }
 
 void TestConnectionPropertiesWidget::labelsStandAboveTheirFields()

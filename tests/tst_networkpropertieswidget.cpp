@@ -19,21 +19,14 @@
 #include <QTcpServer>
 #include <QVBoxLayout>
 
-#include <memory>
-
 using namespace FormHelpers;
 using namespace TestHelpers;
 
 namespace {
 
-using Form = std::unique_ptr<QWidget>;
-
 Form openForm()
 {
-    Form form(network()->propertiesWidget());
-    if (!show(form.get()))
-        qFatal("the form does not get the keyboard");
-    return form;
+    return open(network()->propertiesWidget());
 }
 
 QSpinBox* number(const Form& form, const char* label)
@@ -106,6 +99,7 @@ private slots:
 
     // What it shows
     void theRowsStandInOrder();
+    void theTabKeyLeadsFromTopToBottom();
     void theLayoutHasItsMarginsAndStretches();
     void theParametersOfTheNetworkAreShown();
     void fieldsFillTheWidth();
@@ -174,6 +168,11 @@ void TestNetworkPropertiesWidget::theRowsStandInOrder()
     const int nodes = texts.indexOf(QStringLiteral("<b>Node defaults</b>"));
     QVERIFY(nodes > texts.indexOf(QStringLiteral("Connection Stroke")));
     QCOMPARE(texts.last(), QStringLiteral("Show Connection Count"));
+}
+
+void TestNetworkPropertiesWidget::theTabKeyLeadsFromTopToBottom()
+{
+    QVERIFY(isTabOrderFromTopToBottom(openForm().get()));
 }
 
 void TestNetworkPropertiesWidget::theLayoutHasItsMarginsAndStretches()

@@ -12,14 +12,10 @@
 #include <QSignalSpy>
 #include <QVBoxLayout>
 
-#include <memory>
-
 using namespace FormHelpers;
 using namespace TestHelpers;
 
 namespace {
-
-using Form = std::unique_ptr<QWidget>;
 
 constexpr int disabledBit = 2;
 
@@ -30,10 +26,7 @@ Node& defaults()
 
 Form openForm(Node* node)
 {
-    Form form(node->propertiesWidget());
-    if (!show(form.get()))
-        qFatal("the form does not get the keyboard");
-    return form;
+    return open(node->propertiesWidget());
 }
 
 QCheckBox* checkBox(const Form& form, const char* label)
@@ -138,6 +131,7 @@ private slots:
     void theRowsOfATcpNodeStandInOrder();
     void theRowsOfTheDefaultsStandInOrder();
     void aPlainNodeHasTheFormOfANodeOnly();
+    void theTabKeyLeadsFromTopToBottom();
     void groupsAreLaidOutInTheOrderOfTheForm();
     void aFreshNodeShowsTheDefaultsAndNoDefaultButton();
     void switchesHaveAThirdStateButForTheDefaults();
@@ -247,6 +241,12 @@ void TestNodePropertiesWidget::aPlainNodeHasTheFormOfANodeOnly()
     const Form form = openForm(&plain);
     QVERIFY(qobject_cast<NodePropertiesWidget*>(form.get()));
     QCOMPARE(visibleTexts(form.get()).first(), QStringLiteral("<b>Node</b>"));
+}
+
+void TestNodePropertiesWidget::theTabKeyLeadsFromTopToBottom()
+{
+    const OneNode one{QByteArray()};
+    QVERIFY(isTabOrderFromTopToBottom(openForm(one.node).get()));
 }
 
 void TestNodePropertiesWidget::groupsAreLaidOutInTheOrderOfTheForm()

@@ -77,11 +77,8 @@ private:
 QRectF Connection::PaintedArea::boundingRectFor(const QRectF& bounds) const
 {
     const QRectF inScene = _link->boundingRect();
-    if (inScene.isNull())
-        return bounds;
-
-    const double pixelsPerUnit
-        = std::hypot(bounds.width(), bounds.height()) / std::hypot(inScene.width(), inScene.height());
+    const double units = std::hypot(inScene.width(), inScene.height());
+    const double pixelsPerUnit = units > 0 ? std::hypot(bounds.width(), bounds.height()) / units : 1.0;
     const double growth = pixelsPerUnit * (_link->_reachBeyondLine() - _link->_connectionStrokeWidth);
     const QRectF area = bounds.adjusted(-growth, -growth, growth, growth);
     return {QPointF(std::floor(area.left()), std::floor(area.top())),
@@ -296,8 +293,8 @@ double Connection::_effectiveReliability() const
     return _reliability >= 0 ? _reliability : defaultConnection()->_reliability;
 }
 
-/// How far the picture goes beyond the line between the nodes, at most, on every side: by the caps of the line
-/// or by the capsule.
+/// How far the picture goes beyond the line between the nodes, at most, on every side: by the caps of the
+/// line or by the capsule.
 double Connection::_reachBeyondLine() const
 {
     return std::max(_effectiveStrokeWidth(), capsuleHeight / 2 + capsuleStrokeWidth);

@@ -84,6 +84,7 @@ protected:
     void mouseReleaseEvent(QGraphicsSceneMouseEvent* event) override;
     void mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
+    void helpEvent(QGraphicsSceneHelpEvent* event) override;
 
 private slots:
     void _tcpPnpNewNode();
@@ -100,6 +101,9 @@ private:
 
     void _setDefaults();
     Node* _nodeAt(const QPointF& position) const;
+    Connection* _linkBesideBounds(const QPointF& position) const;
+    void _pressInSelection(QGraphicsSceneMouseEvent* event);
+    void _endMouseGrab(const QGraphicsSceneMouseEvent* release);
     void _placeNode(const QPointF& position);
     void _remeasureConnectionsOfSelection();
     void _startDrawing(const QPointF& position);

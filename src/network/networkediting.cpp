@@ -6,10 +6,12 @@
 #include <QGraphicsSceneMouseEvent>
 #include <QKeyEvent>
 #include <QPen>
+#include <QToolTip>
 
 namespace {
 
 constexpr qreal previewOpacity = 0.5;
+constexpr qreal reachOfLinks = 12.0;   // their bands reach 10 units, their bounds may lack one on each side
 constexpr qreal previewZValue = -1.0;  // under the nodes, so that it never hides the one under the cursor
 
 }  // namespace
@@ -25,7 +27,7 @@ void Network::mousePressEvent(QGraphicsSceneMouseEvent* event)
 {
     switch (_editor.mode) {
     case Selection:
-        QGraphicsScene::mousePressEvent(event);
+        _pressInSelection(event);
         return;
     case NodePlacement:  // any button, also on top of another node: the mode does nothing but place nodes
         _placeNode(event->scenePos());
@@ -60,6 +62,7 @@ void Network::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
     switch (_editor.mode) {
     case Selection:
         QGraphicsScene::mouseReleaseEvent(event);
+        _endMouseGrab(event);
         _endDrawing();
         update();
         return;
@@ -69,6 +72,7 @@ void Network::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
         _connectTo(_nodeAt(event->scenePos()));
         break;
     }
+    _endMouseGrab(event);
     _endDrawing();
     event->accept();
 }
@@ -84,6 +88,57 @@ void Network::keyPressEvent(QKeyEvent* event)
 {
     if (event->key() == Qt::Key_Delete)
         deleteSelectedNetworkItem();
+}
+
+/// The tool tip, the user's comment, of a link beside its bounds too.
+void Network::helpEvent(QGraphicsSceneHelpEvent* event)
+{
+    const Connection* link = _linkBesideBounds(event->scenePos());
+    if (!link || link->toolTip().isEmpty()) {
+        QGraphicsScene::helpEvent(event);
+        return;
+    }
+    QToolTip::showText(event->screenPos(), link->toolTip(), event->widget());
+    event->accept();
+}
+
+/// A link that the toolkit does not find takes the press all the same and handles it as any item would.
+void Network::_pressInSelection(QGraphicsSceneMouseEvent* event)
+{
+    Connection* link = nullptr;
+    if (event->button() == Qt::LeftButton && !mouseGrabberItem())
+        link = _linkBesideBounds(event->scenePos());
+    if (link)
+        link->grabMouse();
+    QGraphicsScene::mousePressEvent(event);
+    if (link)
+        event->accept();
+}
+
+/// Nor does an item that was pressed keep the mouse when the mode has changed before the release.
+void Network::_endMouseGrab(const QGraphicsSceneMouseEvent* release)
+{
+    QGraphicsItem* item = mouseGrabberItem();
+    if (item && !release->buttons())
+        item->ungrabMouse();
+}
+
+/// The toolkit looks for items within their bounds, and of a level or an upright link these are next to
+/// nothing: the link whose band lies at \a position where there is nothing else.
+Connection* Network::_linkBesideBounds(const QPointF& position) const
+{
+    if (itemAt(position, QTransform()))
+        return nullptr;
+
+    const QRectF vicinity(position - QPointF(reachOfLinks, reachOfLinks),
+                          QSizeF(2 * reachOfLinks, 2 * reachOfLinks));
+    const QList<QGraphicsItem*> nearby = items(vicinity, Qt::IntersectsItemBoundingRect);
+    for (QGraphicsItem* item : nearby) {
+        auto* link = dynamic_cast<Connection*>(item);
+        if (link && link->contains(position))
+            return link;
+    }
+    return nullptr;
 }
 
 void Network::_remeasureConnectionsOfSelection()

@@ -3,16 +3,29 @@
 #include "network/networksimulation.h"
 
 #include <QLineEdit>
-#include <QRegularExpressionValidator>
+#include <QValidator>
 
 namespace {
 
+constexpr int charactersOfPair = 3;  // with the separator behind it
+
 /// Refuses separators in the place of digits, where the mask allows any character: it has written the
 /// separator already when the user types it.
-QValidator* newSeparatorValidator(QObject* parent)
+class SeparatorValidator : public QValidator
 {
-    return new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[^:]{2}(:[^:]{2})*")), parent);
-}
+public:
+    using QValidator::QValidator;
+
+    State validate(QString& text, int& /*cursor*/) const override
+    {
+        for (int i = 0; i < text.size(); ++i) {
+            const bool isSeparatorDue = i % charactersOfPair == charactersOfPair - 1;
+            if ((text.at(i) == QLatin1Char(':')) != isSeparatorDue)
+                return Invalid;
+        }
+        return text.contains(QLatin1Char(' ')) ? Intermediate : Acceptable;  // the mask's blanks are spaces
+    }
+};
 
 }  // namespace
 
@@ -21,7 +34,7 @@ void AddressField::setLength(QLineEdit* field, int length)
     field->setInputMask(NetworkSimulation::instance()->network()->addressInputMask(length));
     field->setAlignment(Qt::AlignCenter);
     if (!field->validator())
-        field->setValidator(newSeparatorValidator(field));
+        field->setValidator(new SeparatorValidator(field));
 }
 
 void AddressField::setAddress(QLineEdit* field, const QByteArray& address)

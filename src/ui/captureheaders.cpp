@@ -12,7 +12,15 @@
 namespace {
 
 constexpr int shortestPause = 16;  // ms, some 60 pictures a second
-constexpr int pauseFactor = 20;    // new rows take one part in so many of the time at most
+constexpr int pauseFactor = 20;    // placing new rows takes one part in so many of the time at most
+constexpr qint64 nanosecondsPerMillisecond = 1000000;
+
+/// In ms.
+int pauseAfter(qint64 placingTime)
+{
+    return static_cast<int>(
+        std::max<qint64>(shortestPause, pauseFactor * placingTime / nanosecondsPerMillisecond));
+}
 
 }  // namespace
 
@@ -84,7 +92,7 @@ void CaptureRowHeader::_showRows()
     QElapsedTimer timer;
     timer.start();
     sectionsInserted(QModelIndex(), shownRows, rows - 1);
-    sectionPosition(rows - 1);  // places all rows, which takes the longer the more there are
+    sectionPosition(rows - 1);  // places every row anew, which takes the longer the more there are
+    _pause.start(pauseAfter(timer.nsecsElapsed()), this);
     emit rowsShown();
-    _pause.start(std::max(shortestPause, pauseFactor * static_cast<int>(timer.elapsed())), this);
 }

@@ -19,7 +19,7 @@ protected:
 
 /// The rows of the capture table, hidden and of one height. It tells the table of new rows some 60 times a
 /// second at most, so that drawing does not hold up the frames, and less often when the rows are so many that
-/// making room for them takes long.
+/// placing them takes long.
 class CaptureRowHeader : public QHeaderView
 {
     Q_OBJECT

@@ -7,6 +7,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QStyledItemDelegate>
 #include <QTableView>
 #include <QVBoxLayout>
 
@@ -24,6 +25,21 @@ int rowHeight(const QWidget* table)
 {
     return std::max(table->fontMetrics().height(), iconSize) + 2 * rowMargin;
 }
+
+/// Lays out no more of a frame's data than fits into its cell: a frame may have millions of bytes.
+class FrameDataDelegate : public QStyledItemDelegate
+{
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+protected:
+    void initStyleOption(QStyleOptionViewItem* option, const QModelIndex& index) const override
+    {
+        QStyledItemDelegate::initStyleOption(option, index);
+        const int narrowestDigit = std::max(1, option->fontMetrics.horizontalAdvance(QLatin1Char('1')));
+        option->text.truncate(option->rect.width() / narrowestDigit + 1);
+    }
+};
 
 /// What the counter will grow into, so that it does not push the window wider.
 int roomForCount(const QWidget* bar)
@@ -80,6 +96,9 @@ void CaptureTableView::_setUpTable()
     _captureTableView->setTabKeyNavigation(true);
     _captureTableView->setIconSize(QSize(iconSize, iconSize));
     _captureTableView->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+
+    _captureTableView->setItemDelegateForColumn(Capture::DataColumn,
+                                                new FrameDataDelegate(_captureTableView));
 
     auto* columns = new CaptureColumnHeader(_captureTableView);
     columns->setResizeContentsPrecision(measuredRows);

@@ -1,0 +1,265 @@
+#include "windowmeasurements.h"
+
+#include "network/networksimulation.h"
+#include "nodes/node.h"
+#include "ui/mainwindow.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileDialog>
+#include <QGraphicsView>
+#include <QJsonArray>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QScrollBar>
+#include <QTableView>
+#include <QTimer>
+
+#include <unistd.h>
+
+#include <ctime>
+#include <thread>
+
+namespace {
+
+constexpr int frameBytes = 64;
+constexpr int fewRows = 1000;
+constexpr int measuredFrames = 20000;
+constexpr int framesPerMillisecond = 10;
+constexpr int fillingStep = 100;  // frames between two passes of the event loop
+constexpr int measuredPages = 100;
+constexpr int deletedNodes = 20;
+constexpr int dialogLookInterval = 20;  // ms
+constexpr std::chrono::milliseconds pace{1};
+
+Capture& theCapture()
+{
+    return *NetworkSimulation::instance()->capture();
+}
+
+void addFrame(int number)
+{
+    QByteArray payload(frameBytes, '\0');
+    payload.replace(0, static_cast<int>(sizeof number), reinterpret_cast<const char*>(&number),
+                    static_cast<int>(sizeof number));
+    const auto time = static_cast<quint64>(number);
+    const auto flags = static_cast<Frame::FrameFlags>(Frame::DeliveredInTime | Frame::ForceCapture);
+    Frame frame(payload, time, time, flags);
+    theCapture().addFrame(frame);
+}
+
+void fillUpTo(int rows)
+{
+    while (theCapture().rowCount() < rows) {
+        for (int i = 0; i < fillingStep && theCapture().rowCount() < rows; ++i)
+            addFrame(theCapture().rowCount());
+        QCoreApplication::processEvents();
+    }
+}
+
+/// The processor time that a frame costs, in µs, when they come at an even speed.
+double costOfFrame()
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const std::clock_t before = std::clock();
+    for (int added = 0; added < measuredFrames;) {
+        for (; added < std::min<qint64>(measuredFrames, elapsed.elapsed() * framesPerMillisecond); ++added)
+            addFrame(added);
+        QCoreApplication::processEvents();
+        std::this_thread::sleep_for(pace);
+    }
+    const auto processorTime = static_cast<double>(std::clock() - before);
+    return processorTime / CLOCKS_PER_SEC / measuredFrames * 1e6;
+}
+
+qint64 residentBytes()
+{
+    QFile file(QStringLiteral("/proc/self/statm"));
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    return file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
+}
+
+/// Time that goes by, less what this process has to wait while other programs have its processor core.
+class Stopwatch
+{
+public:
+    void start()
+    {
+        _waitedBefore = _waited();
+        _timer.start();
+    }
+
+    double milliseconds() const
+    {
+        const qint64 elapsed = _timer.nsecsElapsed();
+        return static_cast<double>(elapsed - (_waited() - _waitedBefore)) / 1e6;
+    }
+
+private:
+    /// In ns, of the main thread.
+    static qint64 _waited()
+    {
+        QFile file(QStringLiteral("/proc/self/schedstat"));
+        if (!file.open(QIODevice::ReadOnly))
+            return 0;
+        return file.readAll().split(' ').value(1).toLongLong();
+    }
+
+    QElapsedTimer _timer;
+    qint64 _waitedBefore = 0;
+};
+
+Stopwatch startedStopwatch()
+{
+    Stopwatch stopwatch;
+    stopwatch.start();
+    return stopwatch;
+}
+
+/// In ms each, until the page is seen.
+QJsonArray pageTimes(QTableView* table)
+{
+    QJsonArray times;
+    QScrollBar* bar = table->verticalScrollBar();
+    for (int page = 0; page < measuredPages; ++page) {
+        bar->setValue(static_cast<int>(static_cast<qint64>(bar->maximum()) * page / measuredPages));
+        QCoreApplication::processEvents();
+        const Stopwatch stopwatch = startedStopwatch();
+        bar->triggerAction(QAbstractSlider::SliderPageStepAdd);
+        table->viewport()->repaint();
+        times.append(stopwatch.milliseconds());
+    }
+    return times;
+}
+
+QAction* action(const MainWindow& window, const QString& text)
+{
+    const QList<QAction*> actions = window.findChildren<QAction*>();
+    for (QAction* candidate : actions) {
+        if (candidate->text() == text)
+            return candidate;
+    }
+    qFatal("the window has no action \"%s\"", qPrintable(text));
+    return nullptr;
+}
+
+/// Answers the file dialog of an action as soon as it is there; the stopwatch starts with the answer.
+class FileDialogAnswer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit FileDialogAnswer(const QString& fileName)
+        : _fileName(fileName)
+    {
+        connect(&_look, SIGNAL(timeout()), this, SLOT(_answer()));
+        _look.start(dialogLookInterval);
+    }
+
+    double sinceAnswer() const { return _stopwatch.milliseconds(); }
+
+private slots:
+    void _answer()
+    {
+        auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+        if (!dialog)
+            return;
+        _look.stop();
+        dialog->findChild<QLineEdit*>()->setText(_fileName);
+        _stopwatch.start();
+        QMetaObject::invokeMethod(dialog, "accept");
+    }
+
+private:
+    QString _fileName;
+    QTimer _look;
+    Stopwatch _stopwatch;
+};
+
+/// In ms from the answer on.
+double timeOfFileAction(const MainWindow& window, const QString& text, const QString& fileName)
+{
+    const FileDialogAnswer answer(fileName);
+    action(window, text)->trigger();
+    return answer.sinceAnswer();
+}
+
+double timeUntilSeen(QWidget* widget)
+{
+    const Stopwatch stopwatch = startedStopwatch();
+    QCoreApplication::processEvents();
+    widget->repaint();
+    return stopwatch.milliseconds();
+}
+
+Node* anyNode(const Network& network, int number)
+{
+    const QList<QGraphicsItem*> items = network.items();
+    for (int i = number * items.size() / deletedNodes; i < items.size(); ++i) {
+        if (auto* node = dynamic_cast<Node*>(items.at(i)))
+            return node;
+    }
+    return nullptr;
+}
+
+/// In ms each, until the picture without the node is seen.
+QJsonArray deletionTimes(QWidget* view)
+{
+    QJsonArray times;
+    for (int i = 0; i < deletedNodes; ++i) {
+        Network* network = NetworkSimulation::instance()->network();
+        Node* node = anyNode(*network, i);
+        if (!node)
+            qFatal("no node is left to delete");
+        node->setSelected(true);
+        timeUntilSeen(view);
+
+        QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
+        const Stopwatch stopwatch = startedStopwatch();
+        QCoreApplication::sendEvent(view, &press);
+        timeUntilSeen(view);
+        times.append(stopwatch.milliseconds());
+    }
+    return times;
+}
+
+}  // namespace
+
+QJsonObject WindowMeasurements::capture(const MainWindow& window, int frames)
+{
+    theCapture().clear();
+    fillUpTo(fewRows);
+    const qint64 bytesBefore = residentBytes();
+    const double costWithFew = costOfFrame();
+    const int rowsBefore = fewRows;
+    fillUpTo(frames);
+    const double costWithMany = costOfFrame();
+    const auto bytes = static_cast<double>(residentBytes() - bytesBefore);
+    return {
+        {"few_rows_us", costWithFew},
+        {"many_rows_us", costWithMany},
+        {"bytes_per_frame", bytes / (theCapture().rowCount() - rowsBefore)},
+        {"page_ms", pageTimes(window.findChild<QTableView*>())},
+    };
+}
+
+QJsonObject WindowMeasurements::files(MainWindow& window, const QString& fileName)
+{
+    auto* view = static_cast<QGraphicsView*>(window.centralWidget());
+    const double loadTime = timeOfFileAction(window, MainWindow::tr("&Open Simulation..."), fileName);
+    const double firstPicture = timeUntilSeen(view->viewport());
+    const double saveTime
+        = timeOfFileAction(window, MainWindow::tr("&Save Simulation as..."), fileName + ".saved.ltvo");
+    return {
+        {"load_ms", loadTime},
+        {"first_picture_ms", firstPicture},
+        {"save_ms", saveTime},
+        {"delete_ms", deletionTimes(view)},
+    };
+}
+
+#include "windowmeasurements.moc"

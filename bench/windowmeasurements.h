@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QJsonObject>
+
+QT_BEGIN_NAMESPACE
+class QString;
+QT_END_NAMESPACE
+
+class MainWindow;
+
+/// Figures that no program at the other end of a socket can take, each with the window shown and by the means
+/// that a user has.
+namespace WindowMeasurements {
+
+/// Fills the capture with \a frames of 64 bytes, the view following: cost of a frame with few and with that
+/// many rows, memory a frame, time of a page.
+QJsonObject capture(const MainWindow& window, int frames);
+
+/// Opens the simulation file, saves it to another place and deletes some nodes with the Delete key.
+QJsonObject files(MainWindow& window, const QString& fileName);
+
+}  // namespace WindowMeasurements
