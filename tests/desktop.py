@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import mmap
 import os
+import re
 import shutil
 import struct
 import subprocess
@@ -16,6 +17,7 @@ from typing import Callable, Mapping, TypeVar
 PROGRAMS = ("Xvfb", "openbox", "xdotool")
 PATIENCE = 30.0  # seconds; only a failure waits that long
 POLL_PAUSE = 0.03  # seconds between two looks
+STILL_TIME = 0.1  # seconds without a change; half a blink of a text cursor takes 0.5
 WHITE = (255, 255, 255)
 
 _XWD_HEADER = struct.Struct(">25I")
@@ -24,6 +26,7 @@ _XWD_LEAST_SIGNIFICANT_FIRST = 0
 
 Color = tuple[int, int, int]
 Point = tuple[int, int]
+Area = tuple[int, int, int, int]  # left, top, width, height
 Value = TypeVar("Value")
 
 
@@ -67,6 +70,10 @@ class Picture:
     def color(self, x: int, y: int) -> Color:
         blue, green, red = self._rows[y][4 * x : 4 * x + 3]
         return red, green, blue
+
+    def area(self, left: int, top: int, width: int, height: int) -> bytes:
+        """Return the pixels of an area, to be compared."""
+        return b"".join(row[4 * left : 4 * (left + width)] for row in self._rows[top : top + height])
 
     def runs(self, start: Point, step: Point, steps: int, color: Color = WHITE) -> list[tuple[int, int]]:
         """Return first and last step of every run of the colour on the way."""
@@ -141,27 +148,24 @@ class Desktop:
 
     # Windows
 
-    def windows(self, title: str) -> list[str]:
-        """Return the visible windows whose title matches the regular expression."""
-        return self._answer("search", "--onlyvisible", "--name", title).split()
-
     def wait_for_window(self, title: str, *others: str) -> str:
-        """Return the window of that title, not one of the others, when it takes the keyboard's input."""
+        """Return the window of that title, not one of the others, when it takes the keyboard's input.
+
+        The title may be a regular expression.
+        """
 
         def look() -> str:
-            active = self._answer("getwindowfocus").strip()
-            return active if active in self.windows(title) and active not in others else ""
+            window = self._answer("getwindowfocus").strip()
+            shown_title = self._answer("getwindowname", window).strip() if window else ""
+            return window if window not in others and re.fullmatch(title, shown_title) else ""
 
         return wait_for(f"the window {title!r}", look)
 
-    def wait_for_end_of(self, window: str, next_window: str) -> None:
-        """Return when the window is gone and the next one takes the keyboard's input."""
-        wait_for(
-            "the end of a window",
-            lambda: window not in self.windows("") and self._answer("getwindowfocus").strip() == next_window,
-        )
+    def wait_for_focus(self, window: str) -> None:
+        """Return when the window takes the keyboard's input (again): its dialogs are closed then."""
+        wait_for("the end of a dialog", lambda: self._answer("getwindowfocus").strip() == window)
 
-    def geometry(self, window: str) -> tuple[int, int, int, int]:
+    def geometry(self, window: str) -> Area:
         """Return left, top, width and height of a window without its frame."""
         lines = self._xdotool("getwindowgeometry", "--shell", window).stdout.split()
         values = dict(line.split("=") for line in lines)
@@ -194,6 +198,23 @@ class Desktop:
         self._xdotool(*commands, "mouseup", "1")
 
     # Screen
+
+    def change(self, area: Area, action: Callable[[], object]) -> None:
+        """Do something that changes what an area of the screen shows, and return when it has."""
+        before = self.picture().area(*area)
+        action()
+        wait_for("a change on the screen", lambda: self.picture().area(*area) != before)
+        self.wait_until_still(area)
+
+    def wait_until_still(self, area: Area) -> None:
+        """Return when an area of the screen has not changed between two looks."""
+
+        def look() -> bool:
+            before = self.picture().area(*area)
+            time.sleep(STILL_TIME)
+            return before == self.picture().area(*area)
+
+        wait_for("the screen to be still", look)
 
     def picture(self) -> Picture:
         """Look at the screen."""

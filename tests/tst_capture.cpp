@@ -187,7 +187,7 @@ void TestCapture::aNewCaptureIsOffAndEmpty()
 void TestCapture::theSwitchesAreStoredWithoutSignals()
 {
     add(frame(payload, 1, 2));
-    QSignalSpy changed(_capture.get(), SIGNAL(dataChanged(QModelIndex, QModelIndex, QVector<int>)));
+    QSignalSpy changed(_capture.get(), SIGNAL(dataChanged(QModelIndex,QModelIndex,QVector<int>)));
     QSignalSpy reset(_capture.get(), SIGNAL(modelReset()));
     _capture->setEnabled(false);
     _capture->setViewFollows(true);
@@ -204,8 +204,8 @@ void TestCapture::theSwitchesAreStoredWithoutSignals()
 void TestCapture::aDisabledCaptureDropsFramesSilently()
 {
     _capture->setEnabled(false);
-    QSignalSpy aboutToInsert(_capture.get(), SIGNAL(rowsAboutToBeInserted(QModelIndex, int, int)));
-    QSignalSpy inserted(_capture.get(), SIGNAL(rowsInserted(QModelIndex, int, int)));
+    QSignalSpy aboutToInsert(_capture.get(), SIGNAL(rowsAboutToBeInserted(QModelIndex,int,int)));
+    QSignalSpy inserted(_capture.get(), SIGNAL(rowsInserted(QModelIndex,int,int)));
     add(frame(payload, 1, 2));
     QCOMPARE(_capture->rowCount(), 0);
     QCOMPARE(aboutToInsert.size() + inserted.size(), 0);
@@ -213,8 +213,8 @@ void TestCapture::aDisabledCaptureDropsFramesSilently()
 
 void TestCapture::aFrameBecomesTheLastRow()
 {
-    QSignalSpy aboutToInsert(_capture.get(), SIGNAL(rowsAboutToBeInserted(QModelIndex, int, int)));
-    QSignalSpy inserted(_capture.get(), SIGNAL(rowsInserted(QModelIndex, int, int)));
+    QSignalSpy aboutToInsert(_capture.get(), SIGNAL(rowsAboutToBeInserted(QModelIndex,int,int)));
+    QSignalSpy inserted(_capture.get(), SIGNAL(rowsInserted(QModelIndex,int,int)));
     for (int row = 0; row < 3; ++row) {
         add(frame(QByteArray(1, static_cast<char>(row)), 1, 2));
         QCOMPARE(_capture->rowCount(), row + 1);

@@ -400,7 +400,7 @@ void TestNode::anInactiveNodeFlashesButSendsNothing()
     QFETCH(int, flags);
     requestConfirmations(_pair->sender, 1);
     TestAccess::flags(*_pair->sender) = flags;
-    QSignalSpy statistics(_pair->sender, SIGNAL(sendStatisticsChanged(int, int)));
+    QSignalSpy statistics(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
     _pair->sender->dataRequest(_pair->unicast());
     _pair->sender->dataRequest(_pair->broadcast());
     _pair->sender->dataRequest(_pair->toNobody());
@@ -416,7 +416,7 @@ void TestNode::anInactiveNodeFlashesButSendsNothing()
 
 void TestNode::sendingCountsAndAnnounces()
 {
-    QSignalSpy statistics(_pair->sender, SIGNAL(sendStatisticsChanged(int, int)));
+    QSignalSpy statistics(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
     _pair->sender->dataRequest(_pair->unicast());
     _pair->sender->dataRequest(QByteArray("short"));  // refused by the link, but sent
     QCOMPARE(emissions(statistics), (QList<QPair<int, int>>{{1, 12}, {2, 17}}));
@@ -428,7 +428,7 @@ void TestNode::sendingCountsAndAnnounces()
 void TestNode::receivingCountsAnnouncesAndPassesOn()
 {
     RecordingNode node(nodeAddress(3));  // asks nobody: neither active nor with that address
-    QSignalSpy statistics(&node, SIGNAL(receivedStatisticsChanged(int, int)));
+    QSignalSpy statistics(&node, SIGNAL(receivedStatisticsChanged(int,int)));
     int announcedBefore = 0;
     node.onIndication = [&] { announcedBefore = statistics.count(); };
     node._dataIndication("abc");
@@ -461,8 +461,8 @@ void TestNode::countersAreAnnouncedTruncated()
     TestAccess::sendBytes(*_pair->sender) = bytes;
     TestAccess::receivedFrames(*_pair->receiver) = frames;
     TestAccess::receivedBytes(*_pair->receiver) = bytes;
-    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int, int)));
-    QSignalSpy received(_pair->receiver, SIGNAL(receivedStatisticsChanged(int, int)));
+    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
+    QSignalSpy received(_pair->receiver, SIGNAL(receivedStatisticsChanged(int,int)));
     _pair->sender->dataRequest(_pair->unicast());
     QTRY_COMPARE(received.count(), 1);
     QCOMPARE(emissions(sent), expected);
@@ -479,8 +479,8 @@ void TestNode::resettingClearsAndAnnouncesAllCounters()
     TestAccess::sendBytes(*_pair->sender) = 2;
     TestAccess::receivedFrames(*_pair->sender) = 3;
     TestAccess::receivedBytes(*_pair->sender) = 4;
-    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int, int)));
-    QSignalSpy received(_pair->sender, SIGNAL(receivedStatisticsChanged(int, int)));
+    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
+    QSignalSpy received(_pair->sender, SIGNAL(receivedStatisticsChanged(int,int)));
     _pair->sender->resetStatistics();
     QCOMPARE(_pair->sender->sendFramesCount(), qint64{0});
     QCOMPARE(_pair->sender->sendBytesCount(), qint64{0});
@@ -492,8 +492,8 @@ void TestNode::resettingClearsAndAnnouncesAllCounters()
 
 void TestNode::resettingWithoutTrafficAnnouncesToo()
 {
-    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int, int)));
-    QSignalSpy received(_pair->sender, SIGNAL(receivedStatisticsChanged(int, int)));
+    QSignalSpy sent(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
+    QSignalSpy received(_pair->sender, SIGNAL(receivedStatisticsChanged(int,int)));
     _pair->sender->resetStatistics();
     QCOMPARE(sent.count(), 1);
     QCOMPARE(received.count(), 1);

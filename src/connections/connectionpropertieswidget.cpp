@@ -35,12 +35,18 @@ bool isOwn(const QColor& color)
     return color.isValid();
 }
 
+template <typename Value> Value shown(const Value& own, const Value& inherited)
+{
+    return ownOrDefault(isOwn(own), own, inherited);
+}
+
 }  // namespace
 
 ConnectionPropertiesWidget::ConnectionPropertiesWidget(Connection* connection, QWidget* parentProperties)
     : _connection(connection)
     , _default(connection == defaultConnection())
 {
+    Q_ASSERT(_connection);
     PropertyForm form(this, _default ? tr("Connection defaults") : tr("Connection"));
     _addBehavior(form);
     if (!_default) {
@@ -54,23 +60,24 @@ ConnectionPropertiesWidget::ConnectionPropertiesWidget(Connection* connection, Q
 
 void ConnectionPropertiesWidget::_addBehavior(PropertyForm& form)
 {
+    const Connection* defaults = defaultConnection();
     form.beginGroup(tr("Behavior"));
     if (!_default) {
         form.addCheckBox(tr("Temporary broken"), _connection->_broken ? Qt::Checked : Qt::Unchecked,
                          SLOT(brokenChanged(int)));
     }
     _reliability = form.addDoubleSpinBox(tr("Reliability [%]"), percentages,
-                                         percent * _shown(&Connection::_reliability),
+                                         percent * shown(_connection->_reliability, defaults->_reliability),
                                          SLOT(reliabilityChanged(double)));
-    _errorDetectionReliability
-        = form.addDoubleSpinBox(tr("Error Detection Reliability [%]"), percentages,
-                                percent * _shown(&Connection::_errorDetectionReliability),
-                                SLOT(errorDetectionReliabilityChanged(double)));
+    _errorDetectionReliability = form.addDoubleSpinBox(
+        tr("Error Detection Reliability [%]"), percentages,
+        percent * shown(_connection->_errorDetectionReliability, defaults->_errorDetectionReliability),
+        SLOT(errorDetectionReliabilityChanged(double)));
     _delay = form.addSpinBox(tr("Transmission Delay [ms]"), PropertyForm::milliseconds,
-                             _shown(&Connection::_delayMs), SLOT(delayChanged(int)));
-    _delayDeviation
-        = form.addSpinBox(tr("Tx Delay Deviation [ms]"), PropertyForm::milliseconds,
-                          _shown(&Connection::_delayDeviationMs), SLOT(delayDeviationChanged(int)));
+                             shown(_connection->_delayMs, defaults->_delayMs), SLOT(delayChanged(int)));
+    _delayDeviation = form.addSpinBox(tr("Tx Delay Deviation [ms]"), PropertyForm::milliseconds,
+                                      shown(_connection->_delayDeviationMs, defaults->_delayDeviationMs),
+                                      SLOT(delayDeviationChanged(int)));
     if (_default)
         return;
     _resetBehavior = form.addButton(tr("Default Behavior"), SLOT(resetBehavior()));
@@ -90,17 +97,19 @@ void ConnectionPropertiesWidget::_addStatistics(PropertyForm& form)
 
 void ConnectionPropertiesWidget::_addAppearance(PropertyForm& form)
 {
+    const Connection* defaults = defaultConnection();
     PropertyForm::Colors colors;
-    colors.shown = _shown(&Connection::_connectionColor);
-    colors.inherited = _default ? QColor() : defaultConnection()->_connectionColor;
+    colors.shown = shown(_connection->_connectionColor, defaults->_connectionColor);
+    colors.inherited = _default ? QColor() : defaults->_connectionColor;
     colors.hasStandardColors = _default;
 
     form.beginGroup(tr("Appearance"), 1);
     _connectionColor
         = form.addColorPicker(tr("Connection Color"), colors, SLOT(connectionColorChanged(QColor)));
-    _connectionStrokeWith = form.addDoubleSpinBox(tr("Connection Stroke"), PropertyForm::strokeWidths,
-                                                  _shown(&Connection::_connectionStrokeWidth),
-                                                  SLOT(connectionStrokeWidthChanged(double)));
+    _connectionStrokeWith
+        = form.addDoubleSpinBox(tr("Connection Stroke"), PropertyForm::strokeWidths,
+                                shown(_connection->_connectionStrokeWidth, defaults->_connectionStrokeWidth),
+                                SLOT(connectionStrokeWidthChanged(double)));
     if (_default)
         return;
     _resetAppearance = form.addButton(tr("Default Appearance"), SLOT(resetAppearance()));
@@ -182,7 +191,7 @@ void ConnectionPropertiesWidget::commentChanged()
         _connection->setToolTip(_comment->toPlainText());
 }
 
-void ConnectionPropertiesWidget::connectionColorChanged(QColor color)
+void ConnectionPropertiesWidget::connectionColorChanged(const QColor& color)
 {
     _store(&Connection::_connectionColor, color);
     _appearanceChanged();
@@ -232,12 +241,6 @@ void ConnectionPropertiesWidget::_updateConnection()
         NetworkSimulation::instance()->updateNetworkDisplay();
     else if (_connection)
         _connection->update();
-}
-
-template <typename Value> Value ConnectionPropertiesWidget::_shown(Value Connection::*setting) const
-{
-    const Value& own = _connection->*setting;
-    return ownOrDefault(isOwn(own), own, defaultConnection()->*setting);
 }
 
 template <typename Value>

@@ -34,7 +34,7 @@ public slots:
     void resetBehavior();
     void resetStatistics();
     void commentChanged();
-    void connectionColorChanged(QColor color);
+    void connectionColorChanged(const QColor& color);
     void connectionStrokeWidthChanged(double width);
     void resetAppearance();
 
@@ -48,7 +48,6 @@ private:
     void _appearanceChanged();
     void _setStrokeWidth(double width);
     void _updateConnection();
-    template <typename Value> Value _shown(Value Connection::*setting) const;
     template <typename Value> void _store(Value Connection::*setting, const Value& value);
 
     QPointer<Connection> _connection;  // not owned; may go before the form

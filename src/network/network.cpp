@@ -88,8 +88,8 @@ Network::Network(QWidget* parent)
     _acceptRetry.setInterval(acceptRetryInterval);
     _acceptRetry.setSingleShot(true);
     connect(&_acceptRetry, SIGNAL(timeout()), this, SLOT(_tcpResumeAccepting()));
-    connect(&_tcpServer.server, SIGNAL(acceptError(QAbstractSocket::SocketError)), &_acceptRetry,
-            SLOT(start()));
+    connect(&_tcpServer.server,
+            SIGNAL(acceptError(QAbstractSocket::SocketError)), &_acceptRetry, SLOT(start()));
     setTcpEnabled(false);
 }
 
@@ -143,8 +143,18 @@ void Network::deleteSelectedNetworkItem()
     clearSelection();
     removeItem(item);
     delete item;
-    if (items().isEmpty())
+    if (isEmpty())
         emit lastNodeDeleted();
+}
+
+/// One node that is known to be here spares the list of all items, which the toolkit sorts anew each time.
+bool Network::isEmpty() const
+{
+    if (_knownNode && _knownNode->scene() == this)
+        return false;
+    const QList<QGraphicsItem*> all = items();
+    _knownNode = all.isEmpty() ? nullptr : dynamic_cast<Node*>(all.first());
+    return all.isEmpty();
 }
 
 QWidget* Network::propertiesWidget()

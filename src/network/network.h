@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QGraphicsScene>
 #include <QList>
+#include <QPointer>
 #include <QTcpServer>
 #include <QTimer>
 
@@ -39,6 +40,7 @@ public:
     void setEditorMode(EditMode mode);   // any mode but Selection clears the selection
     NetworkItem* selectedNetworkItem();  // the first selected item; null for none or another kind of item
     void deleteSelectedNetworkItem();    // the first selected item only
+    bool isEmpty() const;                // no item of any kind is left
     QWidget* propertiesWidget();         // newly made, without a parent; the caller owns it
 
     // TCP server
@@ -145,7 +147,8 @@ private:
         QString error;               // of the last start that failed
     } _tcpServer;
 
-    QTimer _acceptRetry;  // runs while accepting has failed
+    QTimer _acceptRetry;                // runs while accepting has failed
+    mutable QPointer<Node> _knownNode;  // not owned; in the scene when last looked for, see isEmpty()
 };
 
 /// The network record of the simulation file.

@@ -61,7 +61,7 @@ void NetworkPropertiesWidget::_addFrameParameters(PropertyForm& form)
     _frameMtu = _addNumber(form, tr("Maximal Transfer Unit"), 0, largestNumber, mtu, SLOT(frameMtuChanged()));
     _frameAddressLength
         = _addNumber(form, tr("Address Length"), 0, highestLength, length, SLOT(frameAddressLengthChanged()));
-    _frameAddressLength->setEnabled(network()->items().isEmpty());
+    _frameAddressLength->setEnabled(network()->isEmpty());
     _frameDestinationAddressOffset = _addNumber(form, tr("Destination Address Offset"), 0, highestOffset,
                                                 destination, SLOT(frameDestinationAddressOffsetChanged()));
     _frameSourceAddressOffset = _addNumber(form, tr("Source Address Offset"), 0, highestOffset, source,

@@ -60,6 +60,7 @@ NodePropertiesWidget::NodePropertiesWidget(Node* node, QWidget* parentProperties
     : _node(node)
     , _default(node == defaultNode())
 {
+    Q_ASSERT(_node);
     PropertyForm form(this, _default ? tr("Node defaults") : tr("Node"));
     _addBehavior(form);
     if (!_default) {
@@ -116,24 +117,26 @@ void NodePropertiesWidget::_addStatistics(PropertyForm& form)
 
     _sent = new TrafficFields(_sendFrames, _sendBytes, this);
     _received = new TrafficFields(_receivedFrames, _receivedBytes, this);
-    connect(_node, SIGNAL(sendStatisticsChanged(int, int)), this, SLOT(sendStatisticsUpdate(int, int)));
-    connect(_node, SIGNAL(receivedStatisticsChanged(int, int)), this,
-            SLOT(receivedStatisticsUpdate(int, int)));
+    connect(_node, SIGNAL(sendStatisticsChanged(int,int)), this, SLOT(sendStatisticsUpdate(int,int)));
+    connect(_node, SIGNAL(receivedStatisticsChanged(int,int)), this, SLOT(receivedStatisticsUpdate(int,int)));
 }
 
 /// Whether to show the name has no row, on purpose.
 void NodePropertiesWidget::_addAppearance(PropertyForm& form)
 {
+    const Node* defaults = defaultNode();
     form.beginGroup(tr("Appearance"));
-    _inactiveNodeColor = _addColor(form, tr("Inactive Node Color"), &Node::_inactiveColor,
-                                   SLOT(inactiveColorChanged(QColor)));
-    _activeNodeColor
-        = _addColor(form, tr("Active Node Color"), &Node::_activeColor, SLOT(activeColorChanged(QColor)));
-    _txNodeColor = _addColor(form, tr("TX Node Color"), &Node::_txColor, SLOT(txColorChanged(QColor)));
-    _rxNodeColor = _addColor(form, tr("RX Node Color"), &Node::_rxColor, SLOT(rxColorChanged(QColor)));
+    _inactiveNodeColor = _addColor(form, tr("Inactive Node Color"), _node->_inactiveColor,
+                                   defaults->_inactiveColor, SLOT(inactiveColorChanged(QColor)));
+    _activeNodeColor = _addColor(form, tr("Active Node Color"), _node->_activeColor, defaults->_activeColor,
+                                 SLOT(activeColorChanged(QColor)));
+    _txNodeColor = _addColor(form, tr("TX Node Color"), _node->_txColor, defaults->_txColor,
+                             SLOT(txColorChanged(QColor)));
+    _rxNodeColor = _addColor(form, tr("RX Node Color"), _node->_rxColor, defaults->_rxColor,
+                             SLOT(rxColorChanged(QColor)));
     _strokeWith = form.addDoubleSpinBox(
         tr("Node Stroke With"), PropertyForm::strokeWidths,  // spelt so on purpose
-        ownOrDefault(_node->_strokeWidth > 0, _node->_strokeWidth, defaultNode()->_strokeWidth),
+        ownOrDefault(_node->_strokeWidth > 0, _node->_strokeWidth, defaults->_strokeWidth),
         SLOT(strokeWidthChanged(double)));
     _showNodeAddress
         = _addSwitch(form, tr("Show Node Address"), _node->_showAddress, SLOT(showNodeAddressChanged(int)));
@@ -147,16 +150,14 @@ void NodePropertiesWidget::_addAppearance(PropertyForm& form)
 
 /// A node can leave it to the default node (the third state), the default node cannot.
 QCheckBox* NodePropertiesWidget::_addSwitch(PropertyForm& form, const QString& label, Qt::CheckState state,
-                                            const char* changed)
+                                            const char* changed) const
 {
     return _default ? form.addCheckBox(label, state, changed) : form.addThreeStateBox(label, state, changed);
 }
 
-QtColorPicker* NodePropertiesWidget::_addColor(PropertyForm& form, const QString& label,
-                                               QColor Node::*setting, const char* changed)
+QtColorPicker* NodePropertiesWidget::_addColor(PropertyForm& form, const QString& label, const QColor& own,
+                                               const QColor& inherited, const char* changed) const
 {
-    const QColor own = _node->*setting;
-    const QColor inherited = defaultNode()->*setting;
     PropertyForm::Colors colors;
     colors.shown = ownOrDefault(own.isValid(), own, inherited);
     colors.inherited = _default ? QColor() : inherited;
@@ -179,7 +180,7 @@ int NodePropertiesWidget::_shownTimeout() const
     return ownOrDefault(isOwn, own, defaultNode()->_frameAcknowledgeTimeout);
 }
 
-void NodePropertiesWidget::nodeNameChanged(QString name)
+void NodePropertiesWidget::nodeNameChanged(const QString& name)
 {
     if (_node)
         _node->setName(name);
@@ -289,22 +290,22 @@ void NodePropertiesWidget::commentChanged()
         _node->setToolTip(_comment->toPlainText());
 }
 
-void NodePropertiesWidget::inactiveColorChanged(QColor color)
+void NodePropertiesWidget::inactiveColorChanged(const QColor& color)
 {
     _storeAppearance(&Node::_inactiveColor, color);
 }
 
-void NodePropertiesWidget::activeColorChanged(QColor color)
+void NodePropertiesWidget::activeColorChanged(const QColor& color)
 {
     _storeAppearance(&Node::_activeColor, color);
 }
 
-void NodePropertiesWidget::txColorChanged(QColor color)
+void NodePropertiesWidget::txColorChanged(const QColor& color)
 {
     _storeAppearance(&Node::_txColor, color);
 }
 
-void NodePropertiesWidget::rxColorChanged(QColor color)
+void NodePropertiesWidget::rxColorChanged(const QColor& color)
 {
     _storeAppearance(&Node::_rxColor, color);
 }

@@ -29,7 +29,7 @@ public:
     NodePropertiesWidget(Node* node, QWidget* parentProperties);
 
 public slots:
-    void nodeNameChanged(QString name);
+    void nodeNameChanged(const QString& name);
     void assignAddress();
     void promiscuousModeChanged(int state);
     void disableChanged(int state);
@@ -39,10 +39,10 @@ public slots:
     void receivedStatisticsUpdate(int frames, int bytes);
     void resetStatistics();
     void commentChanged();
-    void inactiveColorChanged(QColor color);
-    void activeColorChanged(QColor color);
-    void txColorChanged(QColor color);
-    void rxColorChanged(QColor color);
+    void inactiveColorChanged(const QColor& color);
+    void activeColorChanged(const QColor& color);
+    void txColorChanged(const QColor& color);
+    void rxColorChanged(const QColor& color);
     void strokeWidthChanged(double width);
     void showNodeAddressChanged(int state);
     void showConnectionCountChanged(int state);
@@ -54,9 +54,9 @@ private:
     void _addStatistics(PropertyForm& form);
     void _addAppearance(PropertyForm& form);
     QCheckBox* _addSwitch(PropertyForm& form, const QString& label, Qt::CheckState state,
-                          const char* changed);
-    QtColorPicker* _addColor(PropertyForm& form, const QString& label, QColor Node::*setting,
-                             const char* changed);
+                          const char* changed) const;
+    QtColorPicker* _addColor(PropertyForm& form, const QString& label, const QColor& own,
+                             const QColor& inherited, const char* changed) const;
     bool _hasOwnAppearance() const;
     int _shownTimeout() const;
     bool _askForAddress(QString* text);

@@ -164,8 +164,9 @@ void TcpNode::_adoptSocket(QTcpSocket* socket)
     _socket->setParent(this);
     // Without it frames arrive 40 ms late, in bursts.
     _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    connect(_socket, SIGNAL(stateChanged(QAbstractSocket::SocketState)), this,
-            SLOT(_socketStateChanged(QAbstractSocket::SocketState)));
+    connect(_socket,
+            SIGNAL(stateChanged(QAbstractSocket::SocketState)), this,
+                   SLOT(_socketStateChanged(QAbstractSocket::SocketState)));
     connect(_socket, SIGNAL(readyRead()), this, SLOT(_socketDataIndication()));
     if (_socket->bytesAvailable() > 0)  // what followed an identification by address
         QMetaObject::invokeMethod(this, "_socketDataIndication", Qt::QueuedConnection);

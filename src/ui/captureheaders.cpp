@@ -57,13 +57,13 @@ CaptureRowHeader::CaptureRowHeader(int rowHeight, QWidget* parent)
 /// The new rows come through here, and the toolkit's own handling runs later for all of them at once.
 void CaptureRowHeader::setModel(QAbstractItemModel* model)
 {
-    const char* inserted = SIGNAL(rowsInserted(QModelIndex, int, int));
+    const char* inserted = SIGNAL(rowsInserted(QModelIndex,int,int));
     if (this->model())
         disconnect(this->model(), inserted, this, SLOT(_showRowsSoon()));
     QHeaderView::setModel(model);
     if (!model)
         return;
-    disconnect(model, inserted, this, SLOT(sectionsInserted(QModelIndex, int, int)));
+    disconnect(model, inserted, this, SLOT(sectionsInserted(QModelIndex,int,int)));
     connect(model, inserted, this, SLOT(_showRowsSoon()));
 }
 

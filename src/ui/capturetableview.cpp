@@ -139,8 +139,8 @@ void CaptureTableView::setCaptureModel(Capture* model)
     if (!model)
         return;
 
-    connect(model, SIGNAL(rowsInserted(QModelIndex, int, int)), this,
-            SLOT(rowsInsertedHandler(QModelIndex, int, int)));
+    connect(model,
+            SIGNAL(rowsInserted(QModelIndex,int,int)), this, SLOT(rowsInsertedHandler(QModelIndex,int,int)));
     _captureEnabled->setChecked(model->isEnabled());
     hideAddrChanged(_hideAddr->checkState());  // a new model comes with all columns shown
     _fillWithLastColumn();

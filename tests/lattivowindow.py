@@ -1,0 +1,174 @@
+"""Works the window of the program as a user does, who sees where its parts are."""
+
+from __future__ import annotations
+
+import subprocess
+from pathlib import Path
+
+from desktop import Area, Color, Desktop, Picture, Point, wait_for
+
+SCENE_SIZE = (500, 400)  # scene units shown in the middle of the view, whose smallest size this is
+LIGHTEST_GROUND = 243  # of the window around the view is a little darker; the view is white to bluish white
+FRAME = (1, 20)  # pixels that the window manager draws on the left and above
+INSIDE_VIEW = (200, 150)  # pixels from the window's corner
+BESIDE_TEXT = 150  # pixels from the right edge: in the middle of the fields, where short texts do not reach
+FIELD_HEIGHTS = range(12, 41)  # pixels of white
+BOX_SIZES = range(8, 16)  # pixels of white in a check box
+CAPTURE_BOXES = 3
+FILE_MENU_EXPORT = 3  # places below the first
+DEBUG_MENU = 3  # places right of "File"
+
+
+class LattivoWindow:
+    """The program, started on a screen and made as large as it."""
+
+    def __init__(self, desktop: Desktop, program: str, errors: Path, size: tuple[int, int] = (1270, 980)) -> None:
+        self._desktop = desktop
+        with errors.open("wb") as file:
+            self.process: subprocess.Popen[bytes] = desktop.start([program], stdout=file, stderr=file)
+        self.window = desktop.wait_for_window("Lattivo")
+        desktop.point((0, 0))  # out of the way
+        desktop.resize(self.window, *FRAME, *size)
+        wait_for("the window's new size", lambda: desktop.geometry(self.window)[2:] == size)
+        desktop.wait_until_still(desktop.geometry(self.window))
+        self._left, self._top, self._width, self._height = desktop.geometry(self.window)
+        self._view = self._find_view()
+
+    # Files
+
+    def open(self, file: Path) -> None:
+        self._desktop.press_keys("ctrl+o")
+        self._answer_file_dialog("Load Network", file)
+
+    def save(self, file: Path) -> None:
+        self._desktop.press_keys("ctrl+s")
+        self._answer_file_dialog("Save Network", file)
+
+    def export(self, file: Path) -> None:
+        """Export the captured frames through the menu."""
+        self._desktop.press_keys("alt+f", *["Down"] * FILE_MENU_EXPORT, "Return")
+        self._answer_file_dialog("Export frame dump", file)
+
+    def quit(self) -> int:
+        """Leave the program and return its exit code."""
+        self._desktop.press_keys("ctrl+q")
+        wait_for("the end of the program", lambda: self.process.poll() is not None)
+        return self.process.returncode
+
+    # Canvas
+
+    def on_screen(self, x: float, y: float) -> Point:
+        """Return where a point of the scene is seen."""
+        left, top, width, height = self._view
+        return round(left + (width - SCENE_SIZE[0]) / 2 + x), round(top + (height - SCENE_SIZE[1]) / 2 + y)
+
+    def color_at(self, x: float, y: float) -> Color:
+        return self._desktop.picture().color(*self.on_screen(x, y))
+
+    def place_nodes(self, *positions: tuple[float, float]) -> None:
+        self.change_form(lambda: self._desktop.press_keys("ctrl+1"))
+        for position in positions:
+            self._desktop.change(self._view, lambda: self._desktop.click(self.on_screen(*position)))
+
+    def draw_links(self, *ends: tuple[tuple[float, float], tuple[float, float]]) -> None:
+        self._desktop.press_keys("ctrl+2")
+        for start, end in ends:
+            self._desktop.change(
+                self._view, lambda: self._desktop.drag(self.on_screen(*start), self.on_screen(*end))
+            )
+
+    def select_nothing(self) -> None:
+        """Leave the drawing; the form of the network comes back."""
+        self.change_form(lambda: self._desktop.press_keys("Escape"))
+
+    def select(self, x: float, y: float) -> None:
+        """Click an item, whose form then shows."""
+        self.change_form(lambda: self._desktop.click(self.on_screen(x, y)))
+
+    def move(self, start: tuple[float, float], end: tuple[float, float]) -> None:
+        """Drag an item, which also selects it."""
+        self.change_form(lambda: self._desktop.drag(self.on_screen(*start), self.on_screen(*end)))
+
+    def delete_selected(self) -> None:
+        """Press the Delete key; the form of the network comes back."""
+        self.change_form(lambda: self._desktop.press_keys("Delete"))
+
+    # Property editor
+
+    def change_form(self, action: object) -> None:
+        """Do something that brings up another form."""
+        self._desktop.change(self._form_area(), action)  # type: ignore[arg-type]
+
+    def fields(self) -> list[Point]:
+        """Return the fields of the form that a text or number can be typed into, from top to bottom."""
+        column = self._left + self._width - BESIDE_TEXT
+        runs = self._desktop.picture().runs((column, self._top), (0, 1), self._height)
+        return [
+            (column, self._top + (first + last) // 2) for first, last in runs if last + 1 - first in FIELD_HEIGHTS
+        ]
+
+    def fill_in(self, field: int, text: str) -> None:
+        """Replace the text of a field and leave it with the tab key."""
+        self._desktop.click(self.fields()[field])
+        self._desktop.press_keys("ctrl+a")
+        self._desktop.type(text)
+        self._desktop.press_keys("Tab")
+
+    def press(self, *keys: str) -> None:
+        self._desktop.press_keys(*keys)
+
+    def answer_dialog(self, text: str, title: str = "Lattivo") -> None:
+        """Type a text into the dialog that has come up, and accept it."""
+        self._desktop.wait_for_window(title, self.window)
+        self._desktop.type(text)
+        self._desktop.press_keys("Return")
+        self._desktop.wait_for_focus(self.window)
+
+    # Capture and debug commands
+
+    def tick_capture_boxes(self, *boxes: int) -> None:
+        """Tick 0 "Cature enabled:", 1 "View follows frames:", 2 "Hide addresses:"."""
+        positions = self._find_capture_boxes()
+        for box in boxes:
+            x, y = positions[box]
+            self._desktop.change((x - 6, y - 6, 12, 12), lambda: self._desktop.click((x, y)))
+
+    def quit_programs(self) -> None:
+        """Give the last of the debug commands through the menu."""
+        self._desktop.press_keys("alt+f", *["Right"] * DEBUG_MENU, "Up", "Return")
+
+    def _answer_file_dialog(self, caption: str, file: Path) -> None:
+        self.answer_dialog(str(file), f"{caption} . Lattivo")  # the toolkit puts a dash in between
+
+    def _form_area(self) -> Area:
+        right, bottom = self._left + self._width, self._top + self._height
+        left = self._view[0] + self._view[2] + 10  # beside the frame of the view
+        return left, self._top, right - left, bottom - self._top
+
+    def _find_view(self) -> Area:
+        """The scene is empty, so that the view ends where it is white no more."""
+        picture = self._desktop.picture()
+        inside = (self._left + INSIDE_VIEW[0], self._top + INSIDE_VIEW[1])
+
+        def edge(dx: int, dy: int) -> Point:
+            x, y = inside
+            while min(picture.color(x + dx, y + dy)) > LIGHTEST_GROUND:
+                x, y = x + dx, y + dy
+            return x, y
+
+        left, top, right, bottom = edge(-1, 0)[0], edge(0, -1)[1], edge(1, 0)[0], edge(0, 1)[1]
+        return left, top, right + 1 - left, bottom + 1 - top
+
+    def _find_capture_boxes(self) -> list[Point]:
+        """Below the table stand three small white squares in a row, left of the property editor."""
+        picture = self._desktop.picture()
+        for y in range(self._top + self._height - 1, self._top, -1):
+            boxes = self._white_squares(picture, y)
+            if len(boxes) == CAPTURE_BOXES:
+                return boxes
+        raise AssertionError("the check boxes of the capture are not seen")
+
+    def _white_squares(self, picture: Picture, y: int) -> list[Point]:
+        runs = picture.runs((self._left, y), (1, 0), self._form_area()[0] - self._left)
+        middles = (self._left + (first + last) // 2 for first, last in runs if last + 1 - first in BOX_SIZES)
+        return [(x, y - 4) for x in middles]  # found at their lower edge
