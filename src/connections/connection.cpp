@@ -297,7 +297,7 @@ double Connection::_effectiveReliability() const
 /// line or by the capsule.
 double Connection::_reachBeyondLine() const
 {
-    return std::max(_effectiveStrokeWidth(), capsuleHeight / 2 + capsuleStrokeWidth);
+    return std::max(_effectiveStrokeWidth(), capsuleHeight / 2.0 + capsuleStrokeWidth);
 }
 
 QDataStream& operator<<(QDataStream& stream, Connection* connection)
