@@ -1,5 +1,7 @@
 #include "paintwatch.h"
 
+#include "processorwait.h"
+
 #include <QGraphicsItem>
 #include <QGraphicsView>
 #include <QPaintEvent>
@@ -41,7 +43,7 @@ bool PaintWatch::notify(QObject* receiver, QEvent* event)
     const bool isHandled = QApplication::notify(receiver, event);
     --_depth;
     if (_depth == 0 && _painted) {
-        _pictures.push_back({monotonicNanoseconds(), *_painted});
+        _pictures.push_back({monotonicNanoseconds(), processorWait(), *_painted});
         _painted.reset();
     }
     return isHandled;

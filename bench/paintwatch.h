@@ -19,6 +19,7 @@ class PaintWatch : public QApplication
 public:
     struct Picture {
         qint64 time;   // ns of the monotonic clock, once the picture has been handed to the display
+        qint64 wait;   // ns, processorWait() up to then
         QPoint place;  // pixels of the screen, the item's origin
     };
 

@@ -119,7 +119,7 @@ class Bench:
         if figures["frames"] == 0:
             raise MeasurementFailed(f"no frame arrived (server: {server_command[0]})")
         self.lost_frames += figures["lost"]
-        self._note_disturbance(figures)
+        self.note_disturbance(figures)
         return figures
 
     def measure_simulator(self, workload, client_arguments):
@@ -127,7 +127,7 @@ class Bench:
         (self.disturbed_p99s if figures["disturbed"] else self.p99s).append(figures["latency_p99_us"])
         return figures
 
-    def _note_disturbance(self, figures):
+    def note_disturbance(self, figures):
         waited = max(figures["server_wait_seconds"], figures["client_wait_seconds"]) / figures["seconds"]
         figures["disturbed"] = waited > DISTURBED
         self.runs += 1
@@ -139,6 +139,7 @@ class Server:
 
     def __init__(self, bench, command):
         self.command = command
+        self.last_output = b""  # what it prints at its end
         self.errors = open(bench.folder / "server.log", "w+")
         self.process = subprocess.Popen(
             pinned(command, bench.server_core), stdout=subprocess.PIPE, stderr=self.errors, env=bench.environment
@@ -167,7 +168,7 @@ class Server:
     def _end(self):
         self.process.terminate()
         try:
-            self.process.communicate(timeout=END_PATIENCE)
+            self.last_output, _ = self.process.communicate(timeout=END_PATIENCE)
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.communicate()
@@ -353,9 +354,9 @@ def cells(result):
     return [result["workload"], result["quantity"]] + figures + [target, verdict]
 
 
-def print_table(titles, rows):
-    lines = [titles] + [cells(result) for result in rows]
-    widths = [max(len(line[column]) for line in lines) for column in range(len(titles))]
+def print_table(heads, rows):
+    lines = [heads] + [cells(result) for result in rows]
+    widths = [max(len(line[column]) for line in lines) for column in range(len(heads))]
     lines.insert(1, ["-" * width for width in widths])
     for line in lines:
         text_cells = [cell.ljust(width) for cell, width in zip(line[:2], widths)]
@@ -364,12 +365,19 @@ def print_table(titles, rows):
     print()
 
 
+def titles(table, ours, others):
+    return [table, "figure", ours, others, "ratio", "rounds", "target", "verdict"]
+
+
 def report(bench, rows, growth):
-    titles = ["workload", "figure", "ours", "limit", "ratio", "rounds", "target", "verdict"]
     if rows:
-        print_table(titles, rows)
+        print_table(titles("workload", "ours", "limit"), rows)
     if growth:
-        print_table(["growth", "figure", "much", "little", "ratio", "rounds", "target", "verdict"], growth)
+        print_table(titles("growth", "much", "little"), growth)
+    report_disturbance(bench)
+
+
+def report_disturbance(bench):
     if bench.lost_frames:
         print(f"{bench.lost_frames} frames were lost in {bench.runs} runs")
     if bench.disturbed_runs:

@@ -2,6 +2,7 @@
 
 #include "network/networksimulation.h"
 #include "nodes/node.h"
+#include "processorwait.h"
 #include "ui/mainwindow.h"
 
 #include <QAction>
@@ -89,28 +90,19 @@ class Stopwatch
 public:
     void start()
     {
-        _waitedBefore = _waited();
+        _waitBefore = processorWait();
         _timer.start();
     }
 
     double milliseconds() const
     {
         const qint64 elapsed = _timer.nsecsElapsed();
-        return static_cast<double>(elapsed - (_waited() - _waitedBefore)) / 1e6;
+        return static_cast<double>(elapsed - (processorWait() - _waitBefore)) / 1e6;
     }
 
 private:
-    /// In ns, of the main thread.
-    static qint64 _waited()
-    {
-        QFile file(QStringLiteral("/proc/self/schedstat"));
-        if (!file.open(QIODevice::ReadOnly))
-            return 0;
-        return file.readAll().split(' ').value(1).toLongLong();
-    }
-
     QElapsedTimer _timer;
-    qint64 _waitedBefore = 0;
+    qint64 _waitBefore = 0;
 };
 
 Stopwatch startedStopwatch()
@@ -188,11 +180,10 @@ double timeOfFileAction(const MainWindow& window, const QString& text, const QSt
     return answer.sinceAnswer();
 }
 
-double timeUntilSeen(QWidget* widget)
+double timeUntilSeen()
 {
     const Stopwatch stopwatch = startedStopwatch();
     QCoreApplication::processEvents();
-    widget->repaint();
     return stopwatch.milliseconds();
 }
 
@@ -220,7 +211,7 @@ QJsonArray deletionTimes(QWidget* view)
     const QList<Node*> nodes = nodesToDelete();
     for (Node* node : nodes) {
         node->setSelected(true);
-        timeUntilSeen(view);
+        timeUntilSeen();
 
         QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
         const Stopwatch stopwatch = startedStopwatch();
@@ -239,25 +230,24 @@ QJsonObject WindowMeasurements::capture(const MainWindow& window, int frames)
     fillUpTo(fewRows);
     const qint64 bytesBefore = residentBytes();
     const double costWithFew = costOfFrame();
-    const int rowsBefore = fewRows;
     fillUpTo(frames);
     const double costWithMany = costOfFrame();
     const auto bytes = static_cast<double>(residentBytes() - bytesBefore);
     return {
         {"few_rows_us", costWithFew},
         {"many_rows_us", costWithMany},
-        {"bytes_per_frame", bytes / (theCapture().rowCount() - rowsBefore)},
+        {"bytes_per_frame", bytes / (theCapture().rowCount() - fewRows)},
         {"page_ms", pageTimes(window.findChild<QTableView*>())},
     };
 }
 
-QJsonObject WindowMeasurements::files(MainWindow& window, const QString& fileName)
+QJsonObject WindowMeasurements::files(const MainWindow& window, const QString& fileName,
+                                      const QString& savedFileName)
 {
     auto* view = static_cast<QGraphicsView*>(window.centralWidget());
     const double loadTime = timeOfFileAction(window, MainWindow::tr("&Open Simulation..."), fileName);
-    const double firstPicture = timeUntilSeen(view->viewport());
-    const double saveTime
-        = timeOfFileAction(window, MainWindow::tr("&Save Simulation as..."), fileName + ".saved.ltvo");
+    const double firstPicture = timeUntilSeen();
+    const double saveTime = timeOfFileAction(window, MainWindow::tr("&Save Simulation as..."), savedFileName);
     return {
         {"load_ms", loadTime},
         {"first_picture_ms", firstPicture},

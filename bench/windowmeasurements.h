@@ -16,7 +16,7 @@ namespace WindowMeasurements {
 /// many rows, memory a frame, time of a page.
 QJsonObject capture(const MainWindow& window, int frames);
 
-/// Opens the simulation file, saves it to another place and deletes some nodes with the Delete key.
-QJsonObject files(MainWindow& window, const QString& fileName);
+/// Opens a simulation, saves it as a new file and deletes some nodes with the Delete key.
+QJsonObject files(const MainWindow& window, const QString& fileName, const QString& savedFileName);
 
 }  // namespace WindowMeasurements

@@ -30,7 +30,7 @@ struct Options {
     bool fillsScreen = false;
     QString watchedNode;  // empty: none
     int capturedFrames = 0;
-    bool measuresFiles = false;
+    QString savedFile;  // of the measurement of files; empty: none
 };
 
 Options readCommandLine()
@@ -42,7 +42,8 @@ Options readCommandLine()
     const QCommandLineOption watch(
         "watch", "prints where the node is, and at the end when it was painted where", "NAME");
     const QCommandLineOption measureCapture("measure-capture", "a capture of so many frames", "FRAMES", "0");
-    const QCommandLineOption measureFiles("measure-files", "opening, saving, deleting");
+    const QCommandLineOption measureFiles("measure-files", "opening, saving to another file, deleting",
+                                          "FILE");
     QCommandLineParser parser;
     parser.setApplicationDescription(description);
     parser.addHelpOption();
@@ -58,7 +59,7 @@ Options readCommandLine()
     options.fillsScreen = parser.isSet(fillScreen);
     options.watchedNode = parser.value(watch);
     options.capturedFrames = parser.value(measureCapture).toInt();
-    options.measuresFiles = parser.isSet(measureFiles);
+    options.savedFile = parser.value(measureFiles);
     return options;
 }
 
@@ -66,7 +67,7 @@ Options readCommandLine()
 bool prepareSimulation(const Options& options)
 {
     bool isLoaded = true;
-    if (options.measuresFiles || options.simulationFile.isEmpty())
+    if (!options.savedFile.isEmpty() || options.simulationFile.isEmpty())
         NetworkSimulation::newNetworkSimulation();
     else
         NetworkSimulation::loadNetworkSimulation(options.simulationFile, &isLoaded);
@@ -117,7 +118,8 @@ void printPictures(const PaintWatch& application)
 {
     QJsonArray pictures;
     for (const PaintWatch::Picture& picture : application.pictures()) {
-        const QJsonArray row = {static_cast<double>(picture.time), picture.place.x(), picture.place.y()};
+        const QJsonArray row
+            = {static_cast<double>(picture.time), static_cast<double>(picture.wait), picture.place.x()};
         pictures.append(row);
     }
     printJson({{"pictures", pictures}});
@@ -153,8 +155,8 @@ int run(PaintWatch& application, const Options& options)
     show(window, options.fillsScreen);
     if (options.capturedFrames > 0)
         printJson(WindowMeasurements::capture(window, options.capturedFrames));
-    else if (options.measuresFiles)
-        printJson(WindowMeasurements::files(window, options.simulationFile));
+    else if (!options.savedFile.isEmpty())
+        printJson(WindowMeasurements::files(window, options.simulationFile, options.savedFile));
     else
         return serve(application, window, options.watchedNode);
     return EXIT_SUCCESS;

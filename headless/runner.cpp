@@ -117,7 +117,7 @@ bool Runner::_loadSimulation()
     };
     const QFileInfo info(file);
     if (info.exists() && !info.isFile())  // opening a pipe could wait forever
-        return fail("not a file");
+        return fail("not a file but a directory, a pipe or a device");
     if (!file.open(QIODevice::ReadOnly))
         return fail(file.errorString());
     bool isLoaded = true;

@@ -1,8 +1,25 @@
 #!/bin/sh
-# Builds the release tree and compares the headless simulator with the limit server; options: bench.sh --help.
+# bench.sh [OPTION...]: compares the headless simulator with the limit server.
+# bench.sh --window [OPTION...]: compares the window, shown on a virtual display, with the headless simulator.
+# Both build the release tree first; --help lists the options.
 set -eu
 
 cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+comparison=bench/run.py
+packages="python3 util-linux"
+targets="lattivo-headless lattivo_loadclient lattivo_limitserver"
+if [ "${1:-}" = --window ]; then
+    shift
+    comparison=bench/window.py
+    packages="$packages fonts-dejavu-core xdotool xvfb"
+    targets="lattivo-headless lattivo_loadclient lattivo_windowserver"
+fi
+
+# shellcheck disable=SC2086  # one word a package or target
+install_packages $build_packages $packages >&2
 cmake --preset release >&2
-cmake --build --preset release --target lattivo-headless lattivo_loadclient lattivo_limitserver >&2
-exec python3 bench/run.py --build-dir build/release "$@"
+# shellcheck disable=SC2086
+cmake --build --preset release --target $targets >&2
+exec python3 -B "$comparison" --build-dir build/release "$@"

@@ -6,6 +6,7 @@ import mmap
 import os
 import re
 import shutil
+import socket
 import struct
 import subprocess
 import time
@@ -18,7 +19,16 @@ PROGRAMS = ("Xvfb", "openbox", "xdotool")
 PATIENCE = 30.0  # seconds; only a failure waits that long
 POLL_PAUSE = 0.03  # seconds between two looks
 STILL_TIME = 0.1  # seconds without a change; half a blink of a text cursor takes 0.5
+FRAME = (1, 20)  # pixels that the window manager draws on the left of a window and above
 WHITE = (255, 255, 255)
+
+TOOLKIT_SETTINGS = {
+    "QT_QPA_PLATFORM": "xcb",
+    "QT_QPA_PLATFORMTHEME": "",  # the toolkit's own dialogs
+    "QT_XCB_GL_INTEGRATION": "none",  # nothing is drawn with it, and its drivers leak memory
+    "QT_LOGGING_RULES": "qt.qpa.xcb.warning=false",  # it asks for a frame that the window manager just removed
+    "DBUS_SESSION_BUS_ADDRESS": "disabled:",  # a bus would be started otherwise
+}
 
 _XWD_HEADER = struct.Struct(">25I")
 _XWD_COLOR_SIZE = 12  # bytes of an entry in the colour table behind the header
@@ -51,12 +61,25 @@ def wait_for(what: str, look: Callable[[], Value]) -> Value:
         time.sleep(POLL_PAUSE)
 
 
+def free_port() -> int:
+    """Return a port on which nobody listens."""
+    with socket.socket(socket.AF_INET6) as probe:
+        probe.bind(("::", 0))
+        return probe.getsockname()[1]
+
+
+def accepts(port: int) -> bool:
+    """Tell whether a server listens on the port."""
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
 def environment(folder: Path, **more: str) -> dict[str, str]:
     """Return an environment without the settings of the user's desktop; the home is the given folder."""
     kept = ("PATH", "LD_LIBRARY_PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "FONTCONFIG_FILE")
     own = {name: os.environ[name] for name in kept if name in os.environ}
     places = {"HOME": str(folder), "XDG_RUNTIME_DIR": str(folder), "XDG_CONFIG_HOME": str(folder)}
-    return {**own, **places, "LC_ALL": "C.UTF-8", "QT_QPA_PLATFORM": "xcb", "QT_QPA_PLATFORMTHEME": "", **more}
+    return {**own, **places, **TOOLKIT_SETTINGS, "LC_ALL": "C.UTF-8", **more}
 
 
 class Picture:
@@ -165,11 +188,12 @@ class Desktop:
         """Return when the window takes the keyboard's input (again): its dialogs are closed then."""
         wait_for("the end of a dialog", lambda: self._answer("getwindowfocus").strip() == window)
 
-    def geometry(self, window: str) -> Area:
-        """Return left, top, width and height of a window without its frame."""
+    def possible_geometries(self, window: str) -> list[Area]:
+        """Return where a window without its frame may be: some versions of xdotool count the frame twice."""
         lines = self._xdotool("getwindowgeometry", "--shell", window).stdout.split()
-        values = dict(line.split("=") for line in lines)
-        return int(values["X"]), int(values["Y"]), int(values["WIDTH"]), int(values["HEIGHT"])
+        values = {key: int(value) for key, value in (line.split("=") for line in lines)}
+        left, top, size = values["X"], values["Y"], (values["WIDTH"], values["HEIGHT"])
+        return [(left, top, *size), (left - FRAME[0], top - FRAME[1], *size)]
 
     def resize(self, window: str, left: int, top: int, width: int, height: int) -> None:
         """Move a window and give it a size, both without its frame."""

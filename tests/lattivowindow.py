@@ -4,12 +4,12 @@ from __future__ import annotations
 
 import subprocess
 from pathlib import Path
+from typing import Callable
 
-from desktop import Area, Color, Desktop, Picture, Point, wait_for
+from desktop import FRAME, Area, Color, Desktop, Picture, Point, accepts, wait_for
 
 SCENE_SIZE = (500, 400)  # scene units shown in the middle of the view, whose smallest size this is
 LIGHTEST_GROUND = 243  # of the window around the view is a little darker; the view is white to bluish white
-FRAME = (1, 20)  # pixels that the window manager draws on the left and above
 INSIDE_VIEW = (200, 150)  # pixels from the window's corner
 BESIDE_TEXT = 150  # pixels from the right edge: in the middle of the fields, where short texts do not reach
 FIELD_HEIGHTS = range(12, 41)  # pixels of white
@@ -17,6 +17,14 @@ BOX_SIZES = range(8, 16)  # pixels of white in a check box
 CAPTURE_BOXES = 3
 FILE_MENU_EXPORT = 3  # places below the first
 DEBUG_MENU = 3  # places right of "File"
+
+# Fields of the forms that text can be typed into, from the top
+SERVER_PORT = 3  # in the form of a network with nodes
+SERVER_PORT_WITHOUT_NODES = 4  # the length of addresses can be changed as well
+NODE_NAME = 0
+CONNECTION_RELIABILITY = 0
+
+CAPTURE_ENABLED, VIEW_FOLLOWS, HIDE_ADDRESSES = range(3)  # the check boxes below the table
 
 
 class LattivoWindow:
@@ -28,11 +36,15 @@ class LattivoWindow:
             self.process: subprocess.Popen[bytes] = desktop.start([program], stdout=file, stderr=file)
         self.window = desktop.wait_for_window("Lattivo")
         desktop.point((0, 0))  # out of the way
-        desktop.resize(self.window, *FRAME, *size)
-        wait_for("the window's new size", lambda: desktop.geometry(self.window)[2:] == size)
-        desktop.wait_until_still(desktop.geometry(self.window))
-        self._left, self._top, self._width, self._height = desktop.geometry(self.window)
+        self._left, self._top = FRAME
+        self._width, self._height = size
+        desktop.resize(self.window, *self._area())
+        wait_for("the window's new place", lambda: self._area() in desktop.possible_geometries(self.window))
+        self.wait_until_still()
         self._view = self._find_view()
+
+    def wait_until_still(self) -> None:
+        self._desktop.wait_until_still(self._area())
 
     # Files
 
@@ -82,12 +94,12 @@ class LattivoWindow:
         self.change_form(lambda: self._desktop.press_keys("Escape"))
 
     def select(self, x: float, y: float) -> None:
-        """Click an item, whose form then shows."""
-        self.change_form(lambda: self._desktop.click(self.on_screen(x, y)))
+        """Click an item, whose form then shows; it may look like the form before."""
+        self._change_selection(lambda: self._desktop.click(self.on_screen(x, y)))
 
     def move(self, start: tuple[float, float], end: tuple[float, float]) -> None:
         """Drag an item, which also selects it."""
-        self.change_form(lambda: self._desktop.drag(self.on_screen(*start), self.on_screen(*end)))
+        self._change_selection(lambda: self._desktop.drag(self.on_screen(*start), self.on_screen(*end)))
 
     def delete_selected(self) -> None:
         """Press the Delete key; the form of the network comes back."""
@@ -95,9 +107,9 @@ class LattivoWindow:
 
     # Property editor
 
-    def change_form(self, action: object) -> None:
+    def change_form(self, action: Callable[[], object]) -> None:
         """Do something that brings up another form."""
-        self._desktop.change(self._form_area(), action)  # type: ignore[arg-type]
+        self._desktop.change(self._form_area(), action)
 
     def fields(self) -> list[Point]:
         """Return the fields of the form that a text or number can be typed into, from top to bottom."""
@@ -107,15 +119,29 @@ class LattivoWindow:
             (column, self._top + (first + last) // 2) for first, last in runs if last + 1 - first in FIELD_HEIGHTS
         ]
 
+    def click_field(self, field: int) -> None:
+        self._desktop.click(self.fields()[field])
+
     def fill_in(self, field: int, text: str) -> None:
         """Replace the text of a field and leave it with the tab key."""
-        self._desktop.click(self.fields()[field])
+        self.click_field(field)
         self._desktop.press_keys("ctrl+a")
         self._desktop.type(text)
         self._desktop.press_keys("Tab")
 
+    def switch_server_on(self, port: int, port_field: int) -> None:
+        """Fill in the port and tick "Enabled" above it, which has the keyboard's input then."""
+        self.click_field(port_field)
+        self._desktop.press_keys("ctrl+a")
+        self._desktop.type(str(port))
+        self._desktop.press_keys("shift+Tab", "space")
+        wait_for("the TCP server", lambda: accepts(port))
+
     def press(self, *keys: str) -> None:
         self._desktop.press_keys(*keys)
+
+    def type(self, text: str) -> None:
+        self._desktop.type(text)
 
     def answer_dialog(self, text: str, title: str = "Lattivo") -> None:
         """Type a text into the dialog that has come up, and accept it."""
@@ -127,7 +153,7 @@ class LattivoWindow:
     # Capture and debug commands
 
     def tick_capture_boxes(self, *boxes: int) -> None:
-        """Tick 0 "Cature enabled:", 1 "View follows frames:", 2 "Hide addresses:"."""
+        """Tick what is not ticked yet."""
         positions = self._find_capture_boxes()
         for box in boxes:
             x, y = positions[box]
@@ -137,6 +163,10 @@ class LattivoWindow:
         """Give the last of the debug commands through the menu."""
         self._desktop.press_keys("alt+f", *["Right"] * DEBUG_MENU, "Up", "Return")
 
+    def _change_selection(self, action: Callable[[], object]) -> None:
+        self._desktop.change(self._view, action)
+        self.wait_until_still()
+
     def _answer_file_dialog(self, caption: str, file: Path) -> None:
         self.answer_dialog(str(file), f"{caption} . Lattivo")  # the toolkit puts a dash in between
 
@@ -144,6 +174,9 @@ class LattivoWindow:
         right, bottom = self._left + self._width, self._top + self._height
         left = self._view[0] + self._view[2] + 10  # beside the frame of the view
         return left, self._top, right - left, bottom - self._top
+
+    def _area(self) -> Area:
+        return self._left, self._top, self._width, self._height
 
     def _find_view(self) -> Area:
         """The scene is empty, so that the view ends where it is white no more."""

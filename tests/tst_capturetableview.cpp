@@ -126,11 +126,13 @@ private slots:
     void thePictureShownLastIsTrue();
     void clearInTheMiddleOfABurstLeavesNoRows();
     void theWindowKeepsItsSizeWhileTheCounterGrows();
+    void theCounterIsAsWideAsItsNumber();
 
     // Picture
     void theIconsAreSeen();
     void noCellShowsACheckBox();
     void theCounterIsPainted();
+    void aCounterOfTheSameWidthIsPaintedToo();
     void aHugeFrameIsPaintedQuickly();
     void usingTheViewPrintsNothing();
 
@@ -326,8 +328,9 @@ void TestCaptureTableView::aDetachedModelIsLeftAlone()
     _view->setCaptureModel(nullptr);
     QTest::mouseClick(_clear(), Qt::LeftButton);
     click(_enabled());
-    QCOMPARE(_capture->rowCount(), 2);
     QVERIFY(_capture->isEnabled());
+    add(*_capture, 1);
+    QCOMPARE(_capture->rowCount(), 3);
     QVERIFY(!_table()->model());
 }
 
@@ -556,9 +559,20 @@ void TestCaptureTableView::theWindowKeepsItsSizeWhileTheCounterGrows()
     const QSize before = _view->size();
     _captureAndFollow();
     add(*_capture, 100000);
-    QTRY_COMPARE(_counter()->width(), _counter()->sizeHint().width());
+    QTRY_COMPARE(_table()->verticalHeader()->count(), 100000);
     QCoreApplication::processEvents();
     QCOMPARE(_view->size(), before);
+}
+
+void TestCaptureTableView::theCounterIsAsWideAsItsNumber()
+{
+    const QLabel sample(QStringLiteral("1000"));
+    const int small = _counter()->width();
+    _captureAndFollow();
+    add(*_capture, 1000);
+    QTRY_COMPARE(_counter()->width(), sample.sizeHint().width());
+    QTest::mouseClick(_clear(), Qt::LeftButton);
+    QTRY_COMPARE(_counter()->width(), small);
 }
 
 // Picture
@@ -624,6 +638,17 @@ void TestCaptureTableView::theCounterIsPainted()
     const QImage eight = _view->grab(_counter()->geometry()).toImage();
     QVERIFY(eight != zero);
     QVERIFY(countOthers(eight, eight.rect(), eight.pixelColor(0, 0)) > 0);
+}
+
+void TestCaptureTableView::aCounterOfTheSameWidthIsPaintedToo()
+{
+    _captureAndFollow();
+    add(*_capture, 1);
+    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+    QTest::qWait(50);
+    const PaintCounter painted(_counter());
+    add(*_capture, 1);
+    QTRY_VERIFY(painted.paints > 0);
 }
 
 void TestCaptureTableView::aHugeFrameIsPaintedQuickly()

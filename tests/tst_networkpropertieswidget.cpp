@@ -133,6 +133,8 @@ private slots:
     void leavingTheAddressLengthUneditedLeavesTheOffsets();
     void typingTheNumberShownIsAnEdit();
     void steppingIsAnEdit();
+    void whatTheProgramPutIntoAFieldIsStoredWhenItIsLeft();
+    void whatIsShownIsStoredOnDemand();
 
     // Defaults
     void theDefaultsAreEditedInTheirForms();
@@ -530,6 +532,28 @@ void TestNetworkPropertiesWidget::steppingIsAnEdit()
     TestAccess::server(*network()).port = 0;
     enterAndLeave(port(form));  // the edit was stored, there is no other
     QCOMPARE(network()->tcpPort(), quint16(0));
+}
+
+void TestNetworkPropertiesWidget::whatTheProgramPutIntoAFieldIsStoredWhenItIsLeft()
+{
+    const Form form = openForm();
+    port(form)->setValue(8850);
+    QTest::keyClick(port(form), Qt::Key_Return);
+    QCOMPARE(network()->tcpPort(), quint16(8850));
+    broadcast(form)->setText(QStringLiteral("01:02:03:04:05:06"));
+    QTest::keyClick(broadcast(form), Qt::Key_Return);
+    QCOMPARE(network()->broadcastAddress(), QByteArray::fromHex("010203040506"));
+}
+
+void TestNetworkPropertiesWidget::whatIsShownIsStoredOnDemand()
+{
+    const Form form = openForm();
+    parameters().maximalTransferUnit = 20;
+    parameters().broadcastAddress.clear();
+    QVERIFY(QMetaObject::invokeMethod(form.get(), "frameMtuChanged"));
+    QVERIFY(QMetaObject::invokeMethod(form.get(), "frameBroadcastAddressChanged"));
+    QCOMPARE(network()->maximalTransferUnit(), 255);
+    QCOMPARE(network()->broadcastAddress(), QByteArray::fromHex("FFFFFFFFFFFF"));
 }
 
 void TestNetworkPropertiesWidget::theDefaultsAreEditedInTheirForms()

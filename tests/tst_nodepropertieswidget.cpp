@@ -164,6 +164,7 @@ private slots:
 
     // Statistics and comment
     void theStatisticsFollowTheTraffic();
+    void theFirstFramesAreCountedAtOnce();
     void aBurstOfTrafficEndsWithTheTrueNumbers();
     void countersAreShownAsTheSignalsTellThem();
     void resettingTheStatisticsShowsZeros();
@@ -609,6 +610,18 @@ void TestNodePropertiesWidget::theStatisticsFollowTheTraffic()
     QTRY_COMPARE(textIn(receiverForm, "Received Frames"), QStringLiteral("1"));
     QCOMPARE(textIn(receiverForm, "Received Bytes"), QStringLiteral("20"));
     QCOMPARE(textIn(receiverForm, "Send Frames"), QStringLiteral("0"));
+}
+
+void TestNodePropertiesWidget::theFirstFramesAreCountedAtOnce()
+{
+    const LinkedPair pair;
+    const Form form = openForm(pair.sender);
+    for (int i = 1; i <= 10; ++i) {
+        pair.sender->dataRequest(pair.unicast(20));
+        QCOMPARE(textIn(form, "Send Frames"), QString::number(i));
+    }
+    pair.sender->resetStatistics();
+    QCOMPARE(textIn(form, "Send Frames"), QStringLiteral("0"));
 }
 
 void TestNodePropertiesWidget::aBurstOfTrafficEndsWithTheTrueNumbers()

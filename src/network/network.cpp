@@ -153,8 +153,22 @@ bool Network::isEmpty() const
     if (_knownNode && _knownNode->scene() == this)
         return false;
     const QList<QGraphicsItem*> all = items();
-    _knownNode = all.isEmpty() ? nullptr : dynamic_cast<Node*>(all.first());
+    const auto isNode = [](const QGraphicsItem* item) { return item->type() == NetworkItem::NodeType; };
+    const auto oldestNode = std::find_if(all.rbegin(), all.rend(), isNode);  // the last to be deleted, likely
+    _knownNode = oldestNode == all.rend() ? nullptr : dynamic_cast<Node*>(*oldestNode);
     return all.isEmpty();
+}
+
+void Network::drawBackground(QPainter* painter, const QRectF& area)
+{
+    _painting.start();
+    QGraphicsScene::drawBackground(painter, area);
+}
+
+void Network::drawForeground(QPainter* painter, const QRectF& area)
+{
+    QGraphicsScene::drawForeground(painter, area);
+    ThrottledUpdate::notePainting(_painting.nsecsElapsed());
 }
 
 QWidget* Network::propertiesWidget()

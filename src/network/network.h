@@ -5,6 +5,7 @@
 #include "nodes/node.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QGraphicsScene>
 #include <QList>
 #include <QPointer>
@@ -87,6 +88,8 @@ protected:
     void mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
     void helpEvent(QGraphicsSceneHelpEvent* event) override;
+    void drawBackground(QPainter* painter, const QRectF& area) override;  // a picture begins with it
+    void drawForeground(QPainter* painter, const QRectF& area) override;  // and ends with it
 
 private slots:
     void _tcpPnpNewNode();
@@ -148,6 +151,7 @@ private:
     } _tcpServer;
 
     QTimer _acceptRetry;                // runs while accepting has failed
+    QElapsedTimer _painting;            // since a picture was begun
     mutable QPointer<Node> _knownNode;  // not owned; in the scene when last looked for, see isEmpty()
 };
 

@@ -29,6 +29,13 @@ int bytesLeft(qint64 frameSize, qint64 taken)
     return static_cast<int>(qBound<qint64>(0, frameSize - taken, largestNumber));
 }
 
+/// \a field itself, or the line edit inside a number box.
+QLineEdit* lineEditOf(QWidget* field)
+{
+    auto* edit = qobject_cast<QLineEdit*>(field);
+    return edit ? edit : field->findChild<QLineEdit*>();
+}
+
 Qt::CheckState checkState(bool isChecked)
 {
     return isChecked ? Qt::Checked : Qt::Unchecked;
@@ -69,8 +76,7 @@ void NetworkPropertiesWidget::_addFrameParameters(PropertyForm& form)
 
     _frameBroadcastAddress = form.addLineEdit(tr("Broadcast address"), QString());
     _showBroadcastAddress();
-    connect(_frameBroadcastAddress, SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
-    connect(_frameBroadcastAddress, SIGNAL(editingFinished()), this, SLOT(frameBroadcastAddressChanged()));
+    _watchEdits(_frameBroadcastAddress, SLOT(frameBroadcastAddressChanged()));
 }
 
 void NetworkPropertiesWidget::_addTcpServer(PropertyForm& form)
@@ -87,15 +93,21 @@ void NetworkPropertiesWidget::_addTcpServer(PropertyForm& form)
                      SLOT(tcpUseNameForPnpChanged(int)));
 }
 
-/// Typing the number that is shown already is an edit too, which only the line edit inside the box tells of.
 QSpinBox* NetworkPropertiesWidget::_addNumber(PropertyForm& form, const QString& label, int lowest,
                                               int highest, int value, const char* edited)
 {
     QSpinBox* box = form.addSpinBox(label, {lowest, highest, 1}, value);
-    _numbersBefore.insert(box, box->value());
-    connect(box->findChild<QLineEdit*>(), SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
-    connect(box, SIGNAL(editingFinished()), this, edited);
+    _watchEdits(box, edited);
     return box;
+}
+
+/// Typing what is shown already is an edit too, which only the line edit tells of.
+void NetworkPropertiesWidget::_watchEdits(QWidget* field, const char* edited)
+{
+    QLineEdit* edit = lineEditOf(field);
+    _textsBefore.insert(edit, edit->text());
+    connect(edit, SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
+    connect(field, SIGNAL(editingFinished()), this, edited);
 }
 
 void NetworkPropertiesWidget::_markTyped()
@@ -103,13 +115,15 @@ void NetworkPropertiesWidget::_markTyped()
     _typedInto.insert(sender());
 }
 
-/// Whether the number was typed, or stepped to another one, since this was last asked.
-bool NetworkPropertiesWidget::_takeEdit(QSpinBox* box)
+/// Whether to store what the field shows: not when it was left without an edit. A caller that is not the
+/// field wants it stored.
+bool NetworkPropertiesWidget::_takeEdit(QWidget* field)
 {
-    const bool isTyped = _typedInto.remove(box->findChild<QLineEdit*>());
-    const int before = _numbersBefore.value(box);
-    _numbersBefore.insert(box, box->value());
-    return isTyped || box->value() != before;
+    QLineEdit* edit = lineEditOf(field);
+    const bool isTyped = _typedInto.remove(edit);
+    const bool isChanged = edit->text() != _textsBefore.value(edit);
+    _textsBefore.insert(edit, edit->text());
+    return isTyped || isChanged || sender() != field;
 }
 
 /// The highest address length is not worked out again, on purpose.
@@ -157,7 +171,7 @@ void NetworkPropertiesWidget::frameDestinationAddressOffsetChanged()
 
 void NetworkPropertiesWidget::frameBroadcastAddressChanged()
 {
-    if (!_typedInto.remove(_frameBroadcastAddress))
+    if (!_takeEdit(_frameBroadcastAddress))
         return;
     const QString digits = _frameBroadcastAddress->text().remove(QLatin1Char(':'));
     network()->_network.broadcastAddress = QByteArray::fromHex(digits.toUtf8());
@@ -168,15 +182,16 @@ void NetworkPropertiesWidget::_showBroadcastAddress()
     AddressField::setLength(_frameBroadcastAddress, -1);
     AddressField::setAddress(_frameBroadcastAddress, network()->broadcastAddress());
     _typedInto.remove(_frameBroadcastAddress);
+    _textsBefore.insert(_frameBroadcastAddress, _frameBroadcastAddress->text());
 }
 
 void NetworkPropertiesWidget::tcpEnabledChanged(int state)
 {
-    const bool enable = state == Qt::Checked;
+    bool enable = state == Qt::Checked;
     if (!network()->setTcpEnabled(enable) && enable) {
         _warnOfTcpFailure();
-        _tcpEnabled->setChecked(false);  // which leads here again
-        return;
+        _tcpEnabled->setChecked(false);  // which leads here again, if the box was checked
+        enable = false;
     }
     _tcpPort->setEnabled(!enable);
 }

@@ -44,7 +44,8 @@ private:
     void _addTcpServer(PropertyForm& form);
     QSpinBox* _addNumber(PropertyForm& form, const QString& label, int lowest, int highest, int value,
                          const char* edited);
-    bool _takeEdit(QSpinBox* box);
+    void _watchEdits(QWidget* field, const char* edited);
+    bool _takeEdit(QWidget* field);
     void _showBroadcastAddress();
     void _fitOffsets();
     void _warnOfTcpFailure();
@@ -58,6 +59,6 @@ private:
         = nullptr;  // always null: the default node's form has the box
     QCheckBox* _tcpEnabled = nullptr;
     QSpinBox* _tcpPort = nullptr;
-    QSet<QObject*> _typedInto;             // line edits with an edit that is not stored yet; not owned
-    QHash<QSpinBox*, int> _numbersBefore;  // what each box held when it was last stored
+    QSet<QObject*> _typedInto;                // line edits with an edit that is not stored yet; not owned
+    QHash<QLineEdit*, QString> _textsBefore;  // what each line edit held when it was last stored
 };

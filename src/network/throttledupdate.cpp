@@ -2,6 +2,7 @@
 
 #include "network/timeouts.h"
 
+#include <QElapsedTimer>
 #include <QGraphicsItem>
 
 #include <vector>
@@ -9,6 +10,7 @@
 namespace {
 
 constexpr int framePeriod = 16;  // ms, some 60 pictures a second
+constexpr qint64 nanosecondsPerMillisecond = 1000000;
 
 }  // namespace
 
@@ -24,20 +26,24 @@ public:
 
     void append(ThrottledUpdate* update);
     void remove(ThrottledUpdate* update);
+    void notePainting(qint64 nanoseconds) { _paintingTime += nanoseconds; }
 
 private:
+    void _startPeriod();
+    void _endPeriod();
     void _repaintPending();
 
     std::vector<ThrottledUpdate*> _pending;  // not owned
-    Timeouts _endOfPeriod{[this] { _repaintPending(); }};
+    Timeouts _endOfPeriod{[this] { _endPeriod(); }};
     bool _isPeriodRunning = false;
+    QElapsedTimer _period;     // since the begin of the present one
+    qint64 _paintingTime = 0;  // ns, within the present period
 };
 
 void ThrottledUpdateQueue::append(ThrottledUpdate* update)
 {
     if (!_isPeriodRunning) {
-        _isPeriodRunning = true;
-        _endOfPeriod.start(framePeriod);
+        _startPeriod();
         update->_item->update();
         return;
     }
@@ -54,16 +60,35 @@ void ThrottledUpdateQueue::remove(ThrottledUpdate* update)
     update->_index = -1;
 }
 
+void ThrottledUpdateQueue::_startPeriod()
+{
+    _isPeriodRunning = true;
+    _paintingTime = 0;
+    _period.start();
+    _endOfPeriod.start(framePeriod);
+}
+
+/// Pictures that take long lengthen the period to twice that time.
+void ThrottledUpdateQueue::_endPeriod()
+{
+    const qint64 missing = 2 * _paintingTime - _period.nsecsElapsed();
+    if (missing >= nanosecondsPerMillisecond) {
+        _endOfPeriod.start(static_cast<int>(missing / nanosecondsPerMillisecond));
+        return;
+    }
+    _isPeriodRunning = false;
+    if (!_pending.empty())
+        _repaintPending();
+}
+
 void ThrottledUpdateQueue::_repaintPending()
 {
-    _isPeriodRunning = !_pending.empty();
+    _startPeriod();
     for (ThrottledUpdate* update : _pending) {
         update->_index = -1;
         update->_item->update();
     }
     _pending.clear();
-    if (_isPeriodRunning)
-        _endOfPeriod.start(framePeriod);
 }
 
 ThrottledUpdate::ThrottledUpdate(QGraphicsItem* item)
@@ -75,6 +100,11 @@ ThrottledUpdate::~ThrottledUpdate()
 {
     if (_index >= 0)
         ThrottledUpdateQueue::instance().remove(this);
+}
+
+void ThrottledUpdate::notePainting(qint64 nanoseconds)
+{
+    ThrottledUpdateQueue::instance().notePainting(nanoseconds);
 }
 
 void ThrottledUpdate::_enqueue()

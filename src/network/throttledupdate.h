@@ -19,6 +19,10 @@ public:
     ~ThrottledUpdate();
     Q_DISABLE_COPY_MOVE(ThrottledUpdate)
 
+    /// To be told how long painting has taken, whatever asked for it: the next repaints for traffic wait as
+    /// long, so that half of the time at least is left for the frames and the user.
+    static void notePainting(qint64 nanoseconds);
+
     /// Repaints the whole item, now or soon.
     void request()
     {

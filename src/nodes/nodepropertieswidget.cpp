@@ -42,13 +42,14 @@ QByteArray addressFrom(const QByteArray& text)
     return digits % 2 == 0 ? QByteArray::fromHex(text) : QByteArray();
 }
 
-/// Out of sight at once, but not deleted before its own signal is over.
+/// Out of the form at once, but not deleted before its own signal is over.
 void discard(QLayoutItem* item)
 {
     if (!item)
         return;
     if (QWidget* widget = item->widget()) {
         widget->hide();
+        widget->setParent(nullptr);
         widget->deleteLater();
     }
     delete item;
@@ -97,6 +98,8 @@ void NodePropertiesWidget::_addIdentity(PropertyForm& form)
 
     if (_node->address().isEmpty()) {
         _assign = form.addButton(tr("Assign Address..."), SLOT(assignAddress()), tr("Node Address Empty!"));
+        _address = PropertyForm::newReadOnlyField(QString(), this);
+        _address->hide();  // until there is one
         return;
     }
     _address = form.addReadOnlyField(tr("Node Address"), QString());
@@ -228,7 +231,6 @@ void NodePropertiesWidget::_showAssignedAddress()
     discard(row.fieldItem);
     _assign = nullptr;
 
-    _address = PropertyForm::newReadOnlyField(QString(), this);
     _networkGroupForm->insertRow(0, tr("Node address"), _address);
     _showAddress();
     _address->show();

@@ -81,7 +81,7 @@ private:
 
     // Null in the form of the default node
     QPushButton* _assign = nullptr;  // also null once the node has an address
-    QLineEdit* _address = nullptr;   // also null while the node has no address
+    QLineEdit* _address = nullptr;   // hidden and without a row while the node has no address
     QLineEdit* _sendFrames = nullptr;
     QLineEdit* _sendBytes = nullptr;
     QLineEdit* _receivedFrames = nullptr;

@@ -50,8 +50,7 @@ int roomForCount(const QWidget* bar)
 /// A label of a fixed size does not lay out the whole window again with every text.
 void fitToText(QLabel* label)
 {
-    if (label->size() != label->sizeHint())
-        label->setFixedSize(label->sizeHint());
+    label->setFixedSize(label->fontMetrics().size(Qt::TextSingleLine, label->text()));
 }
 
 /// The text is true at once and is painted with the next update().

@@ -38,8 +38,6 @@ QIcon icon(const char* resource)
 }  // namespace
 
 MainWindow::MainWindow()
-    : _propertyEditor(nullptr)
-    , _captureView(nullptr)
 {
     setCorner(Qt::BottomRightCorner, Qt::RightDockWidgetArea);
     setWindowIcon(icon(":Icon.png"));
@@ -52,6 +50,7 @@ MainWindow::MainWindow()
     _addNetworkView();
     _attachNetwork();
     _addCaptureDock();
+    resize(sizeHint());  // the toolkit's limit of two thirds of the screen may cut the property forms off
 }
 
 void MainWindow::_addMenus()

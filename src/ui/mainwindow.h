@@ -58,7 +58,7 @@ private:
     void _attachSimulation();
     void _attachNetwork();
 
-    PropertyEditor* _propertyEditor;
-    CaptureTableView* _captureView;
+    PropertyEditor* _propertyEditor = nullptr;
+    CaptureTableView* _captureView = nullptr;
     CaptureDetailsView* _captureDetails = nullptr;  // there is no such view yet
 };

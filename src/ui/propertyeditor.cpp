@@ -70,4 +70,5 @@ void PropertyEditor::_removeForm()
     if (QWidget* field = form->focusWidget())
         field->clearFocus();
     delete form;
+    _scrollArea->verticalScrollBar()->setRange(0, 0);  // the area does not shrink it with an empty content
 }

@@ -4,7 +4,8 @@
 
 namespace {
 
-constexpr int pauseTime = 16;  // ms
+constexpr int pauseTime = 16;           // ms
+constexpr int writingsAfterQuiet = 20;  // at once
 
 }  // namespace
 
@@ -12,6 +13,7 @@ TrafficFields::TrafficFields(QLineEdit* frames, QLineEdit* bytes, QObject* paren
     : QObject(parent)
     , _framesField(frames)
     , _bytesField(bytes)
+    , _writingsLeft(writingsAfterQuiet)
 {
 }
 
@@ -19,16 +21,20 @@ void TrafficFields::show(int frames, int bytes)
 {
     _frames = frames;
     _bytes = bytes;
-    _isWaiting = _pause.isActive();
-    if (!_isWaiting)
-        _write();
+    _isWaiting = _writingsLeft == 0;
+    if (_isWaiting)
+        return;
+    --_writingsLeft;
+    _write();
 }
 
 void TrafficFields::timerEvent(QTimerEvent*)
 {
     _pause.stop();
-    if (!_isWaiting)
+    if (!_isWaiting) {
+        _writingsLeft = writingsAfterQuiet;
         return;
+    }
     _isWaiting = false;
     _write();
 }
@@ -37,5 +43,6 @@ void TrafficFields::_write()
 {
     _framesField->setText(QString::number(_frames));
     _bytesField->setText(QString::number(_bytes));
-    _pause.start(pauseTime, this);
+    if (!_pause.isActive())
+        _pause.start(pauseTime, this);
 }

@@ -7,9 +7,9 @@ QT_BEGIN_NAMESPACE
 class QLineEdit;
 QT_END_NAMESPACE
 
-/// Two read-only fields that count traffic. Numbers are written at once after a quiet time, then some 60
-/// times a second at most, so that painting the fields does not hold the traffic up; those written last are
-/// true.
+/// Two read-only fields that count traffic. Numbers are written at once, but for the long run of a burst,
+/// which is written some 60 times a second, so that painting the fields does not hold the traffic up; those
+/// written last are true.
 class TrafficFields : public QObject
 {
     Q_OBJECT
@@ -30,6 +30,7 @@ private:
     QLineEdit* _bytesField;
     int _frames = 0;
     int _bytes = 0;
+    int _writingsLeft;        // before numbers wait for the end of the pause
     bool _isWaiting = false;  // the numbers are newer than the fields
-    QBasicTimer _pause;       // runs after each writing
+    QBasicTimer _pause;       // runs after writing
 };

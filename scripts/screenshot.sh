@@ -1,0 +1,13 @@
+#!/bin/sh
+# Renders docs/screenshot.png: the program at work, on a screen of its own. Needs no display.
+set -eu
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+# shellcheck disable=SC2086  # one word a package
+install_packages $build_packages fonts-dejavu-core openbox python3 xdotool xvfb
+
+cmake --preset release >&2
+cmake --build --preset release --target lattivo >&2
+exec python3 -B scripts/screenshot.py build/release/lattivo docs/screenshot.png
