@@ -52,17 +52,21 @@ private:
     {
     }
 
-    static qint64 _dueTime(const Timeouts* timeouts) { return timeouts->_nextDueTime(); }
+    struct Entry {
+        qint64
+            dueTime;  // the next one; kept here because following the pointer costs more than the comparison
+        Timeouts* timeouts;  // not owned
+    };
 
     void _runDueHandlers();
     void _arm();
-    void _place(Timeouts* timeouts, int index);
+    void _place(const Entry& entry, int index);
     void _siftUp(int index);
     void _siftDown(int index);
 
-    std::vector<Timeouts*> _heap;  // not owned; the earliest due time first
-    QBasicTimer _nextPass;         // runs while something is due at once
-    QBasicTimer _later;            // fires within a millisecond of the earliest due time, or before it
+    std::vector<Entry> _heap;  // the earliest due time first
+    QBasicTimer _nextPass;     // runs while something is due at once
+    QBasicTimer _later;        // fires within a millisecond of the earliest due time, or before it
     qint64 _laterFireTime = never;
     qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
 };
@@ -77,8 +81,8 @@ TimeoutScheduler& TimeoutScheduler::instance()
 
 TimeoutScheduler::~TimeoutScheduler()
 {
-    for (Timeouts* timeouts : _heap)
-        timeouts->_heapIndex = -1;
+    for (const Entry& entry : _heap)
+        entry.timeouts->_heapIndex = -1;
 }
 
 /// To be called after a due time was added to or taken from \a timeouts.
@@ -88,10 +92,12 @@ void TimeoutScheduler::update(Timeouts* timeouts)
         remove(timeouts);
         return;
     }
+    const Entry entry{timeouts->_nextDueTime(), timeouts};
     if (timeouts->_heapIndex < 0) {
-        _heap.push_back(timeouts);
-        timeouts->_heapIndex = static_cast<int>(_heap.size()) - 1;
+        timeouts->_heapIndex = static_cast<int>(_heap.size());
+        _heap.push_back(entry);
     }
+    _place(entry, timeouts->_heapIndex);
     _siftUp(timeouts->_heapIndex);
     _siftDown(timeouts->_heapIndex);
     if (_passTime < 0)
@@ -104,14 +110,14 @@ void TimeoutScheduler::remove(Timeouts* timeouts)
     if (index < 0)
         return;
 
-    Timeouts* last = _heap.back();
+    const Entry last = _heap.back();
     _heap.pop_back();
     timeouts->_heapIndex = -1;
-    if (last == timeouts)
+    if (last.timeouts == timeouts)
         return;
     _place(last, index);
     _siftUp(index);
-    _siftDown(last->_heapIndex);
+    _siftDown(last.timeouts->_heapIndex);
 }
 
 void TimeoutScheduler::timerEvent(QTimerEvent* event)
@@ -132,8 +138,8 @@ void TimeoutScheduler::timerEvent(QTimerEvent* event)
 void TimeoutScheduler::_runDueHandlers()
 {
     _passTime = monotonicNanoseconds();
-    while (!_heap.empty() && _dueTime(_heap.front()) <= _passTime) {
-        Timeouts* timeouts = _heap.front();
+    while (!_heap.empty() && _heap.front().dueTime <= _passTime) {
+        Timeouts* timeouts = _heap.front().timeouts;
         timeouts->_dropNextDueTime();
         update(timeouts);
         const std::function<void()> handler = timeouts->_handler;
@@ -147,7 +153,7 @@ void TimeoutScheduler::_arm()
 {
     if (_heap.empty() || _nextPass.isActive())
         return;
-    const qint64 dueTime = _dueTime(_heap.front());
+    const qint64 dueTime = _heap.front().dueTime;
     const qint64 now = monotonicNanoseconds();
     if (dueTime <= now) {
         _nextPass.start(0, Qt::PreciseTimer, this);
@@ -161,19 +167,19 @@ void TimeoutScheduler::_arm()
     _later.start(static_cast<int>(wait), Qt::PreciseTimer, this);
 }
 
-void TimeoutScheduler::_place(Timeouts* timeouts, int index)
+void TimeoutScheduler::_place(const Entry& entry, int index)
 {
-    _heap[static_cast<size_t>(index)] = timeouts;
-    timeouts->_heapIndex = index;
+    _heap[static_cast<size_t>(index)] = entry;
+    entry.timeouts->_heapIndex = index;
 }
 
 void TimeoutScheduler::_siftUp(int index)
 {
-    Timeouts* moved = _heap[static_cast<size_t>(index)];
+    const Entry moved = _heap[static_cast<size_t>(index)];
     while (index > 0) {
         const int parent = (index - 1) / 2;
-        Timeouts* above = _heap[static_cast<size_t>(parent)];
-        if (_dueTime(above) <= _dueTime(moved))
+        const Entry above = _heap[static_cast<size_t>(parent)];
+        if (above.dueTime <= moved.dueTime)
             break;
         _place(above, index);
         index = parent;
@@ -183,17 +189,16 @@ void TimeoutScheduler::_siftUp(int index)
 
 void TimeoutScheduler::_siftDown(int index)
 {
-    Timeouts* moved = _heap[static_cast<size_t>(index)];
-    const int size = static_cast<int>(_heap.size());
-    for (int child = 2 * index + 1; child < size; child = 2 * index + 1) {
-        if (child + 1 < size
-            && _dueTime(_heap[static_cast<size_t>(child) + 1]) < _dueTime(_heap[static_cast<size_t>(child)]))
+    const Entry moved = _heap[static_cast<size_t>(index)];
+    const size_t size = _heap.size();
+    for (size_t child = 2 * static_cast<size_t>(index) + 1; child < size; child = 2 * child + 1) {
+        if (child + 1 < size && _heap[child + 1].dueTime < _heap[child].dueTime)
             ++child;
-        Timeouts* below = _heap[static_cast<size_t>(child)];
-        if (_dueTime(moved) <= _dueTime(below))
+        const Entry below = _heap[child];
+        if (moved.dueTime <= below.dueTime)
             break;
         _place(below, index);
-        index = child;
+        index = static_cast<int>(child);
     }
     _place(moved, index);
 }

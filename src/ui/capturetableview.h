@@ -24,7 +24,7 @@ public:
     /// Null detaches the present capture, which is never owned.
     void setCaptureModel(Capture* model);
 
-private slots:
+public slots:
     void enabledChanged(int state);
     void viewFollowsChanged(int state);
     void hideAddrChanged(int state);

@@ -100,14 +100,13 @@ QList<QAction*> MainWindow::_addDrawingMenu()
     QAction* connections = menu->addAction(icon(":Connection.png"), tr("Draw Connection(s)"), this,
                                            SLOT(switchToConnectionDrawingEditMode()), shortcut("Ctrl+2"));
 
-    const QList<QAction*> actions = {selection, nodes, connections};
     auto* group = new QActionGroup(this);
-    for (QAction* action : actions) {
+    for (QAction* action : {selection, nodes, connections}) {
         action->setCheckable(true);
-        group->addAction(action);
+        action->setActionGroup(group);
     }
     selection->setChecked(true);
-    return actions;
+    return group->actions();
 }
 
 QList<QAction*> MainWindow::_addDebugMenu()

@@ -22,7 +22,7 @@ class MainWindow : public QMainWindow
 public:
     MainWindow();
 
-private slots:
+public slots:
     // Editing
     void switchToSelectionEditMode();
     void switchToNodeInsertionEditMode();
