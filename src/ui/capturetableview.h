@@ -30,6 +30,8 @@ public slots:
     void hideAddrChanged(int state);
     void clearCapture();
     void rowsInsertedHandler(const QModelIndex& parent, int first, int last);
+
+private slots:
     void _rowsShown();
 
 private:
