@@ -177,9 +177,10 @@ void CaptureTableView::clearCapture()
 
 void CaptureTableView::rowsInsertedHandler(const QModelIndex& /*parent*/, int /*first*/, int /*last*/)
 {
-    if (!_viewFollows->isChecked())
+    const Capture* model = _model();
+    if (!model || !_viewFollows->isChecked())
         return;  // the counter stays behind, on purpose
-    setTextUnpainted(_frameCountLabel, QString::number(_model()->rowCount()));
+    setTextUnpainted(_frameCountLabel, QString::number(model->rowCount()));
     _captureTableView->scrollToBottom();
 }
 
