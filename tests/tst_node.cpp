@@ -57,7 +57,6 @@ private slots:
     void aNewNodeLeavesAllSettingsUndecided();
     void aNewNodeIsASelectableMovableItemAboveTheLinks();
     void aPlainNodeTellsItsKind();
-    void theDefaultNodeDecidesAllSettings();
     void thePropertiesWidgetHasNoParent();
 
     void connectedAndNotDisabledIsActive_data();
@@ -192,23 +191,7 @@ void TestNode::aPlainNodeTellsItsKind()
     const Node node{QByteArray()};
     QCOMPARE(node.type(), 65536);
     QCOMPARE(node.nodeType(), -1);
-}
-
-void TestNode::theDefaultNodeDecidesAllSettings()
-{
-    Node& node = *network()->defaultNode();
-    QCOMPARE(TestAccess::promiscuousMode(node), Qt::Unchecked);
-    QCOMPARE(TestAccess::framesAcknowledged(node), Qt::Unchecked);
-    QCOMPARE(TestAccess::acknowledgeTimeout(node), 0);
-    QCOMPARE(TestAccess::inactiveColor(node), QColor(Qt::lightGray));
-    QCOMPARE(TestAccess::activeColor(node), QColor(155, 155, 255));
-    QCOMPARE(TestAccess::txColor(node), QColor(155, 255, 155));
-    QCOMPARE(TestAccess::rxColor(node), QColor(255, 255, 155));
-    QCOMPARE(TestAccess::strokeWidth(node), 2.0);
-    QCOMPARE(TestAccess::showName(node), Qt::Checked);
-    QCOMPARE(TestAccess::showAddress(node), Qt::Checked);
-    QCOMPARE(TestAccess::showConnectionCount(node), Qt::Checked);
-    QCOMPARE(node.nodeType(), -1);
+    QCOMPARE(network()->defaultNode()->nodeType(), -1);
 }
 
 void TestNode::thePropertiesWidgetHasNoParent()

@@ -84,22 +84,21 @@ private:
     double _effectiveReliability() const;
     double _reachBeyondLine() const;
 
-    Node* _nodes[2];             // not owned
-    QList<Frame> _frames;        // in flight, oldest first
-    bool _broken = false;        // carries nothing new
-    double _reliability = -1.0;  // per bit, 0 to 1; negative: the default connection's
-    double _errorDetectionReliability
-        = -1.0;                  // per corrupted frame, 0 to 1; negative: the default connection's
-    int _delayMs = -1;           // 0 or less: the default connection's
-    int _delayDeviationMs = -1;  // 0 or less: the default connection's
+    Node* _nodes[2];                           // not owned
+    QList<Frame> _frames;                      // in flight, oldest first
+    bool _broken = false;                      // carries nothing new
+    double _reliability = -1.0;                // per bit, 0 to 1; negative: the default connection's
+    double _errorDetectionReliability = -1.0;  // per corrupted frame, likewise
+    int _delayMs = -1;                         // 0 or less: the default connection's
+    int _delayDeviationMs = -1;                // 0 or less: the default connection's
     qint64 _totalFrames = 0;
     qint64 _lostFrames = 0;
     qint64 _crcErrors = 0;
     QColor _connectionColor;               // invalid: the default connection's
     double _connectionStrokeWidth = -1.0;  // scene units; negative: the default connection's
 
-    Timeouts _deliveries{
-        [this] { deliverFrame(); }};  // one a frame carried; they outlive frames that were discarded
+    // One a frame carried; they outlive frames that were discarded.
+    Timeouts _deliveries{[this] { deliverFrame(); }};
     ThrottledUpdate _traffic{this};
 };
 
