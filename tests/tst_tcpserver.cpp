@@ -227,6 +227,9 @@ private slots:
     void aNewNodeStandsInTheCentreOfAnEmptyScene();
     void aNewNodeIsOnTop();
     void programsExchangeFramesOverNewNodes();
+
+private:
+    void _verifyRefused(const QByteArray& identification);
 };
 
 void TestTcpServer::init()
@@ -552,6 +555,19 @@ void TestTcpServer::anAddressOfTheNetworksLengthIsExpected()
     QVERIFY(waitUntilAttached(node));
 }
 
+/// Neither the node that is there nor Plug'n'Place takes the program.
+void TestTcpServer::_verifyRefused(const QByteArray& identification)
+{
+    network()->setTcpPnpEnabled(true);
+    TcpNode* node = addTcpNode(leftAddress);
+    node->setName(QStringLiteral("Left"));
+    PendingProgram program;
+    program.send(identification);
+    QVERIFY(isRefused(program));
+    QVERIFY(!node->socket());
+    QCOMPARE(network()->items().size(), 1);
+}
+
 void TestTcpServer::anythingButAnAddressIsRefused_data()
 {
     QTest::addColumn<QByteArray>("bytes");
@@ -573,14 +589,7 @@ void TestTcpServer::anythingButAnAddressIsRefused()
 {
     QFETCH(QByteArray, bytes);
 
-    network()->setTcpPnpEnabled(true);
-    TcpNode* node = addTcpNode(leftAddress);
-    node->setName(QStringLiteral("Left"));
-    PendingProgram program;
-    program.send(bytes);
-    QVERIFY(isRefused(program));
-    QVERIFY(!node->socket());
-    QCOMPARE(network()->items().size(), 1);
+    _verifyRefused(bytes);
 }
 
 void TestTcpServer::anAddressCutShortIsRefused()
@@ -689,14 +698,7 @@ void TestTcpServer::anythingButANameIsRefused()
     QFETCH(QByteArray, bytes);
 
     network()->setNameUsedForPnpIdentification(true);
-    network()->setTcpPnpEnabled(true);
-    TcpNode* node = addTcpNode(leftAddress);
-    node->setName(QStringLiteral("Left"));
-    PendingProgram program;
-    program.send(bytes);
-    QVERIFY(isRefused(program));
-    QVERIFY(!node->socket());
-    QCOMPARE(network()->items().size(), 1);
+    _verifyRefused(bytes);
 }
 
 void TestTcpServer::aNameWithoutItsKindIsRefused()
