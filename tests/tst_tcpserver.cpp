@@ -174,6 +174,7 @@ private slots:
     void everyProgramIsAccepted();
     void aSilentProgramStaysPending();
     void manyProgramsCanBePending();
+    void aBurstOfProgramsNeedNotWaitToConnect();
     void aPendingProgramThatGoesAwayIsForgotten();
     void aPendingProgramThatIsKilledIsForgotten();
     void stoppingClosesPendingPrograms();
@@ -421,6 +422,18 @@ void TestTcpServer::manyProgramsCanBePending()
         programs.push_back(std::make_unique<PendingProgram>());
 
     QCOMPARE(pending().size(), count);
+}
+
+/// Nothing is accepted meanwhile: the kernel has to keep them all.
+void TestTcpServer::aBurstOfProgramsNeedNotWaitToConnect()
+{
+    constexpr int count = 200;  // several times what the toolkit's server lets wait
+    std::vector<std::unique_ptr<Program>> programs;
+    for (int i = 0; i < count; ++i) {
+        programs.push_back(std::make_unique<Program>());
+        QVERIFY(programs.back()->connectTo(network()->listeningPort()));
+    }
+    QTRY_COMPARE(pending().size(), count);
 }
 
 void TestTcpServer::aPendingProgramThatGoesAwayIsForgotten()

@@ -7,6 +7,8 @@
 #include <QHostAddress>
 #include <QTcpSocket>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 
 namespace {
@@ -26,6 +28,13 @@ struct Identification {
 QDataStream& operator>>(QDataStream& stream, Identification& header)
 {
     return stream >> header.type >> header.length >> header.kind;
+}
+
+/// The toolkit lets 50 programs wait to be accepted; the rest of a burst would be put off by the kernel for
+/// seconds. A failure changes nothing.
+void admitBursts(const QTcpServer& server)
+{
+    ::listen(static_cast<int>(server.socketDescriptor()), SOMAXCONN);
 }
 
 /// Whatever \a socket is in the middle of: this may run inside one of its signals.
@@ -74,6 +83,7 @@ bool Network::_startTcpServer()
         _tcpServer.error = _tcpServer.server.errorString();
         return false;
     }
+    admitBursts(_tcpServer.server);
     connect(&_tcpServer.server, SIGNAL(newConnection()), this, SLOT(_tcpPnpNewNode()));
     return true;
 }
