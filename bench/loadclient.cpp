@@ -55,6 +55,7 @@ struct Options {
     Wire::Wiring wiring;
     std::size_t frameBytes = 64;
     std::uint64_t window = 64;           // frames of one sender between it and its slowest receiver
+    std::uint64_t batch = 8;             // most messages put into one send()
     bool confirms = false;               // the window also waits for the confirmations
     double rate = 0.0;                   // frames per second of all senders; 0: as fast as the window allows
     double warmUp = 0.3;                 // seconds
@@ -96,7 +97,7 @@ struct Receiver {
 struct Lane {
     Endpoint sender;
     std::vector<Receiver> receivers;
-    std::string message;  // header and frame; only kind, number and time change from frame to frame
+    std::string messages;  // a batch of header and frame; only kind, number and time change between sends
     std::uint64_t sent = 0;
     std::uint64_t confirmed = 0;  // also the negative ones
     Clock::time_point lastProgress;
@@ -207,7 +208,7 @@ private:
     void _takeFrame(const Endpoint& endpoint, const char* frame, std::size_t bytes, Clock::time_point now);
     void _takeLoad(Receiver& receiver, const char* frame, Clock::time_point now);
     bool _isIntact(const Lane& lane, const char* frame, std::size_t bytes) const;
-    bool _send(Lane& lane, FrameKind kind);
+    bool _send(Lane& lane, FrameKind kind, std::uint64_t count);
 
     // Load
     bool _allReached() const;
@@ -254,7 +255,9 @@ LoadClient::LoadClient(const Options& options)
     for (std::size_t i = 0; i < _lanes.size(); ++i) {
         Lane& lane = _lanes[i];
         const int sender = options.wiring.sender(static_cast<int>(i));
-        lane.message = frameMessage(options, sender);
+        const std::string message = frameMessage(options, sender);
+        for (std::uint64_t k = 0; k < options.batch; ++k)
+            lane.messages += message;
         lane.sender.node = sender;
         lane.sender.lane = i;
         lane.receivers.resize(_receiversPerLane);
@@ -466,25 +469,28 @@ void LoadClient::_takeLoad(Receiver& receiver, const char* frame, Clock::time_po
 
 bool LoadClient::_isIntact(const Lane& lane, const char* frame, std::size_t bytes) const
 {
-    const char* sent = lane.message.data() + Wire::headerBytes;
+    const char* sent = lane.messages.data() + Wire::headerBytes;
     return bytes == _options.frameBytes && std::memcmp(frame, sent, kindOffset) == 0
         && std::memcmp(frame + fillerOffset, sent + fillerOffset, bytes - fillerOffset) == 0;
 }
 
-/// One send() for one message, as most programs do it; the kernel has to take it whole.
-bool LoadClient::_send(Lane& lane, FrameKind kind)
+/// One send() for \a count messages, at most a batch; the kernel has to take them whole.
+bool LoadClient::_send(Lane& lane, FrameKind kind, std::uint64_t count)
 {
-    char* frame = lane.message.data() + Wire::headerBytes;
     const std::uint64_t now = nanoseconds(Clock::now());
-    frame[kindOffset] = kind;
-    std::memcpy(frame + sequenceOffset, &lane.sent, sizeof lane.sent);
-    std::memcpy(frame + sendTimeOffset, &now, sizeof now);
-    const ssize_t sent
-        = send(lane.sender.fd, lane.message.data(), lane.message.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent != static_cast<ssize_t>(lane.message.size()))
-        return _fail("the kernel did not take a whole message of " + Wire::nodeName(lane.sender.node));
+    for (std::uint64_t i = 0; i < count; ++i) {
+        char* frame = lane.messages.data() + i * _options.messageBytes() + Wire::headerBytes;
+        const std::uint64_t sequence = lane.sent + i;
+        frame[kindOffset] = kind;
+        std::memcpy(frame + sequenceOffset, &sequence, sizeof sequence);
+        std::memcpy(frame + sendTimeOffset, &now, sizeof now);
+    }
+    const std::size_t bytes = count * _options.messageBytes();
+    const ssize_t sent = send(lane.sender.fd, lane.messages.data(), bytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent != static_cast<ssize_t>(bytes))
+        return _fail("the kernel did not take whole messages of " + Wire::nodeName(lane.sender.node));
     if (kind == Load)
-        ++lane.sent;
+        lane.sent += count;
     return true;
 }
 
@@ -499,7 +505,7 @@ bool LoadClient::_allReached() const
 bool LoadClient::_sendProbes()
 {
     for (Lane& lane : _lanes) {
-        if (!_send(lane, Probe))
+        if (!_send(lane, Probe, 1))
             return false;
     }
     return true;
@@ -523,9 +529,13 @@ bool LoadClient::_refill(Lane& lane)
 {
     if (_options.rate > 0)
         return true;  // _pace() sends
-    for (std::uint64_t inFlight = _inFlight(lane); inFlight < _options.effectiveWindow(); ++inFlight) {
-        if (!_send(lane, Load))
+    const std::uint64_t inFlight = _inFlight(lane);
+    std::uint64_t room = _options.effectiveWindow() - std::min(inFlight, _options.effectiveWindow());
+    while (room > 0) {
+        const std::uint64_t count = std::min(room, _options.batch);
+        if (!_send(lane, Load, count))
             return false;
+        room -= count;
     }
     return true;
 }
@@ -549,7 +559,7 @@ bool LoadClient::_pace()
     const auto due = static_cast<std::uint64_t>(Seconds(now - _paceBegin).count() * _options.rate);
     const std::uint64_t end = std::min(due, _paced + _options.burst());
     for (; _paced < end; ++_paced) {
-        if (!_send(_lanes[_paced % _lanes.size()], Load))
+        if (!_send(_lanes[_paced % _lanes.size()], Load, 1))
             return false;
     }
     if (_paced < due) {
@@ -667,6 +677,7 @@ const char usage[]
       "  --identify-by name|address   as the server expects it (address)\n"
       "  --size S                     bytes of a frame, at least 29 (64)\n"
       "  --window W                   frames in flight per sender (64); at most what 16 KiB hold\n"
+      "  --batch N                    messages put into one send(), at most (8)\n"
       "  --confirm                    the window also waits for confirmations\n"
       "  --rate F                     F frames per second instead of a window\n"
       "  --warm-up S, --duration S    seconds (0.3, 2)\n"
@@ -697,6 +708,9 @@ bool readOption(int option, const char* value, Options& options)
     case 'w':
         options.window = std::strtoul(value, nullptr, 10);
         return options.window > 0;
+    case 'b':
+        options.batch = std::strtoul(value, nullptr, 10);
+        return options.batch > 0;
     case 'c':
         options.confirms = true;
         return true;
@@ -729,27 +743,21 @@ bool readOption(int option, const char* value, Options& options)
 bool readCommandLine(int argc, char** argv, Options& options)
 {
     const option known[] = {
-        {"port", required_argument, nullptr, 'p'},
-        {"pairs", required_argument, nullptr, 'n'},
-        {"star", required_argument, nullptr, 's'},
-        {"identify-by", required_argument, nullptr, 'i'},
-        {"size", required_argument, nullptr, 'z'},
-        {"window", required_argument, nullptr, 'w'},
-        {"confirm", no_argument, nullptr, 'c'},
-        {"rate", required_argument, nullptr, 'r'},
-        {"warm-up", required_argument, nullptr, 'u'},
-        {"duration", required_argument, nullptr, 'd'},
-        {"frames", required_argument, nullptr, 'f'},
-        {"checkpoint", required_argument, nullptr, 'k'},
-        {"loss-timeout", required_argument, nullptr, 'l'},
-        {"watch-pid", required_argument, nullptr, 'x'},
-        {nullptr, 0, nullptr, 0},
+        {"port", required_argument, nullptr, 'p'},       {"pairs", required_argument, nullptr, 'n'},
+        {"star", required_argument, nullptr, 's'},       {"identify-by", required_argument, nullptr, 'i'},
+        {"size", required_argument, nullptr, 'z'},       {"window", required_argument, nullptr, 'w'},
+        {"batch", required_argument, nullptr, 'b'},      {"confirm", no_argument, nullptr, 'c'},
+        {"rate", required_argument, nullptr, 'r'},       {"warm-up", required_argument, nullptr, 'u'},
+        {"duration", required_argument, nullptr, 'd'},   {"frames", required_argument, nullptr, 'f'},
+        {"checkpoint", required_argument, nullptr, 'k'}, {"loss-timeout", required_argument, nullptr, 'l'},
+        {"watch-pid", required_argument, nullptr, 'x'},  {nullptr, 0, nullptr, 0},
     };
     int found = 0;
     while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
         if (!readOption(found, optarg, options))
             return false;
     }
+    options.batch = std::min(options.batch, options.burst());
     return optind == argc && options.port > 0;
 }
 

@@ -21,6 +21,7 @@ from dataclasses import dataclass
 import makesimulation
 
 LARGEST_P99_US = 40_000  # what a delayed acknowledgement of the kernel would cost
+NOISY = 0.9999  # per bit
 LATENCY_TARGET = 1.45
 IN_FLIGHT_TARGET = 1.3
 CAPTURE_TARGET = 1.1
@@ -48,6 +49,7 @@ class Workload:
     star_links: int = 0
     confirms: bool = False
     captures: bool = False
+    reliability: float = 1.0  # per bit
     speed_target: float = None  # frames/s, at least
     cpu_target: float = None  # per frame, at most
     latency_target: float = None  # median, at most
@@ -61,19 +63,27 @@ class Workload:
 
     def simulation(self, delay=0):
         return makesimulation.Simulation(
-            pairs=self.pairs, star_links=self.star_links, confirms=self.confirms, delay=delay
+            pairs=self.pairs,
+            star_links=self.star_links,
+            confirms=self.confirms,
+            delay=delay,
+            reliability=self.reliability,
         )
 
 
 WORKLOADS = [
-    Workload("small", "S=64 W=64, one pair", speed_target=0.75, cpu_target=1.2),
-    Workload("large", "S=255 W=64, one pair", size=255, speed_target=0.90, cpu_target=1.1),
-    Workload("pairs16", "S=64 W=16, 16 pairs", window=16, pairs=16, speed_target=0.90),
-    Workload("pairs100", "S=64 W=4, 100 pairs", window=4, pairs=100, speed_target=0.85),
-    Workload("confirm", "S=64 W=16 with confirmations", window=16, confirms=True, speed_target=0.70),
-    Workload("broadcast", "S=64 W=16, broadcast over 16 links", window=16, star_links=16, speed_target=0.85),
-    Workload("capture", "S=64 W=64, capture on", captures=True, speed_target=0.80),
-    Workload("latency", "S=64 W=1, latency", window=1, latency_target=LATENCY_TARGET),
+    Workload("small", "S=64 W=64, one pair", speed_target=1.2, cpu_target=0.5),
+    Workload("large", "S=255 W=64, one pair", size=255, speed_target=2.0, cpu_target=0.2),
+    Workload("noisy-small", "S=64 W=64, reliability 0.9999", reliability=NOISY, speed_target=1.0, cpu_target=0.7),
+    Workload(
+        "noisy-large", "S=255 W=64, reliability 0.9999", size=255, reliability=NOISY, speed_target=1.0, cpu_target=0.4
+    ),
+    Workload("pairs16", "S=64 W=16, 16 pairs", window=16, pairs=16, speed_target=1.0),
+    Workload("pairs100", "S=64 W=4, 100 pairs", window=4, pairs=100, speed_target=1.0),
+    Workload("confirm", "S=64 W=16 with confirmations", window=16, confirms=True, speed_target=1.0),
+    Workload("broadcast", "S=64 W=16, broadcast over 16 links", window=16, star_links=16, speed_target=1.0),
+    Workload("capture", "S=64 W=64, capture on", captures=True, speed_target=1.0),
+    Workload("latency", "S=64 W=1, latency", window=1, speed_target=1.0, latency_target=LATENCY_TARGET),
 ]
 GROWTH_KEYS = ["in-flight", "captured", "pairs-growth"]
 
@@ -95,7 +105,8 @@ class Bench:
         self.disturbed_p99s = []  # likewise, of runs whose figures belong to other programs
 
     def limit_command(self, workload, strict=False):
-        command = [self.options.limit_server, "--seed", SEED] + workload.wiring_arguments()
+        command = [self.options.limit_server, "--seed", SEED, "--reliability", str(workload.reliability)]
+        command += workload.wiring_arguments()
         return command + ["--confirm"] * workload.confirms + ["--strict"] * strict
 
     def simulator_command(self, workload, delay=0):
