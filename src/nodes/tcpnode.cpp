@@ -1,13 +1,13 @@
 #include "nodes/tcpnode.h"
 
 #include "network/bridgeprotocol.h"
+#include "network/messagereader.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnodepropertieswidget.h"
 
 #include <QApplication>
-#include <QDataStream>
 #include <QGraphicsSceneContextMenuEvent>
 #include <QMenu>
 #include <QPointer>
@@ -16,6 +16,8 @@
 #include <QtEndian>
 
 #include <sys/socket.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -52,36 +54,11 @@ QMenu* newDebugMenu(QWidget* parent)
     return menu;
 }
 
-/// True, or the stream's status says that the message is not wholly there. To be asked before memory is
-/// taken.
-bool hasArrived(QDataStream& stream, quint32 length)
-{
-    if (stream.status() == QDataStream::Ok && stream.device()->bytesAvailable() < length)
-        stream.setStatus(QDataStream::ReadPastEnd);
-    return stream.status() == QDataStream::Ok;
-}
-
-/// To be called once hasArrived() has answered true.
-QByteArray readBytes(QDataStream& stream, quint32 length)
-{
-    QByteArray bytes(static_cast<int>(length), Qt::Uninitialized);
-    stream.readRawData(bytes.data(), bytes.size());
-    return bytes;
-}
-
 /// The length word of a message's body; that of a null array reads as 0.
-quint32 readBodyLength(QDataStream& stream)
+quint32 readBodyLength(MessageReader& reader)
 {
-    quint32 length = 0;
-    stream >> length;
+    const quint32 length = reader.readWord();
     return length == Stream::nullArrayLength ? 0 : length;
-}
-
-void skipBody(QDataStream& stream)
-{
-    const quint32 length = readBodyLength(stream);
-    if (hasArrived(stream, length))
-        stream.skipRawData(static_cast<int>(length));
 }
 
 /// Closes and deletes a socket that no node uses any more. What has been written is still sent out, if the
@@ -203,54 +180,53 @@ void TcpNode::_closeSocket()
 
 void TcpNode::_socketDataIndication()
 {
-    while (_socket && _socket->bytesAvailable() > 0) {
-        QDataStream stream(_socket);
-        stream.setVersion(Stream::version);
-        const bool isUnderstood = _handleMessage(stream);
-        if (!isUnderstood || stream.status() != QDataStream::Ok)
+    if (!_socket)
+        return;
+    const QTcpSocket* socket = _socket;
+    MessageReader reader(_socket->readAll());
+    while (_socket == socket && !reader.atEnd()) {  // a message may cost the node its socket
+        const bool isUnderstood = _handleMessage(reader);
+        if (!isUnderstood || !reader.isComplete())
             _closeSocket();
     }
 }
 
-/// False when the connection is to be closed. An incomplete message shows in the stream's status; nothing is
+/// False when the connection is to be closed. Of an incomplete message, which the reader tells, nothing is
 /// done.
-bool TcpNode::_handleMessage(QDataStream& stream)
+bool TcpNode::_handleMessage(MessageReader& reader)
 {
-    quint8 type = 0;
-    stream >> type;
-    switch (type) {
+    switch (reader.readByte()) {
     case Bridge::Frame:
-        _handleFrame(stream);
+        _handleFrame(reader);
         return true;
     case Bridge::NodeControl:
-        return _handleNodeControl(stream);
+        return _handleNodeControl(reader);
     case Bridge::Ignored:
-        skipBody(stream);
+        reader.skip(readBodyLength(reader));
         return true;
     default:  // Bridge::Goodbye among them: its body goes with the connection
         return false;
     }
 }
 
-void TcpNode::_handleFrame(QDataStream& stream)
+void TcpNode::_handleFrame(MessageReader& reader)
 {
-    const quint32 length = readBodyLength(stream);
-    if (hasArrived(stream, length))
-        dataRequest(readBytes(stream, length));
+    const QByteArray frame = reader.readBytes(readBodyLength(reader));
+    if (reader.isComplete())
+        dataRequest(frame);
 }
 
-bool TcpNode::_handleNodeControl(QDataStream& stream)
+bool TcpNode::_handleNodeControl(MessageReader& reader)
 {
-    quint32 length = 0;
-    quint8 type = 0;
-    stream >> length >> type;
-    if (stream.status() != QDataStream::Ok)
+    const quint32 length = reader.readWord();
+    const quint8 type = reader.readByte();
+    if (!reader.isComplete())
         return false;
 
     const quint32 dataLength = length - 1;  // of a length of 0: more than can ever have arrived
     switch (type) {
     case Bridge::SetAddress:
-        _handleAddress(stream, dataLength);
+        _handleAddress(reader, dataLength);
         return true;
     case Bridge::Enable:  // announced data bytes are not read, on purpose: they begin the next message
         setActive(true, true);
@@ -259,10 +235,10 @@ bool TcpNode::_handleNodeControl(QDataStream& stream)
         setActive(false, true);
         return true;
     case Bridge::SetColor:
-        _handleColor(stream, dataLength);
+        _handleColor(reader, dataLength);
         return true;
     case Bridge::SetName:
-        _handleName(stream, dataLength);
+        _handleName(reader, dataLength);
         return true;
     default:
         return false;
@@ -270,11 +246,11 @@ bool TcpNode::_handleNodeControl(QDataStream& stream)
 }
 
 /// An address of the wrong length is read and dropped.
-void TcpNode::_handleAddress(QDataStream& stream, quint32 dataLength)
+void TcpNode::_handleAddress(MessageReader& reader, quint32 dataLength)
 {
-    if (!hasArrived(stream, dataLength))
+    const QByteArray newAddress = reader.readBytes(dataLength);
+    if (!reader.isComplete())
         return;
-    const QByteArray newAddress = readBytes(stream, dataLength);
     const int networkLength = NetworkSimulation::instance()->network()->addressLength();
     const bool replacesOne = newAddress.size() == address().size();
     const bool isFirstOne = address().isEmpty() && newAddress.size() == networkLength;
@@ -284,25 +260,25 @@ void TcpNode::_handleAddress(QDataStream& stream, quint32 dataLength)
 
 /// The inactive colour is a pale version of the active one. A component above 210 gives an invalid colour, on
 /// purpose: the default node's is taken then.
-void TcpNode::_handleColor(QDataStream& stream, quint32 dataLength)
+void TcpNode::_handleColor(MessageReader& reader, quint32 dataLength)
 {
     if (dataLength != Bridge::colorSize)
-        return;  // the bytes stay in the stream, on purpose: they begin the next message
-    quint8 red = 0;
-    quint8 green = 0;
-    quint8 blue = 0;
-    stream >> red >> green >> blue;
-    if (stream.status() != QDataStream::Ok)
+        return;  // the bytes are left, on purpose: they begin the next message
+    const quint8 red = reader.readByte();
+    const quint8 green = reader.readByte();
+    const quint8 blue = reader.readByte();
+    if (!reader.isComplete())
         return;
     setActiveColor(QColor(red, green, blue));
     setInactiveColor(QColor(red / 2 + inactiveColorOffset, green / 2 + inactiveColorOffset,
                             blue / 2 + inactiveColorOffset));
 }
 
-void TcpNode::_handleName(QDataStream& stream, quint32 dataLength)
+void TcpNode::_handleName(MessageReader& reader, quint32 dataLength)
 {
-    if (hasArrived(stream, dataLength))
-        setName(Bridge::nameFromBytes(readBytes(stream, dataLength)));
+    const QByteArray name = reader.readBytes(dataLength);
+    if (reader.isComplete())
+        setName(Bridge::nameFromBytes(name));
 }
 
 void TcpNode::dataIndication(QByteArray frame)
@@ -341,11 +317,10 @@ void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
 {
     if (!_socket)
         return;
-    QByteArray message(Bridge::headerSize, Qt::Uninitialized);
-    message.reserve(Bridge::headerSize + body.size());
+    QByteArray message(Bridge::headerSize + body.size(), Qt::Uninitialized);
     message[0] = static_cast<char>(type);
     qToBigEndian(static_cast<quint32>(body.size()), message.data() + 1);
-    message.append(body);
+    std::copy(body.begin(), body.end(), message.begin() + Bridge::headerSize);
     _socket->write(message);
 
     if (_socket->bytesToWrite() > unsentLimit) {

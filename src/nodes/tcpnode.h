@@ -8,6 +8,8 @@ QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
 
+class MessageReader;
+
 /// A node whose behaviour an external program supplies over TCP: the program's frame messages become sends,
 /// delivered frames and confirmations are written back, and the program may set the node's address, name,
 /// colour and activation.
@@ -69,12 +71,12 @@ private:
     void _adoptSocket(QTcpSocket* socket);
     void _detachSocket();
     void _closeSocket();
-    bool _handleMessage(QDataStream& stream);
-    void _handleFrame(QDataStream& stream);
-    bool _handleNodeControl(QDataStream& stream);
-    void _handleAddress(QDataStream& stream, quint32 dataLength);
-    void _handleColor(QDataStream& stream, quint32 dataLength);
-    void _handleName(QDataStream& stream, quint32 dataLength);
+    bool _handleMessage(MessageReader& reader);
+    void _handleFrame(MessageReader& reader);
+    bool _handleNodeControl(MessageReader& reader);
+    void _handleAddress(MessageReader& reader, quint32 dataLength);
+    void _handleColor(MessageReader& reader, quint32 dataLength);
+    void _handleName(MessageReader& reader, quint32 dataLength);
     void _sendMessage(quint8 type, const QByteArray& body);
     void _flushOutput();
 

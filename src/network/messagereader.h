@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QByteArray>
+#include <QtEndian>
+
+/// Reads the messages of the bridge protocol where they have arrived in memory: big-endian, each as
+/// QDataStream would read it, at a small part of the price. Once something is not wholly there, nothing more
+/// is read: everything is zero or empty from then on and isComplete() stays false.
+class MessageReader
+{
+public:
+    /// \a arrived shares its bytes.
+    explicit MessageReader(const QByteArray& arrived)
+        : _arrived(arrived)
+    {
+    }
+
+    bool atEnd() const { return _position == _arrived.size(); }
+    bool isComplete() const { return _isComplete; }
+
+    quint8 readByte() { return _take<quint8>(); }
+    quint32 readWord() { return _take<quint32>(); }
+
+    /// No memory is taken for bytes that have only been announced.
+    QByteArray readBytes(quint32 length)
+    {
+        const int start = _position;
+        return _arrived.mid(start, _advance(length));
+    }
+
+    void skip(quint32 length) { _advance(length); }
+
+private:
+    template <typename Number> Number _take()
+    {
+        const char* bytes = _arrived.constData() + _position;
+        return _advance(sizeof(Number)) > 0 ? qFromBigEndian<Number>(bytes) : 0;
+    }
+
+    /// Returns how many bytes were passed: all of them or none.
+    int _advance(quint32 length)
+    {
+        _isComplete = _isComplete && length <= static_cast<quint32>(_arrived.size() - _position);
+        const int passed = _isComplete ? static_cast<int>(length) : 0;
+        _position += passed;
+        return passed;
+    }
+
+    QByteArray _arrived;
+    int _position = 0;  // of the next byte
+    bool _isComplete = true;
+};
