@@ -205,6 +205,7 @@ private slots:
     void extremeLastNumbersAreLeftAsTheState();
     void framesBetweenForeignCallsEqualPlainCalls();
     void aThreadThatNeverSetASeedEqualsPlainCalls();
+    void withoutWideVectorsItEqualsPlainCallsToo();
 
     // Masks
     void noBytesTakeNoDraw_data();
@@ -351,6 +352,18 @@ void TestBitErrors::aThreadThatNeverSetASeedEqualsPlainCalls()
     std::thread([&] { expected = outcomeOf(plainQrandMask, 64, 0.9); }).join();
     std::thread([&] { actual = outcomeOf(BitErrors::drawMask, 64, 0.9); }).join();
     QVERIFY(actual == expected);
+}
+
+void TestBitErrors::withoutWideVectorsItEqualsPlainCallsToo()
+{
+    const auto portableMask = [](int size, double reliability) {
+        return BitErrors::_drawMask(size, reliability, {qrand, qsrand, true});
+    };
+    qsrand(1);
+    const std::vector<Outcome> expected = outcomesOfMixedUse(plainQrandMask);
+
+    qsrand(1);
+    QVERIFY(outcomesOfMixedUse(portableMask) == expected);
 }
 
 void TestBitErrors::noBytesTakeNoDraw_data()
