@@ -1,4 +1,5 @@
 #include "histogram.h"
+#include "processtimes.h"
 #include "wire.h"
 
 #include <arpa/inet.h>
@@ -16,8 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -103,11 +102,6 @@ struct Lane {
     Clock::time_point lastProgress;
 };
 
-struct ProcessTimes {
-    double running = 0.0;  // seconds on a processor, user and system
-    double waiting = 0.0;  // seconds ready to run while others ran
-};
-
 struct Snapshot {
     std::uint64_t frames = 0;
     Clock::time_point time;
@@ -136,23 +130,6 @@ template <typename T> T readAs(const char* bytes)
     T value{};
     std::memcpy(&value, bytes, sizeof value);
     return value;
-}
-
-/// Sum over the threads; from the scheduler, since clock ticks of 10 ms are too coarse for short runs.
-ProcessTimes timesOf(int pid)
-{
-    constexpr double nanosecondsPerSecond = 1e9;
-    ProcessTimes times;
-    std::error_code ignored;
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks, ignored)) {
-        double running = 0.0;
-        double waiting = 0.0;
-        std::ifstream(task.path() / "schedstat") >> running >> waiting;
-        times.running += running / nanosecondsPerSecond;
-        times.waiting += waiting / nanosecondsPerSecond;
-    }
-    return times;
 }
 
 double microseconds(std::uint64_t nanoseconds)

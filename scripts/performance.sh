@@ -1,0 +1,51 @@
+#!/bin/sh
+# performance.sh [--rounds N] [--duration S] [--window]: measures the simulator against the limit and beside other tools,
+# with --window also the program with its window shown, and writes docs/performance.md and its plots.
+# Exit code 1: a target is missed, as the document says; 2: something could not be measured, no document is written.
+set -eu
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+usage()
+{
+    sed -n '2,4s/^# //p' "$0" >&2
+    exit 2
+}
+
+rounds=5
+duration=1.5
+window=no
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --rounds) rounds=${2:?}; shift 2 ;;
+    --duration) duration=${2:?}; shift 2 ;;
+    --window) window=yes; shift ;;
+    *) usage ;;
+    esac
+done
+
+results=$(mktemp -d)
+trap 'rm -rf "$results"' EXIT
+
+# measure FILE COMMAND...: writes the figures there; a missed target is told at the end, by the document.
+measure()
+{
+    file=$1
+    shift
+    "$@" --rounds "$rounds" --duration "$duration" --json "$file" || [ $? -eq 1 ] || exit 2
+    [ -s "$file" ] || exit 2
+}
+
+# shellcheck disable=SC2086  # one word a package
+install_packages $build_packages gnuplot-nox libns3-dev libvdeplug-dev python3 util-linux vde2 >&2
+cmake --preset release >&2
+cmake --build --preset release --target lattivo_frameload lattivo_ns3link >&2
+
+measure "$results/engine.json" scripts/bench.sh
+measure "$results/comparison.json" python3 -B bench/compare/compare.py --build-dir build/release
+if [ "$window" = yes ]; then
+    measure "$results/window.json" scripts/bench.sh --window
+    set -- --window "$results/window.json"
+fi
+python3 -B bench/document.py --engine "$results/engine.json" --comparison "$results/comparison.json" "$@" --output docs

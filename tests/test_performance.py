@@ -1,0 +1,127 @@
+"""Tests of what the performance document says of measured figures, and of the comparison that measures them.
+
+The environment variable LATTIVO_HEADLESS holds the path of the simulator; CTest sets it.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+TOP_FOLDER = Path(__file__).resolve().parent.parent
+BENCH = TOP_FOLDER / "bench"
+sys.path[:0] = [str(BENCH), str(BENCH / "compare")]
+
+import compare  # noqa: E402
+import document  # noqa: E402
+import run  # noqa: E402
+
+PATIENCE = 200.0  # seconds; only a failing test waits that long
+
+
+def engine(ratio: float) -> dict:
+    """Of one workload whose speed has to be 1.2 times the limit's."""
+    comparison = {"ours": 1000.0 * ratio, "limit": 1000.0, "ratio": ratio, "lowest": ratio, "highest": ratio}
+    row = run.row(run.Workload("small", "one pair"), "frames/s", comparison, 1.2, at_least=True)
+    return {"rows": [row], "runs": 2, "disturbed_runs": 1}
+
+
+def comparison_of(speeds: dict) -> dict:
+    """Frames per second by tool, the same for both sizes and placements."""
+    tools = [tool for tool in compare.TOOLS if tool.key in speeds]
+    runs = {}
+    for tool in tools:
+        result = compare.Figures(
+            frames=speeds[tool.key],
+            corrupted=1,
+            seconds=1.0,
+            server_cpu=0.5,
+            client_cpu=0.5,
+            client_wait=0.0,
+            kernel_share=0.5,
+        )
+        for size in compare.SIZES:
+            for placement in compare.PLACEMENTS:
+                runs[tool.key, size, placement] = [result]
+    rows = compare.rows_of(runs, tools)
+    settings = {"rounds": 1, "duration": 1.0, "window": compare.WINDOW, "error_rate": compare.ERROR_RATE}
+    return {"rows": rows, "verdicts": compare.verdicts(rows), "runs": 4, "disturbed_runs": 0, **settings}
+
+
+FAST = {"lattivo": 300_000, "vde": 100_000, "ns3": 90_000}
+SLOW = {**FAST, "ns3": 110_000}
+
+
+class DocumentTest(unittest.TestCase):
+    def text(self, engine_figures: dict, comparison: dict) -> str:
+        return document.document(engine_figures, comparison, None, machine="any")
+
+    def test_a_missed_target_against_the_limit_stands_in_its_row_and_in_the_summary(self):
+        text = self.text(engine(1.1), comparison_of(FAST))
+        self.assertIn("| one pair | frames/s | 1,100 | 1,000 | 1.10 | 1.10–1.10 | ≥ 1.20 | **MISSED** |", text)
+        self.assertIn("- **MISSED**: one pair, frames/s", text)
+        self.assertIn("4 of 5 targets are reached", text)
+
+    def test_a_missed_target_beside_another_tool_stands_in_its_row_and_in_the_summary(self):
+        text = self.text(engine(1.3), comparison_of(SLOW))
+        self.assertIn("| 300,000 | 110,000 | 2.73 | ≥ 3 | **MISSED** |", text)
+        self.assertIn("- **MISSED**: 64 bytes, frames/s (and bits carried/s), Lattivo : ns-3", text)
+
+    def test_reached_targets_leave_no_word_of_a_missed_one(self):
+        text = self.text(engine(1.3), comparison_of(FAST))
+        self.assertIn("5 of 5 targets are reached", text)
+        self.assertNotIn("MISSED", text)
+
+    def test_disturbed_runs_are_told(self):
+        self.assertIn("In 1 of 6 runs other programs", self.text(engine(1.3), comparison_of(FAST)))
+
+    def test_each_target_is_judged_by_itself(self):
+        judged = document.judged_targets(engine(1.3), comparison_of(SLOW), None)
+        self.assertEqual([False, False], [reached for words, reached in judged if "ns-3" in words])
+        self.assertEqual([True, True, True], [reached for words, reached in judged if "ns-3" not in words])
+
+
+class VerdictTest(unittest.TestCase):
+    def test_the_better_placement_of_each_tool_counts(self):
+        rows = comparison_of(FAST)["rows"]
+        for row in rows:
+            if row["key"] == "vde" and row["placement"] == "any core":
+                row["frames_per_second"] = 200_000
+        ratios = [verdict["ratio"] for verdict in compare.verdicts(rows) if verdict["title"].endswith("Lattivo : VDE")]
+        self.assertEqual([1.5, 1.5], ratios)
+
+    def test_a_tool_that_corrupts_too_few_frames_is_not_measured(self):
+        few = compare.Figures(100_000, 1_000, 1.0, 0.5, 0.5, 0.0, 0.5)
+        with self.assertRaises(run.MeasurementFailed):
+            compare.check_corruption(compare.TOOLS[0], 64, few)
+
+
+def build_folder() -> Path:
+    return Path(os.environ["LATTIVO_HEADLESS"]).parent
+
+
+def tools_are_there() -> bool:
+    built = [run.find_program(build_folder(), name) for name in ("lattivo_frameload", "lattivo_ns3link")]
+    return None not in built and None not in [shutil.which(name) for name in ("vde_switch", "wirefilter")]
+
+
+@unittest.skipUnless(tools_are_there(), "VDE or ns-3 is not installed")
+class ComparisonTest(unittest.TestCase):
+    def test_frames_go_through_every_tool_and_are_corrupted_at_the_set_rate(self):
+        folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
+        command = [sys.executable, "-B", str(BENCH / "compare" / "compare.py"), "--build-dir", str(build_folder())]
+        command += ["--rounds", "1", "--duration", "0.2", "--json", str(folder / "figures")]
+        result = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE)
+        self.assertIn(result.returncode, (0, 1), result.stderr)  # how fast they are is not judged here
+        rows = json.loads((folder / "figures").read_text())["rows"]
+        self.assertEqual([tool.key for tool in compare.TOOLS], list(dict.fromkeys(row["key"] for row in rows)))
+
+
+if __name__ == "__main__":
+    unittest.main()
