@@ -1,12 +1,12 @@
 #include "exitcode.h"
 #include "network/networksimulation.h"
 #include "options.h"
+#include "process.h"
 #include "runner.h"
 
 #include <QApplication>
 #include <QLoggingCategory>
 
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -37,9 +37,9 @@ ExitCode answer(const CommandLine& commandLine)
 
 int main(int argc, char* argv[])
 {
+    prepareProcess();                         // a closed standard output is no reason to lose dump and report
     qputenv("QT_QPA_PLATFORM", "offscreen");  // the scene needs an application, but nobody looks at it
     qputenv("QT_NO_GLIB", "1");               // the toolkit's own event loop costs a frame less than GLib's
-    std::signal(SIGPIPE, SIG_IGN);            // a closed standard output is no reason to lose dump and report
 
     QLoggingCategory::setFilterRules(silentStart);
     int toolkitArgc = 1;  // the toolkit's own options are none of this program's

@@ -41,7 +41,7 @@ QString description()
     };
     return "Simulates a network of point-to-point links without a window. Prints \"listening on port N\" "
            "when\n"
-           "programs can attach; ends at the first of its end conditions, or on SIGINT or SIGTERM.\n"
+           "programs can attach; ends at the first of its end conditions, or on SIGINT, SIGTERM or SIGHUP.\n"
            "\nExit codes:"
         + line(ExitCode::Success, "ended in order") + line(ExitCode::WrongOption, "wrong option")
         + line(ExitCode::SimulationNotLoaded, "the simulation file does not load")

@@ -53,6 +53,32 @@ bool hasUnsentBytes()
     });
 }
 
+QString notWritten(const QString& what, const QFile& file, const QString& reason)
+{
+    return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.fileName(), reason);
+}
+
+/// A write that was done in part names no reason, the next one does.
+QString writeError(QFile& file)
+{
+    if (file.flush() && file.write(" ") == 1)
+        file.flush();
+    return file.errorString();
+}
+
+/// Null when all that was written is where it belongs. Some disks tell only when a file is closed that they
+/// are full; closing it also wipes the text of an earlier error.
+QString closingError(QFile& file, bool isWritten)
+{
+    QString error;
+    if (!isWritten || !file.flush())
+        error = writeError(file);
+    file.close();
+    if (error.isNull() && file.error() != QFileDevice::NoError)
+        error = file.errorString();
+    return error;
+}
+
 int milliseconds(double seconds)
 {
     return static_cast<int>(seconds * 1000);
@@ -72,13 +98,13 @@ Runner::Runner(const Options& options, QObject* parent)
     connect(&_nodesCheck, SIGNAL(timeout()), this, SLOT(_checkWaitedForNodes()));
     connect(&_waitLimit, SIGNAL(timeout()), this, SLOT(_giveUpWaiting()));
     connect(&_runLimit, SIGNAL(timeout()), this, SLOT(_endByDuration()));
-    connect(&_signals, SIGNAL(received()), this, SLOT(_endBySignal()));
 }
 
 ExitCode Runner::run()
 {
     if (!_openOutputs() || !_loadSimulation())
         return _exitCode;
+    _catchSignals();
     _applySettings();
     if (!_startServer())
         return _exitCode;
@@ -94,14 +120,19 @@ ExitCode Runner::run()
 /// At the start, so that nobody waits an hour to learn that a folder does not exist.
 bool Runner::_openOutputs()
 {
-    const auto message = [](const QString& what, const QFile& file) {
-        return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.fileName(), file.errorString());
-    };
-    if (!_options.captureFile.isEmpty() && !_dump.open(QIODevice::ReadWrite | QIODevice::Truncate))
-        return _fail(ExitCode::DumpNotWritten, message("dump", _dump));
-    if (!_options.reportFile.isEmpty() && !_report.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return _fail(ExitCode::ReportNotWritten, message("report", _report));
+    constexpr QIODevice::OpenMode mode = QIODevice::WriteOnly | QIODevice::Truncate;
+    if (!_options.captureFile.isEmpty() && !_dump.open(mode))
+        return _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump, _dump.errorString()));
+    if (!_options.reportFile.isEmpty() && !_report.open(mode))
+        return _fail(ExitCode::ReportNotWritten, notWritten("report", _report, _report.errorString()));
     return true;
+}
+
+/// Not earlier: a pipe is open only when somebody reads it, and a signal must be able to end that wait.
+void Runner::_catchSignals()
+{
+    _signals.emplace();
+    connect(&*_signals, SIGNAL(received()), this, SLOT(_endBySignal()));
 }
 
 bool Runner::_loadSimulation()
@@ -211,36 +242,36 @@ void Runner::_end(const QString& endedBy)
     if (_hasEnded)
         return;
     _hasEnded = true;
-    if (!_writeDump())
-        _fail(ExitCode::DumpNotWritten,
-              "cannot write the dump " + _dump.fileName() + ": " + _dump.errorString());
-    if (!_writeReport(endedBy))
-        _fail(ExitCode::ReportNotWritten,
-              "cannot write the report " + _report.fileName() + ": " + _report.errorString());
+    _writeDump();
+    _writeReport(endedBy);
     QCoreApplication::quit();
 }
 
-bool Runner::_writeDump()
+void Runner::_writeDump()
 {
     if (!_dump.isOpen())
-        return true;
+        return;
     CaptureDumpStream stream(&_dump);
     stream.setVersion(Stream::version);
     stream << *NetworkSimulation::instance()->capture();
-    return stream.status() == QDataStream::Ok && _dump.flush();
+    const QString error = closingError(_dump, stream.status() == QDataStream::Ok);
+    if (!error.isNull())
+        _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump, error));
 }
 
-bool Runner::_writeReport(const QString& endedBy)
+void Runner::_writeReport(const QString& endedBy)
 {
     if (!_report.isOpen())
-        return true;
+        return;
     RunFacts facts;
     facts.seed = *_options.seed;
     facts.seconds = _runTime.isValid() ? static_cast<double>(_runTime.nsecsElapsed()) / 1e9 : 0.0;
     facts.framesLeftLinks = _framesLeftLinks;
     facts.endedBy = endedBy;
     const QByteArray json = QJsonDocument(makeReport(*NetworkSimulation::instance(), facts)).toJson();
-    return _report.write(json) == json.size() && _report.flush();
+    const QString error = closingError(_report, _report.write(json) == json.size());
+    if (!error.isNull())
+        _fail(ExitCode::ReportNotWritten, notWritten("report", _report, error));
 }
 
 void Runner::_sendUnsentBytes()

@@ -9,6 +9,8 @@
 #include <QObject>
 #include <QTimer>
 
+#include <optional>
+
 /// One run of a simulation without a window: sets it up as the options say, waits for its end and writes what
 /// is asked for. Each failure is one line on standard error and an exit code of its own.
 class Runner : public QObject
@@ -29,13 +31,14 @@ private slots:
 
 private:
     bool _openOutputs();
+    void _catchSignals();
     bool _loadSimulation();
     void _applySettings();
     bool _startServer();
     void _beginCounting();
     void _end(const QString& endedBy);
-    bool _writeDump();
-    bool _writeReport(const QString& endedBy);
+    void _writeDump();
+    void _writeReport(const QString& endedBy);
     void _sendUnsentBytes();
     bool _fail(ExitCode code, const QString& message);
 
@@ -43,7 +46,7 @@ private:
     ExitCode _exitCode = ExitCode::Success;
     QFile _dump;
     QFile _report;
-    TerminationSignals _signals;
+    std::optional<TerminationSignals> _signals;  // empty until there is something to write at the end
     QTimer _nodesCheck;
     QTimer _waitLimit;
     QTimer _runLimit;

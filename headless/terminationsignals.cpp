@@ -24,6 +24,12 @@ void catchSignal(int signal)
     sigaction(signal, &action, nullptr);
 }
 
+bool isIgnored(int signal)
+{
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 TerminationSignals::TerminationSignals(QObject* parent)
@@ -35,6 +41,8 @@ TerminationSignals::TerminationSignals(QObject* parent)
     connect(&*_notifier, SIGNAL(activated(int)), this, SLOT(_drain()));
     catchSignal(SIGINT);
     catchSignal(SIGTERM);
+    if (!isIgnored(SIGHUP))  // as nohup does
+        catchSignal(SIGHUP);
 }
 
 void TerminationSignals::_drain()

@@ -5,8 +5,8 @@
 
 #include <optional>
 
-/// Turns SIGINT and SIGTERM into a signal of the event loop. The second one of a kind ends the process at
-/// once. One object a process.
+/// Turns SIGINT, SIGTERM and, unless the caller had it ignored, SIGHUP into a signal of the event loop. The
+/// second one of a kind ends the process at once. One object a process.
 class TerminationSignals : public QObject
 {
     Q_OBJECT

@@ -1,4 +1,5 @@
 #include "network/networksimulation.h"
+#include "process.h"
 #include "ui/mainwindow.h"
 
 #include <QApplication>
@@ -6,6 +7,7 @@
 
 int main(int argc, char* argv[])
 {
+    prepareProcess();
     qputenv("QT_NO_GLIB", "1");  // the toolkit's own event loop costs the frames half of what GLib's does
     QApplication application(argc, argv);
     QApplication::setApplicationDisplayName(QStringLiteral("Lattivo"));

@@ -123,6 +123,7 @@ private slots:
     // TCP server
     void theServerIsSwitchedOnAndOff();
     void aPortInUseIsReportedAndTheBoxUnchecked();
+    void aPortThatWasInUseIsTriedAgainByTheNextClick();
     void thePortIsStored();
     void aPortBeyondTheLastOneIsStoredAsZero();
     void plugAndPlaceSwitchesAreStored();
@@ -437,6 +438,29 @@ void TestNetworkPropertiesWidget::aPortInUseIsReportedAndTheBoxUnchecked()
     QCOMPARE(checkBox(form, "Enabled")->checkState(), Qt::Unchecked);
     QVERIFY(port(form)->isEnabled());
     QVERIFY(!network()->isTcpEnabled());
+}
+
+void TestNetworkPropertiesWidget::aPortThatWasInUseIsTriedAgainByTheNextClick()
+{
+    QTcpServer other;
+    QVERIFY(other.listen(QHostAddress::Any));
+    network()->setTcpPort(other.serverPort());
+    const Form form = openForm();
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        bool isReported = false;
+        whenDialogOpens([&](QWidget* dialog) {
+            isReported = true;
+            QTest::keyClick(dialog, Qt::Key_Return);
+        });
+        click(checkBox(form, "Enabled"));
+        QVERIFY(isReported);
+        QVERIFY(!checkBox(form, "Enabled")->isChecked());
+    }
+    other.close();
+    click(checkBox(form, "Enabled"));
+    QVERIFY(network()->isTcpEnabled());
+    QVERIFY(checkBox(form, "Enabled")->isChecked());
+    QVERIFY(!port(form)->isEnabled());
 }
 
 void TestNetworkPropertiesWidget::thePortIsStored()

@@ -190,7 +190,7 @@ void NetworkPropertiesWidget::tcpEnabledChanged(int state)
     bool enable = state == Qt::Checked;
     if (!network()->setTcpEnabled(enable) && enable) {
         _warnOfTcpFailure();
-        _tcpEnabled->setChecked(false);  // which leads here again, if the box was checked
+        _tcpEnabled->setCheckState(Qt::Unchecked);  // setChecked() within a click mutes the next one
         enable = false;
     }
     _tcpPort->setEnabled(!enable);
