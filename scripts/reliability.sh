@@ -1,0 +1,53 @@
+#!/bin/sh
+# reliability.sh [FUZZ_SECONDS [SOAK_MINUTES]]: tests the machine's faults, measures attacks, fuzzes each target for so
+# long (1800) and soaks for so long (30), and writes docs/reliability.md. Takes as long as the sum, and half as long again.
+# reliability.sh --measure: tests and measures only; reliability.sh --from-summaries: runs nothing. The rest of the document
+# is then what earlier runs have left under build/.
+# Exit code 1: a promise does not hold, as the document says; 2: something could not be run.
+set -eu
+
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+
+mode=${1:-all}
+fuzz_seconds=1800
+soak_minutes=${2:-30}
+case $mode in
+    all | --measure | --from-summaries) ;;
+    *[!0-9]*)
+        sed -n '2,6s/^# //p' "$0" >&2
+        exit 2
+        ;;
+    *)
+        fuzz_seconds=$mode
+        mode=all
+        ;;
+esac
+
+# accept_findings COMMAND...: what was found is told by the document.
+accept_findings()
+{
+    "$@" || [ $? -eq 1 ] || exit 2
+}
+
+test_and_measure()
+{
+    # shellcheck disable=SC2086,SC2154  # one word a package
+    install_packages $build_packages $test_packages >&2
+    cmake --preset release >&2
+    cmake --build --preset release --parallel 2 >&2
+    mkdir -p build/reliability
+    ctest --test-dir build/release --verbose -R '^(faults|filefaults)$' >build/reliability/tests.log || true
+    accept_findings python3 -B reliability/measure.py --output build/reliability/measurements.json
+}
+
+case $mode in
+    --from-summaries) exec python3 -B reliability/document.py ;;
+    all)
+        accept_findings scripts/fuzz.sh "$fuzz_seconds"
+        accept_findings scripts/fuzz.sh --coverage
+        accept_findings scripts/soak.sh "$soak_minutes"
+        ;;
+esac
+test_and_measure
+exec python3 -B reliability/document.py --test-log build/reliability/tests.log
