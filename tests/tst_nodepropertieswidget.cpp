@@ -146,6 +146,7 @@ private slots:
 
     // Identity
     void typingTheNameRenamesTheNode();
+    void anEndlessNameIsCutInTheFormOnly();
     void anAssignedAddressTakesThePlaceOfTheButton();
     void theAssignDialogAsksUnderTheMaskOfTheNetwork();
     void anAddressOfTheWrongLengthIsIgnored_data();
@@ -405,6 +406,18 @@ void TestNodePropertiesWidget::typingTheNameRenamesTheNode()
     const Form form = openForm(one.node);
     type(field<QLineEdit>(form.get(), QStringLiteral("Name")), QStringLiteral("beta"));
     QCOMPARE(one.node->name(), QStringLiteral("beta"));
+}
+
+/// A program may name its node with millions of characters, which a field takes seconds to lay out.
+void TestNodePropertiesWidget::anEndlessNameIsCutInTheFormOnly()
+{
+    const OneNode one;
+    const QString name(100000, QLatin1Char('n'));
+    one.node->setName(name);
+    const Form form = openForm(one.node);
+    const auto* shown = field<QLineEdit>(form.get(), QStringLiteral("Name"));
+    QCOMPARE(shown->text().size(), shown->maxLength());
+    QCOMPARE(one.node->name(), name);
 }
 
 void TestNodePropertiesWidget::anAssignedAddressTakesThePlaceOfTheButton()

@@ -135,7 +135,9 @@ QCheckBox* PropertyForm::addThreeStateBox(const QString& label, Qt::CheckState s
 
 QLineEdit* PropertyForm::addLineEdit(const QString& label, const QString& text)
 {
-    auto* field = new QLineEdit(text, _form);
+    auto* field = new QLineEdit(_form);
+    // A text given at construction is laid out whole, however long; one that is set is cut first.
+    field->setText(text);
     fillWidth(field);
     _addRow(label, field);
     return field;

@@ -1,0 +1,162 @@
+#include "fuzztarget.h"
+
+#include "network/networksimulation.h"
+#include "testaccess.h"
+
+#include <QApplication>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned mostCuts = 7;
+
+/// The toolkit only warns of a connection between signals and slots that do not fit.
+void endOnFailedConnect(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& message)
+{
+    Fuzz::require(!message.startsWith(QLatin1String("QObject::connect: ")), qPrintable(message));
+}
+
+}  // namespace
+
+/// Takes the place of the program's icons: to decode them for each new simulation would take a third of the
+/// time.
+int qInitResources_resources()
+{
+    return 1;
+}
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_NO_GLIB", "1");                    // the toolkit's own event loop has less to do
+    qputenv("QT_LOGGING_RULES", "*.debug=false");  // a "*" for each flipped bit
+    qInstallMessageHandler(endOnFailedConnect);
+    static int argumentCount = 1;            // the fuzzer's own options are not the toolkit's
+    new QApplication(argumentCount, *argv);  // lives as long as the process
+    return 0;
+}
+
+void Fuzz::require(bool holds, const char* promise)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "Broken promise: %s\n", promise);
+    std::abort();
+}
+
+Network* Fuzz::newNetwork()
+{
+    qsrand(1);
+    return NetworkSimulation::newNetworkSimulation()->network();
+}
+
+void Fuzz::deleteNetwork()
+{
+    NetworkSimulation::deleteNetworkSimulation();
+    passEvents();
+    require(TestAccess::allTcpNodes().isEmpty(), "no node outlives its network");
+}
+
+/// Deletions that were put off run where a program's event loop would run them.
+void Fuzz::passEvents(int passes)
+{
+    for (int i = 0; i < passes; ++i) {
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+}
+
+Fuzz::Input::Input(const uint8_t* data, size_t size)
+    : _bytes(reinterpret_cast<const char*>(data), static_cast<int>(size))
+{
+}
+
+uint8_t Fuzz::Input::takeByte()
+{
+    return _position < _bytes.size() ? static_cast<uint8_t>(_bytes.at(_position++)) : 0;
+}
+
+QByteArrayList Fuzz::Input::takePieces()
+{
+    const unsigned cuts = takeByte() & mostCuts;
+    std::vector<int> lengths;
+    for (unsigned i = 0; i < cuts; ++i)
+        lengths.push_back(takeByte());
+
+    QByteArrayList pieces;
+    for (const int length : lengths) {
+        pieces.append(_bytes.mid(_position, length));
+        _position = std::min(_position + length, _bytes.size());
+    }
+    pieces.append(_bytes.mid(_position));
+    _position = _bytes.size();
+    return pieces;
+}
+
+Fuzz::Program::Program()
+{
+    int ends[2] = {-1, -1};
+    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) == 0,
+            "sockets can be made");
+    _simulatorEnd = ends[0];
+    _ownEnd = ends[1];
+}
+
+Fuzz::Program::~Program()
+{
+    if (_simulatorEnd >= 0)
+        ::close(_simulatorEnd);
+    close();
+}
+
+int Fuzz::Program::takeSimulatorEnd()
+{
+    return std::exchange(_simulatorEnd, -1);
+}
+
+/// Bytes that the kernel does not take, because the simulator has closed or reads nothing, are lost.
+void Fuzz::Program::send(const QByteArray& bytes)
+{
+    const auto taken = ::send(_ownEnd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL);
+    Q_UNUSED(taken)
+}
+
+void Fuzz::Program::endOutput()
+{
+    ::shutdown(_ownEnd, SHUT_WR);
+}
+
+void Fuzz::Program::close()
+{
+    if (_ownEnd >= 0)
+        ::close(_ownEnd);
+    _ownEnd = -1;
+}
+
+QByteArray Fuzz::Program::receive()
+{
+    QByteArray received;
+    char part[4096];
+    while (true) {
+        const ssize_t size = ::recv(_ownEnd, part, sizeof part, 0);
+        if (size <= 0)
+            return received;
+        received.append(part, static_cast<int>(size));
+    }
+}
+
+bool Fuzz::Program::hasEnded()
+{
+    char byte = 0;
+    const ssize_t size = ::recv(_ownEnd, &byte, sizeof byte, MSG_PEEK);
+    return size == 0 || (size < 0 && errno != EAGAIN);
+}

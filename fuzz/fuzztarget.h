@@ -1,0 +1,78 @@
+#pragma once
+
+#include <QByteArray>
+#include <QByteArrayList>
+
+#include <cstddef>
+#include <cstdint>
+
+class Network;
+
+// What libFuzzer and the replay program call; each target defines the second one.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+/// What the fuzz targets share.
+namespace Fuzz {
+
+/// Ends the process where a promise of the program is broken, which is a finding like a crash.
+void require(bool holds, const char* promise);
+
+/// A new simulation, and the same random draws for each input.
+Network* newNetwork();
+
+/// Nothing of the input may be left for the next one.
+void deleteNetwork();
+
+/// Runs what is due by now, never waits.
+void passEvents(int passes = 1);
+
+constexpr int passesOfAFrame = 4;  // from the socket over a link without delay to the other socket
+
+/// Takes the front of an input as choices of the fuzzer; what is missing reads as zero.
+class Input
+{
+public:
+    Input(const uint8_t* data, size_t size);
+
+    uint8_t takeByte();
+
+    /// The rest, as a stream may cut it: a byte with the number of cuts, a byte for the length of each piece
+    /// but the last, then the bytes themselves. Pieces may be empty.
+    QByteArrayList takePieces();
+
+private:
+    QByteArray _bytes;
+    int _position = 0;
+};
+
+/// Bit \a number of \a choices.
+inline bool isChosen(uint8_t choices, unsigned number)
+{
+    return (choices >> number & 1U) != 0;
+}
+
+/// The program's end of a connection, the other end of which is a socket of the simulator. Both are made by
+/// the kernel without a network: no port is used up and nothing has to be waited for.
+class Program
+{
+public:
+    Program();
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    int takeSimulatorEnd();  // a descriptor, the caller's from here on
+
+    void send(const QByteArray& bytes);
+    void endOutput();
+    void close();
+    QByteArray receive();  // what has arrived by now
+    bool hasEnded();       // the simulator has closed, and all of its bytes were received
+
+private:
+    int _simulatorEnd = -1;
+    int _ownEnd = -1;
+};
+
+}  // namespace Fuzz

@@ -1,0 +1,127 @@
+#!/usr/bin/env python3
+"""Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-*, from the examples in docs/formats.md."""
+
+import pathlib
+import re
+import struct
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+CORPUS = ROOT / "fuzz" / "corpus"
+EXAMPLE = re.compile(r"<!-- example: (\S+) -->\n```\n(.*?)```", re.DOTALL)
+
+COUNTS_AND_TAIL_SIZE = 4 + 4 + 2 + 4  # numbers of nodes and connections, capture record, trailer
+TAIL_SIZE = 2 + 4
+PROMISCUOUS_SIZE = 4  # the end of a node record; not in version 0
+NODE_ID = slice(8, 16)
+NODE_ADDRESS_END = 42
+NODE_FLAGS = slice(42, 46)
+CONNECTION_ENDS = slice(4, 20)
+CONNECTION_BROKEN = slice(20, 21)
+
+# Bits of the first byte, as the targets define them
+BY_NAME, PLUG_AND_PLAY, SHORT_ADDRESS, SECOND_PROGRAM = 0x01, 0x02, 0x04, 0x08
+CONFIRMATIONS, PROMISCUOUS, NOISY, BROKEN, FURTHER_LINKS = 0x01, 0x02, 0x04, 0x08, 0x10
+NO_ADDRESS = 0x40
+
+
+def examples():
+    text = (ROOT / "docs" / "formats.md").read_text(encoding="utf-8")
+    return {name: bytes.fromhex(re.sub("#.*", "", block)) for name, block in EXAMPLE.findall(text)}
+
+
+def replaced(content, place, value):
+    return content[: place.start] + value + content[place.stop :]
+
+
+def node(known, number, flags=0):
+    """The node of the example under another id and with another address."""
+    record = replaced(known["node-record"], NODE_ID, struct.pack(">Q", number))
+    record = replaced(record, slice(NODE_ADDRESS_END - 1, NODE_ADDRESS_END), bytes([number]))
+    return replaced(record, NODE_FLAGS, struct.pack(">I", flags))
+
+
+def connection(known, first, second, is_broken=False):
+    record = replaced(known["connection-record"], CONNECTION_ENDS, struct.pack(">QQ", first, second))
+    return replaced(record, CONNECTION_BROKEN, bytes([is_broken]))
+
+
+def simulation(empty, nodes, connections):
+    head, tail = empty[:-COUNTS_AND_TAIL_SIZE], empty[-TAIL_SIZE:]
+    count = struct.Struct(">I").pack
+    return head + count(len(nodes)) + b"".join(nodes) + count(len(connections)) + b"".join(connections) + tail
+
+
+def simulation_files(known):
+    new, old = known["new-simulation"], known["new-simulation-version-0"]
+    nodes = [node(known, number) for number in (1, 2, 3)]
+    old_nodes = [record[:-PROMISCUOUS_SIZE] for record in nodes]
+    chain = [connection(known, 1, 2), connection(known, 2, 3)]
+    return {
+        "new": new,
+        "new-version-0": old,
+        "example": (ROOT / "examples" / "lossy-link.ltvo").read_bytes(),
+        "one-node": simulation(new, nodes[:1], []),
+        "chain": simulation(new, nodes, chain),
+        "chain-version-0": simulation(old, old_nodes, chain),
+        "odd-links": simulation(
+            new, [node(known, 1), node(known, 2, flags=2)], [connection(known, 1, 1), connection(known, 2, 1, True)]
+        ),
+    }
+
+
+def in_pieces(choices, *pieces):
+    """A byte of choices, the number of cuts, the length of each piece but the last, the pieces."""
+    return bytes([choices, len(pieces) - 1]) + bytes(map(len, pieces[:-1])) + b"".join(pieces)
+
+
+def identifications(known):
+    by_address, by_name = known["identify-address"], known["identify-name"]
+    left = by_name.replace(b"Right", b"Left").replace(b"\x06", b"\x05", 1)
+    frame = known["frame-from-program"]
+    return {
+        "known-address": in_pieces(0, by_address),
+        "new-address": in_pieces(PLUG_AND_PLAY, by_address[:-1] + b"\x09" + frame),
+        "short-address": in_pieces(SHORT_ADDRESS, b"\x03\x00\x00\x00\x02\x01\x01"),
+        "unknown-name": in_pieces(BY_NAME, by_name),
+        "new-name": in_pieces(BY_NAME | PLUG_AND_PLAY, by_name, frame),
+        "known-name": in_pieces(BY_NAME | SECOND_PROGRAM, left, frame, frame),
+        "wrong-kind": in_pieces(BY_NAME, by_address),
+        "late-rest": in_pieces(PLUG_AND_PLAY, by_address[:5], by_address[5:]),
+    }
+
+
+def bridge_messages(known):
+    frame = known["frame-from-program"]
+    broadcast = frame[:5] + b"\xff" * 6 + frame[11:]
+    to_nobody = frame[:5] + b"\xee" * 6 + frame[11:]
+    control = [known[f"control-{kind}"] for kind in ("address", "activate", "deactivate", "color", "name")]
+    return {
+        "frame": in_pieces(0, frame),
+        "frames": in_pieces(CONFIRMATIONS, frame + broadcast, to_nobody, frame + frame),
+        "noisy": in_pieces(CONFIRMATIONS | NOISY | PROMISCUOUS, to_nobody * 4),
+        "broken": in_pieces(CONFIRMATIONS | BROKEN, frame + broadcast),
+        "links": in_pieces(CONFIRMATIONS | FURTHER_LINKS, frame, broadcast),
+        "control": in_pieces(0, *control, frame),
+        "first-address": in_pieces(NO_ADDRESS, control[0]),
+        "dropped": in_pieces(0, known["dropped-message"] + frame),
+        "closing": in_pieces(0, frame + known["closing-message"] + frame),
+        "late-rest": in_pieces(0, frame[:7], frame[7:]),
+    }
+
+
+def write(target, seeds):
+    folder = CORPUS / target
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, content in seeds.items():
+        (folder / f"seed-{name}").write_bytes(content)
+
+
+def main():
+    known = examples()
+    write("simulationfile", simulation_files(known))
+    write("identification", identifications(known))
+    write("bridge", bridge_messages(known))
+
+
+if __name__ == "__main__":
+    main()
