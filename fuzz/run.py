@@ -221,9 +221,16 @@ def fuzz_all(targets, seconds, build_dir):
         for result in runners.map(lambda target: run(target, seconds), targets):
             report(result)
             results.append(result)
-    summary = {"secondsPerTarget": seconds, "targets": [asdict(result) for result in results]}
-    (build_dir / "summary.json").write_text(json.dumps(summary, indent=2) + "\n", encoding="utf-8")
+    write_summary(build_dir / "summary.json", results)
     return not any(result.findings for result in results)
+
+
+def write_summary(path, results):
+    """Of a target that has not run this time the figures of its last run stay."""
+    known = json.loads(path.read_text(encoding="utf-8"))["targets"] if path.exists() else []
+    by_target = {result["target"]: result for result in known} | {result.target: asdict(result) for result in results}
+    summary = {"targets": [by_target[name] for name in sorted(by_target)]}
+    path.write_text(json.dumps(summary, indent=2) + "\n", encoding="utf-8")
 
 
 def minimise(target):
