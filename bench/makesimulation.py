@@ -43,25 +43,58 @@ class Layout:
 
 
 @dataclass
+class NodeSettings:
+    """A node's own; what is left out follows the default node."""
+
+    confirms: int = PARTIALLY_CHECKED
+    confirmation_timeout: int = -1  # ms; below 1: the default node's
+    promiscuous: int = PARTIALLY_CHECKED
+
+
+@dataclass
+class LinkSettings:
+    """A link's own; what is left out follows the default connection."""
+
+    broken: bool = False
+    reliability: float = -1.0  # negative: the default's
+    detection: float = -1.0  # likewise
+    delay: int = -1  # ms; 0 or below: the default's
+    delay_deviation: int = -1  # likewise
+
+
+@dataclass
 class Simulation:
     pairs: int = 1
+    single_nodes: int = 0  # without a link, behind all others
     ring_steps: tuple = ()  # each node of the pairs is linked with those so many places further on instead
     star_links: int = 0  # 0: pairs
+    wiring: tuple = None  # any links instead, each as the numbers of its two ends
+    maximal_transfer_unit: int = MAXIMAL_TRANSFER_UNIT  # bytes
     confirms: bool = False
     confirmation_timeout: int = 1000  # ms
     delay: int = 0  # ms
     delay_deviation: int = 0  # ms
     reliability: float = 1.0  # per bit
+    detection: float = 1.0  # per corrupted frame
+    own_nodes: dict = field(default_factory=dict)  # NodeSettings by number
+    own_links: dict = field(default_factory=dict)  # LinkSettings by place in links()
     layout: Layout = field(default_factory=Layout)
 
-    def node_count(self):
+    def linked_node_count(self):
+        if self.wiring is not None:
+            return 1 + max((end for ends in self.wiring for end in ends), default=-1)
         return 1 + self.star_links if self.star_links else 2 * self.pairs
 
+    def node_count(self):
+        return self.linked_node_count() + self.single_nodes
+
     def links(self):
+        if self.wiring is not None:
+            return list(self.wiring)
         if self.star_links:
             return [(0, leaf) for leaf in range(1, 1 + self.star_links)]
         if self.ring_steps:
-            count = self.node_count()
+            count = self.linked_node_count()
             return [(node, (node + step) % count) for step in self.ring_steps for node in range(count)]
         return [(2 * pair, 2 * pair + 1) for pair in range(self.pairs)]
 
@@ -127,10 +160,10 @@ def default_node(simulation):
     return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
 
 
-def node(index, position):
-    inherited = node_settings(PARTIALLY_CHECKED, -1, (None,) * 4, -1.0, PARTIALLY_CHECKED)
+def node(index, position, own):
+    body = node_settings(own.confirms, own.confirmation_timeout, (None,) * 4, -1.0, PARTIALLY_CHECKED)
     return node_record(
-        TCP_NODE, node_id(index), position, node_address(index), inherited, node_name(index), PARTIALLY_CHECKED
+        TCP_NODE, node_id(index), position, node_address(index), body, node_name(index), own.promiscuous
     )
 
 
@@ -138,12 +171,12 @@ def node_id(index):
     return index + 1  # 0 names no node
 
 
-def connection_record(ends, reliability, detection, delay, deviation, rgb, stroke_width):
-    broken = False
+def connection_record(ends, settings, rgb, stroke_width):
+    behaviour = (settings.reliability, settings.detection, settings.delay, settings.delay_deviation)
     return (
         struct.pack(">iQQ", CONNECTION_ITEM_TYPE, *ends)
-        + boolean(broken)
-        + struct.pack(">ddii", reliability, detection, delay, deviation)
+        + boolean(settings.broken)
+        + struct.pack(">ddii", *behaviour)
         + color(rgb)
         + struct.pack(">d", stroke_width)
         + string("")  # tool tip
@@ -151,20 +184,27 @@ def connection_record(ends, reliability, detection, delay, deviation, rgb, strok
 
 
 def default_connection(simulation):
-    return connection_record(
-        (0, 0), simulation.reliability, 1.0, simulation.delay, simulation.delay_deviation, DARK_BLUE, 2.0
+    settings = LinkSettings(
+        False, simulation.reliability, simulation.detection, simulation.delay, simulation.delay_deviation
     )
+    return connection_record((0, 0), settings, DARK_BLUE, 2.0)
 
 
-def connection(ends):
-    return connection_record([node_id(end) for end in ends], -1.0, -1.0, -1, -1, None, -1.0)
+def connection(ends, own):
+    return connection_record([node_id(end) for end in ends], own, None, -1.0)
 
 
 def network_record(simulation):
     server_on = plug_and_play = name_based = False  # the runner's options decide
-    parameters = (MAXIMAL_TRANSFER_UNIT, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
-    nodes = [node(index, simulation.layout.position(index)) for index in range(simulation.node_count())]
-    connections = [connection(ends) for ends in simulation.links()]
+    parameters = (simulation.maximal_transfer_unit, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
+    nodes = [
+        node(index, simulation.layout.position(index), simulation.own_nodes.get(index, NodeSettings()))
+        for index in range(simulation.node_count())
+    ]
+    connections = [
+        connection(ends, simulation.own_links.get(index, LinkSettings()))
+        for index, ends in enumerate(simulation.links())
+    ]
     return (
         struct.pack(">iiii", *parameters)
         + byte_array(BROADCAST_ADDRESS)

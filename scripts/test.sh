@@ -14,3 +14,6 @@ for preset in dev asan; do
     cmake --build --preset "$preset" --parallel 2
     ctest --preset "$preset"
 done
+
+echo "== fidelity, the short form =="
+scripts/fidelity.sh --short

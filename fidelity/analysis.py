@@ -1,0 +1,182 @@
+"""What a link has to do, as formulas, and the tests that compare measured counts with them.
+
+Every test of a run belongs to one family: its verdict is "fails" when its p-value is below the significance of the
+whole family divided by the number of tests (Bonferroni). Where a setting leaves nothing to chance, as a reliability of
+0 or 1, the counts have to be exactly right.
+"""
+
+from __future__ import annotations
+
+import math
+from dataclasses import dataclass
+
+import numpy
+from scipy import stats
+
+SIGNIFICANCE = 0.01  # of all tests of a run together: as often a perfect simulator fails one of them
+SMALLEST_EXPECTED = 5.0  # frames or flips in a class of a chi-square test; smaller classes are joined
+BITS_PER_BYTE = 8
+# Of the generator's own, root mean square of the shares' relative errors (Cohen's w): its numbers are not wholly
+# independent over the 12,000 draws of a long frame, which a million such frames bring to light.
+GENERATOR_DEVIATION = 0.005
+NANOSECONDS_PER_MILLISECOND = 1_000_000
+
+
+@dataclass
+class Fit:
+    """A test of counts against a distribution."""
+
+    p_value: float  # 0: impossible counts
+    statistic: float = None  # chi-square; None: a test of another kind
+    freedom: int = 0  # its degrees; 0: nothing was left to chance
+
+
+def fact(holds, otherwise):
+    """What leaves nothing to chance: True, or a text that says what is wrong."""
+    return True if holds else otherwise
+
+
+def threshold(tests):
+    """The p-value below which one of so many tests fails."""
+    return SIGNIFICANCE / max(tests, 1)
+
+
+# Bit errors
+
+
+def frame_error_rate(reliability, frame_bytes):
+    """1 - p^(8n), exact also where next to nothing or nearly everything is hit."""
+    if reliability in (0, 1):
+        return 1.0 - reliability
+    return -math.expm1(frame_bytes * BITS_PER_BYTE * math.log(reliability))
+
+
+def interval(count, total, significance):
+    """Clopper and Pearson's, exact: covers the true share with a probability of at least 1 - significance."""
+    low = stats.beta.ppf(significance / 2, count, total - count + 1) if count > 0 else 0.0
+    high = stats.beta.ppf(1 - significance / 2, count + 1, total - count) if count < total else 1.0
+    return float(low), float(high)
+
+
+def share_fit(count, total, share):
+    """Two-sided, by the same interval: fails exactly when the share lies outside of it."""
+    if share in (0.0, 1.0):
+        return Fit(1.0 if count == share * total else 0.0)
+    as_few = stats.binom.cdf(count, total, share)
+    as_many = stats.binom.sf(count - 1, total, share)
+    return Fit(float(min(1.0, 2 * min(as_few, as_many))))
+
+
+def chi_square(observed, expected, deviation=0.0):
+    """Of classes that together hold everything; a class that cannot occur must be empty. The p-value is that of a
+    source whose shares are off by so much (Cohen's w)."""
+    observed, expected = numpy.asarray(observed, float), numpy.asarray(expected, float)
+    if observed[expected == 0].any():
+        return Fit(0.0, math.inf, 0)
+    observed, expected = joined(observed[expected > 0], expected[expected > 0])
+    freedom = len(expected) - 1
+    if freedom < 1:
+        return Fit(1.0, 0.0, 0)
+    statistic = float(((observed - expected) ** 2 / expected).sum())
+    shift = observed.sum() * deviation**2
+    p_value = stats.ncx2.sf(statistic, freedom, shift) if shift else stats.chi2.sf(statistic, freedom)
+    return Fit(float(p_value), statistic, freedom)
+
+
+def joined(observed, expected):
+    """Neighbouring classes put together until each is large enough."""
+    classes = []
+    for seen, due in zip(observed, expected):
+        if classes and classes[-1][1] < SMALLEST_EXPECTED:
+            classes[-1] = (classes[-1][0] + seen, classes[-1][1] + due)
+        else:
+            classes.append((seen, due))
+    if len(classes) > 1 and classes[-1][1] < SMALLEST_EXPECTED:
+        seen, due = classes.pop()
+        classes[-1] = (classes[-1][0] + seen, classes[-1][1] + due)
+    return numpy.array([seen for seen, _ in classes]), numpy.array([due for _, due in classes])
+
+
+def binomial_shares(numbers, trials, share):
+    """By logarithms: shares too small for a number come out as 0."""
+    return numpy.exp(stats.binom.logpmf(numbers, trials, share))
+
+
+def flips_fit(frames_by_flips, frames, frame_bytes, reliability):
+    """The number of flipped bits of each frame against the binomial distribution."""
+    bits = frame_bytes * BITS_PER_BYTE
+    observed = numpy.zeros(bits + 1)
+    for flips, count in frames_by_flips.items():
+        observed[int(flips)] = count
+    if observed.sum() != frames:
+        return Fit(0.0, math.inf, 0)
+    expected = frames * binomial_shares(numpy.arange(bits + 1), bits, 1 - reliability)
+    return chi_square(observed, expected, GENERATOR_DEVIATION)
+
+
+def variance_ratio(frames_by_flips, frame_bytes, reliability):
+    """Of the number of flipped bits: measured to that of the binomial distribution. None: nothing varies."""
+    flips = numpy.array([int(number) for number in frames_by_flips])
+    weights = numpy.array(list(frames_by_flips.values()))
+    expected = frame_bytes * BITS_PER_BYTE * reliability * (1 - reliability)
+    if expected == 0:
+        return None
+    mean = numpy.average(flips, weights=weights)
+    return float(numpy.average((flips - mean) ** 2, weights=weights) / expected)
+
+
+def spread_fit(flips_by_bit, frames):
+    """Whether all bit positions are hit alike often, whatever that often is."""
+    flips = numpy.asarray(flips_by_bit, float)
+    share = flips.sum() / (len(flips) * frames)
+    if share in (0.0, 1.0):
+        return Fit(1.0)
+    statistic = float(((flips - share * frames) ** 2).sum() / (frames * share * (1 - share)))
+    return Fit(float(stats.chi2.sf(statistic, len(flips) - 1)), statistic, len(flips) - 1)
+
+
+# Delays
+
+
+def delay_shares(delay, deviation):
+    """Probability by delay in ms: evenly from delay - deviation / 2, rounded towards the delay, deviation values in
+    all; those that would be negative are 0."""
+    if deviation == 0:
+        return {delay: 1.0}
+    shares = {}
+    for step in range(deviation):
+        drawn = max(0, delay - deviation // 2 + step)
+        shares[drawn] = shares.get(drawn, 0.0) + 1 / deviation
+    return shares
+
+
+def share_in_time(deadline, delay, deviation):
+    """Of the delays that are not above the deadline."""
+    possible = range(deviation) if deviation else (0,)
+    first = delay - deviation // 2
+    return sum(max(0, first + step) <= deadline for step in possible) / len(possible)
+
+
+def deadlines_fit(in_time, frames, shares):
+    """The distribution function at several deadlines, each of them measured with other frames."""
+    statistic, freedom = 0.0, 0
+    for count, share in zip(in_time, shares):
+        if share in (0.0, 1.0):
+            if count != share * frames:
+                return Fit(0.0, math.inf, 0)
+            continue
+        statistic += (count - frames * share) ** 2 / (frames * share * (1 - share))
+        freedom += 1
+    return Fit(float(stats.chi2.sf(statistic, freedom)), statistic, freedom) if freedom else Fit(1.0)
+
+
+def delivery_errors(sent, arrived, delays):
+    """Of each arrival against the due time that it belongs to, in µs. All three in the order of sending, the times in
+    ns. A link hands the oldest frame over at each due time, so the n-th arrival belongs to the n-th due time."""
+    due = numpy.sort(numpy.asarray(sent) + numpy.asarray(delays) * NANOSECONDS_PER_MILLISECOND)
+    return (numpy.asarray(arrived) - due) / 1e3
+
+
+def clock_readings(sent, arrived):
+    """Whole milliseconds from sending to arriving, of frames that were alone on the link."""
+    return (numpy.asarray(arrived) - numpy.asarray(sent)) // NANOSECONDS_PER_MILLISECOND

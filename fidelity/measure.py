@@ -1,0 +1,133 @@
+"""Runs the simulator with one simulation after the other, and the client that measures it."""
+
+from __future__ import annotations
+
+import json
+import os
+import pathlib
+import random
+import subprocess
+import sys
+
+import replay
+
+TOP_FOLDER = pathlib.Path(__file__).resolve().parent.parent
+sys.path.append(str(TOP_FOLDER / "bench"))
+
+import makesimulation  # noqa: E402
+import run  # noqa: E402
+from makesimulation import CHECKED, LinkSettings, NodeSettings, Simulation  # noqa: E402
+
+MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation
+PATIENCE = 600  # s, for one measurement
+CONFIRMING = NodeSettings(confirms=CHECKED)  # what is lost is reported at once
+
+MeasurementFailed = run.MeasurementFailed
+
+
+class Simulator(run.Server):
+    """Ends with its log closed, which a run of many simulators needs."""
+
+    def __exit__(self, kind, error, trace):
+        try:
+            super().__exit__(kind, error, trace)
+        finally:
+            self.errors.close()
+
+
+class Laboratory:
+    """Programs, processor cores and the folder for the files in between. Also what bench's Server asks for."""
+
+    def __init__(self, program, client, folder, seed):
+        self.program = str(program)
+        self.client = str(client)
+        self.folder = pathlib.Path(folder)
+        self.seed = seed
+        self.measurements = 0
+        self.client_core, self.server_core = run.choose_cores()
+        self.environment = dict(os.environ)
+        self.frames_sent = 0  # of all measurements
+        self.order_errors = 0  # likewise
+
+    def next_seed(self):
+        """Another one for each measurement, or those of one setting would all have the same luck."""
+        self.measurements += 1
+        return random.Random(f"{self.seed}, {self.measurements}").randrange(1, replay.MODULUS)
+
+    def simulator(self, simulation, seed):
+        file = self.folder / "simulation.ltvo"
+        file.write_bytes(makesimulation.simulation_file(simulation))
+        options = ["--listen", "0", "--identify-by", "address", "--seed", str(seed)]
+        return Simulator(self, [self.program, str(file)] + options)
+
+    def measure(self, simulation, what, **options):
+        """Figures of the client, with the seed."""
+        arguments = [text for name, value in options.items() for text in (f"--{name}", str(value))]
+        seed = self.next_seed()
+        with self.simulator(simulation, seed) as server:
+            command = [self.client, what, "--port", server.port, "--seed", str(seed)] + arguments
+            client = subprocess.run(
+                run.pinned(command, self.client_core), capture_output=True, text=True, timeout=PATIENCE
+            )
+        if client.returncode != 0:
+            raise MeasurementFailed(f"{client.stderr.strip()} ({what} {' '.join(arguments)})")
+        return {**json.loads(client.stdout), "seed": seed}
+
+
+def measure_corruption(laboratory, frames, frame_bytes, reliability, detection, claimed_reliability=None):
+    """The client can be told of another reliability than the link has, which is for testing the test."""
+    simulation = Simulation(
+        confirms=True,
+        confirmation_timeout=0,
+        maximal_transfer_unit=MAXIMAL_TRANSFER_UNIT,
+        reliability=reliability,
+        detection=detection,
+    )
+    figures = laboratory.measure(
+        simulation,
+        "corruption",
+        frames=frames,
+        size=frame_bytes,
+        reliability=reliability if claimed_reliability is None else claimed_reliability,
+        detection=detection,
+    )
+    laboratory.frames_sent += figures["sent"]
+    laboratory.order_errors += figures["order_errors"]
+    return figures
+
+
+def measure_deadlines(laboratory, frames, frame_bytes, link, defaults, deadlines):
+    """A pair of nodes for each deadline, all links alike."""
+    pairs = len(deadlines)
+    own_nodes = {2 * pair + 1: CONFIRMING for pair in range(pairs)}
+    own_nodes[2 * pairs] = CONFIRMING
+    for pair, deadline in enumerate(deadlines):
+        own_nodes[2 * pair] = NodeSettings(confirms=CHECKED, confirmation_timeout=deadline)
+    simulation = Simulation(
+        pairs=pairs,
+        single_nodes=1,
+        maximal_transfer_unit=MAXIMAL_TRANSFER_UNIT,
+        delay=defaults.delay,
+        delay_deviation=defaults.delay_deviation,
+        own_nodes=own_nodes,
+        own_links={pair: link for pair in range(pairs)},
+    )
+    figures = laboratory.measure(simulation, "deadlines", frames=frames, size=frame_bytes, pairs=pairs)
+    laboratory.frames_sent += sum(pair["sent"] for pair in figures["pairs"])
+    laboratory.order_errors += sum(pair["order_errors"] for pair in figures["pairs"])
+    return figures
+
+
+def measure_timing(laboratory, frames, frame_bytes, delay, deviation, rate):
+    """At a rate of 0 the next frame goes when the last one has arrived."""
+    simulation = Simulation(
+        pairs=1,
+        single_nodes=1,
+        maximal_transfer_unit=MAXIMAL_TRANSFER_UNIT,
+        own_nodes={1: CONFIRMING, 2: CONFIRMING},
+        own_links={0: LinkSettings(delay=delay, delay_deviation=deviation)},
+    )
+    figures = laboratory.measure(simulation, "timing", frames=frames, size=frame_bytes, rate=rate)
+    laboratory.frames_sent += frames
+    laboratory.order_errors += figures["order_errors"]
+    return figures

@@ -1,0 +1,290 @@
+"""Tests of the proof that links do what they are set to: it holds for what is right, and it can fail.
+
+Needs Debian's python3-scipy. The simulator and the measuring client come from the environment, see CMakeLists.txt.
+"""
+
+from __future__ import annotations
+
+import copy
+import os
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+TOP_FOLDER = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(TOP_FOLDER / "fidelity"))
+
+import numpy  # noqa: E402
+
+import analysis  # noqa: E402
+import cases  # noqa: E402
+import fidelity  # noqa: E402
+import fidelitydocument  # noqa: E402
+import measure  # noqa: E402
+import replay  # noqa: E402
+import tables  # noqa: E402
+from makesimulation import LinkSettings  # noqa: E402
+
+TESTS = 200  # in the family that a row is judged in
+THRESHOLD = analysis.threshold(TESTS)
+FRAMES = 20_000
+FRAME_BYTES = 64
+RELIABILITY = 0.99
+MILLISECOND = analysis.NANOSECONDS_PER_MILLISECOND
+
+
+def failures(row: object) -> list[str]:
+    """Return what speaks against the row."""
+    return tables.failures(row, THRESHOLD)
+
+
+def corruption_figures(flips: numpy.ndarray) -> dict:
+    """Return what the client says when it has seen these flips: a row of zeros and ones for each frame."""
+    frames = len(flips)
+    numbers, counts = numpy.unique(flips.sum(axis=1), return_counts=True)
+    return {
+        "sent": frames,
+        "received": frames,
+        "intact": int((flips.sum(axis=1) == 0).sum()),
+        "delivered": frames,
+        "lost": 0,
+        "strays": 0,
+        "order_errors": 0,
+        "replay_differences": 0,
+        "frames_by_flips": {str(number): int(count) for number, count in zip(numbers, counts)},
+        "flips_by_bit": flips.sum(axis=0).tolist(),
+    }
+
+
+def random_flips(rate: float = 1 - RELIABILITY) -> numpy.ndarray:
+    """Return flips as a perfect link would give them."""
+    generator = numpy.random.default_rng(1)
+    return (generator.random((FRAMES, FRAME_BYTES * analysis.BITS_PER_BYTE)) < rate).astype(int)
+
+
+def corruption_row(figures: dict) -> tables.CorruptionRow:
+    return tables.CorruptionRow(RELIABILITY, FRAME_BYTES, 0.0, figures)
+
+
+class TestFormulas(unittest.TestCase):
+    """What a link has to do."""
+
+    def test_the_frame_error_rate_is_exact_at_both_ends(self) -> None:
+        self.assertEqual(analysis.frame_error_rate(1.0, 1500), 0.0)
+        self.assertEqual(analysis.frame_error_rate(0.0, 12), 1.0)
+        self.assertAlmostEqual(analysis.frame_error_rate(0.5, 1), 1 - 1 / 256, places=15)
+        self.assertAlmostEqual(analysis.frame_error_rate(1 - 1e-12, 12) / 96e-12, 1.0, places=3)
+
+    def test_delays_lie_as_the_deviation_says(self) -> None:
+        ranges = {(100, 10): (95, 104), (10, 3): (9, 11), (10, 2): (9, 10), (10, 1): (10, 10), (0, 10): (0, 4)}
+        for setting, expected in ranges.items():
+            with self.subTest(setting):
+                shares = analysis.delay_shares(*setting)
+                self.assertEqual((min(shares), max(shares)), expected)
+                self.assertAlmostEqual(sum(shares.values()), 1.0)
+                for deadline in range(expected[1] + 2):
+                    in_time = sum(share for delay, share in shares.items() if delay <= deadline)
+                    self.assertAlmostEqual(analysis.share_in_time(deadline, *setting), in_time)
+
+    def test_delays_below_nothing_count_as_none(self) -> None:
+        self.assertAlmostEqual(analysis.delay_shares(0, 10)[0], 0.6)
+
+    def test_the_interval_is_that_of_the_text_books(self) -> None:
+        for count, expected in ((0, (0.0, 0.3085)), (5, (0.1871, 0.8129)), (10, (0.6915, 1.0))):
+            for found, bound in zip(analysis.interval(count, 10, 0.05), expected):
+                self.assertAlmostEqual(found, bound, places=4)
+
+    def test_a_share_fails_exactly_outside_of_its_interval(self) -> None:
+        low, high = analysis.interval(500, 1000, THRESHOLD)
+        for share, fails in ((low - 1e-6, True), (low + 1e-6, False), (high - 1e-6, False), (high + 1e-6, True)):
+            self.assertEqual(analysis.share_fit(500, 1000, share).p_value < THRESHOLD, fails)
+
+    def test_small_classes_are_joined(self) -> None:
+        observed, expected = analysis.joined([1, 2, 30, 1, 1], [2.0, 4.0, 30.0, 1.0, 0.5])
+        self.assertEqual((observed.tolist(), expected.tolist()), ([3, 32], [6.0, 31.5]))
+
+    def test_the_replay_draws_the_documented_numbers(self) -> None:
+        draws = replay.Draws(1)
+        self.assertEqual([draws.next() for _ in range(3)], [48271, 182605794, 1291394886])
+        skipping = replay.Draws(1)
+        skipping.skip(2)
+        self.assertEqual(skipping.next(), 1291394886)
+
+
+class TestCorruptionVerdicts(unittest.TestCase):
+    """A row of flips holds when they are a perfect link's, and fails when they are not."""
+
+    def setUp(self) -> None:
+        self.flips = random_flips()
+
+    def test_perfect_flips_hold(self) -> None:
+        self.assertEqual(failures(corruption_row(corruption_figures(self.flips))), [])
+
+    def test_a_rate_that_is_a_little_off_fails(self) -> None:
+        self.assertNotEqual(failures(corruption_row(corruption_figures(random_flips(0.0108)))), [])
+
+    def test_a_favoured_bit_fails(self) -> None:
+        self.flips[:300, 77] = 1  # 500 flips instead of 200, among 512 bits
+        self.assertNotEqual(failures(corruption_row(corruption_figures(self.flips))), [])
+
+    def test_the_allowance_for_the_generator_is_small(self) -> None:
+        shares = numpy.array([0.25, 0.25, 0.25, 0.25])
+        for off, fails in ((0.005, False), (0.01, True)):
+            observed = 1_000_000 * shares * (1 + off * numpy.array([1, -1, 1, -1]))
+            fit = analysis.chi_square(observed, 1_000_000 * shares, analysis.GENERATOR_DEVIATION)
+            self.assertEqual(fit.p_value < THRESHOLD, fails)
+
+    def test_flips_in_pairs_fail_though_their_number_is_right(self) -> None:
+        half = random_flips((1 - RELIABILITY) / 2)
+        paired = numpy.maximum(half, numpy.roll(half, 1, axis=1))
+        self.assertNotEqual(failures(corruption_row(corruption_figures(paired))), [])
+
+    def test_each_exact_fact_matters(self) -> None:
+        good = corruption_figures(self.flips)
+        for name in ("order_errors", "strays", "replay_differences", "lost"):
+            with self.subTest(name):
+                figures = copy.deepcopy(good)
+                figures[name] += 1
+                self.assertNotEqual(failures(corruption_row(figures)), [])
+
+    def test_a_single_flip_at_reliability_one_fails(self) -> None:
+        flips = numpy.zeros_like(self.flips)
+        row = tables.CorruptionRow(1.0, FRAME_BYTES, 0.0, corruption_figures(flips))
+        self.assertEqual(failures(row), [])
+        flips[5, 5] = 1
+        row = tables.CorruptionRow(1.0, FRAME_BYTES, 0.0, corruption_figures(flips))
+        self.assertNotEqual(failures(row), [])
+
+    def test_detection_that_is_a_little_off_fails(self) -> None:
+        good = {**corruption_figures(self.flips), "received": 10_000, "intact": 0, "delivered": 10_000, "lost": 10_000}
+        self.assertEqual(failures(tables.DetectionRow(RELIABILITY, FRAME_BYTES, 0.5, good)), [])
+        bad = {**good, "received": 10_400, "delivered": 10_400, "lost": 9_600}
+        self.assertNotEqual(failures(tables.DetectionRow(RELIABILITY, FRAME_BYTES, 0.5, bad)), [])
+
+
+class TestDelayVerdicts(unittest.TestCase):
+    """Rows of delays, by deadline and by the clock."""
+
+    DEADLINES = list(range(4, 15))
+
+    def row(self, in_time: list[int], frames: int = 10_000, delay: int = 10) -> tables.DelayRow:
+        figures = [
+            {"sent": frames, "received": frames, "delivered": count, "lost": 0, "order_errors": 0} for count in in_time
+        ]
+        return tables.DelayRow(LinkSettings(), LinkSettings(), delay, 10, self.DEADLINES, figures, in_time)
+
+    def test_the_formula_itself_holds(self) -> None:
+        self.assertEqual(failures(self.row([1000 * step for step in range(11)])), [])
+
+    def test_delays_a_millisecond_longer_fail(self) -> None:
+        self.assertNotEqual(failures(self.row([0] + [1000 * step for step in range(10)])), [])
+
+    def test_one_frame_below_the_shortest_delay_fails(self) -> None:
+        self.assertNotEqual(failures(self.row([1] + [1000 * step for step in range(1, 11)])), [])
+
+    def test_one_share_that_is_off_fails(self) -> None:
+        counts = [1000 * step for step in range(11)]
+        counts[5] += 300
+        self.assertNotEqual(failures(self.row(counts)), [])
+
+    def test_a_count_that_the_replay_does_not_have_fails(self) -> None:
+        row = self.row([1000 * step for step in range(11)])
+        row.replayed = [count + 1 for count in row.replayed]
+        self.assertIn("differs from the replay", failures(row))
+
+    def punctuality_row(self, lateness_us: int) -> tables.PunctualityRow:
+        sent = numpy.arange(100) * MILLISECOND
+        delays = [10, 5] * 50
+        due = numpy.sort(sent + numpy.array(delays) * MILLISECOND)
+        errors = analysis.delivery_errors(sent, due + lateness_us * 1000, delays)
+        return tables.PunctualityRow(10, 10, 1000, sent, errors, fidelity.Effort().punctuality)
+
+    def test_punctual_frames_hold(self) -> None:
+        self.assertEqual(failures(self.punctuality_row(100)), [])
+
+    def test_early_and_late_frames_fail(self) -> None:
+        self.assertNotEqual(failures(self.punctuality_row(-1)), [])
+        self.assertNotEqual(failures(self.punctuality_row(2000)), [])
+
+    def clock_row(self, delays: list[int]) -> tables.ClockRow:
+        sent = numpy.arange(len(delays)) * 20 * MILLISECOND
+        readings = analysis.clock_readings(sent, sent + numpy.array(delays) * MILLISECOND + 200_000)
+        return tables.ClockRow(10, 10, readings, numpy.array(delays), needed_share=0.99)
+
+    def test_even_readings_of_the_clock_hold(self) -> None:
+        self.assertEqual(failures(self.clock_row(list(range(5, 15)) * 60)), [])
+
+    def test_uneven_readings_of_the_clock_fail(self) -> None:
+        self.assertNotEqual(failures(self.clock_row([5] * 100 + list(range(5, 15)) * 50)), [])
+
+
+class TestDocument(unittest.TestCase):
+    """What becomes of a row that fails."""
+
+    def result(self, errors: int) -> fidelitydocument.Result:
+        return fidelitydocument.Result({"order": [tables.OrderRow(1000, errors)]}, numpy.array([1.0]), 1)
+
+    def test_a_failing_row_shows_in_table_and_summary(self) -> None:
+        result = self.result(errors=3)
+        self.assertEqual(len(result.failed()), 1)
+        self.assertIn(tables.FAILS, tables.markdown(result.rows["order"], THRESHOLD))
+        self.assertIn("3 out of order", fidelitydocument.summary(result))
+
+    def test_a_row_that_holds_is_no_failure(self) -> None:
+        self.assertEqual(self.result(errors=0).failed(), [])
+
+
+class TestMeasuring(unittest.TestCase):
+    """The whole way with the simulator; what it was set to is not always what the measuring is told."""
+
+    def setUp(self) -> None:
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.laboratory = self.new_laboratory()
+
+    def new_laboratory(self) -> measure.Laboratory:
+        programs = (os.environ["LATTIVO_HEADLESS"], os.environ["LATTIVO_FIDELITY_CLIENT"])
+        return measure.Laboratory(*programs, self.folder, seed=1)
+
+    def corruption(self, reliability: float, detection: float = 0.0, claimed: float = None) -> dict:
+        return measure.measure_corruption(self.laboratory, FRAMES, FRAME_BYTES, reliability, detection, claimed)
+
+    def test_a_link_that_does_as_set_holds(self) -> None:
+        self.assertEqual(failures(corruption_row(self.corruption(RELIABILITY))), [])
+
+    def test_a_link_that_is_off_by_one_in_a_thousand_fails(self) -> None:
+        found = failures(corruption_row(self.corruption(RELIABILITY - 0.001, claimed=RELIABILITY)))
+        self.assertTrue(any(text.startswith("p = ") for text in found), found)
+        self.assertTrue(any("replay" in text for text in found), found)
+
+    def test_the_same_seed_gives_the_same_figures(self) -> None:
+        first = self.corruption(RELIABILITY, detection=0.5)
+        self.laboratory = self.new_laboratory()
+        self.assertEqual(self.corruption(RELIABILITY, detection=0.5), first)
+
+    def test_detection_other_than_claimed_fails(self) -> None:
+        figures = self.corruption(RELIABILITY, detection=0.55)
+        self.assertEqual(failures(tables.DetectionRow(RELIABILITY, FRAME_BYTES, 0.55, figures)), [])
+        self.assertNotEqual(failures(tables.DetectionRow(RELIABILITY, FRAME_BYTES, 0.5, figures)), [])
+
+    def test_a_deviation_other_than_claimed_fails(self) -> None:
+        effort = fidelity.Effort(deadline_frames=FRAMES)
+        row = fidelity.delay_row(self.laboratory, effort, (10, 10), (0, 0), (10, 10))
+        self.assertEqual(failures(row), [])
+        row = fidelity.delay_row(self.laboratory, effort, (10, 11), (0, 0), (10, 10))
+        self.assertNotEqual(failures(row), [])
+
+    def test_no_frame_is_early(self) -> None:
+        effort = fidelity.Effort(delays=(2,), deviations=(3,), idle_frames=20, loaded_frames=2000, punctuality={})
+        for row in fidelity.punctuality_rows(self.laboratory, effort, []):
+            self.assertEqual(failures(row), [])
+
+    def test_a_confirmation_that_does_not_come_fails(self) -> None:
+        late = cases.Case("late", cases.FRAMES, 0, {}, links={0: LinkSettings(delay=cases.LATER)}, patience=0.5)
+        self.assertEqual(cases.measure_case(self.laboratory, late).deviations(late), ["counts"])
+
+
+if __name__ == "__main__":
+    unittest.main()
