@@ -3,17 +3,24 @@
 #include <QBasicTimer>
 #include <QCoreApplication>
 #include <QPointer>
+#include <QSocketNotifier>
 #include <QTimerEvent>
+
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <limits>
+#include <memory>
 #include <utility>
 
 namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
+constexpr qint64 nanosecondsPerSecond = 1000000000;
+constexpr qint64 wakePeriod = 100000;  // ns; what falls due within one shares a wake-up at its end
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
 constexpr size_t fewestReclaimed = 1024;                         // due times that are over
 constexpr qint64 never = std::numeric_limits<qint64>::max();
@@ -28,12 +35,59 @@ qint64 roundedUpToMilliseconds(qint64 nanoseconds)
     return (nanoseconds + nanosecondsPerMillisecond - 1) / nanosecondsPerMillisecond;
 }
 
+qint64 endOfWakePeriod(qint64 nanoseconds)
+{
+    return (nanoseconds + wakePeriod - 1) / wakePeriod * wakePeriod;
+}
+
+/// The kernel's timer behind a descriptor, since those of the toolkit are up to a millisecond late: as much
+/// as the shortest delay of a link. Fires once, at a time of the monotonic clock.
+class KernelTimer
+{
+public:
+    KernelTimer()
+        : _descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
+    {
+    }
+
+    ~KernelTimer()
+    {
+        if (isValid())
+            close(_descriptor);
+    }
+
+    Q_DISABLE_COPY_MOVE(KernelTimer)
+
+    bool isValid() const { return _descriptor >= 0; }  // false: all descriptors of the process are in use
+    int descriptor() const { return _descriptor; }
+
+    void start(qint64 nanoseconds) const
+    {
+        itimerspec times{};
+        times.it_value.tv_sec = nanoseconds / nanosecondsPerSecond;
+        times.it_value.tv_nsec = nanoseconds % nanosecondsPerSecond;
+        timerfd_settime(_descriptor, TFD_TIMER_ABSTIME, &times, nullptr);
+    }
+
+    void takeExpiration() const
+    {
+        quint64 expirations = 0;
+        const ssize_t ignored = read(_descriptor, &expirations, sizeof expirations);
+        Q_UNUSED(ignored)
+    }
+
+private:
+    int _descriptor;
+};
+
 }  // namespace
 
 /// Runs the handlers of all Timeouts of the process: a heap of those that have something pending, ordered by
-/// their next due time, and two toolkit timers. Lives as long as the application object.
+/// their next due time, and two timers. Lives as long as the application object.
 class TimeoutScheduler : public QObject
 {
+    Q_OBJECT
+
 public:
     static TimeoutScheduler& instance();
     ~TimeoutScheduler() override;
@@ -46,11 +100,11 @@ public:
 protected:
     void timerEvent(QTimerEvent* event) override;
 
+private slots:
+    void _wakeUp();
+
 private:
-    explicit TimeoutScheduler(QObject* parent)
-        : QObject(parent)
-    {
-    }
+    explicit TimeoutScheduler(QObject* parent);
 
     struct Entry {
         qint64
@@ -58,16 +112,20 @@ private:
         Timeouts* timeouts;  // not owned
     };
 
+    void _runPass();
     void _runDueHandlers();
     void _arm();
+    void _wakeAt(qint64 time);
     void _place(const Entry& entry, int index);
     void _siftUp(int index);
     void _siftDown(int index);
 
     std::vector<Entry> _heap;  // the earliest due time first
     QBasicTimer _nextPass;     // runs while something is due at once
-    QBasicTimer _later;        // fires within a millisecond of the earliest due time, or before it
-    qint64 _laterFireTime = never;
+    KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
+    std::unique_ptr<QSocketNotifier> _notifier;  // null: the kernel has no timer for us
+    QBasicTimer _substitute;                     // of the toolkit, if so
+    qint64 _wakeTime = never;
     qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
 };
 
@@ -77,6 +135,15 @@ TimeoutScheduler& TimeoutScheduler::instance()
     if (!scheduler)
         scheduler = new TimeoutScheduler(QCoreApplication::instance());
     return *scheduler;
+}
+
+TimeoutScheduler::TimeoutScheduler(QObject* parent)
+    : QObject(parent)
+{
+    if (!_wakeUpTimer.isValid())
+        return;
+    _notifier = std::make_unique<QSocketNotifier>(_wakeUpTimer.descriptor(), QSocketNotifier::Read);
+    connect(_notifier.get(), SIGNAL(activated(int)), this, SLOT(_wakeUp()));
 }
 
 TimeoutScheduler::~TimeoutScheduler()
@@ -122,10 +189,22 @@ void TimeoutScheduler::remove(Timeouts* timeouts)
 
 void TimeoutScheduler::timerEvent(QTimerEvent* event)
 {
-    if (event->timerId() == _later.timerId()) {
-        _later.stop();
-        _laterFireTime = never;
+    if (event->timerId() == _substitute.timerId()) {
+        _substitute.stop();
+        _wakeTime = never;
     }
+    _runPass();
+}
+
+void TimeoutScheduler::_wakeUp()
+{
+    _wakeUpTimer.takeExpiration();
+    _wakeTime = never;
+    _runPass();
+}
+
+void TimeoutScheduler::_runPass()
+{
     if (_passTime >= 0)
         return;  // inside an event loop of a handler's own: the pass goes on when the handler is back
     _runDueHandlers();
@@ -148,23 +227,27 @@ void TimeoutScheduler::_runDueHandlers()
     _passTime = -1;
 }
 
-/// Leaves the later timer alone when it fires within a millisecond of the due time anyway.
+/// Leaves an earlier wake-up alone: it arms the right one.
 void TimeoutScheduler::_arm()
 {
     if (_heap.empty() || _nextPass.isActive())
         return;
     const qint64 dueTime = _heap.front().dueTime;
-    const qint64 now = monotonicNanoseconds();
-    if (dueTime <= now) {
+    if (dueTime <= monotonicNanoseconds())
         _nextPass.start(0, Qt::PreciseTimer, this);
+    else if (endOfWakePeriod(dueTime) < _wakeTime)
+        _wakeAt(endOfWakePeriod(dueTime));
+}
+
+void TimeoutScheduler::_wakeAt(qint64 time)
+{
+    _wakeTime = time;
+    if (_wakeUpTimer.isValid()) {
+        _wakeUpTimer.start(time);
         return;
     }
-    if (_laterFireTime < dueTime + nanosecondsPerMillisecond)
-        return;
-
-    const qint64 wait = std::min(roundedUpToMilliseconds(dueTime - now), longestWait);
-    _laterFireTime = now + wait * nanosecondsPerMillisecond;
-    _later.start(static_cast<int>(wait), Qt::PreciseTimer, this);
+    const qint64 wait = roundedUpToMilliseconds(time - monotonicNanoseconds());
+    _substitute.start(static_cast<int>(qBound<qint64>(0, wait, longestWait)), Qt::PreciseTimer, this);
 }
 
 void TimeoutScheduler::_place(const Entry& entry, int index)
@@ -269,3 +352,5 @@ void Timeouts::_dropNextDueTime()
         _firstOrdered = 0;
     }
 }
+
+#include "timeouts.moc"

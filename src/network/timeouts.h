@@ -9,10 +9,11 @@
 /// Any number of pending single-shot timeouts of one owner: the handler runs once for each as it falls due.
 ///
 /// The toolkit's own list of timers is searched from end to end, so one toolkit timer a frame stalls the
-/// program at some ten thousand frames in flight. Here all owners share one toolkit timer and the cost of a
-/// timeout does not grow with their number. Due times are kept to the nanosecond and are never early; equal
-/// or not, the handler runs for each of them. What is still pending when the object is destroyed never runs.
-/// GUI thread only.
+/// program at some ten thousand frames in flight, and its timers are up to a millisecond late. Here all
+/// owners share one timer of the kernel and the cost of a timeout does not grow with their number. Due times
+/// are kept to the nanosecond; handlers are never early and wait a tenth of a millisecond at most for others
+/// to share a wake-up with. Equal or not, the handler runs for each due time. What is still pending when the
+/// object is destroyed never runs. GUI thread only.
 class Timeouts
 {
 public:
