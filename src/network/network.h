@@ -118,6 +118,7 @@ private:
 
     bool _startTcpServer();
     void _stopTcpServer();
+    void _restAccepting();
     void _forgetPending(QTcpSocket* socket);
     void _identifyByName(QTcpSocket* socket);
     void _identifyByAddress(QTcpSocket* socket);

@@ -7,11 +7,14 @@
 #include <QHostAddress>
 #include <QTcpSocket>
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 
 namespace {
+
+constexpr int mostUntaken = 1;  // programs that the toolkit's server holds; each is taken from it at once
 
 struct Identification {
     quint8 type = 0;
@@ -35,6 +38,12 @@ QDataStream& operator>>(QDataStream& stream, Identification& header)
 void admitBursts(const QTcpServer& server)
 {
     ::listen(static_cast<int>(server.socketDescriptor()), SOMAXCONN);
+}
+
+bool isProgramWaiting(const QTcpServer& server)
+{
+    pollfd listener = {static_cast<int>(server.socketDescriptor()), POLLIN, 0};
+    return ::poll(&listener, 1, 0) > 0;
 }
 
 /// Whatever \a socket is in the middle of: this may run inside one of its signals.
@@ -84,6 +93,7 @@ bool Network::_startTcpServer()
         return false;
     }
     admitBursts(_tcpServer.server);
+    _tcpServer.server.setMaxPendingConnections(mostUntaken);
     connect(&_tcpServer.server, SIGNAL(newConnection()), this, SLOT(_tcpPnpNewNode()));
     return true;
 }
@@ -114,14 +124,27 @@ void Network::_tcpPnpNewNode()
     }
     connect(socket, SIGNAL(disconnected()), this, SLOT(_tcpPnpPendingDisconnected()));
     _tcpServer.pending.append(socket);
+    if (!isProgramWaiting(_tcpServer.server))
+        _restAccepting();
+}
+
+/// The toolkit's server would ask the kernel for a further program all the same, and after that failure never
+/// notice again when file descriptors run out: it would try all the time. Its only way not to ask is to hold
+/// as many programs as it may.
+void Network::_restAccepting()
+{
+    _tcpServer.server.setMaxPendingConnections(0);
+    QMetaObject::invokeMethod(this, "_tcpResumeAccepting", Qt::QueuedConnection);
 }
 
 /// The toolkit's server stops accepting for good when it runs out of file descriptors; some may be free again
 /// now.
 void Network::_tcpResumeAccepting()
 {
-    if (isTcpEnabled())
-        _tcpServer.server.resumeAccepting();
+    if (!isTcpEnabled())
+        return;
+    _tcpServer.server.setMaxPendingConnections(mostUntaken);
+    _tcpServer.server.resumeAccepting();
 }
 
 void Network::_tcpPnpPendingDisconnected()
