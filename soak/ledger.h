@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QHash>
+#include <QJsonObject>
+#include <QObject>
+
+class Connection;
+class Network;
+class Node;
+
+/// Keeps account of every frame of one simulation, from outside and to the frame. At any moment between two
+/// events
+///
+///   sends x links = onto broken links + of a bad size + taken      and
+///   taken = delivered + lost + vanished + in flight,
+///
+/// where all but "delivered + lost" (the frames seen to leave their links) and "in flight" (the links' lists)
+/// is worked out by the rules of the model: from the size that a node has sent, from what is set at that
+/// moment, and from the frames that a link held when it was broken or deleted.
+class Ledger : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// Begins a new account. Nodes that come later are to be watched before they get a link.
+    void begin(Network* network);
+    void watch(Node* node);  // a second time: ignored
+
+    /// To be called before the link is broken or deleted.
+    void vanishWith(Connection* link);
+
+    QJsonObject totals() const;
+
+private slots:
+    void _countSend(int frames);
+    void _countDelivery(int frames);
+    void _countLeaving() { ++_left; }
+    void _forget(QObject* node) { _sentBytes.remove(node); }
+
+private:
+    void _countCopies(const Node& node, qint64 size);
+
+    Network* _network = nullptr;               // not owned; dies after the last question for totals
+    QHash<const QObject*, qint64> _sentBytes;  // of each watched node, when it sent last
+    qint64 _sends = 0;
+    qint64 _copies = 0;  // one a send and link
+    qint64 _ontoBrokenLinks = 0;
+    qint64 _ofBadSize = 0;
+    qint64 _taken = 0;
+    qint64 _left = 0;       // delivered or lost
+    qint64 _delivered = 0;  // to nodes
+    qint64 _vanished = 0;   // with links that were broken or deleted
+};
