@@ -1,9 +1,9 @@
+#include "commandline.h"
 #include "wire.h"
 
 #include <QtGlobal>
 
 #include <arpa/inet.h>
-#include <getopt.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -365,11 +365,9 @@ bool readCommandLine(int argc, char** argv, Options& options)
         {"strict", no_argument, nullptr, 'x'},
         {nullptr, 0, nullptr, 0},
     };
-    int found = 0;
-    while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
-        if (!readOption(found, optarg, options))
-            return false;
-    }
+    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
+    if (!readOptions(argc, argv, known, read))
+        return false;
     return optind == argc;
 }
 

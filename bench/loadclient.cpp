@@ -1,9 +1,9 @@
+#include "commandline.h"
 #include "histogram.h"
 #include "processtimes.h"
 #include "wire.h"
 
 #include <arpa/inet.h>
-#include <getopt.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -729,11 +729,9 @@ bool readCommandLine(int argc, char** argv, Options& options)
         {"checkpoint", required_argument, nullptr, 'k'}, {"loss-timeout", required_argument, nullptr, 'l'},
         {"watch-pid", required_argument, nullptr, 'x'},  {nullptr, 0, nullptr, 0},
     };
-    int found = 0;
-    while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
-        if (!readOption(found, optarg, options))
-            return false;
-    }
+    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
+    if (!readOptions(argc, argv, known, read))
+        return false;
     options.batch = std::min(options.batch, options.burst());
     return optind == argc && options.port > 0;
 }

@@ -1,7 +1,6 @@
+#include "commandline.h"
 #include "options.h"
 #include "wire.h"
-
-#include <getopt.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -70,11 +69,9 @@ bool readCommandLine(int argc, char** argv, Options& options)
         {"detection", required_argument, nullptr, 'd'},
         {nullptr, 0, nullptr, 0},
     };
-    int found = 0;
-    while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
-        if (!readOption(found, optarg, options))
-            return false;
-    }
+    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
+    if (!readOptions(argc, argv, known, read))
+        return false;
     return optind + 1 == argc && options.port > 0;
 }
 

@@ -1,10 +1,10 @@
 #include "fuzztarget.h"
 
+#include "loadsimulation.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
 
-#include <QBuffer>
 #include <QDataStream>
 #include <QImage>
 #include <QPainter>
@@ -49,16 +49,6 @@ template <typename Item> QList<Item*> items()
             found.append(wanted);
     }
     return found;
-}
-
-bool load(const QByteArray& bytes)
-{
-    QBuffer buffer;
-    buffer.setData(bytes);
-    buffer.open(QIODevice::ReadOnly);
-    bool ok = true;
-    NetworkSimulation::loadNetworkSimulation(&buffer, &ok);
-    return ok;
 }
 
 /// A file in memory only, which the program reaches by its name.
@@ -250,7 +240,7 @@ void deleteTopmostNode()
 /// Loads \a file, which was \a parts when it was saved, and saves again.
 void checkReload(const QByteArray& file, const SavedParts& parts, bool wasServerOn)
 {
-    Fuzz::require(load(file), "what was saved can be loaded");
+    Fuzz::require(loadSimulation(file), "what was saved can be loaded");
     if (network().isTcpEnabled() == wasServerOn)  // else another process has taken the port meanwhile
         Fuzz::require(partsOf(saved(), Order::Reversed) == parts, "what was loaded is saved as it was");
 }
@@ -281,7 +271,7 @@ void use()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     qsrand(1);
-    if (load(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size))))
+    if (loadSimulation(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size))))
         use();
     else
         Fuzz::require(network().items().isEmpty() && !network().isTcpEnabled(),

@@ -1,10 +1,10 @@
+#include "loadsimulation.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
 #include "sockethelpers.h"
 #include "testaccess.h"
 
-#include <QBuffer>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtEndian>
@@ -122,7 +122,6 @@ private slots:
 private:
     QByteArray bytesOf(const char* example) const { return _examples.value(example).bytes; }
     QByteArray saved() const;
-    bool load(const QByteArray& bytes) const;
     QByteArray dumped() const;
 
     QTemporaryDir _folder;
@@ -149,16 +148,6 @@ QByteArray TestFormats::saved() const
     const QString path = _folder.filePath("saved.ltvo");
     QFile::remove(path);
     return NetworkSimulation::instance()->save(path) ? contentsOf(path) : QByteArray();
-}
-
-bool TestFormats::load(const QByteArray& bytes) const
-{
-    QBuffer buffer;
-    buffer.setData(bytes);
-    buffer.open(QIODevice::ReadOnly);
-    bool isLoaded = true;
-    NetworkSimulation::loadNetworkSimulation(&buffer, &isLoaded);
-    return isLoaded;
 }
 
 QByteArray TestFormats::dumped() const
@@ -315,7 +304,7 @@ void TestFormats::theFileOfANewSimulation()
     QCOMPARE(example.size(), 245);
     QCOMPARE(withoutIds(saved(), idOffset), withoutIds(example, idOffset));
 
-    QVERIFY(load(example));
+    QVERIFY(loadSimulation(example));
     QCOMPARE(NetworkSimulation::instance()->fileVersion(), 1U);
     QCOMPARE(withoutIds(saved(), idOffset), withoutIds(example, idOffset));
 }
@@ -325,7 +314,7 @@ void TestFormats::theFileOfANewSimulationOfVersion0()
     constexpr int idOffset = 110;
     const QByteArray example = bytesOf("new-simulation-version-0");
     QCOMPARE(example.size(), 236);
-    QVERIFY(load(example));
+    QVERIFY(loadSimulation(example));
     QCOMPARE(NetworkSimulation::instance()->fileVersion(), 0U);
     QCOMPARE(withoutIds(saved(), idOffset), withoutIds(example, idOffset));
 }

@@ -1,9 +1,9 @@
 #include "bytewriter.h"
+#include "loadsimulation.h"
 #include "network/networksimulation.h"
 #include "nodes/tcpnode.h"
 #include "testaccess.h"
 
-#include <QBuffer>
 #include <QFile>
 #include <QHash>
 #include <QImage>
@@ -176,16 +176,6 @@ template <typename Item> QList<Item*> itemsAsRead()
     return found;
 }
 
-bool load(const QByteArray& bytes)
-{
-    QBuffer buffer;
-    buffer.setData(bytes);
-    buffer.open(QIODevice::ReadOnly);
-    bool ok = true;
-    NetworkSimulation::loadNetworkSimulation(&buffer, &ok);
-    return ok;
-}
-
 QByteArray saved()
 {
     const QTemporaryDir folder;
@@ -252,7 +242,7 @@ bool loadInTime(const QByteArray& bytes)
 {
     const std::clock_t start = std::clock();
     const auto elapsed = [start] { return static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC; };
-    const bool isLoaded = load(bytes);
+    const bool isLoaded = loadSimulation(bytes);
     [&] { QVERIFY2(elapsed() < longestLoad, "the load hangs"); }();
     if (isLoaded)
         exercise();
@@ -446,7 +436,7 @@ void TestSimulationFile::aFileIsReadAndWrittenBackEqual_data()
 void TestSimulationFile::aFileIsReadAndWrittenBackEqual()
 {
     QFETCH(Stored::Simulation, simulation);
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QCOMPARE(items<Node>().size(), simulation.nodes.size());
     QCOMPARE(items<Connection>().size(), simulation.connections.size());
     QCOMPARE(saved().toHex(), bytesOf(asSavedAgain(simulation)).toHex());
@@ -454,7 +444,7 @@ void TestSimulationFile::aFileIsReadAndWrittenBackEqual()
 
 void TestSimulationFile::everyParameterOfTheNetworkIsRead()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     QCOMPARE(network().maximalTransferUnit(), 1500);
     QCOMPARE(network().addressLength(), 2);
     QCOMPARE(network().destinationAddressOffset(), 3);
@@ -468,7 +458,7 @@ void TestSimulationFile::everyParameterOfTheNetworkIsRead()
 
 void TestSimulationFile::everySettingOfANodeIsRead()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     const Stored::Node stored = fullNode();
     Node& node = *itemsAsRead<Node>().first();
     QCOMPARE(node.pos(), QPointF(-12.5, 300.25));
@@ -491,7 +481,7 @@ void TestSimulationFile::everySettingOfANodeIsRead()
 
 void TestSimulationFile::everySettingOfAConnectionIsRead()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     Connection& connection = *itemsAsRead<Connection>().first();
     QVERIFY(connection.isBroken());
     QCOMPARE(connection.reliability(), 0.75);
@@ -505,7 +495,7 @@ void TestSimulationFile::everySettingOfAConnectionIsRead()
 
 void TestSimulationFile::theTemplatesAreRead()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     Connection& connection = *network().defaultConnection();
     QVERIFY(connection.isBroken());
     QCOMPARE(connection.reliability(), 0.75);
@@ -540,7 +530,7 @@ void TestSimulationFile::theCaptureSwitchesAreRead()
     Stored::Simulation simulation;
     simulation.isCaptureEnabled = isEnabled;
     simulation.doesViewFollow = follows;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QCOMPARE(NetworkSimulation::instance()->capture()->isEnabled(), isEnabled);
     QCOMPARE(NetworkSimulation::instance()->capture()->doesViewFollows(), follows);
 }
@@ -563,7 +553,7 @@ void TestSimulationFile::readingACaptureRecordDropsItsFrames()
 
 void TestSimulationFile::capturedFramesAndRunTimeStateAreNotStored()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     const QByteArray before = saved();
     Node& node = *items<Node>().first();
     TestAccess::sendFrames(node) = 5;
@@ -595,7 +585,7 @@ void TestSimulationFile::ofTheFlagsOnlyTheDisabledBitIsRead()
     simulation.nodes = {plainNode(1, 0, 0), plainNode(2, 100, 100), plainNode(3, 200, 200)};
     simulation.nodes[0].flags = -1;
     simulation.nodes[1].flags = ~2;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     const QList<Node*> nodes = itemsAsRead<Node>();
     QCOMPARE(TestAccess::flags(*nodes.at(0)), 2);
     QCOMPARE(TestAccess::flags(*nodes.at(1)), 0);
@@ -604,7 +594,7 @@ void TestSimulationFile::ofTheFlagsOnlyTheDisabledBitIsRead()
 
 void TestSimulationFile::aFileOfVersion0KeepsWhatNewObjectsHave()
 {
-    QVERIFY(load(bytesOf(filled(Stored::newSimulationOfVersion0()))));
+    QVERIFY(loadSimulation(bytesOf(filled(Stored::newSimulationOfVersion0()))));
     QCOMPARE(NetworkSimulation::instance()->fileVersion(), quint32(0));
     QVERIFY(!network().isNameUsedForPnpIdentification());
     QCOMPARE(TestAccess::promiscuousMode(*network().defaultNode()), Qt::Unchecked);
@@ -616,7 +606,7 @@ void TestSimulationFile::aFileOfVersion0KeepsWhatNewObjectsHave()
 
 void TestSimulationFile::aFileOfVersion0IsSavedAsVersion0()
 {
-    QVERIFY(load(bytesOf(Stored::newSimulationOfVersion0())));
+    QVERIFY(loadSimulation(bytesOf(Stored::newSimulationOfVersion0())));
     const QByteArray bytes = saved();
     QCOMPARE(bytes.left(8),
              QByteArray::fromHex("C191277C"
@@ -631,7 +621,7 @@ void TestSimulationFile::aFileOfVersion7IsKeptAsVersion7()
     Stored::Simulation simulation;
     simulation.version = 7;
     simulation.nodes = {plainNode(1, 0, 0)};
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QCOMPARE(NetworkSimulation::instance()->fileVersion(), quint32(7));
     QCOMPARE(items<Node>().size(), 1);
     QVERIFY(!network().isNameUsedForPnpIdentification());
@@ -644,7 +634,7 @@ void TestSimulationFile::aFileOfVersion7IsKeptAsVersion7()
 void TestSimulationFile::aFileOfVersion7WithFieldsOfVersion1Fails()
 {
     const QByteArray bytes = replaced(bytesOf(filledSimulation()), 4, bigEndian(quint32{7}));
-    QVERIFY(!load(bytes));
+    QVERIFY(!loadSimulation(bytes));
     QVERIFY(isNewAndEmpty());
 }
 
@@ -652,7 +642,7 @@ void TestSimulationFile::aVersionedFileOfVersion0IsSavedWithoutVersion()
 {
     Stored::Simulation simulation;
     simulation.version = 0;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QCOMPARE(NetworkSimulation::instance()->fileVersion(), quint32(0));
     QCOMPARE(saved(), bytesOf(asSavedAgain(Stored::newSimulationOfVersion0())));
 }
@@ -661,29 +651,29 @@ void TestSimulationFile::theTwoMagicWordsMustAgree()
 {
     QByteArray version1 = bytesOf(filledSimulation());
     version1[version1.size() - 1] = '\x7C';
-    QVERIFY(!load(version1));
+    QVERIFY(!loadSimulation(version1));
     QVERIFY(isNewAndEmpty());
 
     QByteArray version0 = bytesOf(filled(Stored::newSimulationOfVersion0()));
     version0[version0.size() - 1] = '\x7D';
-    QVERIFY(!load(version0));
+    QVERIFY(!loadSimulation(version0));
     QVERIFY(isNewAndEmpty());
 }
 
 void TestSimulationFile::bytesBehindTheTrailerAreIgnored()
 {
-    QVERIFY(load(bytesOf(filledSimulation()) + QByteArray(50, 'x')));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation()) + QByteArray(50, 'x')));
     QCOMPARE(items<Node>().size(), 3);
 }
 
 void TestSimulationFile::nodesAndConnectionsAreWrittenTopmostFirst()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     Node* lowest = itemsAsRead<Node>().first();
     lowest->setZValue(3.0);  // raised above the others
     QCOMPARE(items<Node>().first(), lowest);
 
-    QVERIFY(load(saved()));
+    QVERIFY(loadSimulation(saved()));
     const QList<Node*> nodes = itemsAsRead<Node>();
     QCOMPARE(nodes.at(0)->name(), fullNode().name);  // was topmost and stands first in the file
     QCOMPARE(nodes.at(1)->pos(), QPointF(-100, 50));
@@ -703,15 +693,15 @@ void TestSimulationFile::otherItemsAreNotWritten()
 void TestSimulationFile::twoRoundTripsGiveTheFirstOrderBack()
 {
     const Stored::Simulation simulation = filledSimulation();
-    QVERIFY(load(bytesOf(simulation)));
-    QVERIFY(load(saved()));
-    QVERIFY(load(saved()));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
+    QVERIFY(loadSimulation(saved()));
+    QVERIFY(loadSimulation(saved()));
     QCOMPARE(saved().toHex(), bytesOf(asSavedAgain(simulation)).toHex());
 }
 
 void TestSimulationFile::theOrderOfTheEndsIsKept()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     const QList<Node*> nodes = itemsAsRead<Node>();
     const QList<Connection*> connections = itemsAsRead<Connection>();
     QCOMPARE(connections.at(0)->node(0), nodes.at(1));
@@ -725,7 +715,7 @@ void TestSimulationFile::theOrderOfTheEndsIsKept()
 
 void TestSimulationFile::everyLoadedNodeIsAnUnattachedTcpNode()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     const QList<Node*> nodes = items<Node>();
     QCOMPARE(nodes.size(), 3);
     for (Node* node : nodes) {
@@ -739,7 +729,7 @@ void TestSimulationFile::everyLoadedNodeIsAnUnattachedTcpNode()
 
 void TestSimulationFile::loadedNodesAreMeasuredByTheirTexts()
 {
-    QVERIFY(load(bytesOf(filledSimulation())));
+    QVERIFY(loadSimulation(bytesOf(filledSimulation())));
     const Node* node = itemsAsRead<Node>().first();
     Node measured(fullNode().name);
     measured.setAddress(fullNode().address);
@@ -755,7 +745,7 @@ void TestSimulationFile::nullAndEmptyTextsAreToldApart()
     simulation.nodes[0].address = QByteArray("");
     simulation.nodes[0].name = QString::fromLatin1("");
     simulation.nodes[0].toolTip = QString::fromLatin1("");
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QCOMPARE(saved().toHex(), bytesOf(asSavedAgain(simulation)).toHex());
 }
 
@@ -768,7 +758,7 @@ void TestSimulationFile::theHeadersOfTheTemplatesAreSkipped()
     simulation.defaultNode.itemType = 0;
     simulation.defaultNode.nodeType = 99;
     simulation.defaultNode.id = idOfFirst;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QVERIFY(!network().defaultConnection()->node(0));
     QCOMPARE(network().defaultConnection()->delayMs(), 20);
     QCOMPARE(TestAccess::acknowledgeTimeout(*network().defaultNode()), 1234);
@@ -785,7 +775,7 @@ void TestSimulationFile::anUnexpectedItemTypeOfANodeIsPassedOver()
         list.u32(itemType);  // nothing more is read of this entry
         Stored::write(list, plainNode(1, 12, 34), true);
         bytes.replace(nodeCountOffset(bytes), 4, list.bytes);
-        QVERIFY(load(bytes));
+        QVERIFY(loadSimulation(bytes));
         QCOMPARE(items<Node>().size(), 1);
         QCOMPARE(items<Node>().first()->pos(), QPointF(12, 34));
     }
@@ -801,7 +791,7 @@ void TestSimulationFile::anUnexpectedNodeTypeIsPassedOver()
         list.u32(nodeType);
         Stored::write(list, plainNode(1, 12, 34), true);
         bytes.replace(nodeCountOffset(bytes), 4, list.bytes);
-        QVERIFY(load(bytes));
+        QVERIFY(loadSimulation(bytes));
         QCOMPARE(items<Node>().size(), 1);
         QCOMPARE(items<Node>().first()->pos(), QPointF(12, 34));
     }
@@ -817,7 +807,7 @@ void TestSimulationFile::anUnexpectedItemTypeOfAConnectionIsPassedOver()
     list.u32(0x10000);
     Stored::write(list, plainConnection(1, 2));
     bytes.replace(bytes.size() - 4 - 2 - 4, 4, list.bytes);
-    QVERIFY(load(bytes));
+    QVERIFY(loadSimulation(bytes));
     QCOMPARE(items<Connection>().size(), 1);
 }
 
@@ -845,7 +835,7 @@ void TestSimulationFile::aConnectionWithAnUnknownEndIsPassedOver()
     list.u64(secondEnd);  // the body is not read
     Stored::write(list, plainConnection(1, 2));
     bytes.replace(bytes.size() - 4 - 2 - 4, 4, list.bytes);
-    QVERIFY(load(bytes));
+    QVERIFY(loadSimulation(bytes));
     QCOMPARE(items<Connection>().size(), 1);
     QCOMPARE(items<Connection>().first()->node(0), itemsAsRead<Node>().first());
 }
@@ -870,7 +860,7 @@ void TestSimulationFile::aPassedOverEntryWithABodyFailsTheLoad_data()
 void TestSimulationFile::aPassedOverEntryWithABodyFailsTheLoad()
 {
     QFETCH(Stored::Simulation, simulation);
-    QVERIFY(!load(bytesOf(simulation)));
+    QVERIFY(!loadSimulation(bytesOf(simulation)));
     QVERIFY(isNewAndEmpty());
     QVERIFY(TestAccess::allTcpNodes().isEmpty());
 }
@@ -880,7 +870,7 @@ void TestSimulationFile::ofNodesWithOneIdTheLastGetsTheConnections()
     Stored::Simulation simulation;
     simulation.nodes = {plainNode(1, 0, 0), plainNode(2, 50, 50), plainNode(1, 100, 100)};
     simulation.connections = {plainConnection(1, 2)};
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     const QList<Node*> nodes = itemsAsRead<Node>();
     QCOMPARE(nodes.size(), 3);
     QCOMPARE(nodes.at(0)->connectionCount(), 0);
@@ -904,18 +894,18 @@ void TestSimulationFile::theCountOfANullListReadsAsEmpty()
 {
     const QByteArray bytes = bytesOf(Stored::Simulation());
     const QByteArray nullCount = bigEndian(0xFFFFFFFFU);
-    QVERIFY(load(replaced(bytes, nodeCountOffset(bytes), nullCount)));
-    QVERIFY(load(replaced(bytes, nodeCountOffset(bytes) + 4, nullCount)));
-    QVERIFY(load(replaced(bytes, nodeCountOffset(bytes), nullCount + nullCount)));
+    QVERIFY(loadSimulation(replaced(bytes, nodeCountOffset(bytes), nullCount)));
+    QVERIFY(loadSimulation(replaced(bytes, nodeCountOffset(bytes) + 4, nullCount)));
+    QVERIFY(loadSimulation(replaced(bytes, nodeCountOffset(bytes), nullCount + nullCount)));
     QVERIFY(network().items().isEmpty());
-    QVERIFY(!load(replaced(bytes, nodeCountOffset(bytes), bigEndian(0xFFFFFFFEU))));
+    QVERIFY(!loadSimulation(replaced(bytes, nodeCountOffset(bytes), bigEndian(0xFFFFFFFEU))));
 }
 
 void TestSimulationFile::theServerIsSwitchedOnByTheFile()
 {
     Stored::Simulation simulation = filledSimulation();
     simulation.isServerOn = true;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QVERIFY(network().isTcpEnabled());
     QCOMPARE(network().tcpPort(), quint16(0));
     QVERIFY(network().listeningPort() != 0);
@@ -944,7 +934,7 @@ void TestSimulationFile::aServerThatCannotStartIsNoFailure()
     Stored::Simulation simulation = filledSimulation();
     simulation.isServerOn = true;
     simulation.port = other.serverPort();
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     QVERIFY(!network().isTcpEnabled());
     QCOMPARE(network().tcpPort(), other.serverPort());
     QCOMPARE(items<Node>().size(), 3);
@@ -1102,7 +1092,7 @@ void TestSimulationFile::oddSwitchesReadAsUnchecked()
     simulation.nodes[0].showName = 3;
     simulation.nodes[0].framesAcknowledged = -1;
     simulation.nodes[0].promiscuousMode = 0x7FFFFFFF;
-    QVERIFY(load(bytesOf(simulation)));
+    QVERIFY(loadSimulation(bytesOf(simulation)));
     Node& node = *items<Node>().first();
     QCOMPARE(TestAccess::showName(node), Qt::Unchecked);
     QCOMPARE(TestAccess::framesAcknowledged(node), Qt::Unchecked);
@@ -1123,7 +1113,7 @@ void TestSimulationFile::oddColorKindsReadAsNoColor()
     for (const quint8 kind : {quint8(6), quint8(127), quint8(128), quint8(255)}) {
         simulation.nodes[0].txColor = Stored::rgb(1, 2, 3);
         simulation.nodes[0].txColor.kind = kind;
-        QVERIFY(load(bytesOf(simulation)));
+        QVERIFY(loadSimulation(bytesOf(simulation)));
         QVERIFY(!TestAccess::txColor(*items<Node>().first()).isValid());
     }
 }

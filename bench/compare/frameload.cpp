@@ -1,3 +1,4 @@
+#include "../commandline.h"
 #include "../histogram.h"
 #include "../processtimes.h"
 
@@ -5,7 +6,6 @@ extern "C" {
 #include <libvdeplug.h>
 }
 
-#include <getopt.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -421,11 +421,9 @@ bool readCommandLine(int argc, char** argv, Options& options)
         {"watch-pid", required_argument, nullptr, 'x'},
         {nullptr, 0, nullptr, 0},
     };
-    int found = 0;
-    while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
-        if (!readOption(found, optarg, options))
-            return false;
-    }
+    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
+    if (!readOptions(argc, argv, known, read))
+        return false;
     const bool hasDescriptors = options.senderFd >= 0 && options.receiverFd >= 0;
     return optind == argc && (options.switches.size() == 2) != hasDescriptors;
 }

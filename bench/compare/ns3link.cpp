@@ -1,3 +1,5 @@
+#include "../commandline.h"
+
 #include <ns3/error-model.h>
 #include <ns3/fd-net-device.h>
 #include <ns3/global-value.h>
@@ -8,8 +10,6 @@
 #include <ns3/simple-net-device.h>
 #include <ns3/simulator.h>
 #include <ns3/string.h>
-
-#include <getopt.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -156,11 +156,9 @@ bool readCommandLine(int argc, char** argv, Options& options)
         {"error-rate", required_argument, nullptr, 'p'}, {"every-bit", no_argument, nullptr, 'e'},
         {"seed", required_argument, nullptr, 's'},       {nullptr, 0, nullptr, 0},
     };
-    int found = 0;
-    while ((found = getopt_long(argc, argv, "", known, nullptr)) != -1) {
-        if (!readOption(found, optarg, options))
-            return false;
-    }
+    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
+    if (!readOptions(argc, argv, known, read))
+        return false;
     return optind == argc && options.inputFd > 0 && options.outputFd > 0;
 }
 

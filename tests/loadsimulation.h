@@ -1,0 +1,17 @@
+#pragma once
+
+#include "network/networksimulation.h"
+
+#include <QBuffer>
+#include <QByteArray>
+
+/// False when \a bytes are no simulation file; there is a new simulation then.
+inline bool loadSimulation(const QByteArray& bytes)
+{
+    QBuffer buffer;
+    buffer.setData(bytes);
+    buffer.open(QIODevice::ReadOnly);
+    bool isLoaded = true;
+    NetworkSimulation::loadNetworkSimulation(&buffer, &isLoaded);
+    return isLoaded;
+}
