@@ -7,6 +7,7 @@ be run.
 """
 
 import argparse
+import base64
 import json
 import os
 import pathlib
@@ -213,6 +214,8 @@ def report(result):
     )
     for finding in result.findings:
         print(f"  {finding.kind}: {finding.what}\n    {finding.input}", flush=True)
+        if finding.input:  # in full: a machine that tests changes is not kept
+            print("    base64: " + base64.b64encode((ROOT / finding.input).read_bytes()).decode(), flush=True)
 
 
 def fuzz_all(targets, seconds, build_dir):

@@ -13,7 +13,7 @@ cmake --preset dev >/dev/null
 cmake --build --preset dev --parallel 2 --target lattivo_core lattivo lattivo-headless
 
 echo "== clang-format =="
-find QtComponents bench examples fidelity fuzz headless src tests -name '*.h' -o -name '*.cpp' | sort \
+find QtComponents bench examples fidelity fuzz headless soak src tests -name '*.h' -o -name '*.cpp' | sort \
     | xargs clang-format --dry-run --Werror
 
 analysed=$(find QtComponents headless src -name '*.cpp' | sort)

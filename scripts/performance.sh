@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 
 usage()
 {
-    sed -n '2,4s/^# //p' "$0" >&2
+    sed -n '2,4s/^# //p' "scripts/$(basename "$0")" >&2
     exit 2
 }
 
@@ -37,8 +37,8 @@ measure()
     [ -s "$file" ] || exit 2
 }
 
-# shellcheck disable=SC2086  # one word a package
-install_packages $build_packages gnuplot-nox libns3-dev libvdeplug-dev python3 util-linux vde2 >&2
+# shellcheck disable=SC2086,SC2154  # one word a package
+install_packages $build_packages $comparison_packages gnuplot-nox python3 util-linux >&2
 cmake --preset release >&2
 cmake --build --preset release --target lattivo_frameload lattivo_ns3link >&2
 

@@ -468,8 +468,8 @@ class Chaos:
 
     def _attach_for_certain(self, when):
         """An ordinary program is served within the time that counts as a hang."""
-        name = f"ordinary-{self.tally['ordinary']}"
-        self.tally["ordinary"] += 1
+        name = f"ordinary-{self.tally['serve_ordinary_program']}"
+        self.tally["serve_ordinary_program"] += 1
         number = add_node(self.simulator, self.rng, name, programs.address(UNKNOWN_KIND, 5000))
         self._identify_plainly()
         try:

@@ -16,7 +16,6 @@ CONNECT_PATIENCE = 30.0  # s
 READ_SIZE = 1 << 18
 RESETTING = struct.pack("ii", 1, 0)  # a close that waits for nothing resets the connection
 BROADCAST = b"\xff" * 6
-ADDRESS_SIZE = 6
 
 
 def address(kind, number):

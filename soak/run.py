@@ -12,7 +12,7 @@ import signal
 import subprocess
 import sys
 
-SESSION = pathlib.Path(__file__).resolve().parent / "session.py"
+COURSE = pathlib.Path(__file__).resolve().parent / "course.py"
 MEBIBYTE = 1 << 20
 
 
@@ -31,26 +31,26 @@ def parse_options():
     return parser.parse_args()
 
 
-def start_session(options, name, program, *more):
+def start_course(options, name, program, *more):
     folder = options.folder / name
     folder.mkdir(parents=True, exist_ok=True)
     (folder / "summary.json").unlink(missing_ok=True)
-    command = [sys.executable, "-B", str(SESSION), "--program", str(program), "--folder", str(folder)]
+    command = [sys.executable, "-B", str(COURSE), "--program", str(program), "--folder", str(folder)]
     command += ["--seconds", str(options.minutes * 60), "--seed", str(options.seed), *more]
     return subprocess.Popen(command, stdout=subprocess.DEVNULL)
 
 
-def wait_for(sessions):
+def wait_for(courses):
     """Whether all end well; none goes on alone."""
     try:
-        return all([session.wait() == 0 for session in sessions])
+        return all([course.wait() == 0 for course in courses])
     finally:
-        for session in sessions:
-            session.terminate()
+        for course in courses:
+            course.terminate()
 
 
 def read_summary(folder):
-    """None when the session has not come so far."""
+    """None when the course has not come so far."""
     file = folder / "summary.json"
     return json.loads(file.read_text()) if file.exists() else None
 
@@ -104,11 +104,11 @@ def table(summaries):
 def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("terminated"))
     options = parse_options()
-    sessions = {name: start_session(options, name, program) for name, program in options.sanitized}
+    courses = {name: start_course(options, name, program) for name, program in options.sanitized}
     for name, program in options.plain:
-        sessions[name] = start_session(options, name, program, "--judge-memory")
-    has_passed = wait_for(sessions.values())
-    summaries = {name: read_summary(options.folder / name) for name in sessions}
+        courses[name] = start_course(options, name, program, "--judge-memory")
+    has_passed = wait_for(courses.values())
+    summaries = {name: read_summary(options.folder / name) for name in courses}
     result = {"minutes": options.minutes, "seed": options.seed, "passed": has_passed, "builds": summaries}
     (options.folder / "summary.json").write_text(json.dumps(result, indent=2) + "\n")
 

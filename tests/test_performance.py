@@ -111,6 +111,17 @@ def tools_are_there() -> bool:
     return None not in built and None not in [shutil.which(name) for name in ("vde_switch", "wirefilter")]
 
 
+class LimitTest(unittest.TestCase):
+    def test_the_simulator_and_the_limit_are_measured_in_turns(self):
+        folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
+        command = [sys.executable, "-B", str(BENCH / "run.py"), "--build-dir", str(build_folder()), "--rounds", "1"]
+        command += ["--duration", "0.2", "--only", "small", "--only", "noisy-large", "--json", str(folder / "figures")]
+        result = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE)
+        self.assertIn(result.returncode, (0, 1), result.stderr)  # how fast they are is not judged here
+        rows = json.loads((folder / "figures").read_text())["rows"]
+        self.assertEqual(["small", "noisy-large", "p99"], list(dict.fromkeys(row["key"] for row in rows)))
+
+
 @unittest.skipUnless(tools_are_there(), "VDE or ns-3 is not installed")
 class ComparisonTest(unittest.TestCase):
     def test_frames_go_through_every_tool_and_are_corrupted_at_the_set_rate(self):

@@ -68,7 +68,7 @@ class Failures:
             self.note(verdict, text)
 
 
-class Session:
+class Course:
     def __init__(self, options):
         self.options = options
         self.rng = random.Random(options.seed)
@@ -85,7 +85,7 @@ class Session:
         self.frames = collections.Counter()
         self.worst_answer = 0.0  # s
         self.is_opened = False  # the simulation is one that was opened; else it is empty
-        self.course = []  # resident bytes after each replacement by an empty simulation
+        self.resident = []  # resident bytes after each replacement by an empty simulation
 
     # The course of a run
 
@@ -96,7 +96,7 @@ class Session:
         try:
             self._warm_up()
             start = self._level()
-            self.course.clear()
+            self.resident.clear()
             warm_up = time.monotonic() - begin
             self._soak(self.options.seconds)
             end = self._level()
@@ -113,7 +113,7 @@ class Session:
     def _warm_up(self):
         """Everything is touched once, so that what is loaded and kept for good is there."""
         for number in range(self.options.warm_up_epochs):
-            self._epoch(self.options.warm_up_seconds, RARE, ["new", "open", "damaged"][number % 3], number == 1)
+            self._epoch(self.options.warm_up_seconds, RARE, ["new", "open", "damaged"][number % 3], number % 3 == 1)
 
     def _soak(self, seconds):
         begin = time.monotonic()
@@ -147,7 +147,7 @@ class Session:
             self.failures.note_all("honest", report["errors"])
         self.is_opened = ending == "open"
         if not self.is_opened:
-            self.course.append(self._level()["resident_bytes"])
+            self.resident.append(self._level()["resident_bytes"])
 
     def _begin_simulation(self):
         """From an empty one."""
@@ -319,7 +319,7 @@ class Session:
             "equation": books.EQUATION,
             "start": start,
             "end": end,
-            "memory_course_bytes": self.course,
+            "memory_course_bytes": self.resident,
             "memory_limit": MEMORY_LIMIT if self.options.judge_memory else None,
             "worst_answer_seconds": max(self.worst_answer, self.simulator.worst_answer),
             "answer_limit_seconds": HANG,
@@ -358,7 +358,7 @@ def main():
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("terminated"))
     options = parse_options()
-    summary = Session(options).run()
+    summary = Course(options).run()
     text = json.dumps(summary, indent=2)
     (options.folder / "summary.json").write_text(text + "\n")
     print(text)
