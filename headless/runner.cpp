@@ -102,9 +102,11 @@ Runner::Runner(const Options& options, QObject* parent)
 
 ExitCode Runner::run()
 {
-    if (!_openOutputs() || !_loadSimulation())
+    if (!_openOutputs())
         return _exitCode;
     _catchSignals();
+    if (!_loadSimulation())
+        return _exitCode;
     _applySettings();
     if (!_startServer())
         return _exitCode;

@@ -106,8 +106,9 @@ protected:
     qint64 readData(char* data, qint64 size) override
     {
         if (!_change || size <= _left) {
-            _left -= size;
-            return QFile::readData(data, size);
+            const qint64 read = QFile::readData(data, size);
+            _left -= qMax<qint64>(read, 0);
+            return read;
         }
         const qint64 before = qMax<qint64>(QFile::readData(data, _left), 0);
         std::exchange(_change, nullptr)();
@@ -134,7 +135,7 @@ protected:
     qint64 readData(char* data, qint64 size) override
     {
         const qint64 read = _left > 0 ? QFile::readData(data, qMin(size, _left)) : -1;
-        _left -= read;
+        _left -= qMax<qint64>(read, 0);
         return read;
     }
 

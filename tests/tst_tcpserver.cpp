@@ -430,6 +430,9 @@ void TestTcpServer::manyProgramsCanBePending()
 void TestTcpServer::aBurstOfProgramsNeedNotWaitToConnect()
 {
     constexpr int count = 200;  // several times what the toolkit's server lets wait
+    QFile limit(QStringLiteral("/proc/sys/net/core/somaxconn"));
+    if (!limit.open(QIODevice::ReadOnly) || limit.readAll().trimmed().toInt() < count)
+        QSKIP("the kernel lets fewer programs wait");
     std::vector<std::unique_ptr<Program>> programs;
     for (int i = 0; i < count; ++i) {
         programs.push_back(std::make_unique<Program>());

@@ -102,22 +102,22 @@ void addFlips(QByteArray* mask, int size, int start, const Block& block, int lar
     }
 }
 
-constexpr auto factors = blockFactors();
-constexpr quint32 toNextBlock = product(factors.back(), multiplier);
+constexpr auto blockSteps = blockFactors();
+constexpr quint32 toNextBlock = product(blockSteps.back(), multiplier);
 
 /// The numbers of a block do not depend on one another, so that the compiler vectorises them.
 Block blockFrom(quint32 first)
 {
     Block block;
     for (int bit = 0; bit < blockBits; ++bit)
-        block[bit] = static_cast<int>(product(first, factors[bit]));
+        block[bit] = static_cast<int>(product(first, blockSteps[bit]));
     return block;
 }
 
 bool hasFlip(quint32 first, int largestKept)
 {
     int differences = 0;  // negative as soon as one of them is
-    for (const quint32 factor : factors)
+    for (const quint32 factor : blockSteps)
         differences |= largestKept - static_cast<int>(product(first, factor));
     return differences < 0;
 }
@@ -164,7 +164,7 @@ static_assert(blockBits % laneCount == 0);
 [[gnu::target("avx2"), gnu::always_inline]] inline void start(__m256i* numbers, quint32 first)
 {
     const __m256i base = broadcast(static_cast<int>(first));
-    const quint32* next = factors.data();
+    const quint32* next = blockSteps.data();
     for (int i = 0; i < vectors; ++i, next += vectorNumbers) {
         const __m128i narrow = _mm_loadu_si128(reinterpret_cast<const __m128i*>(next));
         numbers[i] = product(base, _mm256_cvtepu32_epi64(narrow));
@@ -174,7 +174,7 @@ static_assert(blockBits % laneCount == 0);
 [[gnu::target("avx2")]] int passCleanBlocks(quint32* first, int count, int largestKept)
 {
     const __m256i limit = broadcast(largestKept);
-    const __m256i leap = broadcast(static_cast<int>(::product(factors[laneCount - 1], multiplier)));
+    const __m256i leap = broadcast(static_cast<int>(::product(blockSteps[laneCount - 1], multiplier)));
     __m256i numbers[vectors];
     start(numbers, *first);
     for (int passed = 0; passed < count; ++passed) {
@@ -214,8 +214,10 @@ QByteArray computedMask(int size, int largestKept, quint32 first, PassCleanBlock
 {
     const int count = (size - 1) / blockBytes + 1;
     QByteArray mask;
-    for (int block = pass(&first, count, largestKept); block < count;
-         block += 1 + pass(&first, count - block - 1, largestKept)) {
+    for (int block = 0; block < count; ++block) {
+        block += pass(&first, count - block, largestKept);
+        if (block == count)
+            break;
         addFlips(&mask, size, block * blockBytes, blockFrom(first), largestKept);
         first = product(first, toNextBlock);
     }

@@ -118,19 +118,19 @@ void Network::_tcpPnpNewNode()
     QTcpSocket* socket = _tcpServer.server.nextPendingConnection();
     if (!socket)
         return;
+    if (!isProgramWaiting(_tcpServer.server))
+        _restAccepting();
     if (!connect(socket, SIGNAL(readyRead()), this, SLOT(_tcpPnpDataFromPending()))) {
         refuse(socket);
         return;
     }
     connect(socket, SIGNAL(disconnected()), this, SLOT(_tcpPnpPendingDisconnected()));
     _tcpServer.pending.append(socket);
-    if (!isProgramWaiting(_tcpServer.server))
-        _restAccepting();
 }
 
-/// The toolkit's server would ask the kernel for a further program all the same, and after that failure never
-/// notice again when file descriptors run out: it would try all the time. Its only way not to ask is to hold
-/// as many programs as it may.
+/// The toolkit's server keeps the first error of its socket: after one "nobody is waiting" it takes running
+/// out of file descriptors for that too, and asks without end. So it is kept from asking while nobody waits,
+/// which only a limit of 0 does.
 void Network::_restAccepting()
 {
     _tcpServer.server.setMaxPendingConnections(0);

@@ -107,8 +107,8 @@ private:
     explicit TimeoutScheduler(QObject* parent);
 
     struct Entry {
-        qint64
-            dueTime;  // the next one; kept here because following the pointer costs more than the comparison
+        // The next one; kept here because following the pointer costs more than the comparison.
+        qint64 dueTime;
         Timeouts* timeouts;  // not owned
     };
 
@@ -123,8 +123,8 @@ private:
     std::vector<Entry> _heap;  // the earliest due time first
     QBasicTimer _nextPass;     // runs while something is due at once
     KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
-    std::unique_ptr<QSocketNotifier> _notifier;  // null: the kernel has no timer for us
-    QBasicTimer _substitute;                     // of the toolkit, if so
+    std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us
+    QBasicTimer _substitute;                     // of the toolkit, used while there is no notifier
     qint64 _wakeTime = never;
     qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
 };
@@ -206,9 +206,9 @@ void TimeoutScheduler::_wakeUp()
 void TimeoutScheduler::_runPass()
 {
     if (_passTime >= 0)
-        return;  // inside an event loop of a handler's own: the pass goes on when the handler is back
+        return;        // inside an event loop of a handler's own: the pass goes on when the handler is back
+    _nextPass.stop();  // or it would fire all the time in that event loop
     _runDueHandlers();
-    _nextPass.stop();
     _arm();
 }
 
@@ -286,9 +286,12 @@ void TimeoutScheduler::_siftDown(int index)
     _place(moved, index);
 }
 
+/// Makes the scheduler before programs can use up the file descriptors, of which it needs one.
 Timeouts::Timeouts(std::function<void()> handler)
     : _handler(std::move(handler))
 {
+    if (QCoreApplication::instance())
+        TimeoutScheduler::instance();
 }
 
 Timeouts::~Timeouts()
@@ -324,7 +327,7 @@ bool Timeouts::startAtEndOfPass()
 
 void Timeouts::_startAt(qint64 dueTime)
 {
-    const bool isNext = _isEmpty() || dueTime < _nextDueTime();
+    const bool isNext = _heapIndex < 0 || dueTime < _nextDueTime();
     if (_hasNoOrdered() || dueTime >= _ordered.back())
         _ordered.push_back(dueTime);
     else

@@ -186,7 +186,7 @@ void TcpNode::_socketDataIndication()
     MessageReader reader(_socket->readAll());
     while (_socket == socket && !reader.atEnd()) {  // a message may cost the node its socket
         const bool isUnderstood = _handleMessage(reader);
-        if (!isUnderstood || !reader.isComplete())
+        if (_socket == socket && (!isUnderstood || !reader.isComplete()))
             _closeSocket();
     }
 }
