@@ -13,7 +13,7 @@ from dataclasses import dataclass
 import numpy
 from scipy import stats
 
-SIGNIFICANCE = 0.01  # of all tests of a run together: as often a perfect simulator fails one of them
+SIGNIFICANCE = 0.01  # of all tests of a run together: at most as often a perfect simulator fails one of them
 SMALLEST_EXPECTED = 5.0  # frames or flips in a class of a chi-square test; smaller classes are joined
 BITS_PER_BYTE = 8
 # Of the generator's own, root mean square of the shares' relative errors (Cohen's w): its numbers are not wholly
@@ -28,7 +28,12 @@ class Fit:
 
     p_value: float  # 0: impossible counts
     statistic: float = None  # chi-square; None: a test of another kind
-    freedom: int = 0  # its degrees; 0: nothing was left to chance
+    freedom: int = 0  # its degrees
+    is_exact: bool = False  # nothing was left to chance: no member of the family
+
+
+def exact_fit(holds):
+    return Fit(1.0 if holds else 0.0, is_exact=True)
 
 
 def fact(holds, otherwise):
@@ -61,7 +66,7 @@ def interval(count, total, significance):
 def share_fit(count, total, share):
     """Two-sided, by the same interval: fails exactly when the share lies outside of it."""
     if share in (0.0, 1.0):
-        return Fit(1.0 if count == share * total else 0.0)
+        return exact_fit(count == share * total)
     as_few = stats.binom.cdf(count, total, share)
     as_many = stats.binom.sf(count - 1, total, share)
     return Fit(float(min(1.0, 2 * min(as_few, as_many))))
@@ -72,11 +77,11 @@ def chi_square(observed, expected, deviation=0.0):
     source whose shares are off by so much (Cohen's w)."""
     observed, expected = numpy.asarray(observed, float), numpy.asarray(expected, float)
     if observed[expected == 0].any():
-        return Fit(0.0, math.inf, 0)
+        return exact_fit(False)
     observed, expected = joined(observed[expected > 0], expected[expected > 0])
     freedom = len(expected) - 1
     if freedom < 1:
-        return Fit(1.0, 0.0, 0)
+        return exact_fit(True)
     statistic = float(((observed - expected) ** 2 / expected).sum())
     shift = observed.sum() * deviation**2
     p_value = stats.ncx2.sf(statistic, freedom, shift) if shift else stats.chi2.sf(statistic, freedom)
@@ -109,7 +114,7 @@ def flips_fit(frames_by_flips, frames, frame_bytes, reliability):
     for flips, count in frames_by_flips.items():
         observed[int(flips)] = count
     if observed.sum() != frames:
-        return Fit(0.0, math.inf, 0)
+        return exact_fit(False)
     expected = frames * binomial_shares(numpy.arange(bits + 1), bits, 1 - reliability)
     return chi_square(observed, expected, GENERATOR_DEVIATION)
 
@@ -130,7 +135,7 @@ def spread_fit(flips_by_bit, frames):
     flips = numpy.asarray(flips_by_bit, float)
     share = flips.sum() / (len(flips) * frames)
     if share in (0.0, 1.0):
-        return Fit(1.0)
+        return exact_fit(True)
     statistic = float(((flips - share * frames) ** 2).sum() / (frames * share * (1 - share)))
     return Fit(float(stats.chi2.sf(statistic, len(flips) - 1)), statistic, len(flips) - 1)
 
@@ -163,11 +168,11 @@ def deadlines_fit(in_time, frames, shares):
     for count, share in zip(in_time, shares):
         if share in (0.0, 1.0):
             if count != share * frames:
-                return Fit(0.0, math.inf, 0)
+                return exact_fit(False)
             continue
         statistic += (count - frames * share) ** 2 / (frames * share * (1 - share))
         freedom += 1
-    return Fit(float(stats.chi2.sf(statistic, freedom)), statistic, freedom) if freedom else Fit(1.0)
+    return Fit(float(stats.chi2.sf(statistic, freedom)), statistic, freedom) if freedom else exact_fit(True)
 
 
 def delivery_errors(sent, arrived, delays):

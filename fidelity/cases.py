@@ -281,6 +281,7 @@ class Outcome:
     delivered: int = 0
     lost: int = 0
     received: collections.Counter = field(default_factory=collections.Counter)  # frames by node
+    placed: int = 0  # of these, which corruption did not hide the place of
     first_loss: float = None  # s after sending
     confirmed_first: int = None  # confirmations that came before the first frame and the first loss
     is_in_order: bool = True
@@ -393,14 +394,15 @@ class Trial:
     def _check_order(self, node, payload):
         number = self.next_numbers[node]
         self.next_numbers[node] += 1
-        is_corrupted = CORRUPTING in self.case.links.values()
-        if not is_corrupted and (number >= FRAMES or payload != self.payloads[number]):
+        if CORRUPTING in self.case.links.values():
+            return
+        self.outcome.placed += 1
+        if number >= FRAMES or payload != self.payloads[number]:
             self.outcome.is_in_order = False
 
 
 def measure_case(laboratory, case):
     with laboratory.simulator(case.simulation(), laboratory.seed) as server:
         outcome = Trial(case, int(server.port)).run()
-    laboratory.frames_sent += FRAMES
-    laboratory.order_errors += not outcome.is_in_order
+    laboratory.count(FRAMES, outcome.placed, not outcome.is_in_order)
     return outcome

@@ -27,7 +27,8 @@ class Result:
         return [row for rows in self.rows.values() for row in rows]
 
     def tests(self):
-        return sum(len(row.fits()) for row in self.all_rows())
+        """How many leave something to chance; what is exact in any case takes no share of the significance."""
+        return sum(not fit.is_exact for row in self.all_rows() for fit in row.fits())
 
     def threshold(self):
         return analysis.threshold(self.tests())
@@ -39,7 +40,7 @@ class Result:
 def summary(result):
     """Counts, and the rows that fail in full."""
     rows, failed = result.all_rows(), result.failed()
-    frames = result.rows["order"][0].frames
+    frames = result.rows["order"][0].sent
     lines = [f"{len(rows) - len(failed)} of {len(rows)} rows hold ({result.tests()} tests, {frames:,} frames)"]
     threshold = result.threshold()
     for row in failed:
@@ -60,7 +61,8 @@ def write(result, folder):
         threshold=f"{result.threshold():.2g}",
         coverage=f"{100 * (1 - result.threshold()):.4g}",
         seed=result.seed,
-        all_frames=f"{result.rows['order'][0].frames:,}",
+        all_frames=f"{result.rows['order'][0].sent:,}",
+        load=f"{tables.NEEDED_LOAD:.0%}".replace("%", " %"),
         machine=machine(),
         trip_median=f"{numpy.percentile(result.round_trips, 50):,.0f}",
         trip_most=f"{numpy.percentile(result.round_trips, 95):,.0f}",

@@ -47,12 +47,18 @@ class Laboratory:
         self.client_core, self.server_core = run.choose_cores()
         self.environment = dict(os.environ)
         self.frames_sent = 0  # of all measurements
+        self.frames_placed = 0  # likewise: arrived, and their place could be told
         self.order_errors = 0  # likewise
 
     def next_seed(self):
         """Another one for each measurement, or those of one setting would all have the same luck."""
         self.measurements += 1
         return random.Random(f"{self.seed}, {self.measurements}").randrange(1, replay.MODULUS)
+
+    def count(self, sent, placed, order_errors):
+        self.frames_sent += sent
+        self.frames_placed += placed
+        self.order_errors += order_errors
 
     def simulator(self, simulation, seed):
         file = self.folder / "simulation.ltvo"
@@ -91,8 +97,8 @@ def measure_corruption(laboratory, frames, frame_bytes, reliability, detection, 
         reliability=reliability if claimed_reliability is None else claimed_reliability,
         detection=detection,
     )
-    laboratory.frames_sent += figures["sent"]
-    laboratory.order_errors += figures["order_errors"]
+    placed = figures["intact"] if detection > 0 else figures["received"]
+    laboratory.count(figures["sent"], placed, figures["order_errors"])
     return figures
 
 
@@ -113,8 +119,8 @@ def measure_deadlines(laboratory, frames, frame_bytes, link, defaults, deadlines
         own_links={pair: link for pair in range(pairs)},
     )
     figures = laboratory.measure(simulation, "deadlines", frames=frames, size=frame_bytes, pairs=pairs)
-    laboratory.frames_sent += sum(pair["sent"] for pair in figures["pairs"])
-    laboratory.order_errors += sum(pair["order_errors"] for pair in figures["pairs"])
+    for pair in figures["pairs"]:
+        laboratory.count(pair["sent"], pair["received"], pair["order_errors"])
     return figures
 
 
@@ -128,6 +134,5 @@ def measure_timing(laboratory, frames, frame_bytes, delay, deviation, rate):
         own_links={0: LinkSettings(delay=delay, delay_deviation=deviation)},
     )
     figures = laboratory.measure(simulation, "timing", frames=frames, size=frame_bytes, rate=rate)
-    laboratory.frames_sent += frames
-    laboratory.order_errors += figures["order_errors"]
+    laboratory.count(len(figures["sent_ns"]), len(figures["arrived_ns"]), figures["order_errors"])
     return figures

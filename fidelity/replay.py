@@ -1,5 +1,7 @@
 """The simulator's random numbers drawn a second time, to know the delay of each single frame."""
 
+import functools
+
 MODULUS = 2**31 - 1
 MULTIPLIER = 48271
 DRAWS_PER_BYTE = 8
@@ -16,7 +18,12 @@ class Draws:
         return self._state
 
     def skip(self, count):
-        self._state = self._state * pow(MULTIPLIER, count, MODULUS) % MODULUS
+        self._state = self._state * _power(count) % MODULUS
+
+
+@functools.lru_cache
+def _power(count):
+    return pow(MULTIPLIER, count, MODULUS)
 
 
 def delays(seed, count, frame_bytes, delay, deviation):

@@ -193,12 +193,12 @@ class TestDelayVerdicts(unittest.TestCase):
         row.replayed = [count + 1 for count in row.replayed]
         self.assertIn("differs from the replay", failures(row))
 
-    def punctuality_row(self, lateness_us: int) -> tables.PunctualityRow:
+    def punctuality_row(self, lateness_us: int, wanted_rate: float = 1000) -> tables.PunctualityRow:
         sent = numpy.arange(100) * MILLISECOND
         delays = [10, 5] * 50
         due = numpy.sort(sent + numpy.array(delays) * MILLISECOND)
         errors = analysis.delivery_errors(sent, due + lateness_us * 1000, delays)
-        return tables.PunctualityRow(10, 10, 1000, sent, errors, fidelity.Effort().punctuality)
+        return tables.PunctualityRow(10, 10, wanted_rate, sent, errors, fidelity.Effort().punctuality)
 
     def test_punctual_frames_hold(self) -> None:
         self.assertEqual(failures(self.punctuality_row(100)), [])
@@ -207,10 +207,14 @@ class TestDelayVerdicts(unittest.TestCase):
         self.assertNotEqual(failures(self.punctuality_row(-1)), [])
         self.assertNotEqual(failures(self.punctuality_row(2000)), [])
 
+    def test_a_load_that_was_not_reached_fails(self) -> None:
+        self.assertEqual(failures(self.punctuality_row(100, wanted_rate=1020)), [])
+        self.assertEqual(failures(self.punctuality_row(100, wanted_rate=1050)), ["only 1,000 frames/s"])
+
     def clock_row(self, delays: list[int]) -> tables.ClockRow:
         sent = numpy.arange(len(delays)) * 20 * MILLISECOND
         readings = analysis.clock_readings(sent, sent + numpy.array(delays) * MILLISECOND + 200_000)
-        return tables.ClockRow(10, 10, readings, numpy.array(delays), needed_share=0.99)
+        return tables.ClockRow(10, 10, readings, numpy.array(delays))
 
     def test_even_readings_of_the_clock_hold(self) -> None:
         self.assertEqual(failures(self.clock_row(list(range(5, 15)) * 60)), [])
@@ -223,7 +227,7 @@ class TestDocument(unittest.TestCase):
     """What becomes of a row that fails."""
 
     def result(self, errors: int) -> fidelitydocument.Result:
-        return fidelitydocument.Result({"order": [tables.OrderRow(1000, errors)]}, numpy.array([1.0]), 1)
+        return fidelitydocument.Result({"order": [tables.OrderRow(1000, 900, errors)]}, numpy.array([1.0]), 1)
 
     def test_a_failing_row_shows_in_table_and_summary(self) -> None:
         result = self.result(errors=3)
@@ -233,6 +237,15 @@ class TestDocument(unittest.TestCase):
 
     def test_a_row_that_holds_is_no_failure(self) -> None:
         self.assertEqual(self.result(errors=0).failed(), [])
+
+    def test_what_leaves_nothing_to_chance_is_no_member_of_the_family(self) -> None:
+        whole = corruption_figures(numpy.zeros((FRAMES, FRAME_BYTES * analysis.BITS_PER_BYTE), int))
+        fixed = tables.DelayRow(LinkSettings(), LinkSettings(), 10, 0, [9, 10], [{"sent": 5, "delivered": 5}], [])
+        result = self.result(errors=0)
+        result.rows["exact"] = [tables.CorruptionRow(1.0, FRAME_BYTES, 0.0, whole), fixed]
+        self.assertEqual(result.tests(), 0)
+        result.rows["random"] = [corruption_row(corruption_figures(random_flips()))]
+        self.assertEqual(result.tests(), 3)
 
 
 class TestMeasuring(unittest.TestCase):
@@ -263,6 +276,12 @@ class TestMeasuring(unittest.TestCase):
         first = self.corruption(RELIABILITY, detection=0.5)
         self.laboratory = self.new_laboratory()
         self.assertEqual(self.corruption(RELIABILITY, detection=0.5), first)
+
+    def test_only_frames_that_arrive_whole_have_a_place_where_some_are_lost(self) -> None:
+        figures = self.corruption(RELIABILITY, detection=0.5)
+        self.assertEqual(self.laboratory.frames_sent, FRAMES)
+        self.assertEqual(self.laboratory.frames_placed, figures["intact"])
+        self.assertLess(figures["intact"], figures["received"])
 
     def test_detection_other_than_claimed_fails(self) -> None:
         figures = self.corruption(RELIABILITY, detection=0.55)
