@@ -394,7 +394,7 @@ class Chaos:
     # Rare, because they take long
 
     def come_in_a_crowd(self):
-        before = self.simulator.open_sockets()
+        before = self._sockets_of_all_who_came()
         crowd = self._gather(CROWD)
         connected = crowd.wait_until_connected(CROWD_PATIENCE)
         if connected < CROWD:
@@ -427,6 +427,12 @@ class Chaos:
         """Whether or not it can be done."""
         self.simulator.do("save", file=str(self.folder / "shortage.ltvo"))
         self.simulator.do("export", file=str(self.folder / "shortage.pcapdump"))
+
+    def _sockets_of_all_who_came(self):
+        """Also of a program that has just connected: two answers later the simulator has accepted it."""
+        for _ in range(2):
+            self.simulator.do("footprint")
+        return self.simulator.open_sockets()
 
     def _gather(self, size):
         self.connections += size

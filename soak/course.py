@@ -85,7 +85,7 @@ class Course:
         self.frames = collections.Counter()
         self.worst_answer = 0.0  # s
         self.is_opened = False  # the simulation is one that was opened; else it is empty
-        self.resident = []  # resident bytes after each replacement by an empty simulation
+        self.memory = []  # after each replacement by an empty simulation
 
     # The course of a run
 
@@ -96,7 +96,7 @@ class Course:
         try:
             self._warm_up()
             start = self._level()
-            self.resident.clear()
+            self.memory.clear()
             warm_up = time.monotonic() - begin
             self._soak(self.options.seconds)
             end = self._level()
@@ -147,7 +147,8 @@ class Course:
             self.failures.note_all("honest", report["errors"])
         self.is_opened = ending == "open"
         if not self.is_opened:
-            self.resident.append(self._level()["resident_bytes"])
+            level = self._level()
+            self.memory.append({name: level[name] for name in ("resident_bytes", "heap_bytes")})
 
     def _begin_simulation(self):
         """From an empty one."""
@@ -275,8 +276,12 @@ class Course:
         self.simulator.wait_until(self._has_no_socket, SETTLING)
         time.sleep(LEVEL_PAUSE)
         footprint = self.simulator.do("footprint")
-        descriptors = self.simulator.descriptor_targets()
-        return {"resident_bytes": self.simulator.resident_bytes(), "descriptors": descriptors, "objects": footprint}
+        return {
+            "resident_bytes": self.simulator.resident_bytes(),
+            "heap_bytes": footprint.pop("heap_bytes"),  # in use; 0 with a sanitizer's own heap
+            "descriptors": self.simulator.descriptor_targets(),
+            "objects": footprint,
+        }
 
     def _has_no_socket(self):
         footprint = self.simulator.do("footprint")
@@ -319,7 +324,7 @@ class Course:
             "equation": books.EQUATION,
             "start": start,
             "end": end,
-            "memory_course_bytes": self.resident,
+            "memory_course": self.memory,
             "memory_limit": MEMORY_LIMIT if self.options.judge_memory else None,
             "worst_answer_seconds": max(self.worst_answer, self.simulator.worst_answer),
             "answer_limit_seconds": HANG,

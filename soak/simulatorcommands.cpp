@@ -323,6 +323,7 @@ QJsonObject SimulatorCommands::_footprint(const QJsonObject& /*arguments*/)
         {"sockets", network().findChildren<QTcpSocket*>().size()},
         {"widgets", QApplication::allWidgets().size()},
         {"captured_frames", theCapture().rowCount()},
+        {"heap_bytes", static_cast<qint64>(mallinfo2().uordblks)},
     };
 }
 
