@@ -322,6 +322,7 @@ QJsonObject SimulatorCommands::_footprint(const QJsonObject& /*arguments*/)
         {"pending_sockets", TestAccess::server(network()).pending.size()},
         {"sockets", network().findChildren<QTcpSocket*>().size()},
         {"widgets", QApplication::allWidgets().size()},
+        {"objects_of_the_window", _window->findChildren<QObject*>().size()},
         {"captured_frames", theCapture().rowCount()},
         {"heap_bytes", static_cast<qint64>(mallinfo2().uordblks)},
     };

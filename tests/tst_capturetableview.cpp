@@ -103,6 +103,7 @@ private slots:
     void withoutAModelTheAddressesCanBeHidden();
     void aDetachedModelIsLeftAlone();
     void aReplacedModelNoLongerCounts();
+    void aReplacedModelLeavesNothingBehind();
 
     // Switches
     void aBoxIsWrittenToTheModelAtOnce();
@@ -346,6 +347,15 @@ void TestCaptureTableView::aReplacedModelNoLongerCounts()
     add(other, 1);
     QCOMPARE(_counter()->text(), QStringLiteral("1"));
     _view->setCaptureModel(nullptr);
+}
+
+void TestCaptureTableView::aReplacedModelLeavesNothingBehind()
+{
+    const int objects = _view->findChildren<QObject*>().size();
+    Capture other;
+    for (Capture* model : {static_cast<Capture*>(nullptr), &other, static_cast<Capture*>(nullptr)})
+        _view->setCaptureModel(model);
+    QCOMPARE(_view->findChildren<QObject*>().size(), objects);
 }
 
 // Switches

@@ -5,6 +5,7 @@
 
 #include <QCheckBox>
 #include <QHBoxLayout>
+#include <QItemSelectionModel>
 #include <QLabel>
 #include <QPushButton>
 #include <QStyledItemDelegate>
@@ -40,6 +41,17 @@ protected:
         option->text.truncate(option->rect.width() / narrowestDigit + 1);
     }
 };
+
+/// The toolkit keeps the selections that table and headers had of a model, until that model goes; the one
+/// that stands for no model never does.
+void deleteUnusedSelections(const QTableView& table)
+{
+    const QList<QItemSelectionModel*> selections = table.findChildren<QItemSelectionModel*>();
+    for (QItemSelectionModel* selection : selections) {
+        if (selection != table.selectionModel())
+            delete selection;
+    }
+}
 
 /// What the counter will grow into, so that it does not push the window wider.
 int roomForCount(const QWidget* bar)
@@ -134,6 +146,7 @@ void CaptureTableView::setCaptureModel(Capture* model)
     if (Capture* previous = _model())
         disconnect(previous, nullptr, this, nullptr);
     _captureTableView->setModel(model);
+    deleteUnusedSelections(*_captureTableView);
     _captureTableView->resizeColumnsToContents();
     if (!model)
         return;
