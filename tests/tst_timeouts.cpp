@@ -123,9 +123,10 @@ private slots:
     void handlersThatStartEachOtherLeaveRoomForEvents();
     void anEventLoopOfAHandlersOwnRunsNoHandlers();
 
-    void oncePerMillisecondIsNeverEarly();
-    void oncePerMillisecondGathersTheStartsOfOne();
-    void oncePerMillisecondRunsAgainLater();
+    void aSharedTimeoutIsNeverEarly();
+    void startsSoonAfterOneAnotherShareATimeout();
+    void aSharedTimeoutRunsAgainLater();
+    void aRunFollowsEachSharedStart();
     void theEndOfAPassNeedsAPass();
     void theEndOfAPassComesBehindAllThatIsDue();
     void aDestroyedOwnerRunsAtNoEnd();
@@ -461,14 +462,14 @@ void TestTimeouts::anEventLoopOfAHandlersOwnRunsNoHandlers()
     QCOMPARE(otherRunsInside, 0);
 }
 
-void TestTimeouts::oncePerMillisecondIsNeverEarly()
+void TestTimeouts::aSharedTimeoutIsNeverEarly()
 {
     for (const int delay : {0, 1, 20}) {
         QElapsedTimer clock;
         qint64 elapsed = -1;
         Timeouts timeouts([&] { elapsed = clock.nsecsElapsed(); });
         clock.start();
-        timeouts.startOncePerMillisecond(delay);
+        timeouts.startShared(delay);
         QVERIFY(elapsed < 0);
         QTRY_VERIFY(elapsed >= 0);
         QVERIFY(elapsed >= delay * nanosecondsPerMillisecond);
@@ -476,31 +477,46 @@ void TestTimeouts::oncePerMillisecondIsNeverEarly()
     }
 }
 
-void TestTimeouts::oncePerMillisecondGathersTheStartsOfOne()
+void TestTimeouts::startsSoonAfterOneAnotherShareATimeout()
 {
     constexpr int starts = 20000;
+    constexpr int sharingPeriod = 10;  // ms
     int runs = 0;
     Timeouts timeouts([&] { ++runs; });
     QElapsedTimer clock;
     clock.start();
     for (int i = 0; i < starts; ++i)
-        timeouts.startOncePerMillisecond(10);
-    const qint64 milliseconds = clock.elapsed() + 2;  // begun and ended ones included
-    QVERIFY(passTimeouts(11));
+        timeouts.startShared(20);
+    const qint64 periods = clock.elapsed() / sharingPeriod + 1;
+    QVERIFY(passTimeouts(21));
     QVERIFY(runs >= 1);
-    QVERIFY2(runs <= milliseconds, qPrintable(QString::number(runs)));
-    QVERIFY(milliseconds < starts);
+    QVERIFY2(runs <= periods, qPrintable(QString::number(runs)));
+    QVERIFY(periods < starts);
 }
 
-void TestTimeouts::oncePerMillisecondRunsAgainLater()
+void TestTimeouts::aSharedTimeoutRunsAgainLater()
 {
     int runs = 0;
     Timeouts timeouts([&] { ++runs; });
-    timeouts.startOncePerMillisecond(0);
+    timeouts.startShared(0);
     QVERIFY(passTimeouts(2));
-    timeouts.startOncePerMillisecond(0);
+    timeouts.startShared(0);
     QVERIFY(passTimeouts(2));
     QCOMPARE(runs, 2);
+}
+
+void TestTimeouts::aRunFollowsEachSharedStart()
+{
+    constexpr int delay = 3;  // ms, less than the time in which starts share a timeout
+    bool hasRunSince = true;
+    Timeouts timeouts([&] { hasRunSince = true; });
+    for (int pause = 0; pause < 2 * delay; ++pause) {
+        timeouts.startShared(delay);
+        QVERIFY(passTimeouts(pause));
+        timeouts.startShared(delay);
+        hasRunSince = false;
+        QTRY_VERIFY(hasRunSince);
+    }
 }
 
 void TestTimeouts::theEndOfAPassNeedsAPass()

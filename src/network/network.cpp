@@ -5,8 +5,10 @@
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
 
+#include <QGraphicsView>
 #include <QLinearGradient>
 #include <QMap>
+#include <QMetaMethod>
 
 #include <algorithm>
 
@@ -145,6 +147,12 @@ void Network::deleteSelectedNetworkItem()
     delete item;
     if (isEmpty())
         emit lastNodeDeleted();
+}
+
+bool Network::isWatched() const
+{
+    static const QMetaMethod change = QMetaMethod::fromSignal(&QGraphicsScene::changed);
+    return !views().isEmpty() || isSignalConnected(change);
 }
 
 /// One node that is known to be here spares the list of all items, which the toolkit sorts anew each time.

@@ -42,6 +42,7 @@ public:
     NetworkItem* selectedNetworkItem();  // the first selected item; null for none or another kind of item
     void deleteSelectedNetworkItem();    // the first selected item only
     bool isEmpty() const;                // no item of any kind is left
+    bool isWatched() const;              // by a view, or by somebody who wants to be told of each change
     QWidget* propertiesWidget();         // newly made, without a parent; the caller owns it
 
     // TCP server

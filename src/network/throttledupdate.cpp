@@ -1,5 +1,6 @@
 #include "network/throttledupdate.h"
 
+#include "network/network.h"
 #include "network/timeouts.h"
 
 #include <QElapsedTimer>
@@ -11,6 +12,15 @@ namespace {
 
 constexpr int framePeriod = 16;  // ms, some 60 pictures a second
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
+
+/// The toolkit's bookkeeping for a repaint costs as much as some frames; for a network that nobody watches it
+/// is for nothing.
+void repaint(QGraphicsItem* item)
+{
+    const auto* network = qobject_cast<const Network*>(item->scene());
+    if (!network || network->isWatched())
+        item->update();
+}
 
 }  // namespace
 
@@ -44,7 +54,7 @@ void ThrottledUpdateQueue::append(ThrottledUpdate* update)
 {
     if (!_isPeriodRunning) {
         _startPeriod();
-        update->_item->update();
+        repaint(update->_item);
         return;
     }
     update->_index = static_cast<int>(_pending.size());
@@ -86,7 +96,7 @@ void ThrottledUpdateQueue::_repaintPending()
     _startPeriod();
     for (ThrottledUpdate* update : _pending) {
         update->_index = -1;
-        update->_item->update();
+        repaint(update->_item);
     }
     _pending.clear();
 }

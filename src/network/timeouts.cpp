@@ -21,6 +21,7 @@ namespace {
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr qint64 nanosecondsPerSecond = 1000000000;
 constexpr qint64 wakePeriod = 100000;  // ns; what falls due within one shares a wake-up at its end
+constexpr int sharingPeriod = 10;      // ms
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
 constexpr size_t fewestReclaimed = 1024;                         // due times that are over
 constexpr qint64 never = std::numeric_limits<qint64>::max();
@@ -307,13 +308,13 @@ void Timeouts::start(int delay)
     _startAt(now + std::max(delay, 0) * nanosecondsPerMillisecond);
 }
 
-void Timeouts::startOncePerMillisecond(int delay)
+void Timeouts::startShared(int delay)
 {
-    const qint64 millisecond = roundedUpToMilliseconds(monotonicNanoseconds()) + std::max(delay, 0);
-    if (millisecond == _lastMillisecond)
+    const qint64 millisecond = roundedUpToMilliseconds(monotonicNanoseconds());
+    if (millisecond < _sharedUntil)
         return;
-    _lastMillisecond = millisecond;
-    _startAt(millisecond * nanosecondsPerMillisecond);
+    _sharedUntil = millisecond + qBound(0, delay, sharingPeriod);
+    _startAt((millisecond + std::max(delay, 0)) * nanosecondsPerMillisecond);
 }
 
 bool Timeouts::startAtEndOfPass()

@@ -176,7 +176,7 @@ void Node::setActiveColor(const QColor& color)
 void Node::dataRequest(QByteArray frame)
 {
     _flags |= Transmitting;
-    _txFlashes.startOncePerMillisecond(flashDuration);
+    _txFlashes.startShared(flashDuration);
     _traffic.request();
 
     const bool isConfirmationWanted = _isConfirmationWanted();
@@ -186,7 +186,8 @@ void Node::dataRequest(QByteArray frame)
 
     _sendBytes += frame.size();
     ++_sendFrames;
-    emit sendStatisticsChanged(static_cast<int>(_sendFrames), static_cast<int>(_sendBytes));
+    if (_mayHaveListeners)
+        emit sendStatisticsChanged(static_cast<int>(_sendFrames), static_cast<int>(_sendBytes));
 
     bool isDelivered = false;
     if (_connections.isEmpty() && Frame::isBroadcast(frame)) {
@@ -216,12 +217,13 @@ bool Node::_carryOverConnections(const QByteArray& frame, int acknowledgeTimeout
 void Node::_dataIndication(QByteArray frame)
 {
     _flags |= Receiving;
-    _rxFlashes.startOncePerMillisecond(flashDuration);
+    _rxFlashes.startShared(flashDuration);
     _traffic.request();
 
     _receivedBytes += frame.size();
     ++_receivedFrames;
-    emit receivedStatisticsChanged(static_cast<int>(_receivedFrames), static_cast<int>(_receivedBytes));
+    if (_mayHaveListeners)
+        emit receivedStatisticsChanged(static_cast<int>(_receivedFrames), static_cast<int>(_receivedBytes));
     dataIndication(frame);
 }
 
@@ -291,6 +293,11 @@ QPainterPath Node::shape() const
     QPainterPath path;
     path.addEllipse(disc);
     return path;
+}
+
+void Node::connectNotify(const QMetaMethod& /*signal*/)
+{
+    _mayHaveListeners = true;
 }
 
 /// Links are measured by their ends: they are told before an end moves, or the scene's index keeps stale

@@ -22,7 +22,9 @@
 namespace {
 
 constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;   // bytes; a program that stops reading is dropped beyond it
+    = qint64{64} * 1024 * 1024;       // bytes; a program that stops reading is dropped beyond it
+constexpr int smallestOutput = 1024;  // bytes of room kept for the messages of a pass
+constexpr int largestKeptOutput = 16384;
 constexpr int lingerTime = 3000;  // ms that a closed socket has left to send what was written before
 constexpr int inactiveColorOffset = 150;
 
@@ -59,6 +61,15 @@ quint32 readBodyLength(MessageReader& reader)
 {
     const quint32 length = reader.readWord();
     return length == Stream::nullArrayLength ? 0 : length;
+}
+
+/// Everything that has arrived. readAll() would take 16 KiB from the heap for it each time, and give back the
+/// most.
+QByteArray takeArrived(QTcpSocket* socket)
+{
+    QByteArray arrived(static_cast<int>(socket->bytesAvailable()), Qt::Uninitialized);
+    arrived.truncate(static_cast<int>(std::max<qint64>(0, socket->read(arrived.data(), arrived.size()))));
+    return arrived;
 }
 
 /// Closes and deletes a socket that no node uses any more. What has been written is still sent out, if the
@@ -156,6 +167,7 @@ void TcpNode::_detachSocket()
 {
     _socket->disconnect(this);
     _socket = nullptr;
+    _emptyOutput();
     setActive(false, false);
     emit connectionStateChanged();
 }
@@ -173,9 +185,19 @@ void TcpNode::_closeSocket()
 {
     if (!_socket)
         return;
+    _writeOutput();
     QTcpSocket* socket = _socket;
     _detachSocket();
     new LingeringSocket(socket);
+}
+
+/// Of a program that has stopped reading.
+void TcpNode::_abortSocket()
+{
+    QTcpSocket* socket = _socket;
+    _detachSocket();
+    socket->abort();
+    socket->deleteLater();
 }
 
 void TcpNode::_socketDataIndication()
@@ -183,7 +205,7 @@ void TcpNode::_socketDataIndication()
     if (!_socket)
         return;
     const QTcpSocket* socket = _socket;
-    MessageReader reader(_socket->readAll());
+    MessageReader reader(takeArrived(_socket));
     while (_socket == socket && !reader.atEnd()) {  // a message may cost the node its socket
         const bool isUnderstood = _handleMessage(reader);
         if (_socket == socket && (!isUnderstood || !reader.isComplete()))
@@ -312,34 +334,74 @@ void TcpNode::sendDebugCommandToSelectedOrAll(DebugCommand command)
         node->sendDebugCommand(command);
 }
 
-/// While unattached, nothing.
+/// While unattached, nothing. Within a pass of deliveries the messages are gathered to its end.
 void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
 {
     if (!_socket)
         return;
-    QByteArray message(Bridge::headerSize + body.size(), Qt::Uninitialized);
-    message[0] = static_cast<char>(type);
-    qToBigEndian(static_cast<quint32>(body.size()), message.data() + 1);
-    std::copy(body.begin(), body.end(), message.begin() + Bridge::headerSize);
-    _socket->write(message);
-
-    if (_socket->bytesToWrite() > unsentLimit) {
-        QTcpSocket* socket = _socket;
-        _detachSocket();
-        socket->abort();
-        socket->deleteLater();
+    _appendToOutput(type, body);
+    if (_socket->bytesToWrite() + _output.size() > unsentLimit) {
+        _abortSocket();
         return;
     }
     if (!_isFlushPending)
         _isFlushPending = _outputFlush.startAtEndOfPass();
+    if (!_isFlushPending)
+        _writeOutput();
+}
+
+void TcpNode::_appendToOutput(quint8 type, const QByteArray& body)
+{
+    const int start = _output.size();
+    _output.resize(start + Bridge::headerSize + body.size());
+    char* message = _output.data() + start;
+    message[0] = static_cast<char>(type);
+    qToBigEndian(static_cast<quint32>(body.size()), message + 1);
+    std::copy(body.begin(), body.end(), message + Bridge::headerSize);
+}
+
+/// To the socket, which sends it when the event loop finds it writable.
+void TcpNode::_writeOutput()
+{
+    _socket->write(_output.constData(), _output.size());
+    _emptyOutput();
+}
+
+/// Keeps some memory, as a reserved array does, for the messages of the next pass.
+void TcpNode::_emptyOutput()
+{
+    if (_output.capacity() > largestKeptOutput)
+        _output = QByteArray();
+    _output.reserve(smallestOutput);
+    _output.resize(0);
 }
 
 /// Sends what one pass of deliveries has written in one go, without waiting for the event loop to find it.
 void TcpNode::_flushOutput()
 {
     _isFlushPending = false;
-    if (_socket)
-        _socket->flush();
+    if (!_socket)
+        return;
+    _sendOutput();
+    if (_output.isEmpty())
+        return;
+    _writeOutput();
+    _socket->flush();
+}
+
+/// What the kernel takes at once needs no way through the toolkit's buffer, which costs as much as the call.
+/// The rest stays, and all of it after a failure: the socket is told of that when it is written there.
+void TcpNode::_sendOutput()
+{
+    if (_socket->bytesToWrite() > 0)
+        return;  // it comes first
+    const auto descriptor = static_cast<int>(_socket->socketDescriptor());
+    const auto size = static_cast<size_t>(_output.size());
+    const ssize_t sent = ::send(descriptor, _output.constData(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent == _output.size())
+        _emptyOutput();
+    else if (sent > 0)
+        _output.remove(0, static_cast<int>(sent));
 }
 
 /// For this node only: it becomes the selected one. Dismissing the menu sends nothing.

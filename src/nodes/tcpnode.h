@@ -71,6 +71,7 @@ private:
     void _adoptSocket(QTcpSocket* socket);
     void _detachSocket();
     void _closeSocket();
+    void _abortSocket();
     bool _handleMessage(MessageReader& reader);
     void _handleFrame(MessageReader& reader);
     bool _handleNodeControl(MessageReader& reader);
@@ -78,9 +79,14 @@ private:
     void _handleColor(MessageReader& reader, quint32 dataLength);
     void _handleName(MessageReader& reader, quint32 dataLength);
     void _sendMessage(quint8 type, const QByteArray& body);
+    void _appendToOutput(quint8 type, const QByteArray& body);
+    void _writeOutput();
+    void _emptyOutput();
+    void _sendOutput();
     void _flushOutput();
 
     QTcpSocket* _socket = nullptr;  // owned once adopted; null when no program is attached
+    QByteArray _output;             // messages of the present pass that the socket has not been given yet
     bool _isFlushPending = false;
     Timeouts _outputFlush{[this] { _flushOutput(); }};
 
