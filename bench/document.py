@@ -14,6 +14,7 @@ import string
 import subprocess
 import sys
 
+import disturbance
 import run
 
 TEMPLATE = pathlib.Path(__file__).with_name("performance.md.in")
@@ -138,11 +139,14 @@ def summary(judged):
     return head + " Missed:\n\n" + "\n".join(f"- **MISSED**: {words}" for words in missed)
 
 
-def disturbance(engine, comparison):
-    runs = engine["runs"] + comparison["runs"]
-    disturbed = engine["disturbed_runs"] + comparison["disturbed_runs"]
-    share = f"{run.DISTURBED:.0%}"
-    return f"In {disturbed} of {runs} runs other programs took a measured core for more than {share} of the time."
+def disturbed_runs(engine, comparison):
+    """Two sentences."""
+    return (
+        f"{engine['disturbed_runs']} of {engine['runs']} runs against the limit and "
+        f"{comparison['disturbed_runs']} of {comparison['runs']} beside other tools were disturbed: "
+        f"{disturbance.MEANING}. "
+        f"Those against the limit had been made up to {run.TRIES} times by then, and the least disturbed one counts."
+    )
 
 
 def machine_table():
@@ -179,7 +183,7 @@ def document(engine, comparison, window, machine):
     template = string.Template(TEMPLATE.read_text())
     return template.substitute(
         summary=summary(judged),
-        disturbance=disturbance(engine, comparison),
+        disturbance=disturbed_runs(engine, comparison),
         machine=machine,
         engine=engine_tables(engine),
         window=window_section(window),

@@ -18,6 +18,7 @@ import sys
 import tempfile
 import time
 
+import disturbance
 import makesimulation
 import run
 from run import MeasurementFailed, Workload
@@ -107,6 +108,7 @@ class WindowBench(run.Bench):
         ends = ["--port", server.port, "--watch-pid", str(server.process.pid)]
         command = run.pinned([self.options.client] + ends + workload + speed, self.client_core)
         client = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.environment)
+        watch = disturbance.ProcessorWatch((self.client_core, self.server_core))
         try:
             yield
             output, errors = client.communicate(timeout=run.CLIENT_PATIENCE)
@@ -115,7 +117,8 @@ class WindowBench(run.Bench):
         if client.returncode != 0:
             raise MeasurementFailed(f"no traffic: {errors.decode().strip()}")
         figures = json.loads(output)
-        self.note_disturbance(figures)
+        waited = max(figures["server_wait_seconds"], figures["client_wait_seconds"])
+        self.note_disturbance(figures, watch.disturbance(waited))
         sent = figures["frames_per_second"]
         if sent < 0.9 * DRAG_RATE:
             raise MeasurementFailed(f"only {sent:.0f} of {DRAG_RATE} frames/s during the drag")

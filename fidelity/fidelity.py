@@ -53,6 +53,7 @@ class Effort:
     idle_frames: int = 1_000
     loaded_frames: int = 40_000
     clock_frames: int = 600
+    timing_tries: int = 5  # at most, of a measurement of time that others disturb
     reliabilities: tuple = RELIABILITIES
     sizes: tuple = SIZES
     detection_links: tuple = DETECTION_LINKS
@@ -71,6 +72,7 @@ SHORT = Effort(
     deadline_frames=20_000,
     idle_frames=100,
     loaded_frames=5_000,
+    timing_tries=1,
     reliabilities=(1.0, 0.999, 0.9, 0.0),
     sizes=(12, 255, 1500),
     detection_links=((0.99, 64),),
@@ -153,7 +155,9 @@ def punctuality_rows(laboratory, effort, round_trips):
         for deviation in effort.deviations:
             for rate, frames in ((IDLE_RATE, effort.idle_frames), (LOADED_RATE, effort.loaded_frames)):
                 progress(f"moment of delivery: delay {delay} ms, deviation {deviation} ms, {rate} frames/s")
-                figures = measure.measure_timing(laboratory, frames, SMALLEST_FRAME, delay, deviation, rate)
+                figures = measure.measure_timing(
+                    laboratory, effort.timing_tries, frames, SMALLEST_FRAME, delay, deviation, rate
+                )
                 drawn = replay.delays(figures["seed"], frames, SMALLEST_FRAME, delay, deviation)
                 sent = numpy.array(figures["sent_ns"])
                 errors = analysis.delivery_errors(sent, figures["arrived_ns"], drawn)
@@ -166,7 +170,9 @@ def clock_rows(laboratory, effort):
     rows = []
     for delay, deviation in effort.clock_links:
         progress(f"clock: delay {delay} ms, deviation {deviation} ms")
-        figures = measure.measure_timing(laboratory, effort.clock_frames, SMALLEST_FRAME, delay, deviation, rate=0)
+        figures = measure.measure_timing(
+            laboratory, effort.timing_tries, effort.clock_frames, SMALLEST_FRAME, delay, deviation, rate=0
+        )
         readings = analysis.clock_readings(figures["sent_ns"], figures["arrived_ns"])
         drawn = numpy.array(replay.delays(figures["seed"], effort.clock_frames, SMALLEST_FRAME, delay, deviation))
         rows.append(tables.ClockRow(delay, deviation, readings, drawn))
@@ -225,7 +231,8 @@ def main():
             print(f"\nnot measured: {error}", file=sys.stderr)
             return 2
     progress("")
-    result = fidelitydocument.Result(rows, round_trips, options.seed)
+    quiet = (laboratory.repeated, laboratory.disturbed)
+    result = fidelitydocument.Result(rows, round_trips, options.seed, *quiet)
     if options.output:
         options.output.mkdir(parents=True, exist_ok=True)
         fidelitydocument.write(result, options.output)

@@ -10,6 +10,7 @@ import numpy
 import analysis
 import plots
 import tables
+from measure import disturbance
 
 PLOTTED_SPREAD = (0.99, 64)  # reliability and bytes
 PLOTTED_FLIPS = (0.999, 255)
@@ -22,6 +23,8 @@ class Result:
     rows: dict  # lists of rows by table
     round_trips: numpy.ndarray  # µs, of the measuring itself
     seed: int
+    repeated: int = 0  # measurements of time, because others disturbed them
+    disturbed: int = 0  # those disturbed each time
 
     def all_rows(self):
         return [row for rows in self.rows.values() for row in rows]
@@ -64,6 +67,11 @@ def write(result, folder):
         all_frames=f"{result.rows['order'][0].sent:,}",
         load=f"{tables.NEEDED_LOAD:.0%}".replace("%", " %"),
         machine=machine(),
+        timings=len(result.rows["punctuality"]) + len(result.rows["clock"]),
+        repeated=result.repeated,
+        disturbed=result.disturbed,
+        stolen=f"{disturbance.STOLEN:.0%}".replace("%", " %"),
+        waited=f"{disturbance.WAITED:.0%}".replace("%", " %"),
         trip_median=f"{numpy.percentile(result.round_trips, 50):,.0f}",
         trip_most=f"{numpy.percentile(result.round_trips, 95):,.0f}",
         trip_nearly_all=f"{numpy.percentile(result.round_trips, 99):,.0f}",

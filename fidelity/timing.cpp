@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <fstream>
 #include <vector>
 
 namespace {
@@ -152,6 +153,16 @@ std::uint64_t Timing::_nanoseconds(Clock::time_point time) const
     return static_cast<std::uint64_t>(std::chrono::nanoseconds(time - _begin).count());
 }
 
+/// How long this process has had to wait so far while others had its processor, in ns; 0 when the kernel does
+/// not tell.
+std::uint64_t processorWait()
+{
+    std::ifstream file("/proc/self/schedstat");
+    std::uint64_t ran = 0;
+    std::uint64_t waited = 0;
+    return file >> ran >> waited ? waited : 0;
+}
+
 void printTimes(const char* name, const std::vector<std::uint64_t>& times, const char* end)
 {
     std::printf("\"%s\": [", name);
@@ -162,7 +173,8 @@ void printTimes(const char* name, const std::vector<std::uint64_t>& times, const
 
 void Timing::print() const
 {
-    std::printf("{\"order_errors\": %" PRIu64 ", ", _orderErrors);
+    std::printf("{\"order_errors\": %" PRIu64 ", \"waited_ns\": %" PRIu64 ", ", _orderErrors,
+                processorWait());
     printTimes("sent_ns", _sentTimes, ", ");
     printTimes("arrived_ns", _arrivalTimes, ", ");
     printTimes("round_trips_ns", _roundTrips, "}\n");

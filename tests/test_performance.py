@@ -79,7 +79,7 @@ class DocumentTest(unittest.TestCase):
         self.assertNotIn("MISSED", text)
 
     def test_disturbed_runs_are_told(self):
-        self.assertIn("In 1 of 6 runs other programs", self.text(engine(1.3), comparison_of(FAST)))
+        self.assertIn("1 of 2 runs against the limit and 0 of 4 beside", self.text(engine(1.3), comparison_of(FAST)))
 
     def test_each_target_is_judged_by_itself(self):
         judged = document.judged_targets(engine(1.3), comparison_of(SLOW), None)

@@ -22,6 +22,7 @@ from dataclasses import dataclass
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 
+import disturbance  # noqa: E402
 import makesimulation  # noqa: E402
 import run  # noqa: E402
 from run import MeasurementFailed  # noqa: E402
@@ -340,7 +341,7 @@ def verdict(reading, size, rows):
 def disturbed_runs(runs):
     """Alone on its core the client has nobody to wait for."""
     alone = [result for (_, _, placement), results in runs.items() if placement == "one core" for result in results]
-    disturbed = [result for result in alone if result.client_wait > run.DISTURBED * result.seconds]
+    disturbed = [result for result in alone if result.client_wait > disturbance.WAITED * result.seconds]
     return len(disturbed), len(alone)
 
 

@@ -1,0 +1,52 @@
+"""What others take of the processors while something is measured."""
+
+import os
+import pathlib
+import time
+from dataclasses import dataclass
+
+STOLEN, WAITED = 0.01, 0.05  # shares of its time that disturb a measurement
+MEANING = f"other programs took a core for more than {WAITED:.0%} of the time, or the host for more than {STOLEN:.0%}"
+
+
+@dataclass
+class Disturbance:
+    """Shares of the time of a measurement."""
+
+    stolen: float  # by the host of a virtual machine
+    waited: float  # by other programs, from those that were measured
+
+    def matters(self):
+        return self.stolen > STOLEN or self.waited > WAITED
+
+    def total(self):
+        return self.stolen + self.waited
+
+
+class ProcessorWatch:
+    """From its making to disturbance()."""
+
+    def __init__(self, cores):
+        self.cores = {f"cpu{core}" for core in cores}
+        self.begin = time.monotonic()
+        self.stolen_before = self._stolen()
+
+    def disturbance(self, waited):
+        """`waited`: s, of the processes measured."""
+        seconds = time.monotonic() - self.begin
+        return Disturbance((self._stolen() - self.stolen_before) / seconds, waited / seconds)
+
+    def _stolen(self):
+        """From the cores so far, in s."""
+        lines = [line.split() for line in pathlib.Path("/proc/stat").read_text(encoding="ascii").splitlines()]
+        return sum(int(line[8]) for line in lines if line[0] in self.cores) / os.sysconf("SC_CLK_TCK")
+
+
+def quietest(tries, run):
+    """The result of `run`, its disturbance, which `run` returns behind it, and how often it ran: again while it is
+    disturbed, `tries` times at most. The least disturbed one counts, whatever came out of it."""
+    runs = []
+    while not runs or (runs[-1][1].matters() and len(runs) < tries):
+        runs.append(run())
+    result, disturbance = min(runs, key=lambda run: run[1].total())
+    return result, disturbance, len(runs)
