@@ -75,6 +75,7 @@ class Result:
     edges: int = 0  # of the whole program, the window's among them
     corpusInputs: int = 0
     peakMemoryMiB: int = 0
+    seeds: list[int] = field(default_factory=list)  # of the fuzzer's own draws, one for each time it was started
     findings: list[Finding] = field(default_factory=list)
 
 
@@ -122,6 +123,7 @@ def last_number(pattern, text):
 
 
 def note_figures(result, output):
+    result.seeds += map(int, re.findall(r"INFO: Seed: (\d+)", output))
     result.executions += last_number(r"stat::number_of_executed_units:\s+(\d+)", output)
     result.edgesCovered = max(result.edgesCovered, last_number(r"cov: (\d+)", output))
     result.edges = last_number(r"Loaded \d+ modules +\((\d+) ", output)
@@ -169,13 +171,13 @@ def leaks_of(target, output):
     return [Finding("leak", path, first_complaint(output))]
 
 
-def run_once(target, seconds, result):
+def run_once(target, seconds, seed, result):
     """One start of the fuzzer, which ends with its first finding; slow inputs do not end it. Leaks are looked for
     at the end: to look after each input would take longer than all the rest."""
     known = set(target.artifacts.iterdir())
     dictionary = FUZZ / f"{target.name}.dict"
     options = [f"-dict={dictionary}", f"-max_total_time={seconds}", "-detect_leaks=0", "-print_final_stats=1"]
-    code, output = target.fuzz(*options, *target.limits(), target.corpus, *target.seed_folders())
+    code, output = target.fuzz(*options, f"-seed={seed}", *target.limits(), target.corpus, *target.seed_folders())
     with target.log.open("a", encoding="utf-8") as log:
         log.write(output)
 
@@ -188,7 +190,8 @@ def run_once(target, seconds, result):
     result.findings += found
 
 
-def run(target, seconds):
+def run(target, seconds, seed):
+    """A seed of 0 lets the fuzzer choose one; so does every start behind a finding, which would come again."""
     if not target.program.exists():
         raise Failure(f"{target.program} was not built")
     target.log.write_text("", encoding="utf-8")
@@ -196,7 +199,7 @@ def run(target, seconds):
     start = time.monotonic()
     left = seconds
     while left >= 1 and len(result.findings) < MOST_FINDINGS:
-        run_once(target, round(left), result)
+        run_once(target, round(left), 0 if result.seeds else seed, result)
         left = seconds - (time.monotonic() - start)
     if result.executions == 0 and not result.findings:
         raise Failure(f"{target.name} has run no input; see {target.log}")
@@ -209,7 +212,8 @@ def report(result):
     print(
         f"{result.target}: {result.executions} executions in {result.seconds:.0f} s ({result.executionsPerSecond}/s), "
         f"{result.edgesCovered} of {result.edges} edges, {result.corpusInputs} inputs in the corpus, "
-        f"at most {result.peakMemoryMiB} MiB, {len(result.findings)} findings",
+        f"at most {result.peakMemoryMiB} MiB, seed {', '.join(map(str, result.seeds))}, "
+        f"{len(result.findings)} findings",
         flush=True,
     )
     for finding in result.findings:
@@ -218,10 +222,10 @@ def report(result):
             print("    base64: " + base64.b64encode((ROOT / finding.input).read_bytes()).decode(), flush=True)
 
 
-def fuzz_all(targets, seconds, build_dir):
+def fuzz_all(targets, seconds, seed, build_dir):
     results = []
     with ThreadPoolExecutor(AT_A_TIME) as runners:
-        for result in runners.map(lambda target: run(target, seconds), targets):
+        for result in runners.map(lambda target: run(target, seconds, seed), targets):
             report(result)
             results.append(result)
     write_summary(build_dir / "summary.json", results)
@@ -297,6 +301,7 @@ def parse_arguments():
     parser.add_argument("--coverage-dir", type=pathlib.Path, help="count lines instead, with this folder's programs")
     parser.add_argument("--minimise", action="store_true", help="renew the committed inputs instead")
     parser.add_argument("--seconds", type=int, default=20, help="for each target")
+    parser.add_argument("--seed", type=int, default=0, help="that an earlier run has told; 0: another one each time")
     parser.add_argument("targets", nargs="*", metavar="TARGET", help=f"of {', '.join(TARGETS)}; default: all")
     arguments = parser.parse_args()
     unknown = set(arguments.targets) - set(TARGETS)
@@ -316,7 +321,7 @@ def main():
             for target in targets:
                 minimise(target)
         else:
-            return 0 if fuzz_all(targets, arguments.seconds, build_dir) else 1
+            return 0 if fuzz_all(targets, arguments.seconds, arguments.seed, build_dir) else 1
     except (Failure, subprocess.CalledProcessError) as failure:
         print(failure, file=sys.stderr)
         return 2

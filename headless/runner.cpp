@@ -3,6 +3,7 @@
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
+#include "outputfile.h"
 #include "report.h"
 
 #include <QCoreApplication>
@@ -56,27 +57,6 @@ bool hasUnsentBytes()
 QString notWritten(const QString& what, const QFile& file, const QString& reason)
 {
     return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.fileName(), reason);
-}
-
-/// A write that was done in part names no reason, the next one does.
-QString writeError(QFile& file)
-{
-    if (file.flush() && file.write(" ") == 1)
-        file.flush();
-    return file.errorString();
-}
-
-/// Null when all that was written is where it belongs. Some disks tell only when a file is closed that they
-/// are full; closing it also wipes the text of an earlier error.
-QString closingError(QFile& file, bool isWritten)
-{
-    QString error;
-    if (!isWritten || !file.flush())
-        error = writeError(file);
-    file.close();
-    if (error.isNull() && file.error() != QFileDevice::NoError)
-        error = file.errorString();
-    return error;
 }
 
 int milliseconds(double seconds)

@@ -1,5 +1,6 @@
 #!/bin/sh
-# fuzz.sh SECONDS [TARGET...]: runs the fuzz targets, two at a time, for so long each; fails when anything is found.
+# fuzz.sh SECONDS [--seed SEED] [TARGET...]: runs the fuzz targets, two at a time, for so long each; fails when
+# anything is found. Each target's seed is told, with which the same can be run again on the same corpus.
 # fuzz.sh --coverage [TARGET...]: counts the lines that the seeds and everything learnt so far reach.
 # fuzz.sh --minimise [TARGET...]: renews the committed inputs, fuzz/corpus, from everything learnt so far.
 set -eu
@@ -7,7 +8,7 @@ set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-mode=${1:?"fuzz.sh SECONDS [TARGET...]"}
+mode=${1:?"fuzz.sh SECONDS [--seed SEED] [TARGET...]"}
 shift
 preset=fuzz
 case $mode in

@@ -1,5 +1,6 @@
 #include "network/networksimulation.h"
 #include "nodes/tcpnode.h"
+#include "outputfile.h"
 #include "testhelpers.h"
 
 #include <QTemporaryDir>
@@ -143,6 +144,22 @@ private:
     qint64 _left;  // bytes
 };
 
+/// A file whose disk has no room for the second half of its first write, and room again at once.
+class HalfWritingFile : public QFile
+{
+public:
+    using QFile::QFile;
+
+protected:
+    qint64 writeData(const char* data, qint64 size) override
+    {
+        return QFile::writeData(data, std::exchange(_hasRoom, true) ? size : size / 2);
+    }
+
+private:
+    bool _hasRoom = false;
+};
+
 void addNodes(int count, const QString& name)
 {
     for (int i = 0; i < count; ++i) {
@@ -240,6 +257,9 @@ private slots:
     void aFileThatIsThereIsSavedAgainOnAFullDisk();
     void aDiskThatFillsUpWhileSavingHarmsOnlyTheNewFile();
     void aDiskThatFillsUpWhileExportingHarmsOnlyTheNewFile();
+    void anOutputWrittenInPartOntoAFullDiskNamesTheReason();
+    void anOutputWrittenInPartHoldsThatPartAndNoMore_data();
+    void anOutputWrittenInPartHoldsThatPartAndNoMore();
 
     void aFileThatIsCutWhileItLoadsIsNotLoaded_data() { places(); }
     void aFileThatIsCutWhileItLoadsIsNotLoaded();
@@ -386,6 +406,37 @@ void TestFileFaults::aDiskThatFillsUpWhileExportingHarmsOnlyTheNewFile()
     QVERIFY(exportDump(_dump));
     QCOMPARE(contentsOf(_dump).size(), dumpSize);
     QVERIFY(contentsOf(_dump).startsWith(cut));
+}
+
+void TestFileFaults::anOutputWrittenInPartOntoAFullDiskNamesTheReason()
+{
+    const Disk disk(smallDisk);
+    SKIP_WITHOUT(disk);
+    const QByteArray contents(100 * 1024, 'x');
+    QFile file(disk.path("report"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    const qint64 written = file.write(contents);
+    QVERIFY(written > 0 && written < contents.size());
+    QCOMPARE(closingError(file, false), QStringLiteral("No space left on device"));
+    QCOMPARE(contentsOf(disk.path("report")), contents.left(static_cast<int>(written)));
+}
+
+void TestFileFaults::anOutputWrittenInPartHoldsThatPartAndNoMore_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::newRow("as large as the buffer") << 16384;
+    QTest::newRow("past the buffer") << 100000;
+}
+
+void TestFileFaults::anOutputWrittenInPartHoldsThatPartAndNoMore()
+{
+    QFETCH(int, size);
+    const QByteArray contents(size, 'x');
+    HalfWritingFile file(_dump);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(contents), qint64(size / 2));
+    QCOMPARE(closingError(file, false), QStringLiteral("only a part of it could be written"));
+    QCOMPARE(contentsOf(_dump), contents.left(size / 2));
 }
 
 /// How many bytes of the file have been read when it changes.
