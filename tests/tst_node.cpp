@@ -3,6 +3,7 @@
 #include "testhelpers.h"
 
 #include <QElapsedTimer>
+#include <QGraphicsView>
 #include <QLoggingCategory>
 #include <QPointer>
 #include <QSignalSpy>
@@ -41,6 +42,24 @@ bool hasChanged(const QSignalSpy& changed, const QPointF& place)
     }
     return false;
 }
+
+/// A node that knows how it was painted last.
+class PaintedNode : public Node
+{
+public:
+    PaintedNode()
+        : Node(nodeAddress(7))
+    {
+    }
+
+    void paint(QPainter* painter, const QStyleOptionGraphicsItem* option, QWidget* widget) override
+    {
+        paintedFlags = TestAccess::flags(*this);
+        Node::paint(painter, option, widget);
+    }
+
+    int paintedFlags = -1;
+};
 
 }  // namespace
 
@@ -82,6 +101,8 @@ private slots:
     void receivingCountsAnnouncesAndPassesOn();
     void countersAreAnnouncedTruncated_data();
     void countersAreAnnouncedTruncated();
+    void aListenerThatComesLateIsToldOfTheCounters();
+    void aListenerConnectedByPointerIsToldOfTheCounters();
     void resettingClearsAndAnnouncesAllCounters();
     void resettingWithoutTrafficAnnouncesToo();
 
@@ -112,6 +133,8 @@ private slots:
     void theFirstTimerClearsTheFlash_data();
     void theFirstTimerClearsTheFlash();
     void flashesRepaintTheNode();
+    void flashesRepaintAViewThatComesLate();
+    void flashesAskForNoRepaintWhileNobodyWatches();
 
     void deletingANodeDeletesItsLinks();
     void aDeletedNodeLosesItsTimers();
@@ -454,6 +477,29 @@ void TestNode::countersAreAnnouncedTruncated()
     QCOMPARE(_pair->sender->sendBytesCount(), bytes + smallestFrame);
     QCOMPARE(_pair->receiver->receivedFramesCount(), frames + 1);
     QCOMPARE(_pair->receiver->receivedBytesCount(), bytes + smallestFrame);
+}
+
+void TestNode::aListenerThatComesLateIsToldOfTheCounters()
+{
+    Node* node = _pair->sender;
+    node->dataRequest(_pair->unicast());
+    node->_dataIndication("abc");
+    QSignalSpy sent(node, SIGNAL(sendStatisticsChanged(int,int)));
+    QSignalSpy received(node, SIGNAL(receivedStatisticsChanged(int,int)));
+    node->dataRequest(_pair->unicast());
+    node->_dataIndication("abc");
+    QCOMPARE(emissions(sent), (QList<QPair<int, int>>{{2, 24}}));
+    QCOMPARE(emissions(received), (QList<QPair<int, int>>{{2, 6}}));
+}
+
+void TestNode::aListenerConnectedByPointerIsToldOfTheCounters()
+{
+    QPair<int, int> received;
+    connect(_pair->sender, &Node::receivedStatisticsChanged, this, [&](int frames, int bytes) {
+        received = {frames, bytes};
+    });
+    _pair->sender->_dataIndication("abc");
+    QCOMPARE(received, qMakePair(1, 3));
 }
 
 void TestNode::resettingClearsAndAnnouncesAllCounters()
@@ -802,6 +848,30 @@ void TestNode::flashesRepaintTheNode()
     QVERIFY(passTimeouts(50));
     changed.clear();
     QTRY_VERIFY(hasChanged(changed, _pair->sender->pos()));  // the end of the flash
+}
+
+void TestNode::flashesRepaintAViewThatComesLate()
+{
+    auto* node = new PaintedNode;
+    network()->addItem(node);
+    node->dataRequest("abc");
+    QGraphicsView view(network());
+    view.show();
+    QTRY_VERIFY(node->paintedFlags >= 0);
+    QTRY_COMPARE(node->paintedFlags, 0);  // the end of the flash that had begun before
+    node->dataRequest("abc");
+    QTRY_COMPARE(node->paintedFlags, transmitting);
+}
+
+/// What had been asked for before would be told to a listener that comes before the toolkit has seen to it.
+void TestNode::flashesAskForNoRepaintWhileNobodyWatches()
+{
+    _pair->sender->setPos(500, 500);
+    QVERIFY(passTimeouts(50));
+    _pair->sender->_dataIndication("abc");
+    QSignalSpy changed(network(), SIGNAL(changed(QList<QRectF>)));
+    QVERIFY(passTimeouts(50));
+    QVERIFY(!hasChanged(changed, _pair->sender->pos()));
 }
 
 void TestNode::deletingANodeDeletesItsLinks()

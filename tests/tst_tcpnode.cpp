@@ -4,6 +4,7 @@
 #include "nodes/tcpnodepropertieswidget.h"
 #include "sockethelpers.h"
 #include "testaccess.h"
+#include "testhelpers.h"
 
 #include <QApplication>
 #include <QContextMenuEvent>
@@ -24,6 +25,7 @@ namespace {
 
 constexpr int lingerTime = 3000;  // ms
 constexpr int megabyte = 1024 * 1024;
+constexpr int burstSize = 300;  // frames
 constexpr int connectedBit = 1;
 constexpr int disabledBit = 2;
 const QByteArray marker
@@ -65,6 +67,38 @@ void useOneByteAddresses()
     parameters.addressLength = 1;
     parameters.sourceAddressOffset = 1;
     parameters.broadcastAddress = hex("FF");
+}
+
+/// Frame messages from BB to AA, each of another length or letter; in all what one read takes.
+QByteArray burstOfFrames()
+{
+    QByteArray bytes;
+    for (int i = 0; i < burstSize; ++i)
+        bytes += message(1, hex("AABB") + QByteArray(1 + i % 200, static_cast<char>(i)));
+    return bytes;
+}
+
+/// As links deliver their frames: within a pass of the timeouts. Returns when that pass is over.
+bool runInPass(const std::function<void()>& deliveries)
+{
+    Timeouts pass(deliveries);
+    pass.start(0);
+    return TestHelpers::passTimeouts();
+}
+
+/// Frame messages of \a count MiB, each of another letter, as one pass delivers them. Returns the bytes on
+/// the wire.
+QByteArray deliverInOnePass(TcpNode* node, int count)
+{
+    QByteArray delivered;
+    const bool isOver = runInPass([&] {
+        for (int i = 0; i < count; ++i) {
+            const QByteArray frame(megabyte, static_cast<char>('A' + i));
+            node->dataIndication(frame);
+            delivered += message(1, frame);
+        }
+    });
+    return isOver ? delivered : QByteArray();
 }
 
 /// Leaves bytes in the simulator's own buffer, behind those that the kernel takes. Returns all that was
@@ -234,14 +268,32 @@ private slots:
     void debugCommandsAreWritten_data();
     void debugCommandsAreWritten();
     void nothingIsKeptForALaterProgram();
-    void messagesOfOnePassArriveInOrder();
+    void messagesArriveInOrder();
     void exactly64MiBOfUnsentBytesAreKept();
     void moreThan64MiBOfUnsentBytesCloseTheSocket();
 
+    // Within a pass of deliveries
+    void messagesOfOnePassArriveInOrder();
+    void messagesOfManyPassesArriveInOrder();
+    void aPassThatTheKernelTakesInPartArrivesWhole();
+    void aPassFollowsWhatWaitsInTheSocket();
+    void moreThan64MiBInOnePassCloseTheSocket();
+    void messagesFromAnEventLoopWithinAPassKeepTheirPlace();
+    void aProgramThatGoesWithinAPassDetaches_data();
+    void aProgramThatGoesWithinAPassDetaches();
+    void aProgramThatIsGoneBeforeItsMessagesAreSentDetaches();
+    void aNodeMayGoWhileMessagesWaitForTheEndOfAPass();
+    void aNewProgramGetsNothingOfItsPredecessorsPass();
+    void aProtocolErrorWithinAPassLosesNoMessageBeforeIt();
+
     // From the program
     void aFrameIsSent();
+    void aLargeFrameIsReadWhole();
+    void writesThatFollowOneAnotherAreAllRead();
     void aFrameReachesTheProgramAtTheOtherEnd();
+    void aBurstReachesTheProgramAtTheOtherEndInOrder();
     void confirmationsReachTheSender();
+    void eachFrameOfABurstIsConfirmed();
     void anEmptyFrameIsARequestToo_data();
     void anEmptyFrameIsARequestToo();
     void messagesInOneWriteAreAllHandled();
@@ -616,7 +668,7 @@ void TestTcpNode::nothingIsKeptForALaterProgram()
     QCOMPARE(pair.program.receive(marker.size()), marker);
 }
 
-void TestTcpNode::messagesOfOnePassArriveInOrder()
+void TestTcpNode::messagesArriveInOrder()
 {
     AttachedNode attached;
     attached.node->dataIndication(hex("AA"));
@@ -657,6 +709,194 @@ void TestTcpNode::moreThan64MiBOfUnsentBytesCloseTheSocket()
     QVERIFY(attached.program.waitForEnd());
 }
 
+void TestTcpNode::messagesOfOnePassArriveInOrder()
+{
+    AttachedNode attached;
+    QVERIFY(runInPass([&] {
+        attached.node->dataIndication(hex("AA"));
+        attached.node->dataConfirmation(false);
+        attached.node->sendDebugCommand(TcpNode::StepDC);
+        attached.node->dataIndication(hex("BB"));
+    }));
+
+    const QByteArray expected = hex("01 00000001 AA  02 00000001 02  05 00000001 03  01 00000001 BB");
+    QCOMPARE(attached.program.receive(expected.size()), expected);
+}
+
+/// Some small enough for the memory that the node keeps from one to the next, some not.
+void TestTcpNode::messagesOfManyPassesArriveInOrder()
+{
+    AttachedNode attached;
+    QByteArray expected;
+    for (int i = 0; i < 60; ++i) {
+        const QByteArray frame(1 << i % 20, static_cast<char>('A' + i));
+        const auto deliver = [&] { attached.node->dataIndication(frame); };
+        QVERIFY(runInPass(deliver));
+        deliver();  // and some outside of any
+        expected += message(1, frame) + message(1, frame);
+    }
+
+    QVERIFY(attached.program.receive(expected.size()) == expected);
+}
+
+void TestTcpNode::aPassThatTheKernelTakesInPartArrivesWhole()
+{
+    AttachedNode attached;
+    attached.program.stopReading();
+    const QByteArray first = deliverInOnePass(attached.node, 32);
+    const qint64 unsent = attached.nodeEnd->bytesToWrite();
+    QVERIFY(unsent > 0);
+    QVERIFY(unsent < first.size());
+    const QByteArray second = deliverInOnePass(attached.node, 4);
+    QVERIFY(!second.isEmpty());
+    attached.program.resumeReading();
+
+    QVERIFY(attached.program.receive(first.size()) == first);
+    QVERIFY(attached.program.receive(second.size()) == second);
+}
+
+void TestTcpNode::aPassFollowsWhatWaitsInTheSocket()
+{
+    AttachedNode attached;
+    const QByteArray before = writeMoreThanTheKernelTakes(attached);
+    QVERIFY(!before.isEmpty());
+    const QByteArray pass = deliverInOnePass(attached.node, 2);
+    QVERIFY(!pass.isEmpty());
+    attached.program.resumeReading();
+
+    QVERIFY(attached.program.receive(before.size()) == before);
+    QVERIFY(attached.program.receive(pass.size()) == pass);
+}
+
+void TestTcpNode::moreThan64MiBInOnePassCloseTheSocket()
+{
+    AttachedNode attached;
+    const QByteArray frame(megabyte - 5, 'x');  // a mebibyte with type and length
+    bool isKept = false;
+    QVERIFY(runInPass([&] {
+        for (int i = 0; i < 64; ++i)
+            attached.node->dataIndication(frame);
+        isKept = attached.node->socket() != nullptr;
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+        attached.node->dataIndication(frame);
+    }));
+
+    QVERIFY(isKept);
+    QVERIFY(!attached.node->socket());
+    QVERIFY(!attached.node->active());
+    QCOMPARE(attached.program.receiveAll(), QByteArray());
+}
+
+void TestTcpNode::messagesFromAnEventLoopWithinAPassKeepTheirPlace()
+{
+    AttachedNode attached;
+    bool isSent = false;
+    const auto sendCommand = [&] {
+        attached.node->sendDebugCommand(TcpNode::StepDC);
+        isSent = true;
+    };
+    QVERIFY(runInPass([&] {
+        attached.node->dataIndication(hex("AA"));
+        QTimer::singleShot(0, attached.node, sendCommand);
+        if (QTest::qWaitFor([&] { return isSent; }, patience))
+            attached.node->dataIndication(hex("BB"));
+    }));
+
+    const QByteArray expected = hex("01 00000001 AA  05 00000001 03  01 00000001 BB");
+    QCOMPARE(attached.program.receive(expected.size()), expected);
+}
+
+void TestTcpNode::aProgramThatGoesWithinAPassDetaches_data()
+{
+    QTest::addColumn<bool>("isKilled");
+
+    QTest::newRow("closed") << false;
+    QTest::newRow("killed") << true;
+}
+
+void TestTcpNode::aProgramThatGoesWithinAPassDetaches()
+{
+    QFETCH(bool, isKilled);
+
+    AttachedNode attached;
+    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+    const auto deliver = [&] { attached.node->dataIndication(QByteArray(1000, 'x')); };
+    QVERIFY(runInPass([&] {
+        deliver();
+        if (isKilled)
+            attached.program.abort();
+        else
+            attached.program.close();
+        deliver();
+    }));
+    QVERIFY(runInPass(deliver));
+
+    QTRY_VERIFY(!attached.node->socket());
+    QVERIFY(!attached.node->active());
+    QTRY_VERIFY(!attached.nodeEnd);
+    QCOMPARE(changes.count(), 1);
+}
+
+/// With bytes that it has not read the program's end is reset, and sending fails at once.
+void TestTcpNode::aProgramThatIsGoneBeforeItsMessagesAreSentDetaches()
+{
+    AttachedNode attached;
+    attached.program.stopReading();
+    QVERIFY(!deliverInOnePass(attached.node, 1).isEmpty());
+    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+    QVERIFY(runInPass([&] {
+        attached.program.abort();
+        attached.node->dataIndication(hex("AA"));
+        attached.node->dataIndication(hex("BB"));
+    }));
+
+    QTRY_VERIFY(!attached.node->socket());
+    QVERIFY(!attached.node->active());
+    QTRY_VERIFY(!attached.nodeEnd);
+    QCOMPARE(changes.count(), 1);
+}
+
+void TestTcpNode::aNodeMayGoWhileMessagesWaitForTheEndOfAPass()
+{
+    AttachedNode attached;
+    QVERIFY(runInPass([&] {
+        attached.node->dataIndication(hex("AA"));
+        delete attached.node;
+    }));
+
+    QVERIFY(!attached.nodeEnd);
+    QVERIFY(attached.program.waitForEnd());
+}
+
+void TestTcpNode::aNewProgramGetsNothingOfItsPredecessorsPass()
+{
+    AttachedNode attached;
+    SocketPair other;
+    QVERIFY(runInPass([&] {
+        attached.node->dataIndication(hex("AA"));
+        attached.node->setSocket(other.nodeEnd);
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+    }));
+
+    QCOMPARE(other.program.receive(marker.size()), marker);
+    QVERIFY(attached.program.waitForEnd());
+}
+
+void TestTcpNode::aProtocolErrorWithinAPassLosesNoMessageBeforeIt()
+{
+    AttachedNode attached;
+    bool isDetached = false;
+    QVERIFY(runInPass([&] {
+        attached.node->dataIndication(hex("AA"));
+        attached.program.send(hex("06"));
+        isDetached = attached.waitUntilDetached();
+        attached.node->dataIndication(hex("BB"));
+    }));
+
+    QVERIFY(isDetached);
+    QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
+}
+
 void TestTcpNode::aFrameIsSent()
 {
     AttachedNode attached;
@@ -664,6 +904,27 @@ void TestTcpNode::aFrameIsSent()
 
     QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
     QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+    QVERIFY(attached.node->active());
+}
+
+void TestTcpNode::aLargeFrameIsReadWhole()
+{
+    AttachedNode attached;
+    const QByteArray frame(40000, 'x');
+    attached.program.send(message(1, frame));
+
+    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
+    QCOMPARE(attached.node->sendBytesCount(), qint64{frame.size()});
+    QVERIFY(attached.node->active());
+}
+
+void TestTcpNode::writesThatFollowOneAnotherAreAllRead()
+{
+    AttachedNode attached;
+    for (int count = 1; count <= 50; ++count) {
+        attached.program.send(message(1, QByteArray(count, 'x')));
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{count});
+    }
     QVERIFY(attached.node->active());
 }
 
@@ -676,6 +937,18 @@ void TestTcpNode::aFrameReachesTheProgramAtTheOtherEnd()
     left.program.send(hex("01 00000003 AABBCC"));
 
     QCOMPARE(right.program.receive(8), hex("01 00000003 AABBCC"));
+}
+
+void TestTcpNode::aBurstReachesTheProgramAtTheOtherEndInOrder()
+{
+    useOneByteAddresses();
+    AttachedNode left(hex("BB"));
+    AttachedNode right(hex("AA"));
+    network()->addItem(new Connection(left.node, right.node));
+    const QByteArray burst = burstOfFrames();
+    left.program.send(burst);
+
+    QVERIFY(right.program.receive(burst.size()) == burst);
 }
 
 void TestTcpNode::confirmationsReachTheSender()
@@ -691,6 +964,20 @@ void TestTcpNode::confirmationsReachTheSender()
 
     left.program.send(hex("01 00000003 DDBBCC"));  // an address that no node has
     QCOMPARE(left.program.receive(6), hex("02 00000001 02"));
+}
+
+void TestTcpNode::eachFrameOfABurstIsConfirmed()
+{
+    useOneByteAddresses();
+    AttachedNode left(hex("BB"));
+    AttachedNode right(hex("AA"));
+    network()->addItem(new Connection(left.node, right.node));
+    TestAccess::framesAcknowledged(*left.node) = Qt::Checked;
+    TestAccess::acknowledgeTimeout(*left.node) = patience;
+    left.program.send(burstOfFrames());
+
+    const QByteArray expected = hex("02 00000001 01").repeated(burstSize);
+    QCOMPARE(left.program.receive(expected.size()), expected);
 }
 
 void TestTcpNode::anEmptyFrameIsARequestToo_data()

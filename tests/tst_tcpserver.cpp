@@ -86,6 +86,13 @@ quint16 freePort()
     return server.serverPort();
 }
 
+/// Whether the kernel lets so many wait to be accepted.
+bool canWait(int programs)
+{
+    QFile limit(QStringLiteral("/proc/sys/net/core/somaxconn"));
+    return limit.open(QIODevice::ReadOnly) && limit.readAll().trimmed().toInt() >= programs;
+}
+
 bool isReachable(quint16 port, const QHostAddress& host = QHostAddress::LocalHost)
 {
     QTcpSocket socket;
@@ -215,6 +222,8 @@ private slots:
     void plainNodesAndOtherItemsAreNeverMatched_data();
     void plainNodesAndOtherItemsAreNeverMatched();
     void theOtherIdentityIsNotMatched();
+    void programsThatIdentifyBeforeTheyAreAcceptedAreAllAttached_data();
+    void programsThatIdentifyBeforeTheyAreAcceptedAreAllAttached();
     void aSecondProgramReplacesTheFirst();
     void anUnknownProgramIsRefused_data();
     void anUnknownProgramIsRefused();
@@ -430,8 +439,7 @@ void TestTcpServer::manyProgramsCanBePending()
 void TestTcpServer::aBurstOfProgramsNeedNotWaitToConnect()
 {
     constexpr int count = 200;  // several times what the toolkit's server lets wait
-    QFile limit(QStringLiteral("/proc/sys/net/core/somaxconn"));
-    if (!limit.open(QIODevice::ReadOnly) || limit.readAll().trimmed().toInt() < count)
+    if (!canWait(count))
         QSKIP("the kernel lets fewer programs wait");
     std::vector<std::unique_ptr<Program>> programs;
     for (int i = 0; i < count; ++i) {
@@ -897,6 +905,41 @@ void TestTcpServer::theOtherIdentityIsNotMatched()
     byName.send(nameMessage("GHIJKL"));
     QVERIFY(isRefused(byName));
     QVERIFY(!addressed->socket());
+}
+
+void TestTcpServer::programsThatIdentifyBeforeTheyAreAcceptedAreAllAttached_data()
+{
+    QTest::addColumn<bool>("isByName");
+
+    QTest::newRow("by address") << false;
+    QTest::newRow("by name") << true;
+}
+
+void TestTcpServer::programsThatIdentifyBeforeTheyAreAcceptedAreAllAttached()
+{
+    QFETCH(bool, isByName);
+    constexpr int count = 200;
+    if (!canWait(count))
+        QSKIP("the kernel lets fewer programs wait");
+
+    TestAccess::server(*network()).nameBasedPnp = isByName;
+    std::vector<TcpNode*> nodes;
+    std::vector<std::unique_ptr<Program>> programs;
+    for (int i = 0; i < count; ++i) {
+        const QByteArray address(network()->addressLength(), static_cast<char>(i));
+        const QByteArray name = "node " + QByteArray::number(i);
+        nodes.push_back(addTcpNode(address));
+        nodes.back()->setName(QString::fromLatin1(name));
+        programs.push_back(std::make_unique<Program>());
+        QVERIFY(programs.back()->connectTo(network()->listeningPort()));
+        programs.back()->send(isByName ? nameMessage(name) : addressMessage(address));
+    }
+
+    for (size_t i = 0; i < count; ++i) {
+        QVERIFY2(waitUntilAttached(nodes[i]), qPrintable(nodes[i]->name()));
+        QCOMPARE(nodes[i]->socket()->peerPort(), programs[i]->localPort());
+    }
+    QVERIFY(pending().isEmpty());
 }
 
 void TestTcpServer::aSecondProgramReplacesTheFirst()

@@ -125,6 +125,7 @@ private slots:
 
     void aSharedTimeoutIsNeverEarly();
     void startsSoonAfterOneAnotherShareATimeout();
+    void startsFurtherApartHaveTimeoutsOfTheirOwn();
     void aSharedTimeoutRunsAgainLater();
     void aRunFollowsEachSharedStart();
     void theEndOfAPassNeedsAPass();
@@ -487,11 +488,24 @@ void TestTimeouts::startsSoonAfterOneAnotherShareATimeout()
     clock.start();
     for (int i = 0; i < starts; ++i)
         timeouts.startShared(20);
-    const qint64 periods = clock.elapsed() / sharingPeriod + 1;
+    const qint64 milliseconds = clock.elapsed() + 1;  // the last one, begun only, counts too
+    const qint64 periods = milliseconds / sharingPeriod + 1;
     QVERIFY(passTimeouts(21));
     QVERIFY(runs >= 1);
     QVERIFY2(runs <= periods, qPrintable(QString::number(runs)));
     QVERIFY(periods < starts);
+}
+
+void TestTimeouts::startsFurtherApartHaveTimeoutsOfTheirOwn()
+{
+    int runs = 0;
+    Timeouts timeouts([&] { ++runs; });
+    for (int start = 0; start < 3; ++start) {
+        timeouts.startShared(100);
+        QVERIFY(passTimeouts(11));
+    }
+    QVERIFY(passTimeouts(101));
+    QCOMPARE(runs, 3);
 }
 
 void TestTimeouts::aSharedTimeoutRunsAgainLater()
