@@ -5,9 +5,6 @@ import pathlib
 import time
 from dataclasses import dataclass
 
-STOLEN, WAITED = 0.01, 0.05  # shares of its time that disturb a measurement
-MEANING = f"other programs took a core for more than {WAITED:.0%} of the time, or the host for more than {STOLEN:.0%}"
-
 
 @dataclass
 class Disturbance:
@@ -16,11 +13,18 @@ class Disturbance:
     stolen: float  # by the host of a virtual machine
     waited: float  # by other programs, from those that were measured
 
-    def matters(self):
-        return self.stolen > STOLEN or self.waited > WAITED
+    def exceeds(self, limits):
+        return self.stolen > limits.stolen or self.waited > limits.waited
 
     def total(self):
         return self.stolen + self.waited
+
+
+USUAL = Disturbance(stolen=0.01, waited=0.05)  # more is too much for most measurements
+MEANING = (
+    f"other programs took a core for more than {USUAL.waited:.0%} of the time, "
+    f"or the host for more than {USUAL.stolen:.0%}"
+)
 
 
 class ProcessorWatch:
@@ -42,11 +46,11 @@ class ProcessorWatch:
         return sum(int(line[8]) for line in lines if line[0] in self.cores) / os.sysconf("SC_CLK_TCK")
 
 
-def quietest(tries, run):
+def quietest(tries, run, limits=USUAL):
     """The result of `run`, its disturbance, which `run` returns behind it, and how often it ran: again while it is
     disturbed, `tries` times at most. The least disturbed one counts, whatever came out of it."""
     runs = []
-    while not runs or (runs[-1][1].matters() and len(runs) < tries):
+    while not runs or (runs[-1][1].exceeds(limits) and len(runs) < tries):
         runs.append(run())
     result, disturbance = min(runs, key=lambda run: run[1].total())
     return result, disturbance, len(runs)

@@ -145,7 +145,7 @@ class Bench:
         return figures
 
     def note_disturbance(self, figures, disturbed):
-        figures["disturbed"] = disturbed.matters()
+        figures["disturbed"] = disturbed.exceeds(disturbance.USUAL)
         self.runs += 1
         self.disturbed_runs += figures["disturbed"]
 

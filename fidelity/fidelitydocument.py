@@ -8,9 +8,9 @@ from dataclasses import dataclass
 import numpy
 
 import analysis
+import measure
 import plots
 import tables
-from measure import disturbance
 
 PLOTTED_SPREAD = (0.99, 64)  # reliability and bytes
 PLOTTED_FLIPS = (0.999, 255)
@@ -59,24 +59,30 @@ def write(result, folder):
         **texts,
         **pictures,
         verdict=overall(result),
-        family=f"{analysis.SIGNIFICANCE:.0%}".replace("%", " %"),
+        family=percent(analysis.SIGNIFICANCE),
         tests=result.tests(),
         threshold=f"{result.threshold():.2g}",
         coverage=f"{100 * (1 - result.threshold()):.4g}",
         seed=result.seed,
         all_frames=f"{result.rows['order'][0].sent:,}",
-        load=f"{tables.NEEDED_LOAD:.0%}".replace("%", " %"),
+        load=percent(tables.NEEDED_LOAD),
         machine=machine(),
         timings=len(result.rows["punctuality"]) + len(result.rows["clock"]),
         repeated=result.repeated,
         disturbed=result.disturbed,
-        stolen=f"{disturbance.STOLEN:.0%}".replace("%", " %"),
-        waited=f"{disturbance.WAITED:.0%}".replace("%", " %"),
+        lone_stolen=percent(measure.LONE.stolen),
+        lone_waited=percent(measure.LONE.waited),
+        stolen=percent(measure.disturbance.USUAL.stolen),
+        waited=percent(measure.disturbance.USUAL.waited),
         trip_median=f"{numpy.percentile(result.round_trips, 50):,.0f}",
         trip_most=f"{numpy.percentile(result.round_trips, 95):,.0f}",
         trip_nearly_all=f"{numpy.percentile(result.round_trips, 99):,.0f}",
     )
     (folder / "fidelity.md").write_text(text, encoding="utf-8")
+
+
+def percent(share):
+    return f"{100 * share:.3g} %"
 
 
 def overall(result):

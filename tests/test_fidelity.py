@@ -24,7 +24,7 @@ import fidelitydocument  # noqa: E402
 import measure  # noqa: E402
 import replay  # noqa: E402
 import tables  # noqa: E402
-from disturbance import Disturbance  # noqa: E402
+from disturbance import USUAL, Disturbance  # noqa: E402
 from makesimulation import LinkSettings  # noqa: E402
 
 TESTS = 200  # in the family that a row is judged in
@@ -267,29 +267,29 @@ class TestDisturbance(unittest.TestCase):
 
     def test_an_undisturbed_run_is_not_repeated(self) -> None:
         laboratory = PlannedRuns(0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(5, None, "timing"), 1)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), 1)
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (1, 0, 0))
 
     def test_a_disturbed_run_is_repeated_with_its_seed_until_one_is_quiet(self) -> None:
         laboratory = PlannedRuns(0.3, 0.2, 0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(5, None, "timing"), 3)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), 3)
         self.assertEqual(len(set(laboratory.seeds)), 1)
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (3, 1, 0))
 
     def test_of_disturbed_runs_the_least_disturbed_counts(self) -> None:
         laboratory = PlannedRuns(0.3, 0.1, 0.2)
-        self.assertEqual(laboratory.measure_quietly(3, None, "timing"), 2)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 3, None, "timing"), 2)
         self.assertEqual((laboratory.repeated, laboratory.disturbed), (1, 1))
 
     def test_repetitions_leave_the_seeds_of_later_measurements_alone(self) -> None:
         quiet, disturbed = PlannedRuns(0.0), PlannedRuns(0.3, 0.3, 0.3)
         for laboratory in (quiet, disturbed):
-            laboratory.measure_quietly(3, None, "timing")
+            laboratory.measure_quietly(USUAL, 3, None, "timing")
         self.assertEqual(quiet.next_seed(), disturbed.next_seed())
 
     def test_waiting_disturbs_as_stealing_does(self) -> None:
-        self.assertTrue(Disturbance(stolen=0.0, waited=0.5).matters())
-        self.assertFalse(Disturbance(stolen=0.0, waited=0.0).matters())
+        self.assertTrue(Disturbance(stolen=0.0, waited=0.5).exceeds(USUAL))
+        self.assertFalse(Disturbance(stolen=0.0, waited=0.0).exceeds(USUAL))
 
 
 class TestMeasuring(unittest.TestCase):

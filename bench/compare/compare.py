@@ -341,7 +341,7 @@ def verdict(reading, size, rows):
 def disturbed_runs(runs):
     """Alone on its core the client has nobody to wait for."""
     alone = [result for (_, _, placement), results in runs.items() if placement == "one core" for result in results]
-    disturbed = [result for result in alone if result.client_wait > disturbance.WAITED * result.seconds]
+    disturbed = [result for result in alone if result.client_wait > disturbance.USUAL.waited * result.seconds]
     return len(disturbed), len(alone)
 
 
