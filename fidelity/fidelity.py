@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import argparse
 import pathlib
+import pickle
 import subprocess
 import sys
 import tempfile
@@ -179,20 +180,63 @@ def clock_rows(laboratory, effort):
     return rows
 
 
-def measure_all(laboratory, effort):
-    """Rows by the name of their table."""
-    round_trips = []
-    rows = {
+def drawn_rows(laboratory, effort):
+    """What a seed settles, by the name of the table: the same on any machine, however busy."""
+    return {
         "corruption": corruption_rows(laboratory, effort, detection=0.0),
         "loss": corruption_rows(laboratory, effort, detection=1.0),
         "detection": detection_rows(laboratory, effort),
         "delays": delay_rows(laboratory, effort),
+    }
+
+
+def timed_rows(laboratory, effort):
+    """The other ones, and the round trips of the measuring in µs."""
+    round_trips = []
+    rows = {
         "cases": case_rows(laboratory),
         "punctuality": punctuality_rows(laboratory, effort, round_trips),
         "clock": clock_rows(laboratory, effort),
     }
     rows["order"] = [tables.OrderRow(laboratory.frames_sent, laboratory.frames_placed, laboratory.order_errors)]
     return rows, numpy.array(round_trips) / 1e3
+
+
+@dataclass
+class Kept:
+    """What a run leaves for a later one that measures the times only."""
+
+    rows: dict
+    laboratory: dict  # what it has counted
+
+    def save(self, file):
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_bytes(pickle.dumps(self))
+
+
+def keep_drawn_rows(laboratory, effort, file):
+    rows = drawn_rows(laboratory, effort)
+    if file:
+        Kept(rows, laboratory.counted()).save(file)
+    return rows
+
+
+def take_kept_rows(laboratory, file):
+    try:
+        kept = pickle.loads(file.read_bytes())
+    except FileNotFoundError:
+        raise measure.MeasurementFailed(f"no run with seed {laboratory.seed} has left {file}") from None
+    laboratory.go_on_from(kept.laboratory)
+    return kept.rows
+
+
+def measure_all(laboratory, options):
+    """Rows by the name of their table, and the round trips of the measuring in µs."""
+    effort = SHORT if options.short else Effort()
+    file = None if options.short else options.build_dir.parent / "fidelity" / f"seed-{options.seed}.pickle"
+    drawn = take_kept_rows(laboratory, file) if options.times else keep_drawn_rows(laboratory, effort, file)
+    timed, round_trips = timed_rows(laboratory, effort)
+    return {**drawn, **timed}, round_trips
 
 
 def progress(text):
@@ -211,7 +255,10 @@ def parse_options():
     parser.add_argument("--output", type=pathlib.Path, help="folder of the document (docs; of --short: none)")
     parser.add_argument("--seed", type=int, default=1, help="of the simulator's random numbers (1)")
     parser.add_argument("--short", action="store_true", help="a part of the settings, fewer frames, no limits of time")
+    parser.add_argument("--times", action="store_true", help="measure the times only; the last run has left the rest")
     options = parser.parse_args()
+    if options.short and options.times:
+        parser.error("--times goes on from a long run")
     options.program = find_program(options.build_dir, "lattivo-headless")
     options.client = find_program(options.build_dir, "lattivo_fidelityclient")
     if None in (options.program, options.client):
@@ -226,7 +273,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="lattivo-fidelity-") as folder:
         laboratory = measure.Laboratory(options.program, options.client, folder, options.seed)
         try:
-            rows, round_trips = measure_all(laboratory, SHORT if options.short else Effort())
+            rows, round_trips = measure_all(laboratory, options)
         except (measure.MeasurementFailed, cases.bridge.Disconnected, subprocess.TimeoutExpired, OSError) as error:
             print(f"\nnot measured: {error}", file=sys.stderr)
             return 2

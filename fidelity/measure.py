@@ -23,6 +23,7 @@ MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation
 PATIENCE = 600  # s, for one measurement
 LONE_RATE = 1000  # frames/s; below it the simulator has gone to sleep when the next frame comes
 LONE = disturbance.Disturbance(stolen=0.001, waited=0.001)  # more is too much where single frames count
+COUNTED = ("measurements", "frames_sent", "frames_placed", "order_errors")  # of a laboratory
 CONFIRMING = NodeSettings(confirms=CHECKED)  # what is lost is reported at once
 
 MeasurementFailed = run.MeasurementFailed
@@ -69,6 +70,14 @@ class Laboratory:
         self.frames_sent += sent
         self.frames_placed += placed
         self.order_errors += order_errors
+
+    def counted(self):
+        """For go_on_from() of another one of the same seed."""
+        return {name: getattr(self, name) for name in COUNTED}
+
+    def go_on_from(self, counted):
+        for name in COUNTED:
+            setattr(self, name, counted[name])
 
     def simulator(self, simulation, seed):
         file = self.folder / "simulation.ltvo"

@@ -327,6 +327,24 @@ class TestMeasuring(unittest.TestCase):
         self.assertEqual(self.laboratory.frames_placed, figures["intact"])
         self.assertLess(figures["intact"], figures["received"])
 
+    def test_times_measured_later_go_on_where_the_other_rows_ended(self) -> None:
+        effort = fidelity.Effort(
+            frames=FRAMES, frames_of_large=FRAMES, deadline_frames=FRAMES, reliabilities=(1.0,), sizes=(FRAME_BYTES,),
+            detection_links=(), delays=(1,), deviations=(0,),
+        )
+        file = Path(self.folder) / "build" / "kept.pickle"
+        kept = fidelity.keep_drawn_rows(self.laboratory, effort, file)
+        first, self.laboratory = self.laboratory, self.new_laboratory()
+        taken = fidelity.take_kept_rows(self.laboratory, file)
+        self.assertEqual(taken.keys(), kept.keys())
+        self.assertEqual(taken["delays"], kept["delays"])
+        self.assertEqual(self.laboratory.counted(), first.counted())
+        self.assertEqual(self.laboratory.next_seed(), first.next_seed())
+
+    def test_times_alone_need_an_earlier_run(self) -> None:
+        with self.assertRaises(measure.MeasurementFailed):
+            fidelity.take_kept_rows(self.laboratory, Path(self.folder) / "none.pickle")
+
     def test_detection_other_than_claimed_fails(self) -> None:
         figures = self.corruption(RELIABILITY, detection=0.55)
         self.assertEqual(failures(tables.DetectionRow(RELIABILITY, FRAME_BYTES, 0.55, figures)), [])
