@@ -290,17 +290,6 @@ def growth_row(bench, key, title, target, measure_less, measure_more):
 
 def in_flight_growth(bench):
     def cost(delay):
-        """Once more when it fails: a pause of the machine of 100 ms fills the socket, and the simulator closes it on a
-        message that the kernel has cut in two."""
-        for _ in range(TRIES - 1):
-            try:
-                return cost_of_one_run(delay)
-            except MeasurementFailed:
-                bench.disturbed_runs += 1
-                bench.runs += 1
-        return cost_of_one_run(delay)
-
-    def cost_of_one_run(delay):
         workload = Workload("in-flight", "")
         seconds = delay / 1000
         duration = ["--warm-up", str(seconds + 0.5), "--duration", str(bench.options.duration)]
