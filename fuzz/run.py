@@ -83,10 +83,10 @@ class Target:
     def __init__(self, name, build_dir):
         self.name = name
         self.program = build_dir / "fuzz" / f"fuzz_{name}"
-        self.work = build_dir / "work" / name
-        self.corpus = self.work / "corpus"  # what was learnt; the seeds stay where they are
-        self.artifacts = self.work / "artifacts"
-        self.log = self.work / "log.txt"
+        self.learnt = build_dir / "learnt" / name
+        self.corpus = self.learnt / "corpus"  # what was learnt; the seeds stay where they are
+        self.artifacts = self.learnt / "artifacts"
+        self.log = self.learnt / "log.txt"
         self.corpus.mkdir(parents=True, exist_ok=True)
         self.artifacts.mkdir(exist_ok=True)
 
@@ -98,7 +98,7 @@ class Target:
         command = [self.program, f"-artifact_prefix={self.artifacts}/", *arguments]
         done = subprocess.run(
             [str(word) for word in command],
-            cwd=self.work,
+            cwd=self.learnt,
             env=os.environ | ENVIRONMENT,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
