@@ -47,10 +47,14 @@ class ProcessorWatch:
 
 
 def quietest(tries, run, limits=USUAL):
-    """The result of `run`, its disturbance, which `run` returns behind it, and how often it ran: again while it is
-    disturbed, `tries` times at most. The least disturbed one counts, whatever came out of it."""
+    """Runs `run`, which returns a result and its disturbance, again while it is disturbed, `tries` times at most.
+
+    Returns the least disturbed result, whatever came out of it, its disturbance, and the results that do not count: what
+    no disturbance excuses has to be looked for in them too.
+    """
     runs = []
     while not runs or (runs[-1][1].exceeds(limits) and len(runs) < tries):
         runs.append(run())
-    result, disturbance = min(runs, key=lambda run: run[1].total())
-    return result, disturbance, len(runs)
+    best = min(range(len(runs)), key=lambda index: runs[index][1].total())
+    others = [result for index, (result, _) in enumerate(runs) if index != best]
+    return *runs[best], others

@@ -199,7 +199,7 @@ class TestDelayVerdicts(unittest.TestCase):
         delays = [10, 5] * 50
         due = numpy.sort(sent + numpy.array(delays) * MILLISECOND)
         errors = analysis.delivery_errors(sent, due + lateness_us * 1000, delays)
-        return tables.PunctualityRow(10, 10, wanted_rate, sent, errors, fidelity.Effort().punctuality)
+        return tables.PunctualityRow(10, 10, wanted_rate, sent, errors, errors.min(), fidelity.Effort().punctuality)
 
     def test_punctual_frames_hold(self) -> None:
         self.assertEqual(failures(self.punctuality_row(100)), [])
@@ -256,10 +256,12 @@ class PlannedRuns(measure.Laboratory):
         super().__init__("simulator", "client", "folder", seed=1)
         self.planned = [Disturbance(share, waited=0.0) for share in stolen]
         self.seeds = []
+        self.figures = lambda run: run
 
     def run_once(self, seed: int, *_what) -> tuple:
         self.seeds.append(seed)
-        return len(self.seeds), self.planned[len(self.seeds) - 1]
+        run = len(self.seeds)
+        return self.figures(run), self.planned[run - 1]
 
 
 class TestDisturbance(unittest.TestCase):
@@ -267,19 +269,40 @@ class TestDisturbance(unittest.TestCase):
 
     def test_an_undisturbed_run_is_not_repeated(self) -> None:
         laboratory = PlannedRuns(0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), 1)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), (1, []))
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (1, 0, 0))
 
     def test_a_disturbed_run_is_repeated_with_its_seed_until_one_is_quiet(self) -> None:
         laboratory = PlannedRuns(0.3, 0.2, 0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), 3)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), (3, [1, 2]))
         self.assertEqual(len(set(laboratory.seeds)), 1)
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (3, 1, 0))
 
     def test_of_disturbed_runs_the_least_disturbed_counts(self) -> None:
         laboratory = PlannedRuns(0.3, 0.1, 0.2)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 3, None, "timing"), 2)
+        self.assertEqual(laboratory.measure_quietly(USUAL, 3, None, "timing"), (2, [1, 3]))
         self.assertEqual((laboratory.repeated, laboratory.disturbed), (1, 1))
+
+    def test_frames_out_of_order_count_in_discarded_runs_too(self) -> None:
+        laboratory = PlannedRuns(0.3, 0.0)
+        laboratory.figures = lambda run: {"sent_ns": [0], "arrived_ns": [1], "order_errors": 7 if run == 1 else 0}
+        measure.measure_timing(laboratory, 2, 1, FRAME_BYTES, 0, 0, rate=0)
+        self.assertEqual(laboratory.order_errors, 7)
+
+    def test_an_early_frame_of_a_discarded_run_fails_the_row(self) -> None:
+        laboratory = PlannedRuns(0.3, 0.0)
+        laboratory.figures = lambda run: {
+            "sent_ns": [0, 1_000_000],
+            "arrived_ns": [2_000_000 if run == 2 else 500_000, 4_000_000],
+            "order_errors": 0,
+            "round_trips_ns": [],
+            "seed": 1,
+        }
+        effort = fidelity.Effort(delays=(1,), deviations=(0,), idle_frames=2, loaded_frames=2, punctuality={})
+        laboratory.planned *= 2
+        row = fidelity.punctuality_rows(laboratory, effort, [])[0]
+        self.assertGreaterEqual(row.errors.min(), 0)
+        self.assertEqual(failures(row), ["500 µs early"])
 
     def test_repetitions_leave_the_seeds_of_later_measurements_alone(self) -> None:
         quiet, disturbed = PlannedRuns(0.0), PlannedRuns(0.3, 0.3, 0.3)

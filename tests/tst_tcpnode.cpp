@@ -78,6 +78,16 @@ QByteArray burstOfFrames()
     return bytes;
 }
 
+/// Returns the bytes on the wire.
+QByteArray writeEachKindOfMessage(TcpNode* node)
+{
+    node->dataIndication(hex("AA"));
+    node->dataConfirmation(false);
+    node->sendDebugCommand(TcpNode::StepDC);
+    node->dataIndication(hex("BB"));
+    return hex("01 00000001 AA  02 00000001 02  05 00000001 03  01 00000001 BB");
+}
+
 /// As links deliver their frames: within a pass of the timeouts. Returns when that pass is over.
 bool runInPass(const std::function<void()>& deliveries)
 {
@@ -671,12 +681,7 @@ void TestTcpNode::nothingIsKeptForALaterProgram()
 void TestTcpNode::messagesArriveInOrder()
 {
     AttachedNode attached;
-    attached.node->dataIndication(hex("AA"));
-    attached.node->dataConfirmation(false);
-    attached.node->sendDebugCommand(TcpNode::StepDC);
-    attached.node->dataIndication(hex("BB"));
-
-    const QByteArray expected = hex("01 00000001 AA  02 00000001 02  05 00000001 03  01 00000001 BB");
+    const QByteArray expected = writeEachKindOfMessage(attached.node);
     QCOMPARE(attached.program.receive(expected.size()), expected);
 }
 
@@ -712,14 +717,8 @@ void TestTcpNode::moreThan64MiBOfUnsentBytesCloseTheSocket()
 void TestTcpNode::messagesOfOnePassArriveInOrder()
 {
     AttachedNode attached;
-    QVERIFY(runInPass([&] {
-        attached.node->dataIndication(hex("AA"));
-        attached.node->dataConfirmation(false);
-        attached.node->sendDebugCommand(TcpNode::StepDC);
-        attached.node->dataIndication(hex("BB"));
-    }));
-
-    const QByteArray expected = hex("01 00000001 AA  02 00000001 02  05 00000001 03  01 00000001 BB");
+    QByteArray expected;
+    QVERIFY(runInPass([&] { expected = writeEachKindOfMessage(attached.node); }));
     QCOMPARE(attached.program.receive(expected.size()), expected);
 }
 
