@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -47,6 +48,7 @@ constexpr milliseconds quietTime{200};
 constexpr milliseconds pollTime{100};
 constexpr milliseconds paceTime{1};
 constexpr milliseconds deadServerTime{10000};
+constexpr double longestHoldUp = 1.0;  // seconds of a paced load that are made good
 
 struct Options {
     std::uint16_t port = 0;
@@ -68,13 +70,19 @@ struct Options {
 
     std::uint64_t burst() const { return Wire::maximalBytesInFlight / messageBytes(); }
 
-    /// A paced sender fills the links and has no window: there only a server that reads in time keeps the
-    /// socket short (25,000 frames of 64 bytes a second reach 16 KiB in 9 ms; one is cut only after some 100
-    /// ms).
+    bool isPaced() const { return rate > 0; }
+
+    /// A paced sender fills the links and has no window: what the server has not read yet can grow beyond 16
+    /// KiB while others have its processor.
     std::uint64_t effectiveWindow() const
     {
-        return rate > 0 ? std::numeric_limits<std::uint64_t>::max() : std::min(window, burst());
+        return isPaced() ? std::numeric_limits<std::uint64_t>::max() : std::min(window, burst());
     }
+
+    /// Without MSG_EOR the kernel joins the messages that wait for a server held up for some 50 ms, and cuts
+    /// what it has joined where the receive window ends: in the middle of a message, on which the server
+    /// closes.
+    int sendFlags() const { return MSG_NOSIGNAL | MSG_DONTWAIT | (isPaced() ? MSG_EOR : 0); }
 };
 
 /// One end of a node's socket with the bytes that do not make a whole message yet.
@@ -135,6 +143,13 @@ template <typename T> T readAs(const char* bytes)
 double microseconds(std::uint64_t nanoseconds)
 {
     return static_cast<double>(nanoseconds) / 1e3;
+}
+
+/// Whether the kernel has room for a message, at once.
+bool isWritable(int socket)
+{
+    pollfd state{socket, POLLOUT, 0};
+    return poll(&state, 1, 0) > 0;
 }
 
 void printNumber(const char* name, std::uint64_t value)
@@ -250,8 +265,8 @@ bool LoadClient::run()
 {
     if (!_connectAll() || !_attachAll() || !_measure())
         return false;
-    const bool isPaced = _options.rate > 0;  // the links are full on purpose: not waited for
-    return (isPaced || _drain()) && (_counters.damaged == 0 || _fail("frames arrived with other contents"));
+    const bool isDrained = _options.isPaced() || _drain();  // paced links are full on purpose
+    return isDrained && (_counters.damaged == 0 || _fail("frames arrived with other contents"));
 }
 
 bool LoadClient::_connectAll()
@@ -463,7 +478,7 @@ bool LoadClient::_send(Lane& lane, FrameKind kind, std::uint64_t count)
         std::memcpy(frame + sendTimeOffset, &now, sizeof now);
     }
     const std::size_t bytes = count * _options.messageBytes();
-    const ssize_t sent = send(lane.sender.fd, lane.messages.data(), bytes, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = send(lane.sender.fd, lane.messages.data(), bytes, _options.sendFlags());
     if (sent != static_cast<ssize_t>(bytes))
         return _fail("the kernel did not take whole messages of " + Wire::nodeName(lane.sender.node));
     if (kind == Load)
@@ -504,7 +519,7 @@ bool LoadClient::_allArrived() const
 
 bool LoadClient::_refill(Lane& lane)
 {
-    if (_options.rate > 0)
+    if (_options.isPaced())
         return true;  // _pace() sends
     const std::uint64_t inFlight = _inFlight(lane);
     std::uint64_t room = _options.effectiveWindow() - std::min(inFlight, _options.effectiveWindow());
@@ -528,18 +543,21 @@ bool LoadClient::_refillAll()
     return true;
 }
 
-/// Sends what is due by now, to the lanes in turn. After a pause the clock is set back rather than catching
-/// up in one burst, which could cut a message.
+/// Sends what is due by now, to the lanes in turn. What a hold-up has left over is made good in bursts of 16
+/// KiB, or not at all when it is too much: then the rate is seen to be missed.
 bool LoadClient::_pace()
 {
     const Clock::time_point now = Clock::now();
     const auto due = static_cast<std::uint64_t>(Seconds(now - _paceBegin).count() * _options.rate);
     const std::uint64_t end = std::min(due, _paced + _options.burst());
     for (; _paced < end; ++_paced) {
-        if (!_send(_lanes[_paced % _lanes.size()], Load, 1))
+        Lane& lane = _lanes[_paced % _lanes.size()];
+        if (!isWritable(lane.sender.fd))
+            break;
+        if (!_send(lane, Load, 1))
             return false;
     }
-    if (_paced < due) {
+    if (static_cast<double>(due - _paced) > longestHoldUp * _options.rate) {
         _paceBegin = now;
         _paced = 0;
     }
@@ -548,7 +566,7 @@ bool LoadClient::_pace()
 
 bool LoadClient::_step()
 {
-    const bool isPaced = _options.rate > 0;
+    const bool isPaced = _options.isPaced();
     return _pump(isPaced ? paceTime : pollTime) && (!isPaced || _pace()) && _checkProgress();
 }
 
