@@ -20,6 +20,7 @@ from dataclasses import dataclass
 
 import disturbance
 import makesimulation
+from progress import Progress
 
 LARGEST_P99_US = 40_000  # what a delayed acknowledgement of the kernel would cost
 NOISY = 0.9999  # per bit
@@ -87,6 +88,9 @@ WORKLOADS = [
     Workload("latency", "S=64 W=1, latency", window=1, speed_target=1.0, latency_target=LATENCY_TARGET),
 ]
 GROWTH_KEYS = ["in-flight", "captured", "pairs-growth"]
+
+
+progress = Progress()  # of this process
 
 
 class MeasurementFailed(Exception):
@@ -237,7 +241,7 @@ def measure_workloads(bench, workloads):
     duration = ["--duration", str(bench.options.duration)]
     for number in range(bench.options.rounds):
         for workload in workloads:
-            progress(f"round {number + 1} of {bench.options.rounds}: {workload.title}")
+            progress.begin(f"round {number + 1} of {bench.options.rounds}: {workload.title}")
             arguments = workload.client_arguments() + duration
             ours, limits = runs[workload.key]
             steps = [
@@ -282,7 +286,7 @@ def growth_row(bench, key, title, target, measure_less, measure_more):
     """The cost of a frame (CPU µs) with little and with much, the ratio being much : little."""
     little, much = [], []
     for number in range(bench.options.rounds):
-        progress(f"round {number + 1} of {bench.options.rounds}: {title}")
+        progress.begin(f"round {number + 1} of {bench.options.rounds}: {title}")
         little.append(measure_less())
         much.append(measure_more())
     comparison = compare(much, little, lambda cost: cost)
@@ -357,11 +361,6 @@ def p99_row(bench):
     comparison = {"ours": max(p99s), "limit": None, "ratio": None, "lowest": None, "highest": None}
     result = row(Workload("p99", f"largest p99 of all {kind} runs"), "p99 µs", comparison)
     return {**result, "target": LARGEST_P99_US, "reached": max(p99s) < LARGEST_P99_US}
-
-
-def progress(text):
-    if sys.stderr.isatty():
-        print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
 
 
 def number(value):
@@ -465,9 +464,8 @@ def main():
         try:
             rows, growth = measure(bench, wanted)
         except (MeasurementFailed, subprocess.TimeoutExpired) as error:
-            print(f"\nnot measured: {error}", file=sys.stderr)
-            return 2
-    progress("")
+            return progress.fail(error)
+    progress.end()
     report(bench, rows, growth)
     if options.json:
         result = {"rows": rows + growth, "runs": bench.runs, "disturbed_runs": bench.disturbed_runs}

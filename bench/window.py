@@ -201,7 +201,7 @@ def single_row(key, title, quantity, values, target, figure=statistics.median):
 def rounds(bench, title, measure):
     results = []
     for number in range(bench.options.rounds):
-        run.progress(f"round {number + 1} of {bench.options.rounds}: {title}")
+        run.progress.begin(f"round {number + 1} of {bench.options.rounds}: {title}")
         results.append(measure())
     return results
 
@@ -302,9 +302,8 @@ def main():
                 bench.environment.update(DISPLAY=display, QT_QPA_PLATFORM="xcb")
                 results = measure(bench, options.wanted)
         except (MeasurementFailed, subprocess.TimeoutExpired, FileNotFoundError) as error:
-            print(f"\nnot measured: {error}", file=sys.stderr)
-            return 2
-    run.progress("")
+            return run.progress.fail(error)
+    run.progress.end()
     report(bench, *results)
     rows = [result for table in results for result in table]
     if options.json:

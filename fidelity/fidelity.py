@@ -24,6 +24,7 @@ import measure
 import replay
 import tables
 from makesimulation import LinkSettings
+from run import find_program, progress
 
 RELIABILITIES = (1.0, 0.9999, 0.999, 0.99, 0.9, 0.5, 0.0)
 SIZES = (12, 64, 255, 1500)  # bytes
@@ -96,7 +97,7 @@ def corruption_rows(laboratory, effort, detection):
     rows = []
     for reliability in effort.reliabilities:
         for frame_bytes in effort.sizes:
-            progress(f"reliability {reliability:g}, {frame_bytes} bytes, detection {detection:g}")
+            progress.begin(f"reliability {reliability:g}, {frame_bytes} bytes, detection {detection:g}")
             frames = corruption_frames(effort, reliability, frame_bytes)
             figures = measure.measure_corruption(laboratory, frames, frame_bytes, reliability, detection)
             rows.append(tables.CorruptionRow(reliability, frame_bytes, detection, figures))
@@ -107,7 +108,7 @@ def detection_rows(laboratory, effort):
     rows = []
     for reliability, frame_bytes in effort.detection_links:
         for detection in DETECTIONS:
-            progress(f"detection {detection:g}, reliability {reliability:g}, {frame_bytes} bytes")
+            progress.begin(f"detection {detection:g}, reliability {reliability:g}, {frame_bytes} bytes")
             figures = measure.measure_corruption(laboratory, effort.frames, frame_bytes, reliability, detection)
             rows.append(tables.DetectionRow(reliability, frame_bytes, detection, figures))
     return rows
@@ -121,7 +122,7 @@ def deadlines_around(delay, deviation):
 
 def delay_row(laboratory, effort, own, defaults, effective):
     delay, deviation = effective
-    progress(f"deadlines: delay {delay} ms, deviation {deviation} ms")
+    progress.begin(f"deadlines: delay {delay} ms, deviation {deviation} ms")
     deadlines = deadlines_around(delay, deviation)
     frames = effort.deadline_frames // len(deadlines)
     link, default_link = (LinkSettings(delay=settings[0], delay_deviation=settings[1]) for settings in (own, defaults))
@@ -144,7 +145,7 @@ def delay_rows(laboratory, effort):
 def case_rows(laboratory):
     rows = []
     for case in cases.cases(laboratory.seed):
-        progress(f"confirmations: {case.title}")
+        progress.begin(f"confirmations: {case.title}")
         rows.append(tables.CaseRow(case, cases.measure_case(laboratory, case)))
     return rows
 
@@ -155,7 +156,7 @@ def punctuality_rows(laboratory, effort, round_trips):
     for delay in effort.delays:
         for deviation in effort.deviations:
             for rate, frames in ((IDLE_RATE, effort.idle_frames), (LOADED_RATE, effort.loaded_frames)):
-                progress(f"moment of delivery: delay {delay} ms, deviation {deviation} ms, {rate} frames/s")
+                progress.begin(f"moment of delivery: delay {delay} ms, deviation {deviation} ms, {rate} frames/s")
                 figures, others = measure.measure_timing(
                     laboratory, effort.timing_tries, frames, SMALLEST_FRAME, delay, deviation, rate
                 )
@@ -173,13 +174,13 @@ def punctuality_rows(laboratory, effort, round_trips):
 def clock_rows(laboratory, effort):
     rows = []
     for delay, deviation in effort.clock_links:
-        progress(f"clock: delay {delay} ms, deviation {deviation} ms")
+        progress.begin(f"clock: delay {delay} ms, deviation {deviation} ms")
         figures, _ = measure.measure_timing(
             laboratory, effort.timing_tries, effort.clock_frames, SMALLEST_FRAME, delay, deviation, rate=0
         )
         readings = analysis.clock_readings(figures["sent_ns"], figures["arrived_ns"])
         drawn = numpy.array(replay.delays(figures["seed"], effort.clock_frames, SMALLEST_FRAME, delay, deviation))
-        rows.append(tables.ClockRow(delay, deviation, readings, drawn))
+        rows.append(tables.ClockRow(delay, deviation, readings, drawn, figures["timer_in_time"]))
     return rows
 
 
@@ -242,16 +243,6 @@ def measure_all(laboratory, options):
     return {**drawn, **timed}, round_trips
 
 
-def progress(text):
-    if sys.stderr.isatty():
-        print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
-
-
-def find_program(folder, name):
-    found = [path for path in sorted(folder.rglob(name)) if path.is_file()]
-    return found[0] if found else None
-
-
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build-dir", type=pathlib.Path, default=measure.TOP_FOLDER / "build" / "release")
@@ -278,9 +269,8 @@ def main():
         try:
             rows, round_trips = measure_all(laboratory, options)
         except (measure.MeasurementFailed, cases.bridge.Disconnected, subprocess.TimeoutExpired, OSError) as error:
-            print(f"\nnot measured: {error}", file=sys.stderr)
-            return 2
-    progress("")
+            return progress.fail(error)
+    progress.end()
     quiet = (laboratory.repeated, laboratory.disturbed)
     result = fidelitydocument.Result(rows, round_trips, options.seed, *quiet)
     if options.output:

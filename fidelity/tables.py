@@ -261,6 +261,7 @@ class ClockRow:
     deviation: int
     readings: numpy.ndarray  # ms
     drawn: numpy.ndarray  # ms, of the replay
+    timer_in_time: float  # share of a plain timer's wake-ups meanwhile
 
     def equal(self):
         return int((self.readings == self.drawn).sum())
@@ -291,6 +292,7 @@ class ClockRow:
             "set": range_text(*(bound(analysis.delay_shares(self.delay, self.deviation)) for bound in (min, max))),
             "measured": range_text(self.readings.min(), self.readings.max()),
             "as drawn": f"{self.equal():,}",
+            "timer": f"{self.timer_in_time:.2%}",
             "chi-square": f"{fit.statistic:.1f} ({fit.freedom})" if not fit.is_exact else "exact",
             "p-value": p_text(fit),
         }

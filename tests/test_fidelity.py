@@ -9,7 +9,9 @@ import copy
 import os
 import sys
 import tempfile
+import time
 import unittest
+import unittest.mock
 from pathlib import Path
 
 TOP_FOLDER = Path(__file__).resolve().parent.parent
@@ -19,6 +21,7 @@ import numpy  # noqa: E402
 
 import analysis  # noqa: E402
 import cases  # noqa: E402
+import disturbance  # noqa: E402
 import fidelity  # noqa: E402
 import fidelitydocument  # noqa: E402
 import measure  # noqa: E402
@@ -215,7 +218,7 @@ class TestDelayVerdicts(unittest.TestCase):
     def clock_row(self, delays: list[int]) -> tables.ClockRow:
         sent = numpy.arange(len(delays)) * 20 * MILLISECOND
         readings = analysis.clock_readings(sent, sent + numpy.array(delays) * MILLISECOND + 200_000)
-        return tables.ClockRow(10, 10, readings, numpy.array(delays))
+        return tables.ClockRow(10, 10, readings, numpy.array(delays), timer_in_time=1.0)
 
     def test_even_readings_of_the_clock_hold(self) -> None:
         self.assertEqual(failures(self.clock_row(list(range(5, 15)) * 60)), [])
@@ -254,7 +257,7 @@ class PlannedRuns(measure.Laboratory):
 
     def __init__(self, *stolen: float) -> None:
         super().__init__("simulator", "client", "folder", seed=1)
-        self.planned = [Disturbance(share, waited=0.0) for share in stolen]
+        self.planned = [Disturbance(share, waited=0.0, late=0.0) for share in stolen]
         self.seeds = []
         self.figures = lambda run: run
 
@@ -262,6 +265,9 @@ class PlannedRuns(measure.Laboratory):
         self.seeds.append(seed)
         run = len(self.seeds)
         return self.figures(run), self.planned[run - 1]
+
+    def run_beside_timer(self, *what) -> tuple:
+        return self.run_once(*what)
 
 
 class TestDisturbance(unittest.TestCase):
@@ -313,6 +319,26 @@ class TestDisturbance(unittest.TestCase):
     def test_waiting_disturbs_as_stealing_does(self) -> None:
         self.assertTrue(Disturbance(stolen=0.0, waited=0.5).exceeds(USUAL))
         self.assertFalse(Disturbance(stolen=0.0, waited=0.0).exceeds(USUAL))
+
+    def test_a_plain_timer_that_wakes_up_late_disturbs_lone_frames(self) -> None:
+        self.assertTrue(Disturbance(stolen=0.0, waited=0.0, late=0.1).exceeds(measure.LONE))
+        self.assertFalse(Disturbance(stolen=0.0, waited=0.0, late=0.0).exceeds(measure.LONE))
+        self.assertFalse(Disturbance(stolen=0.0, waited=0.0, late=0.1).exceeds(USUAL))
+
+    def test_of_runs_alike_that_with_the_timer_in_time_counts(self) -> None:
+        laboratory = PlannedRuns(0.0, 0.0)
+        laboratory.planned[0].late = 0.1
+        self.assertEqual(laboratory.measure_quietly(measure.LONE, 2, None, "timing"), (2, [1]))
+
+    def test_the_late_wake_ups_of_a_timer_are_told(self) -> None:
+        for limit, share in ((0.0, 1.0), (60.0, 0.0)):
+            with (
+                unittest.mock.patch.object(disturbance, "LATE_WAKE_UP", limit),
+                disturbance.TimerWatch(min(os.sched_getaffinity(0))) as timer,
+            ):
+                while timer.wake_ups < 3:
+                    time.sleep(0.001)
+            self.assertEqual(timer.late(), share)
 
 
 class TestMeasuring(unittest.TestCase):

@@ -238,7 +238,7 @@ def measure(bench, tools):
         for size in SIZES:
             for tool in tools if number % 2 == 0 else reversed(tools):
                 for placement in PLACEMENTS:
-                    run.progress(f"round {number + 1} of {bench.options.rounds}: {size} bytes, {tool.title}")
+                    run.progress.begin(f"round {number + 1} of {bench.options.rounds}: {size} bytes, {tool.title}")
                     with Run(bench, placement) as current:
                         result = tool.measure(current, size)
                     check_corruption(tool, size, result)
@@ -390,9 +390,8 @@ def main():
         try:
             runs = measure(Bench(options, folder), tools)
         except (MeasurementFailed, subprocess.TimeoutExpired, FileNotFoundError) as error:
-            print(f"\nnot measured: {error}", file=sys.stderr)
-            return 2
-    run.progress("")
+            return run.progress.fail(error)
+    run.progress.end()
     rows = rows_of(runs, tools)
     judged = verdicts(rows)
     disturbed, alone = disturbed_runs(runs)
