@@ -55,7 +55,7 @@ class Effort:
     idle_frames: int = 1_000
     loaded_frames: int = 40_000
     clock_frames: int = 600
-    timing_tries: int = 5  # at most, of a measurement of time that others disturb
+    timing_tries: int = measure.TRIES
     reliabilities: tuple = RELIABILITIES
     sizes: tuple = SIZES
     detection_links: tuple = DETECTION_LINKS
@@ -157,16 +157,11 @@ def punctuality_rows(laboratory, effort, round_trips):
         for deviation in effort.deviations:
             for rate, frames in ((IDLE_RATE, effort.idle_frames), (LOADED_RATE, effort.loaded_frames)):
                 progress.begin(f"moment of delivery: delay {delay} ms, deviation {deviation} ms, {rate} frames/s")
-                figures, others = measure.measure_timing(
+                figures = measure.measure_timing(
                     laboratory, effort.timing_tries, frames, SMALLEST_FRAME, delay, deviation, rate
                 )
-                drawn = replay.delays(figures["seed"], frames, SMALLEST_FRAME, delay, deviation)
-                errors, *other_errors = (
-                    analysis.delivery_errors(run["sent_ns"], run["arrived_ns"], drawn) for run in [figures, *others]
-                )
-                earliest = min(found.min() for found in [errors, *other_errors])
-                sent = numpy.array(figures["sent_ns"])
-                rows.append(tables.PunctualityRow(delay, deviation, rate, sent, errors, earliest, effort.punctuality))
+                of_frames = (figures[name] for name in ("sent_ns", "errors_us", "earliest_us"))
+                rows.append(tables.PunctualityRow(delay, deviation, rate, *of_frames, effort.punctuality))
                 round_trips += figures["round_trips_ns"]
     return rows
 
@@ -175,12 +170,11 @@ def clock_rows(laboratory, effort):
     rows = []
     for delay, deviation in effort.clock_links:
         progress.begin(f"clock: delay {delay} ms, deviation {deviation} ms")
-        figures, _ = measure.measure_timing(
+        figures = measure.measure_timing(
             laboratory, effort.timing_tries, effort.clock_frames, SMALLEST_FRAME, delay, deviation, rate=0
         )
         readings = analysis.clock_readings(figures["sent_ns"], figures["arrived_ns"])
-        drawn = numpy.array(replay.delays(figures["seed"], effort.clock_frames, SMALLEST_FRAME, delay, deviation))
-        rows.append(tables.ClockRow(delay, deviation, readings, drawn, figures["timer_in_time"]))
+        rows.append(tables.ClockRow(delay, deviation, readings, figures["drawn_ms"], figures["timer_in_time"]))
     return rows
 
 
@@ -208,39 +202,44 @@ def timed_rows(laboratory, effort):
 
 @dataclass
 class Kept:
-    """What a run leaves for a later one that measures the times only."""
+    """What a run leaves for a later one that measures only the times which others have disturbed."""
 
-    rows: dict
-    laboratory: dict  # what it has counted
+    program: str  # its digest
+    rows: dict  # that a seed settles
+    counted: dict  # by the laboratory until then
+    timings: dict  # measurements of time by seed
 
     def save(self, file):
         file.parent.mkdir(parents=True, exist_ok=True)
         file.write_bytes(pickle.dumps(self))
 
-
-def keep_drawn_rows(laboratory, effort, file):
-    rows = drawn_rows(laboratory, effort)
-    if file:
-        Kept(rows, laboratory.counted()).save(file)
-    return rows
-
-
-def take_kept_rows(laboratory, file):
-    try:
-        kept = pickle.loads(file.read_bytes())
-    except FileNotFoundError:
-        raise measure.MeasurementFailed(f"no run with seed {laboratory.seed} has left {file}") from None
-    laboratory.go_on_from(kept.laboratory)
-    return kept.rows
+    @staticmethod
+    def load(file, program):
+        try:
+            kept = pickle.loads(file.read_bytes())
+        except FileNotFoundError:
+            raise measure.MeasurementFailed(f"no earlier run has left {file}") from None
+        if kept.program != program:
+            raise measure.MeasurementFailed(f"{file} is of another build of the simulator")
+        return kept
 
 
 def measure_all(laboratory, options):
     """Rows by the name of their table, and the round trips of the measuring in µs."""
     effort = SHORT if options.short else Effort()
-    file = None if options.short else options.build_dir.parent / "fidelity" / f"seed-{options.seed}.pickle"
-    drawn = take_kept_rows(laboratory, file) if options.times else keep_drawn_rows(laboratory, effort, file)
-    timed, round_trips = timed_rows(laboratory, effort)
-    return {**drawn, **timed}, round_trips
+    file = options.build_dir.parent / "fidelity" / f"seed-{options.seed}.pickle"
+    if options.times:
+        kept = Kept.load(file, laboratory.program_digest())
+        laboratory.go_on_from(kept.counted, kept.timings)
+    else:
+        rows = drawn_rows(laboratory, effort)
+        kept = Kept(laboratory.program_digest(), rows, laboratory.counted(), laboratory.timings)
+    try:
+        timed, round_trips = timed_rows(laboratory, effort)
+    finally:
+        if not options.short:
+            kept.save(file)
+    return {**kept.rows, **timed}, round_trips
 
 
 def parse_options():
@@ -249,7 +248,7 @@ def parse_options():
     parser.add_argument("--output", type=pathlib.Path, help="folder of the document (docs; of --short: none)")
     parser.add_argument("--seed", type=int, default=1, help="of the simulator's random numbers (1)")
     parser.add_argument("--short", action="store_true", help="a part of the settings, fewer frames, no limits of time")
-    parser.add_argument("--times", action="store_true", help="measure the times only; the last run has left the rest")
+    parser.add_argument("--times", action="store_true", help="only times that were disturbed in the last run")
     options = parser.parse_args()
     if options.short and options.times:
         parser.error("--times goes on from a long run")
@@ -271,7 +270,7 @@ def main():
         except (measure.MeasurementFailed, cases.bridge.Disconnected, subprocess.TimeoutExpired, OSError) as error:
             return progress.fail(error)
     progress.end()
-    quiet = (laboratory.repeated, laboratory.disturbed)
+    quiet = (laboratory.repeated, laboratory.disturbed, laboratory.most_runs())
     result = fidelitydocument.Result(rows, round_trips, options.seed, *quiet)
     if options.output:
         options.output.mkdir(parents=True, exist_ok=True)

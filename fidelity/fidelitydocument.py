@@ -25,6 +25,7 @@ class Result:
     seed: int
     repeated: int = 0  # measurements of time, because others disturbed them
     disturbed: int = 0  # those disturbed each time
+    most_runs: int = 1  # of one of them
 
     def all_rows(self):
         return [row for rows in self.rows.values() for row in rows]
@@ -70,6 +71,8 @@ def write(result, folder):
         timings=len(result.rows["punctuality"]) + len(result.rows["clock"]),
         repeated=result.repeated,
         disturbed=result.disturbed,
+        most=result.most_runs,
+        tries=measure.TRIES,
         lone_stolen=percent(measure.LONE.stolen),
         lone_waited=percent(measure.LONE.waited),
         lone_late=percent(measure.LONE.late),

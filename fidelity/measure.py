@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import dataclasses
+import hashlib
 import json
 import os
 import pathlib
@@ -10,6 +11,9 @@ import random
 import subprocess
 import sys
 
+import numpy
+
+import analysis
 import replay
 
 TOP_FOLDER = pathlib.Path(__file__).resolve().parent.parent
@@ -24,6 +28,8 @@ MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation
 PATIENCE = 600  # s, for one measurement
 LONE_RATE = 1000  # frames/s; below it the simulator has gone to sleep when the next frame comes
 LONE = disturbance.Disturbance(stolen=0.001, waited=0.001, late=0.002)  # more is too much where single frames count
+TRIES = 3  # at most, in one run, of a measurement of time that others disturb
+TOGETHER = {"runs": sum, "order_errors": sum, "earliest_us": min}  # what figures of all runs of a measurement contain
 COUNTED = ("measurements", "frames_sent", "frames_placed", "order_errors")  # of a laboratory
 CONFIRMING = NodeSettings(confirms=CHECKED)  # what is lost is reported at once
 
@@ -45,6 +51,11 @@ def waited_for_processor(process):
     return int(pathlib.Path(f"/proc/{process.pid}/schedstat").read_text(encoding="ascii").split()[1]) / 1e9
 
 
+def together(runs):
+    """Of the figures of all runs of a measurement."""
+    return {name: combine(run[name] for run in runs) for name, combine in TOGETHER.items()}
+
+
 class Laboratory:
     """Programs, processor cores and the folder for the files in between. Also what bench's Server asks for."""
 
@@ -61,6 +72,10 @@ class Laboratory:
         self.order_errors = 0  # likewise
         self.repeated = 0  # measurements of time that had to be made again
         self.disturbed = 0  # those that were disturbed each time
+        self.timings = {}  # figures and disturbance of the measurements of time, by seed
+
+    def program_digest(self):
+        return hashlib.sha256(pathlib.Path(self.program).read_bytes()).hexdigest()
 
     def next_seed(self):
         """Another one for each measurement, or those of one setting would all have the same luck."""
@@ -72,13 +87,18 @@ class Laboratory:
         self.frames_placed += placed
         self.order_errors += order_errors
 
+    def most_runs(self):
+        """Of one measurement of time."""
+        return max((figures["runs"] for figures, _ in self.timings.values()), default=0)
+
     def counted(self):
         """For go_on_from() of another one of the same seed."""
         return {name: getattr(self, name) for name in COUNTED}
 
-    def go_on_from(self, counted):
+    def go_on_from(self, counted, timings):
         for name in COUNTED:
             setattr(self, name, counted[name])
+        self.timings = timings
 
     def simulator(self, simulation, seed):
         file = self.folder / "simulation.ltvo"
@@ -90,16 +110,20 @@ class Laboratory:
         """Figures of the client, with the seed."""
         return self.run_once(self.next_seed(), simulation, what, options)[0]
 
-    def measure_quietly(self, limits, tries, simulation, what, **options):
-        """Again while others disturb it, with the same seed: the figures of the least disturbed run, whatever came out, and
-        those of the other ones."""
-        run_once = self.run_once if limits.late is None else self.run_beside_timer
+    def measure_quietly(self, limits, tries, run):
+        """Figures of the least disturbed run, whatever came out of it.
+
+        `run` takes a seed, the same each time, and returns figures and disturbance; it is made until others do not disturb
+        it. One that was kept from before counts as made. What no disturbance excuses, and how many runs there were, is
+        that of all of them.
+        """
         seed = self.next_seed()
-        runs = disturbance.quietest(tries, lambda: run_once(seed, simulation, what, options), limits)
-        figures, disturbed, others = runs
-        self.repeated += bool(others)
+        figures, disturbed, others = disturbance.quietest(tries, lambda: run(seed), limits, self.timings.get(seed))
+        figures = {**figures, **together([figures, *others])}
+        self.timings[seed] = figures, disturbed
+        self.repeated += figures["runs"] > 1
         self.disturbed += disturbed.exceeds(limits)
-        return figures, others
+        return figures
 
     def run_once(self, seed, simulation, what, options):
         """Figures of the client, with the seed, and the disturbance."""
@@ -168,8 +192,7 @@ def measure_deadlines(laboratory, frames, frame_bytes, link, defaults, deadlines
 
 
 def measure_timing(laboratory, tries, frames, frame_bytes, delay, deviation, rate):
-    """The figures that count, and those of the runs that were too disturbed; frames out of order are counted in all of
-    them. At a rate of 0 the next frame goes when the last one has arrived."""
+    """At a rate of 0 the next frame goes when the last one has arrived."""
     simulation = Simulation(
         pairs=1,
         single_nodes=1,
@@ -177,10 +200,18 @@ def measure_timing(laboratory, tries, frames, frame_bytes, delay, deviation, rat
         own_nodes={1: CONFIRMING, 2: CONFIRMING},
         own_links={0: LinkSettings(delay=delay, delay_deviation=deviation)},
     )
-    limits = disturbance.USUAL if rate > LONE_RATE else LONE
-    figures, others = laboratory.measure_quietly(
-        limits, tries, simulation, "timing", frames=frames, size=frame_bytes, rate=rate
-    )
-    order_errors = sum(each["order_errors"] for each in [figures, *others])
-    laboratory.count(len(figures["sent_ns"]), len(figures["arrived_ns"]), order_errors)
-    return figures, others
+    options = {"frames": frames, "size": frame_bytes, "rate": rate}
+    is_lone = rate <= LONE_RATE
+    run_once = laboratory.run_beside_timer if is_lone else laboratory.run_once
+
+    def run(seed):
+        figures, disturbed = run_once(seed, simulation, "timing", options)
+        sent, arrived = (numpy.array(figures[name]) for name in ("sent_ns", "arrived_ns"))
+        drawn = numpy.array(replay.delays(seed, frames, frame_bytes, delay, deviation))
+        errors = analysis.delivery_errors(sent, arrived, drawn)
+        found = {"sent_ns": sent, "arrived_ns": arrived, "drawn_ms": drawn, "errors_us": errors}
+        return {**figures, **found, "earliest_us": errors.min(), "runs": 1}, disturbed
+
+    figures = laboratory.measure_quietly(LONE if is_lone else disturbance.USUAL, tries, run)
+    laboratory.count(len(figures["sent_ns"]), len(figures["arrived_ns"]), figures["order_errors"])
+    return figures

@@ -253,21 +253,26 @@ class TestDocument(unittest.TestCase):
 
 
 class PlannedRuns(measure.Laboratory):
-    """Its runs are disturbed as planned; their figures are their numbers."""
+    """Its runs are disturbed as planned; their figures tell which they are."""
 
     def __init__(self, *stolen: float) -> None:
         super().__init__("simulator", "client", "folder", seed=1)
         self.planned = [Disturbance(share, waited=0.0, late=0.0) for share in stolen]
         self.seeds = []
-        self.figures = lambda run: run
+        self.figures = lambda _run: {}
 
     def run_once(self, seed: int, *_what) -> tuple:
         self.seeds.append(seed)
         run = len(self.seeds)
-        return self.figures(run), self.planned[run - 1]
+        figures = {"run": run, "runs": 1, "order_errors": 0, "earliest_us": 0.0, **self.figures(run)}
+        return figures, self.planned[run - 1]
 
     def run_beside_timer(self, *what) -> tuple:
         return self.run_once(*what)
+
+    def measure_planned(self, limits: Disturbance, tries: int) -> int:
+        """Return which run counts."""
+        return self.measure_quietly(limits, tries, self.run_once)["run"]
 
 
 class TestDisturbance(unittest.TestCase):
@@ -275,19 +280,53 @@ class TestDisturbance(unittest.TestCase):
 
     def test_an_undisturbed_run_is_not_repeated(self) -> None:
         laboratory = PlannedRuns(0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), (1, []))
+        self.assertEqual(laboratory.measure_planned(USUAL, 5), 1)
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (1, 0, 0))
 
     def test_a_disturbed_run_is_repeated_with_its_seed_until_one_is_quiet(self) -> None:
         laboratory = PlannedRuns(0.3, 0.2, 0.0, 0.0)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 5, None, "timing"), (3, [1, 2]))
+        self.assertEqual(laboratory.measure_planned(USUAL, 5), 3)
         self.assertEqual(len(set(laboratory.seeds)), 1)
         self.assertEqual((len(laboratory.seeds), laboratory.repeated, laboratory.disturbed), (3, 1, 0))
 
     def test_of_disturbed_runs_the_least_disturbed_counts(self) -> None:
         laboratory = PlannedRuns(0.3, 0.1, 0.2)
-        self.assertEqual(laboratory.measure_quietly(USUAL, 3, None, "timing"), (2, [1, 3]))
+        self.assertEqual(laboratory.measure_planned(USUAL, 3), 2)
         self.assertEqual((laboratory.repeated, laboratory.disturbed), (1, 1))
+
+    def go_on_from(self, earlier: PlannedRuns, *stolen: float) -> PlannedRuns:
+        """Return a laboratory that has what another run has kept."""
+        later = PlannedRuns(*stolen)
+        later.go_on_from(PlannedRuns().counted(), earlier.timings)
+        return later
+
+    def test_a_quiet_run_that_was_kept_is_not_made_again(self) -> None:
+        first = PlannedRuns(0.0)
+        first.measure_planned(USUAL, 3)
+        second = self.go_on_from(first, 0.0)
+        self.assertEqual(second.measure_planned(USUAL, 3), 1)
+        self.assertEqual((second.seeds, second.repeated, second.disturbed), ([], 0, 0))
+
+    def test_a_disturbed_run_that_was_kept_is_made_again_with_its_seed(self) -> None:
+        first = PlannedRuns(0.3)
+        first.measure_planned(USUAL, 1)
+        second = self.go_on_from(first, 0.2, 0.0)
+        self.assertEqual(second.measure_planned(USUAL, 3), 2)
+        self.assertEqual(second.seeds, 2 * first.seeds)
+        self.assertEqual((second.repeated, second.disturbed), (1, 0))
+
+    def test_a_kept_run_counts_when_the_later_ones_are_more_disturbed(self) -> None:
+        first = PlannedRuns(0.1)
+        first.figures = lambda _run: {"run": "kept"}
+        first.measure_planned(USUAL, 1)
+        second = self.go_on_from(first, 0.3, 0.2)
+        self.assertEqual(second.measure_planned(USUAL, 2), "kept")
+
+    def test_all_runs_of_a_measurement_are_counted(self) -> None:
+        first = PlannedRuns(0.3, 0.2)
+        first.measure_planned(USUAL, 2)
+        second = self.go_on_from(first, 0.0)
+        self.assertEqual(second.measure_quietly(USUAL, 2, second.run_once)["runs"], 3)
 
     def test_frames_out_of_order_count_in_discarded_runs_too(self) -> None:
         laboratory = PlannedRuns(0.3, 0.0)
@@ -300,9 +339,7 @@ class TestDisturbance(unittest.TestCase):
         laboratory.figures = lambda run: {
             "sent_ns": [0, 1_000_000],
             "arrived_ns": [2_000_000 if run == 2 else 500_000, 4_000_000],
-            "order_errors": 0,
             "round_trips_ns": [],
-            "seed": 1,
         }
         effort = fidelity.Effort(delays=(1,), deviations=(0,), idle_frames=2, loaded_frames=2, punctuality={})
         laboratory.planned *= 2
@@ -313,7 +350,7 @@ class TestDisturbance(unittest.TestCase):
     def test_repetitions_leave_the_seeds_of_later_measurements_alone(self) -> None:
         quiet, disturbed = PlannedRuns(0.0), PlannedRuns(0.3, 0.3, 0.3)
         for laboratory in (quiet, disturbed):
-            laboratory.measure_quietly(USUAL, 3, None, "timing")
+            laboratory.measure_planned(USUAL, 3)
         self.assertEqual(quiet.next_seed(), disturbed.next_seed())
 
     def test_waiting_disturbs_as_stealing_does(self) -> None:
@@ -328,7 +365,7 @@ class TestDisturbance(unittest.TestCase):
     def test_of_runs_alike_that_with_the_timer_in_time_counts(self) -> None:
         laboratory = PlannedRuns(0.0, 0.0)
         laboratory.planned[0].late = 0.1
-        self.assertEqual(laboratory.measure_quietly(measure.LONE, 2, None, "timing"), (2, [1]))
+        self.assertEqual(laboratory.measure_planned(measure.LONE, 2), 2)
 
     def test_the_late_wake_ups_of_a_timer_are_told(self) -> None:
         for limit, share in ((0.0, 1.0), (60.0, 0.0)):
