@@ -140,12 +140,15 @@ def summary(judged):
 
 
 def disturbed_runs(engine, comparison):
-    """Two sentences."""
+    """Sentences."""
+    failures = comparison["failures"]
+    made_again = f" Made again because they failed: {'; '.join(failures)}." if failures else ""
     return (
         f"{engine['disturbed_runs']} of {engine['runs']} runs against the limit and "
         f"{comparison['disturbed_runs']} of {comparison['runs']} beside other tools were disturbed: "
         f"{disturbance.MEANING}. "
         f"Those against the limit had been made up to {run.TRIES} times by then, and the least disturbed one counts."
+        f"{made_again}"
     )
 
 

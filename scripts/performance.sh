@@ -1,6 +1,7 @@
 #!/bin/sh
-# performance.sh [--rounds N] [--duration S] [--window]: measures the simulator against the limit and beside other tools,
-# with --window also the program with its window shown, and writes docs/performance.md and its plots.
+# performance.sh [--rounds N] [--duration S] [--window] [--go-on]: measures the simulator against the limit and beside other
+# tools, with --window also the program with its window shown, and writes docs/performance.md and its plots. --go-on leaves out
+# what a run that was broken off has measured.
 # Exit code 1: a target is missed, as the document says; 2: something could not be measured, no document is written.
 set -eu
 
@@ -9,30 +10,34 @@ cd "$(dirname "$0")/.."
 
 usage()
 {
-    sed -n '2,4s/^# //p' "scripts/$(basename "$0")" >&2
+    sed -n '2,5s/^# //p' "scripts/$(basename "$0")" >&2
     exit 2
 }
 
 rounds=5
 duration=1.5
 window=no
+goes_on=no
 while [ $# -gt 0 ]; do
     case "$1" in
     --rounds) rounds=${2:?}; shift 2 ;;
     --duration) duration=${2:?}; shift 2 ;;
     --window) window=yes; shift ;;
+    --go-on) goes_on=yes; shift ;;
     *) usage ;;
     esac
 done
 
-results=$(mktemp -d)
-trap 'rm -rf "$results"' EXIT
+results=build/performance
+[ "$goes_on" = yes ] || rm -rf "$results"
+mkdir -p "$results"
 
 # measure FILE COMMAND...: writes the figures there; a missed target is told at the end, by the document.
 measure()
 {
     file=$1
     shift
+    [ ! -s "$file" ] || return 0
     "$@" --rounds "$rounds" --duration "$duration" --json "$file" || [ $? -eq 1 ] || exit 2
     [ -s "$file" ] || exit 2
 }

@@ -51,7 +51,7 @@ def comparison_of(speeds: dict) -> dict:
                 runs[tool.key, size, placement] = [result]
     rows = compare.rows_of(runs, tools)
     settings = {"rounds": 1, "duration": 1.0, "window": compare.WINDOW, "error_rate": compare.ERROR_RATE}
-    return {"rows": rows, "verdicts": compare.verdicts(rows), "runs": 4, "disturbed_runs": 0, **settings}
+    return {"rows": rows, "verdicts": compare.verdicts(rows), "runs": 4, "disturbed_runs": 0, "failures": [], **settings}
 
 
 FAST = {"lattivo": 300_000, "vde": 100_000, "ns3": 90_000}
@@ -81,6 +81,10 @@ class DocumentTest(unittest.TestCase):
     def test_disturbed_runs_are_told(self):
         self.assertIn("1 of 2 runs against the limit and 0 of 4 beside", self.text(engine(1.3), comparison_of(FAST)))
 
+    def test_runs_of_other_tools_that_failed_are_told(self):
+        comparison = {**comparison_of(FAST), "failures": ["VDE: no frame arrived intact"]}
+        self.assertIn("Made again because they failed: VDE: no frame", self.text(engine(1.3), comparison))
+
     def test_each_target_is_judged_by_itself(self):
         judged = document.judged_targets(engine(1.3), comparison_of(SLOW), None)
         self.assertEqual([False, False], [reached for words, reached in judged if "ns-3" in words])
@@ -100,6 +104,44 @@ class VerdictTest(unittest.TestCase):
         few = compare.Figures(100_000, 1_000, 1.0, 0.5, 0.5, 0.0, 0.5)
         with self.assertRaises(run.MeasurementFailed):
             compare.check_corruption(compare.TOOLS[0], 64, few)
+
+
+class FailingTool:
+    """Fails so often before it is measured."""
+
+    def __init__(self, key: str, failures: int):
+        self.tool = compare.Tool(key, "Tool", self.measure, decided_bits=None)
+        self.left = failures
+
+    def measure(self, _current: compare.Run, size: int) -> compare.Figures:
+        self.left -= 1
+        if self.left >= 0:
+            raise run.MeasurementFailed("stalled")
+        frames = 1_000_000
+        return compare.Figures(frames, round(frames * compare.expected_share(size)), 1.0, 0.5, 0.5, 0.0, 0.5)
+
+
+class FailureTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.bench = compare.Bench(None, folder.name)
+
+    def measure(self, failing: FailingTool) -> compare.Figures:
+        return compare.measure_patiently(self.bench, failing.tool, 64, "any core")
+
+    def test_a_run_of_another_tool_that_fails_is_made_again_and_noted(self):
+        self.measure(FailingTool("vde", failures=2))
+        self.assertEqual(self.bench.failures, 2 * ["Tool: stalled"])
+
+    def test_another_tool_that_always_fails_is_not_measured(self):
+        with self.assertRaises(run.MeasurementFailed):
+            self.measure(FailingTool("vde", failures=100))
+
+    def test_a_failure_of_our_own_is_not_made_good(self):
+        with self.assertRaises(run.MeasurementFailed):
+            self.measure(FailingTool("lattivo", failures=1))
+        self.assertEqual(self.bench.failures, [])
 
 
 def build_folder() -> Path:

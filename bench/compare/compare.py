@@ -43,6 +43,7 @@ LOST_TOLERANCE = 0.001  # of the frames, where corrupted ones are to arrive
 START_PATIENCE = 10.0  # s
 CLIENT_PATIENCE = 60.0  # s
 WARM_UP = 0.3  # s
+OTHERS_TRIES = 3  # of a run of another tool that fails
 
 
 @dataclass
@@ -146,6 +147,7 @@ class Bench:
         self.options = options
         self.folder = folder
         self.client_core, self.server_core = run.choose_cores()
+        self.failures = []  # of runs that were made again
 
 
 def lattivo(current, size):
@@ -239,11 +241,26 @@ def measure(bench, tools):
             for tool in tools if number % 2 == 0 else reversed(tools):
                 for placement in PLACEMENTS:
                     run.progress.begin(f"round {number + 1} of {bench.options.rounds}: {size} bytes, {tool.title}")
-                    with Run(bench, placement) as current:
-                        result = tool.measure(current, size)
-                    check_corruption(tool, size, result)
+                    result = measure_patiently(bench, tool, size, placement)
                     runs.setdefault((tool.key, size, placement), []).append(result)
     return runs
+
+
+def measure_patiently(bench, tool, size, placement):
+    """Again when another tool fails, which held up by the host may lose all that is under way. Lattivo must not."""
+    for _ in range(0 if tool.key == "lattivo" else OTHERS_TRIES - 1):
+        try:
+            return measure_once(bench, tool, size, placement)
+        except MeasurementFailed as error:
+            bench.failures.append(f"{tool.title}: {error}")
+    return measure_once(bench, tool, size, placement)
+
+
+def measure_once(bench, tool, size, placement):
+    with Run(bench, placement) as current:
+        result = tool.measure(current, size)
+    check_corruption(tool, size, result)
+    return result
 
 
 def expected_share(size):
@@ -388,7 +405,8 @@ def main():
     tools = [tool for tool in TOOLS if not options.only or tool.key in options.only]
     with tempfile.TemporaryDirectory(prefix="lattivo-compare-") as folder:
         try:
-            runs = measure(Bench(options, folder), tools)
+            bench = Bench(options, folder)
+            runs = measure(bench, tools)
         except (MeasurementFailed, subprocess.TimeoutExpired, FileNotFoundError) as error:
             return run.progress.fail(error)
     run.progress.end()
@@ -398,7 +416,8 @@ def main():
     print_tables(rows, judged)
     if options.json:
         settings = {"rounds": options.rounds, "duration": options.duration, "window": WINDOW, "error_rate": ERROR_RATE}
-        result = {"rows": rows, "verdicts": judged, "disturbed_runs": disturbed, "runs": alone, **settings}
+        counts = {"disturbed_runs": disturbed, "runs": alone, "failures": bench.failures}
+        result = {"rows": rows, "verdicts": judged, **counts, **settings}
         options.json.write_text(json.dumps(result, indent=2, ensure_ascii=False) + "\n")
     return 1 if any(result["reached"] is False for result in judged) else 0
 
