@@ -50,10 +50,10 @@ def verdict_word(reached):
 
 
 def limit_table(heads, rows):
-    """Only what has a target; the other figures are in the plots and in the script's own output."""
+    """What has a target, and all growth; the other figures are in the plots and in the script's own output."""
     lines = []
     for result in rows:
-        if result["target"] is not None:
+        if result["target"] is not None or result["key"] in run.GROWTH_KEYS:
             *figures, _ = run.cells(result)
             lines.append([*figures, verdict_word(result["reached"])])
     return table(heads, lines) if lines else "Not measured this time."

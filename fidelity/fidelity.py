@@ -213,27 +213,29 @@ class Kept:
         file.parent.mkdir(parents=True, exist_ok=True)
         file.write_bytes(pickle.dumps(self))
 
-    @staticmethod
-    def load(file, program):
-        try:
-            kept = pickle.loads(file.read_bytes())
-        except FileNotFoundError:
-            raise measure.MeasurementFailed(f"no earlier run has left {file}") from None
-        if kept.program != program:
-            raise measure.MeasurementFailed(f"{file} is of another build of the simulator")
-        return kept
+
+def new_kept(laboratory, effort):
+    rows = drawn_rows(laboratory, effort)
+    return Kept(laboratory.program_digest(), rows, laboratory.counted(), laboratory.timings)
+
+
+def kept_before(laboratory, file):
+    """The laboratory goes on where that run ended."""
+    try:
+        kept = pickle.loads(file.read_bytes())
+    except FileNotFoundError:
+        raise measure.MeasurementFailed(f"no earlier run has left {file}") from None
+    if kept.program != laboratory.program_digest():
+        raise measure.MeasurementFailed(f"{file} is of another build of the simulator")
+    laboratory.go_on_from(kept.counted, kept.timings)
+    return kept
 
 
 def measure_all(laboratory, options):
     """Rows by the name of their table, and the round trips of the measuring in µs."""
     effort = SHORT if options.short else Effort()
     file = options.build_dir.parent / "fidelity" / f"seed-{options.seed}.pickle"
-    if options.times:
-        kept = Kept.load(file, laboratory.program_digest())
-        laboratory.go_on_from(kept.counted, kept.timings)
-    else:
-        rows = drawn_rows(laboratory, effort)
-        kept = Kept(laboratory.program_digest(), rows, laboratory.counted(), laboratory.timings)
+    kept = kept_before(laboratory, file) if options.times else new_kept(laboratory, effort)
     try:
         timed, round_trips = timed_rows(laboratory, effort)
     finally:

@@ -385,6 +385,7 @@ class TestMeasuring(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
+        self.kept_file = Path(self.folder) / "build" / "kept.pickle"
         self.laboratory = self.new_laboratory()
 
     def new_laboratory(self) -> measure.Laboratory:
@@ -418,18 +419,23 @@ class TestMeasuring(unittest.TestCase):
             frames=FRAMES, frames_of_large=FRAMES, deadline_frames=FRAMES, reliabilities=(1.0,), sizes=(FRAME_BYTES,),
             detection_links=(), delays=(1,), deviations=(0,),
         )
-        file = Path(self.folder) / "build" / "kept.pickle"
-        kept = fidelity.keep_drawn_rows(self.laboratory, effort, file)
+        kept = fidelity.new_kept(self.laboratory, effort)
+        kept.save(self.kept_file)
         first, self.laboratory = self.laboratory, self.new_laboratory()
-        taken = fidelity.take_kept_rows(self.laboratory, file)
-        self.assertEqual(taken.keys(), kept.keys())
-        self.assertEqual(taken["delays"], kept["delays"])
+        taken = fidelity.kept_before(self.laboratory, self.kept_file)
+        self.assertEqual(taken.rows.keys(), kept.rows.keys())
+        self.assertEqual(taken.rows["delays"], kept.rows["delays"])
         self.assertEqual(self.laboratory.counted(), first.counted())
         self.assertEqual(self.laboratory.next_seed(), first.next_seed())
 
     def test_times_alone_need_an_earlier_run(self) -> None:
         with self.assertRaises(measure.MeasurementFailed):
-            fidelity.take_kept_rows(self.laboratory, Path(self.folder) / "none.pickle")
+            fidelity.kept_before(self.laboratory, self.kept_file)
+
+    def test_times_of_another_build_of_the_simulator_are_not_gone_on_with(self) -> None:
+        fidelity.Kept("another", {}, self.laboratory.counted(), {}).save(self.kept_file)
+        with self.assertRaises(measure.MeasurementFailed):
+            fidelity.kept_before(self.laboratory, self.kept_file)
 
     def test_detection_other_than_claimed_fails(self) -> None:
         figures = self.corruption(RELIABILITY, detection=0.55)

@@ -78,6 +78,13 @@ class DocumentTest(unittest.TestCase):
         self.assertIn("5 of 5 targets are reached", text)
         self.assertNotIn("MISSED", text)
 
+    def test_growth_stands_in_the_table_without_a_target_too(self):
+        figures = engine(1.3)
+        growth = {"ours": 9.0, "limit": 7.5, "ratio": 1.2, "lowest": 1.1, "highest": 1.3}
+        limits = run.Workload("pairs-growth", "the same, of the limit")
+        figures["rows"].append(run.row(limits, "CPU µs/frame", growth))
+        self.assertIn("| the same, of the limit | CPU µs/frame | 9.00 | 7.50 |", self.text(figures, comparison_of(FAST)))
+
     def test_disturbed_runs_are_told(self):
         self.assertIn("1 of 2 runs against the limit and 0 of 4 beside", self.text(engine(1.3), comparison_of(FAST)))
 
