@@ -8,9 +8,11 @@ from __future__ import annotations
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 from pathlib import Path
 
@@ -20,6 +22,7 @@ sys.path[:0] = [str(BENCH), str(BENCH / "compare")]
 
 import compare  # noqa: E402
 import document  # noqa: E402
+import makesimulation  # noqa: E402
 import run  # noqa: E402
 
 PATIENCE = 200.0  # seconds; only a failing test waits that long
@@ -130,9 +133,7 @@ class FailingTool:
 
 class FailureTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.bench = compare.Bench(None, folder.name)
+        self.bench = compare.Bench(None, self.enterContext(tempfile.TemporaryDirectory()))
 
     def measure(self, failing: FailingTool) -> compare.Figures:
         return compare.measure_patiently(self.bench, failing.tool, 64, "any core")
@@ -158,6 +159,35 @@ def build_folder() -> Path:
 def tools_are_there() -> bool:
     built = [run.find_program(build_folder(), name) for name in ("lattivo_frameload", "lattivo_ns3link")]
     return None not in built and None not in [shutil.which(name) for name in ("vde_switch", "wirefilter")]
+
+
+class PacedLoadTest(unittest.TestCase):
+    RATE = 100_000  # frames/s
+    STOPS = 4
+    STOP_TIME = 0.25  # s, several times what fills the receive window at this rate
+    RUN_TIME = 0.1  # s, between two stops
+
+    def start(self, program: Path, *arguments: str) -> subprocess.Popen:
+        process = subprocess.Popen([program, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_no_message_is_cut_while_the_simulator_stands_still(self):
+        file = Path(self.enterContext(tempfile.TemporaryDirectory())) / "pair.ltvo"
+        file.write_bytes(makesimulation.simulation_file(makesimulation.Simulation()))
+        simulator = self.start(build_folder() / "lattivo-headless", file, "--listen", "0", "--identify-by", "address")
+        port = simulator.stdout.readline().split()[-1]
+        load = ["--rate", str(self.RATE), "--duration", str(1.0 + self.STOPS * (self.STOP_TIME + self.RUN_TIME))]
+        client = self.start(run.find_program(build_folder(), "lattivo_loadclient"), "--port", port, *load)
+        for _ in range(self.STOPS):
+            time.sleep(self.RUN_TIME)
+            simulator.send_signal(signal.SIGSTOP)
+            time.sleep(self.STOP_TIME)
+            simulator.send_signal(signal.SIGCONT)
+        output, errors = client.communicate(timeout=PATIENCE)
+        self.assertEqual((client.returncode, errors), (0, ""))
+        self.assertGreater(json.loads(output)["frames"], 0)
 
 
 class LimitTest(unittest.TestCase):
