@@ -17,7 +17,8 @@ class Progress:
     def fail(self, error):
         """The exit code of a script that could not measure everything."""
         self.end()
-        print(f"not measured: {self.step}: {error}", file=sys.stderr)
+        during = f"{self.step}: " if self.step else ""
+        print(f"not measured: {during}{error}", file=sys.stderr)
         return 2
 
     @staticmethod

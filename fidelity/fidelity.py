@@ -207,7 +207,7 @@ class Kept:
     program: str  # its digest
     rows: dict  # that a seed settles
     counted: dict  # by the laboratory until then
-    timings: dict  # measurements of time by seed
+    timings: dict  # measurements of time by seed; the laboratory's own, to which it goes on adding
 
     def save(self, file):
         file.parent.mkdir(parents=True, exist_ok=True)

@@ -1,7 +1,7 @@
 #!/bin/sh
 # performance.sh [--rounds N] [--duration S] [--window] [--go-on]: measures the simulator against the limit and beside other
 # tools, with --window also the program with its window shown, and writes docs/performance.md and its plots. --go-on leaves out
-# what a run that was broken off has measured.
+# what a run that was broken off has measured of this build.
 # Exit code 1: a target is missed, as the document says; 2: something could not be measured, no document is written.
 set -eu
 
@@ -37,7 +37,7 @@ measure()
 {
     file=$1
     shift
-    [ ! -s "$file" ] || return 0
+    [ -z "$(find "$file" -newer build/release/lattivo-headless 2>/dev/null)" ] || return 0
     "$@" --rounds "$rounds" --duration "$duration" --json "$file" || [ $? -eq 1 ] || exit 2
     [ -s "$file" ] || exit 2
 }
@@ -45,7 +45,7 @@ measure()
 # shellcheck disable=SC2086,SC2154  # one word a package
 install_packages $build_packages $comparison_packages gnuplot-nox python3 util-linux >&2
 cmake --preset release >&2
-cmake --build --preset release --target lattivo_frameload lattivo_ns3link >&2
+cmake --build --preset release --target lattivo-headless lattivo_frameload lattivo_ns3link >&2
 
 measure "$results/engine.json" scripts/bench.sh
 measure "$results/comparison.json" python3 -B bench/compare/compare.py --build-dir build/release
