@@ -5,6 +5,7 @@
 #include "network/network.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
+#include "nodes/lingeringsocket.h"
 #include "nodes/tcpnodepropertieswidget.h"
 
 #include <QApplication>
@@ -12,7 +13,6 @@
 #include <QMenu>
 #include <QPointer>
 #include <QTcpSocket>
-#include <QTimer>
 #include <QtEndian>
 
 #include <sys/socket.h>
@@ -25,7 +25,6 @@ constexpr qint64 unsentLimit
     = qint64{64} * 1024 * 1024;       // bytes; a program that stops reading is dropped beyond it
 constexpr int smallestOutput = 1024;  // bytes of room kept for the messages of a pass
 constexpr int largestKeptOutput = 16384;
-constexpr int lingerTime = 3000;  // ms that a closed socket has left to send what was written before
 constexpr int inactiveColorOffset = 150;
 
 struct MenuEntry {
@@ -71,41 +70,6 @@ QByteArray takeArrived(QTcpSocket* socket)
     arrived.truncate(static_cast<int>(std::max<qint64>(0, socket->read(arrived.data(), arrived.size()))));
     return arrived;
 }
-
-/// Closes and deletes a socket that no node uses any more. What has been written is still sent out, if the
-/// peer takes it in time. What the peer still writes is thrown away: closed with unread bytes, a socket loses
-/// its unsent ones in the kernel.
-class LingeringSocket : public QObject
-{
-    Q_OBJECT
-
-public:
-    explicit LingeringSocket(QTcpSocket* socket)
-        : QObject(socket)
-        , _socket(socket)
-    {
-        socket->setParent(NetworkSimulation::instance()->network());
-        connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
-        connect(socket, SIGNAL(readyRead()), this, SLOT(discardInput()));
-        connect(socket, SIGNAL(bytesWritten(qint64)), this, SLOT(endOutput()));
-        QTimer::singleShot(lingerTime, socket, SLOT(deleteLater()));
-        discardInput();
-        endOutput();
-    }
-
-private slots:
-    void discardInput() { _socket->readAll(); }
-
-    /// The peer sees the end of the connection behind the last byte.
-    void endOutput()
-    {
-        if (_socket->bytesToWrite() == 0)
-            ::shutdown(static_cast<int>(_socket->socketDescriptor()), SHUT_WR);
-    }
-
-private:
-    QTcpSocket* _socket;  // its parent
-};
 
 }  // namespace
 
@@ -424,5 +388,3 @@ QWidget* TcpNode::propertiesWidget()
 {
     return new TcpNodePropertiesWidget(this, Node::propertiesWidget());
 }
-
-#include "tcpnode.moc"
