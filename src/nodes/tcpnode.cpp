@@ -13,18 +13,13 @@
 #include <QMenu>
 #include <QPointer>
 #include <QTcpSocket>
-#include <QtEndian>
-
-#include <sys/socket.h>
 
 #include <algorithm>
 
 namespace {
 
 constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;       // bytes; a program that stops reading is dropped beyond it
-constexpr int smallestOutput = 1024;  // bytes of room kept for the messages of a pass
-constexpr int largestKeptOutput = 16384;
+    = qint64{64} * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
 constexpr int inactiveColorOffset = 150;
 
 struct MenuEntry {
@@ -131,7 +126,7 @@ void TcpNode::_detachSocket()
 {
     _socket->disconnect(this);
     _socket = nullptr;
-    _emptyOutput();
+    _output.clear();
     setActive(false, false);
     emit connectionStateChanged();
 }
@@ -149,13 +144,13 @@ void TcpNode::_closeSocket()
 {
     if (!_socket)
         return;
-    _writeOutput();
+    _output.giveToSocket(*_socket);
     QTcpSocket* socket = _socket;
     _detachSocket();
     new LingeringSocket(socket);
 }
 
-/// Of a program that has stopped reading.
+/// Closes the socket of a program that has stopped reading.
 void TcpNode::_abortSocket()
 {
     QTcpSocket* socket = _socket;
@@ -303,7 +298,7 @@ void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
 {
     if (!_socket)
         return;
-    _appendToOutput(type, body);
+    _output.append(type, body);
     if (_socket->bytesToWrite() + _output.size() > unsentLimit) {
         _abortSocket();
         return;
@@ -311,33 +306,7 @@ void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
     if (!_isFlushPending)
         _isFlushPending = _outputFlush.startAtEndOfPass();
     if (!_isFlushPending)
-        _writeOutput();
-}
-
-void TcpNode::_appendToOutput(quint8 type, const QByteArray& body)
-{
-    const int start = _output.size();
-    _output.resize(start + Bridge::headerSize + body.size());
-    char* message = _output.data() + start;
-    message[0] = static_cast<char>(type);
-    qToBigEndian(static_cast<quint32>(body.size()), message + 1);
-    std::copy(body.begin(), body.end(), message + Bridge::headerSize);
-}
-
-/// To the socket, which sends it when the event loop finds it writable.
-void TcpNode::_writeOutput()
-{
-    _socket->write(_output.constData(), _output.size());
-    _emptyOutput();
-}
-
-/// Keeps some memory, as a reserved array does, for the messages of the next pass.
-void TcpNode::_emptyOutput()
-{
-    if (_output.capacity() > largestKeptOutput)
-        _output = QByteArray();
-    _output.reserve(smallestOutput);
-    _output.resize(0);
+        _output.giveToSocket(*_socket);
 }
 
 /// Sends what one pass of deliveries has written in one go, without waiting for the event loop to find it.
@@ -346,26 +315,11 @@ void TcpNode::_flushOutput()
     _isFlushPending = false;
     if (!_socket)
         return;
-    _sendOutput();
+    _output.giveToKernel(*_socket);
     if (_output.isEmpty())
         return;
-    _writeOutput();
+    _output.giveToSocket(*_socket);
     _socket->flush();
-}
-
-/// What the kernel takes at once needs no way through the toolkit's buffer, which costs as much as the call.
-/// The rest stays, and all of it after a failure: the socket is told of that when it is written there.
-void TcpNode::_sendOutput()
-{
-    if (_socket->bytesToWrite() > 0)
-        return;  // it comes first
-    const auto descriptor = static_cast<int>(_socket->socketDescriptor());
-    const auto size = static_cast<size_t>(_output.size());
-    const ssize_t sent = ::send(descriptor, _output.constData(), size, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent == _output.size())
-        _emptyOutput();
-    else if (sent > 0)
-        _output.remove(0, static_cast<int>(sent));
 }
 
 /// For this node only: it becomes the selected one. Dismissing the menu sends nothing.

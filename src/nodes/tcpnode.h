@@ -1,5 +1,6 @@
 #pragma once
 
+#include "nodes/messageoutput.h"
 #include "nodes/node.h"
 
 #include <QAbstractSocket>
@@ -79,14 +80,10 @@ private:
     void _handleColor(MessageReader& reader, quint32 dataLength);
     void _handleName(MessageReader& reader, quint32 dataLength);
     void _sendMessage(quint8 type, const QByteArray& body);
-    void _appendToOutput(quint8 type, const QByteArray& body);
-    void _writeOutput();
-    void _emptyOutput();
-    void _sendOutput();
     void _flushOutput();
 
     QTcpSocket* _socket = nullptr;  // owned once adopted; null when no program is attached
-    QByteArray _output;             // messages of the present pass that the socket has not been given yet
+    MessageOutput _output;          // of the present pass
     bool _isFlushPending = false;
     Timeouts _outputFlush{[this] { _flushOutput(); }};
 

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QByteArray>
+
+QT_BEGIN_NAMESPACE
+class QTcpSocket;
+QT_END_NAMESPACE
+
+/// The messages for a program that its socket has not been given yet, in order.
+class MessageOutput
+{
+public:
+    int size() const { return _bytes.size(); }
+    bool isEmpty() const { return _bytes.isEmpty(); }
+
+    void append(quint8 type, const QByteArray& body);
+    void clear();
+
+    /// Gives the kernel what it takes at once. The way through the buffer of \a socket would cost as much as
+    /// the call. What is left stays here: the rest when the kernel is full, all while older bytes wait in the
+    /// socket or after a failure, which the socket reports itself when it gets the bytes.
+    void giveToKernel(const QTcpSocket& socket);
+
+    /// Gives everything to \a socket, which sends it when the event loop finds it writable.
+    void giveToSocket(QTcpSocket& socket);
+
+private:
+    QByteArray _bytes;
+};
