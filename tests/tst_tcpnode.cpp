@@ -25,7 +25,8 @@ namespace {
 
 constexpr int lingerTime = 3000;  // ms
 constexpr int megabyte = 1024 * 1024;
-constexpr int burstSize = 300;  // frames
+constexpr int burstSize = 300;   // frames
+constexpr int muchInput = 2000;  // messages; more than a program may send before others have their turn
 constexpr int connectedBit = 1;
 constexpr int disabledBit = 2;
 const QByteArray marker
@@ -259,7 +260,8 @@ private slots:
     void anUnconnectedSocketStillEndsTheOldConnection();
     void attachingLeavesADisabledNodeInactive();
     void itsSocketSendsWithoutDelay();
-    void theSameSocketAgainIsKept();
+    void theSameSocketAgainIsClosed();
+    void theSameSocketAgainWithUnsentBytesIsDeletedAtOnce();
     void aNewSocketReplacesTheOldOne();
     void replacingASocketTellsOfBothChanges();
     void settingNoSocketDetaches();
@@ -304,6 +306,11 @@ private slots:
     void aBurstReachesTheProgramAtTheOtherEndInOrder();
     void confirmationsReachTheSender();
     void eachFrameOfABurstIsConfirmed();
+    void aProgramThatSendsMuchLetsTheOthersIn();
+    void allThatAProgramSendsBeforeItGoesIsHandled();
+    void aProtocolErrorFarBehindClosesTheConnection();
+    void aNewProgramIsReadFromItsOwnBeginning();
+    void nothingIsReadWhileAProgramHasMessagesToBeHandled();
     void anEmptyFrameIsARequestToo_data();
     void anEmptyFrameIsARequestToo();
     void messagesInOneWriteAreAllHandled();
@@ -484,14 +491,25 @@ void TestTcpNode::itsSocketSendsWithoutDelay()
     QVERIFY(noDelay != 0);
 }
 
-void TestTcpNode::theSameSocketAgainIsKept()
+void TestTcpNode::theSameSocketAgainIsClosed()
 {
     AttachedNode attached;
     attached.node->setSocket(attached.nodeEnd);
 
-    QCOMPARE(attached.node->socket(), attached.nodeEnd.data());
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-    QCOMPARE(attached.program.receive(marker.size()), marker);
+    QVERIFY(!attached.node->socket());
+    QVERIFY(!attached.node->active());
+    QVERIFY(attached.program.waitForEnd());
+    QTRY_VERIFY(!attached.nodeEnd);
+}
+
+void TestTcpNode::theSameSocketAgainWithUnsentBytesIsDeletedAtOnce()
+{
+    AttachedNode attached;
+    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+    attached.node->setSocket(attached.nodeEnd);
+
+    QVERIFY(!attached.nodeEnd);
+    QVERIFY(!attached.node->socket());
 }
 
 void TestTcpNode::aNewSocketReplacesTheOldOne()
@@ -977,6 +995,70 @@ void TestTcpNode::eachFrameOfABurstIsConfirmed()
 
     const QByteArray expected = hex("02 00000001 01").repeated(burstSize);
     QCOMPARE(left.program.receive(expected.size()), expected);
+}
+
+void TestTcpNode::aProgramThatSendsMuchLetsTheOthersIn()
+{
+    AttachedNode busy;
+    AttachedNode other;
+    busy.program.send(hex("01 00000001 AA").repeated(muchInput));
+    other.program.send(hex("01 00000001 BB"));
+    QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
+
+    QVERIFY(sendings.wait(patience));
+    QVERIFY(busy.node->sendFramesCount() < muchInput);
+    QTRY_COMPARE(busy.node->sendFramesCount(), qint64{muchInput});
+}
+
+void TestTcpNode::allThatAProgramSendsBeforeItGoesIsHandled()
+{
+    AttachedNode attached;
+    attached.program.send(hex("01 00000001 AA").repeated(muchInput));
+    attached.program.close();
+
+    QVERIFY(attached.waitUntilDetached());
+    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+}
+
+void TestTcpNode::aProtocolErrorFarBehindClosesTheConnection()
+{
+    AttachedNode attached;
+    attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06") + hex("01 00000001 BB"));
+
+    QVERIFY(attached.waitUntilDetached());
+    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+}
+
+void TestTcpNode::aNewProgramIsReadFromItsOwnBeginning()
+{
+    AttachedNode attached;
+    SocketPair other;
+    QSignalSpy sendings(attached.node, SIGNAL(sendStatisticsChanged(int, int)));
+    attached.program.send(hex("01 00000001 AA").repeated(muchInput));
+    QVERIFY(sendings.wait(patience));
+    attached.node->setSocket(other.nodeEnd);
+    attached.node->resetStatistics();
+    other.program.send(hex("01 00000003 AABBCC"));
+
+    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
+    QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+    QVERIFY(attached.node->active());
+}
+
+void TestTcpNode::nothingIsReadWhileAProgramHasMessagesToBeHandled()
+{
+    AttachedNode attached;
+    const QByteArray input = hex("01 00000001 AA").repeated(muchInput);
+    QSignalSpy sendings(attached.node, SIGNAL(sendStatisticsChanged(int, int)));
+    attached.program.send(input);
+    QVERIFY(sendings.wait(patience));
+    attached.program.send(input);
+
+    qint64 mostUnread = 0;
+    while (attached.node->sendFramesCount() < 2 * muchInput && sendings.wait(patience))
+        mostUnread = std::max(mostUnread, attached.nodeEnd->bytesAvailable());
+    QCOMPARE(attached.node->sendFramesCount(), qint64{2} * muchInput);
+    QCOMPARE(mostUnread, qint64{input.size()});
 }
 
 void TestTcpNode::anEmptyFrameIsARequestToo_data()

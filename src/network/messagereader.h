@@ -1,7 +1,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QIODevice>
 #include <QtEndian>
+
+#include <algorithm>
 
 /// Reads the messages of the bridge protocol where they have arrived in memory: big-endian, each as
 /// QDataStream would read it, at a small part of the price. Once something is not wholly there, nothing more
@@ -9,11 +12,28 @@
 class MessageReader
 {
 public:
+    MessageReader() = default;
+
     /// \a arrived shares its bytes.
     explicit MessageReader(const QByteArray& arrived)
         : _arrived(arrived)
     {
     }
+
+    /// Begins anew with all that \a device has to read, where the bytes stay too.
+    void peek(QIODevice& device)
+    {
+        const auto size = static_cast<int>(device.bytesAvailable());
+        if (_arrived.capacity() > largestKeptRoom)
+            _arrived = QByteArray();
+        _arrived.reserve(size);
+        _arrived.resize(size);
+        _arrived.resize(static_cast<int>(std::max<qint64>(0, device.peek(_arrived.data(), size))));
+        _position = 0;
+        _isComplete = true;
+    }
+
+    int size() const { return _arrived.size(); }
 
     bool atEnd() const { return _position == _arrived.size(); }
     bool isComplete() const { return _isComplete; }
@@ -45,6 +65,9 @@ private:
         _position += passed;
         return passed;
     }
+
+    // Bytes of room kept for what arrives next; taking it from the heap for each read costs
+    static constexpr int largestKeptRoom = 16384;
 
     QByteArray _arrived;
     int _position = 0;  // of the next byte

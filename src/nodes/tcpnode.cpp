@@ -14,12 +14,11 @@
 #include <QPointer>
 #include <QTcpSocket>
 
-#include <algorithm>
-
 namespace {
 
 constexpr qint64 unsentLimit
     = qint64{64} * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
+constexpr int mostMessagesAtATime = 128;
 constexpr int inactiveColorOffset = 150;
 
 struct MenuEntry {
@@ -57,15 +56,6 @@ quint32 readBodyLength(MessageReader& reader)
     return length == Stream::nullArrayLength ? 0 : length;
 }
 
-/// Everything that has arrived. readAll() would take 16 KiB from the heap for it each time, and give back the
-/// most.
-QByteArray takeArrived(QTcpSocket* socket)
-{
-    QByteArray arrived(static_cast<int>(socket->bytesAvailable()), Qt::Uninitialized);
-    arrived.truncate(static_cast<int>(std::max<qint64>(0, socket->read(arrived.data(), arrived.size()))));
-    return arrived;
-}
-
 }  // namespace
 
 QList<TcpNode*> TcpNode::__allTcpNodes;
@@ -92,8 +82,7 @@ TcpNode::~TcpNode()
 
 void TcpNode::setSocket(QTcpSocket* socket)
 {
-    if (socket && socket == _socket)
-        return;
+    const bool isNew = socket != _socket;  // the present one is closed, and may be deleted
     if (_socket)
         _socket->close();  // normally runs _socketStateChanged()
     if (_socket) {         // but unsent bytes hold the closing up
@@ -101,7 +90,7 @@ void TcpNode::setSocket(QTcpSocket* socket)
         _detachSocket();
         delete unsent;
     }
-    if (socket && socket->state() == QAbstractSocket::ConnectedState)
+    if (isNew && socket && socket->state() == QAbstractSocket::ConnectedState)
         _adoptSocket(socket);
 }
 
@@ -126,6 +115,7 @@ void TcpNode::_detachSocket()
 {
     _socket->disconnect(this);
     _socket = nullptr;
+    _input = MessageReader();
     _output.clear();
     setActive(false, false);
     emit connectionStateChanged();
@@ -161,15 +151,33 @@ void TcpNode::_abortSocket()
 
 void TcpNode::_socketDataIndication()
 {
+    if (!_socket || !_input.atEnd())
+        return;
+    _input.peek(*_socket);
+    _handleInput();
+}
+
+/// Handles a bounded number of messages, then lets the other programs in. Until the rest is handled, all of
+/// it stays in the socket too, which stops reading then: a fast program is slowed down, as by a full socket.
+void TcpNode::_handleInput()
+{
     if (!_socket)
         return;
     const QTcpSocket* socket = _socket;
-    MessageReader reader(takeArrived(_socket));
-    while (_socket == socket && !reader.atEnd()) {  // a message may cost the node its socket
-        const bool isUnderstood = _handleMessage(reader);
-        if (_socket == socket && (!isUnderstood || !reader.isComplete()))
+    for (int i = 0; i < mostMessagesAtATime && !_input.atEnd(); ++i) {
+        const bool isUnderstood = _handleMessage(_input);
+        if (_socket == socket && (!isUnderstood || !_input.isComplete()))
             _closeSocket();
+        if (_socket != socket)
+            return;  // a message may cost the node its socket
     }
+    if (!_input.atEnd()) {
+        _socket->setReadBufferSize(1);  // less than it holds
+        _furtherInput.start(0);
+        return;
+    }
+    _socket->skip(_input.size());
+    _socket->setReadBufferSize(0);  // no limit
 }
 
 /// False when the connection is to be closed. Of an incomplete message, which the reader tells, nothing is

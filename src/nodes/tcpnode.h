@@ -1,5 +1,6 @@
 #pragma once
 
+#include "network/messagereader.h"
 #include "nodes/messageoutput.h"
 #include "nodes/node.h"
 
@@ -8,8 +9,6 @@
 QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
-
-class MessageReader;
 
 /// A node whose behaviour an external program supplies over TCP: the program's frame messages become sends,
 /// delivered frames and confirmations are written back, and the program may set the node's address, name,
@@ -39,8 +38,8 @@ public:
     ~TcpNode() override;
 
     /// Attaches the program behind \a socket; a program attached before loses its connection. A connected
-    /// socket is owned by the node from here on; null or an unconnected one, which is not adopted, leaves the
-    /// node unattached.
+    /// socket is owned by the node from here on. Null and an unconnected one, which is not adopted, leave the
+    /// node unattached; so does the socket that it has already, which is closed.
     void setSocket(QTcpSocket* socket);
     const QTcpSocket* socket() const { return _socket; }  // null when no program is attached
 
@@ -73,6 +72,7 @@ private:
     void _detachSocket();
     void _closeSocket();
     void _abortSocket();
+    void _handleInput();
     bool _handleMessage(MessageReader& reader);
     void _handleFrame(MessageReader& reader);
     bool _handleNodeControl(MessageReader& reader);
@@ -83,7 +83,9 @@ private:
     void _flushOutput();
 
     QTcpSocket* _socket = nullptr;  // owned once adopted; null when no program is attached
-    MessageOutput _output;          // of the present pass
+    MessageReader _input;           // what has arrived; all of it is handled before more is read
+    Timeouts _furtherInput{[this] { _handleInput(); }};
+    MessageOutput _output;  // of the present pass
     bool _isFlushPending = false;
     Timeouts _outputFlush{[this] { _flushOutput(); }};
 
