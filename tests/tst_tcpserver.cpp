@@ -6,6 +6,7 @@
 #include <QGraphicsRectItem>
 #include <QtTest>
 
+#include <ctime>
 #include <memory>
 #include <vector>
 
@@ -219,6 +220,11 @@ private slots:
     void theTopmostNodeOfANameIsTaken();
     void theTopmostNodeOfAnAddressIsTaken();
     void stackingOrderGoesBeforeAge();
+    void aRenamedNodeIsFoundByItsNewNameOnly();
+    void aNodeIsFoundByTheAddressThatItsProgramSets();
+    void aNodeOfAFileIsFound();
+    void aNodeOutsideTheNetworkIsNotFound();
+    void identifyingAmongManyNodesTakesNoTimeWorthMentioning();
     void plainNodesAndOtherItemsAreNeverMatched_data();
     void plainNodesAndOtherItemsAreNeverMatched();
     void theOtherIdentityIsNotMatched();
@@ -860,6 +866,82 @@ void TestTcpServer::stackingOrderGoesBeforeAge()
 
     QVERIFY(waitUntilAttached(older));
     QVERIFY(!younger->socket());
+}
+
+void TestTcpServer::aRenamedNodeIsFoundByItsNewNameOnly()
+{
+    network()->setNameUsedForPnpIdentification(true);
+    TcpNode* node = addTcpNode(QStringLiteral("Old"));
+    node->setName(QStringLiteral("New"));
+    PendingProgram late;
+    late.send(nameMessage("Old"));
+    QVERIFY(isRefused(late));
+
+    PendingProgram program;
+    program.send(nameMessage("New"));
+    QVERIFY(waitUntilAttached(node));
+}
+
+void TestTcpServer::aNodeIsFoundByTheAddressThatItsProgramSets()
+{
+    TcpNode* node = addTcpNode(leftAddress);
+    PendingProgram first;
+    first.send(addressMessage(leftAddress) + control(1, rightAddress));
+    QTRY_COMPARE(node->address(), rightAddress);
+
+    PendingProgram second;
+    second.send(addressMessage(rightAddress));
+    QTRY_COMPARE(node->socket(), second.nodeEnd.data());
+}
+
+void TestTcpServer::aNodeOfAFileIsFound()
+{
+    TcpNode original(leftAddress, nullptr);
+    TcpNode* node = addTcpNode(rightAddress);
+    QByteArray bytes;
+    QDataStream writer(&bytes, QIODevice::WriteOnly);
+    writer << static_cast<Node*>(&original);
+    QDataStream reader(bytes);
+    reader.skipRawData(16);  // the record's header
+    reader >> static_cast<Node*>(node);
+
+    PendingProgram program;
+    program.send(addressMessage(leftAddress));
+    QVERIFY(waitUntilAttached(node));
+}
+
+void TestTcpServer::aNodeOutsideTheNetworkIsNotFound()
+{
+    TcpNode* node = addTcpNode(leftAddress);
+    network()->removeItem(node);
+    PendingProgram early;
+    early.send(addressMessage(leftAddress));
+    QVERIFY(isRefused(early));
+
+    network()->addItem(node);
+    PendingProgram program;
+    program.send(addressMessage(leftAddress));
+    QVERIFY(waitUntilAttached(node));
+}
+
+/// Sorting all items for each program costs 1 to 9 ms of the processor.
+void TestTcpServer::identifyingAmongManyNodesTakesNoTimeWorthMentioning()
+{
+    constexpr int nodes = 10000;
+    constexpr int programs = 100;
+    for (int i = 0; i < nodes; ++i)
+        addTcpNode(leftAddress + QByteArray::number(i))->setPos(i % 100 * 100, i / 100 * 100);
+    TestAccess::parameters(*network()).addressLength = leftAddress.size() + 3;
+    std::vector<std::unique_ptr<PendingProgram>> pending;
+    for (int i = 0; i < programs; ++i)
+        pending.push_back(std::make_unique<PendingProgram>());
+    const std::clock_t begin = std::clock();
+    for (int i = 0; i < programs; ++i)
+        pending[static_cast<size_t>(i)]->send(addressMessage(leftAddress + QByteArray::number(100 + i)));
+
+    QTRY_VERIFY(::pending().isEmpty());
+    const double seconds = static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
+    QVERIFY2(seconds < 0.05, qPrintable(QString::number(seconds)));
 }
 
 void TestTcpServer::plainNodesAndOtherItemsAreNeverMatched_data()

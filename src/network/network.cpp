@@ -140,8 +140,6 @@ void Network::deleteSelectedNetworkItem()
         return;
 
     QGraphicsItem* item = selection.first();
-    if (const auto* node = dynamic_cast<Node*>(item))
-        _forgetDrawingFrom(node);
     clearSelection();
     removeItem(item);
     delete item;

@@ -2,6 +2,7 @@
 
 #include "connections/connection.h"
 #include "network/networkitem.h"
+#include "network/nodedirectory.h"
 #include "nodes/node.h"
 
 #include <QByteArray>
@@ -115,7 +116,7 @@ private:
     void _startDrawing(const QPointF& position);
     void _connectTo(Node* end);
     void _endDrawing();
-    void _forgetDrawingFrom(const Node* node);
+    void _forget(Node* node);
 
     bool _startTcpServer();
     void _stopTcpServer();
@@ -123,8 +124,8 @@ private:
     void _forgetPending(QTcpSocket* socket);
     void _identifyByName(QTcpSocket* socket);
     void _identifyByAddress(QTcpSocket* socket);
-    template <typename Identity>
-    void _attach(QTcpSocket* socket, const Identity& identity, Identity (Node::*identityOf)() const);
+    template <typename Identity> void _attach(QTcpSocket* socket, const Identity& identity);
+    TcpNode* _topmostTcpNode(const QList<Node*>& candidates) const;
 
     struct {
         EditMode mode = Selection;
@@ -152,6 +153,7 @@ private:
         QString error;               // of the last start that failed
     } _tcpServer;
 
+    NodeDirectory _directory;           // of the nodes in the scene, which keep it true
     QTimer _acceptRetry;                // runs while accepting has failed
     QElapsedTimer _painting;            // since a picture was begun
     mutable QPointer<Node> _knownNode;  // not owned; in the scene when last looked for, see isEmpty()

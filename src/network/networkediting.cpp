@@ -200,9 +200,10 @@ void Network::_endDrawing()
     _editor.connectionPreview = nullptr;
 }
 
-/// A drawing never outlives the node where it started.
-void Network::_forgetDrawingFrom(const Node* node)
+/// A node that leaves is found no more, and a drawing never outlives the node where it started.
+void Network::_forget(Node* node)
 {
+    _directory.remove(node);
     if (_editor.from == node)
         _endDrawing();
 }

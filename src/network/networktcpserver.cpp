@@ -191,7 +191,7 @@ void Network::_identifyByName(QTcpSocket* socket)
     const quint32 announced = std::max<quint32>(header.length, 1) - 1;
     const QByteArray value = arrived.mid(Bridge::nodeControlHeaderSize);
     const int length = static_cast<int>(std::min<quint32>(announced, static_cast<quint32>(value.size())));
-    _attach(socket, Bridge::nameFromBytes(value.left(length)), &Node::name);
+    _attach(socket, Bridge::nameFromBytes(value.left(length)));
 }
 
 /// Bytes behind the identification stay in the socket, for the node to read.
@@ -209,21 +209,16 @@ void Network::_identifyByAddress(QTcpSocket* socket)
         refuse(socket);
         return;
     }
-    _attach(socket, message.mid(Bridge::nodeControlHeaderSize), &Node::address);
+    _attach(socket, message.mid(Bridge::nodeControlHeaderSize));
 }
 
 /// Hands the socket to the topmost TCP node of that identity, or to a new one where Plug'n'Place allows it.
-template <typename Identity>
-void Network::_attach(QTcpSocket* socket, const Identity& identity, Identity (Node::*identityOf)() const)
+template <typename Identity> void Network::_attach(QTcpSocket* socket, const Identity& identity)
 {
-    const QList<QGraphicsItem*> candidates = items(Qt::DescendingOrder);
-    for (QGraphicsItem* item : candidates) {
-        auto* node = item->type() == NetworkItem::NodeType ? dynamic_cast<TcpNode*>(item) : nullptr;
-        if (node && (node->*identityOf)() == identity) {
-            node->setSocket(socket);
-            node->update();
-            return;
-        }
+    if (TcpNode* node = _topmostTcpNode(_directory.nodes(identity))) {
+        node->setSocket(socket);
+        node->update();
+        return;
     }
     if (!isTcpPnpEnabled()) {
         refuse(socket);
@@ -233,4 +228,22 @@ void Network::_attach(QTcpSocket* socket, const Identity& identity, Identity (No
     addItem(node);
     node->setPos(sceneRect().center());  // of the scene with the new node in it
     update();
+}
+
+/// Null when there is no TCP node among \a candidates. Only several need the order of all items.
+TcpNode* Network::_topmostTcpNode(const QList<Node*>& candidates) const
+{
+    QList<TcpNode*> nodes;
+    for (Node* candidate : candidates) {
+        if (auto* node = dynamic_cast<TcpNode*>(candidate))
+            nodes.append(node);
+    }
+    if (nodes.size() <= 1)
+        return nodes.value(0);
+
+    const QList<QGraphicsItem*> all = items(Qt::DescendingOrder);
+    const auto topmost = std::find_if(all.begin(), all.end(), [&nodes](QGraphicsItem* item) {
+        return nodes.contains(dynamic_cast<TcpNode*>(item));
+    });
+    return dynamic_cast<TcpNode*>(*topmost);
 }

@@ -97,24 +97,34 @@ void Node::_initialize()
 Node::~Node()
 {
     if (auto* network = qobject_cast<Network*>(scene()))
-        network->_forgetDrawingFrom(this);
+        network->_forget(this);
     const QList<Connection*> connections = _connections;  // each takes itself off the list
     qDeleteAll(connections);
 }
 
 void Node::setName(const QString& name)
 {
-    _name = name;
-    _calculateWidthForText();
+    _changeIdentity([&] { _name = name; });
     if (scene())
         scene()->update();
 }
 
 void Node::setAddress(const QByteArray& address)
 {
-    _address = address;
-    _calculateWidthForText();
+    _changeIdentity([&] { _address = address; });
     update();
+}
+
+/// Programs find the node in its network's directory by name and address; the labels show both.
+void Node::_changeIdentity(const std::function<void()>& change)
+{
+    auto* network = qobject_cast<Network*>(scene());
+    if (network)
+        network->_directory.remove(this);
+    change();
+    if (network)
+        network->_directory.add(this);
+    _calculateWidthForText();
 }
 
 bool Node::isInPromiscuousMode() const
@@ -304,9 +314,14 @@ void Node::connectNotify(const QMetaMethod& /*signal*/)
 /// places.
 QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
 {
+    auto* network = qobject_cast<Network*>(scene());
     if (change == QGraphicsItem::ItemPositionChange) {
         for (Connection* connection : qAsConst(_connections))
             connection->prepareGeometryChange();
+    } else if (change == QGraphicsItem::ItemSceneChange && network) {
+        network->_forget(this);
+    } else if (change == QGraphicsItem::ItemSceneHasChanged && network) {
+        network->_directory.add(this);
     }
     return QGraphicsItem::itemChange(change, value);
 }
@@ -415,7 +430,8 @@ QDataStream& operator>>(QDataStream& stream, Node* node)
 {
     QString comment;
     node->setPos(Stream::readPosition(stream));
-    stream >> node->_address >> node->_flags;
+    QByteArray address;
+    stream >> address >> node->_flags;
     node->_flags &= Node::Disabled;  // the node's program has to attach anew
     node->_framesAcknowledged = Stream::readCheckState(stream);
     stream >> node->_frameAcknowledgeTimeout;
@@ -424,8 +440,12 @@ QDataStream& operator>>(QDataStream& stream, Node* node)
     node->_strokeWidth = Stream::readFinite(stream, -1.0);
     for (Qt::CheckState* state : {&node->_showAddress, &node->_showConnectionCount, &node->_showName})
         *state = Stream::readCheckState(stream);
-    stream >> node->_name >> comment;
-    node->_calculateWidthForText();
+    QString name;
+    stream >> name >> comment;
+    node->_changeIdentity([&] {
+        node->_name = name;
+        node->_address = address;
+    });
     node->setToolTip(comment);
     if (hasVersionOneFields())
         node->_promiscuousMode = Stream::readCheckState(stream);

@@ -10,6 +10,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 QT_BEGIN_NAMESPACE
 class QDataStream;
 QT_END_NAMESPACE
@@ -117,6 +119,7 @@ private:
     friend QDataStream& operator>>(QDataStream& stream, Node* node);
 
     void _initialize();
+    void _changeIdentity(const std::function<void()>& change);
     enum StateFlag {
         Connected = 1,  // a program drives the node
         Disabled = 2,   // switched off by the user or by the program
