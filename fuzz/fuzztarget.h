@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 class Network;
 
@@ -17,6 +18,28 @@ namespace Fuzz {
 
 /// Ends the process where a promise of the program is broken, which is a finding like a crash.
 void require(bool holds, const char* promise);
+
+/// What the seeds of a target are to reach; a replay of them fails when none does. Each goal is a variable
+/// with static storage.
+class Goal
+{
+public:
+    explicit Goal(const char* what);
+    Goal(const Goal&) = delete;
+    Goal& operator=(const Goal&) = delete;
+
+    void noteIf(bool isReached) { _isReached = _isReached || isReached; }
+
+    const char* what() const { return _what; }
+    bool isReached() const { return _isReached; }
+
+private:
+    const char* _what;
+    bool _isReached = false;
+};
+
+/// Of the target in this program.
+std::vector<const Goal*>& goals();
 
 /// A new simulation, and the same random draws for each input.
 Network* newNetwork();

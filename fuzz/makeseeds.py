@@ -21,7 +21,7 @@ CONNECTION_BROKEN = slice(20, 21)
 # Bits of the first byte, as the targets define them
 BY_NAME, PLUG_AND_PLAY, SHORT_ADDRESS, SECOND_PROGRAM = 0x01, 0x02, 0x04, 0x08
 CONFIRMATIONS, PROMISCUOUS, NOISY, BROKEN, FURTHER_LINKS = 0x01, 0x02, 0x04, 0x08, 0x10
-NO_ADDRESS = 0x40
+SHORT_ADDRESSES, NO_ADDRESS, CLOSES = 0x20, 0x40, 0x80
 
 
 def examples():
@@ -94,18 +94,24 @@ def bridge_messages(known):
     frame = known["frame-from-program"]
     broadcast = frame[:5] + b"\xff" * 6 + frame[11:]
     to_nobody = frame[:5] + b"\xee" * 6 + frame[11:]
-    control = [known[f"control-{kind}"] for kind in ("address", "activate", "deactivate", "color", "name")]
+    to_sender = frame[:5] + frame[11:17] + frame[11:]
+    short_frame = b"\x01\x00\x00\x00\x04\x02\x01AB"
+    control = [known[f"control-{kind}"] for kind in ("address", "deactivate", "activate", "color", "name")]
     return {
         "frame": in_pieces(0, frame),
         "frames": in_pieces(CONFIRMATIONS, frame + broadcast, to_nobody, frame + frame),
+        "promiscuous": in_pieces(CONFIRMATIONS | PROMISCUOUS, to_nobody, frame),
         "noisy": in_pieces(CONFIRMATIONS | NOISY | PROMISCUOUS, to_nobody * 4),
         "broken": in_pieces(CONFIRMATIONS | BROKEN, frame + broadcast),
-        "links": in_pieces(CONFIRMATIONS | FURTHER_LINKS, frame, broadcast),
+        "links": in_pieces(CONFIRMATIONS | FURTHER_LINKS, frame, broadcast, to_sender),
+        "short-addresses": in_pieces(CONFIRMATIONS | SHORT_ADDRESSES, short_frame),
         "control": in_pieces(0, *control, frame),
+        "switched-off": in_pieces(CONFIRMATIONS, known["control-deactivate"] + frame),
         "first-address": in_pieces(NO_ADDRESS, control[0]),
         "dropped": in_pieces(0, known["dropped-message"] + frame),
         "closing": in_pieces(0, frame + known["closing-message"] + frame),
         "late-rest": in_pieces(0, frame[:7], frame[7:]),
+        "gone": in_pieces(CLOSES, frame, frame),
     }
 
 
