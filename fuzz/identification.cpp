@@ -15,15 +15,24 @@ enum Choice : unsigned {
     IsNameBased,
     IsPlugAndPlayOn,
     IsAddressShort,       // one byte
-    ComesASecondProgram,  // with the same bytes, which takes the node over
+    ComesASecondProgram,  // with the same bytes, while the first one is still there
     EndsItsOutput,        // behind its last byte
     ClosesBeforeItIsRead,
     IsServerStoppedBefore,  // anything is read
-    IsNodeDeletedAtTheEnd,
+    IsNodeDeletedAtTheEnd,  // with its program, if it has one
 };
 
 constexpr int shortAddressLength = 1;
 const QString knownName = QStringLiteral("Left");
+
+Fuzz::Goal foundByAddress("a program is attached by its address");
+Fuzz::Goal foundByName("a program is attached by its name");
+Fuzz::Goal madeByAddress("Plug'n'Place makes a node with an address");
+Fuzz::Goal madeByName("Plug'n'Place makes a node with a name");
+Fuzz::Goal tookOver("a program takes the node of another one over");
+Fuzz::Goal wasRefused("a program is refused");
+Fuzz::Goal readsOn("a node reads what follows an address");
+Fuzz::Goal deletedAttached("a node is deleted with its program");
 
 QByteArray knownAddress(int length)
 {
@@ -98,13 +107,16 @@ public:
 
     void playWith(const QByteArrayList& pieces)
     {
-        Fuzz::Program first;
-        _connect(first, pieces);
-        Fuzz::Program second;
+        _connect(_first, pieces);
         if (_is(ComesASecondProgram) && !_is(IsServerStoppedBefore))
-            _connect(second, pieces);
-        if (_is(IsNodeDeletedAtTheEnd))
+            _connect(_second, pieces);
+        if (_is(IsNodeDeletedAtTheEnd)) {
+            deletedAttached.noteIf(_known->socket() != nullptr);
             delete _known;
+        }
+        _first.close();
+        _second.close();
+        Fuzz::passEvents();
         _network->setTcpEnabled(false);
         Fuzz::passEvents();
         Fuzz::require(_pending().isEmpty(), "a server that is off keeps no program");
@@ -116,8 +128,9 @@ private:
 
     void _connect(Fuzz::Program& program, const QByteArrayList& pieces)
     {
+        const int waiting = _pending().size();
         accept(TestAccess::server(*_network).server, program);
-        Fuzz::require(_pending().size() == 1, "an accepted program is waited for");
+        Fuzz::require(_pending().size() == waiting + 1, "an accepted program is waited for");
         if (_is(IsServerStoppedBefore)) {
             _network->setTcpEnabled(false);
             Fuzz::require(program.hasEnded(), "a program that is not attached loses its connection");
@@ -127,8 +140,8 @@ private:
         if (_is(EndsItsOutput))
             program.endOutput();
         Fuzz::passEvents(Fuzz::passesOfAFrame);
-        program.close();
-        Fuzz::passEvents();
+        if (!_is(IsNameBased) && pieces.size() == 1)
+            readsOn.noteIf(_known->sendFramesCount() > 0);
     }
 
     void _send(Fuzz::Program& program, const QByteArray& piece)
@@ -155,12 +168,22 @@ private:
                       "a node is made where Plug'n'Place allows it");
         if (expected.node)
             Fuzz::require(expected.node->socket() && expected.node->socket() != before, "a node is attached");
+        if (before) {
+            _first.receive();
+            Fuzz::require(_first.hasEnded(), "a program that has lost its node loses its connection");
+        }
+        tookOver.noteIf(before != nullptr);
+        (_is(IsNameBased) ? foundByName : foundByAddress).noteIf(expected.node != nullptr);
+        (_is(IsNameBased) ? madeByName : madeByAddress).noteIf(expected.isNodeNew);
+        wasRefused.noteIf(expected.isRefused());
         Fuzz::require(program.hasEnded() == expected.isRefused(), "a refused program loses its connection");
     }
 
     uint8_t _choices;
     Network* _network;  // owned by the simulation
     TcpNode* _known = nullptr;
+    Fuzz::Program _first;
+    Fuzz::Program _second;
 };
 
 }  // namespace

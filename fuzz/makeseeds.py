@@ -20,6 +20,7 @@ CONNECTION_BROKEN = slice(20, 21)
 
 # Bits of the first byte, as the targets define them
 BY_NAME, PLUG_AND_PLAY, SHORT_ADDRESS, SECOND_PROGRAM = 0x01, 0x02, 0x04, 0x08
+ENDS, GONE, STOPPED_SERVER, DELETED_NODE = 0x10, 0x20, 0x40, 0x80
 CONFIRMATIONS, PROMISCUOUS, NOISY, BROKEN, FURTHER_LINKS = 0x01, 0x02, 0x04, 0x08, 0x10
 SHORT_ADDRESSES, NO_ADDRESS, CLOSES = 0x20, 0x40, 0x80
 
@@ -80,6 +81,12 @@ def identifications(known):
     frame = known["frame-from-program"]
     return {
         "known-address": in_pieces(0, by_address),
+        "known-address-and-frame": in_pieces(ENDS, by_address + frame),
+        "two-programs": in_pieces(SECOND_PROGRAM, by_address, frame),
+        "deleted-node": in_pieces(DELETED_NODE, by_address, frame),
+        "stopped-server": in_pieces(STOPPED_SERVER, by_address),
+        "gone": in_pieces(GONE, by_address),
+        "silent": in_pieces(SECOND_PROGRAM, b""),
         "new-address": in_pieces(PLUG_AND_PLAY, by_address[:-1] + b"\x09" + frame),
         "short-address": in_pieces(SHORT_ADDRESS, b"\x03\x00\x00\x00\x02\x01\x01"),
         "unknown-name": in_pieces(BY_NAME, by_name),
