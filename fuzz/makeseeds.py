@@ -13,10 +13,13 @@ COUNTS_AND_TAIL_SIZE = 4 + 4 + 2 + 4  # numbers of nodes and connections, captur
 TAIL_SIZE = 2 + 4
 PROMISCUOUS_SIZE = 4  # the end of a node record; not in version 0
 NODE_ID = slice(8, 16)
+NODE_POSITION = slice(16, 32)
 NODE_ADDRESS_END = 42
 NODE_FLAGS = slice(42, 46)
 CONNECTION_ENDS = slice(4, 20)
 CONNECTION_BROKEN = slice(20, 21)
+CONNECTION_RELIABILITIES = slice(21, 37)  # of a bit and of the error detection
+CHECKED = struct.pack(">i", 2)
 
 # Bits of the first byte, as the targets define them
 BY_NAME, PLUG_AND_PLAY, SHORT_ADDRESS, SECOND_PROGRAM = 0x01, 0x02, 0x04, 0x08
@@ -35,8 +38,9 @@ def replaced(content, place, value):
 
 
 def node(known, number, flags=0):
-    """The node of the example under another id and with another address."""
+    """The node of the example under another id, at another place and with another address."""
     record = replaced(known["node-record"], NODE_ID, struct.pack(">Q", number))
+    record = replaced(record, NODE_POSITION, struct.pack(">dd", 100 * number, 60 * number))
     record = replaced(record, slice(NODE_ADDRESS_END - 1, NODE_ADDRESS_END), bytes([number]))
     return replaced(record, NODE_FLAGS, struct.pack(">I", flags))
 
@@ -56,7 +60,13 @@ def simulation_files(known):
     new, old = known["new-simulation"], known["new-simulation-version-0"]
     nodes = [node(known, number) for number in (1, 2, 3)]
     old_nodes = [record[:-PROMISCUOUS_SIZE] for record in nodes]
+    promiscuous_nodes = [record[:-PROMISCUOUS_SIZE] + CHECKED for record in nodes]
     chain = [connection(known, 1, 2), connection(known, 2, 3)]
+    # Every frame is changed; on one link the receiver notices, on the other it does not.
+    noisy_chain = [
+        replaced(link, CONNECTION_RELIABILITIES, struct.pack(">dd", 0.9, detection))
+        for link, detection in zip(chain, (1, 0))
+    ]
     return {
         "new": new,
         "new-version-0": old,
@@ -64,6 +74,8 @@ def simulation_files(known):
         "one-node": simulation(new, nodes[:1], []),
         "chain": simulation(new, nodes, chain),
         "chain-version-0": simulation(old, old_nodes, chain),
+        "promiscuous": simulation(new, promiscuous_nodes, chain),
+        "noisy": simulation(new, nodes, noisy_chain),
         "odd-links": simulation(
             new, [node(known, 1), node(known, 2, flags=2)], [connection(known, 1, 1), connection(known, 2, 1, True)]
         ),

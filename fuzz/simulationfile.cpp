@@ -4,6 +4,7 @@
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
+#include "testaccess.h"
 
 #include <QDataStream>
 #include <QImage>
@@ -20,6 +21,7 @@ namespace {
 
 constexpr int mostForms = 4;        // nodes, and as many links: making a form takes a millisecond
 constexpr int mostSenders = 8;      // nodes
+constexpr int mostDeliveries = 4;   // frames of a link: to each of a few nodes, and to all
 constexpr int longestFrame = 2000;  // bytes
 constexpr int pictureSize = 32;     // pixels
 constexpr int idSize = 8;
@@ -28,6 +30,14 @@ constexpr int captureRecordSize = 2;
 constexpr int countSize = 4;
 constexpr int nodeIdOffset = 8;          // within a node record
 constexpr int connectionEndsOffset = 4;  // within a connection record
+
+Fuzz::Goal loadedOld("a file of version 0 is loaded");
+Fuzz::Goal loadedNew("a file of version 1 is loaded");
+Fuzz::Goal deliveredUnicast("a frame is delivered to the node that it names, in time");
+Fuzz::Goal deliveredBroadcast("a broadcast is delivered");
+Fuzz::Goal deliveredPromiscuously("a promiscuous node takes a frame for another one");
+Fuzz::Goal deliveredChanged("a frame is delivered with bits that a link has changed");
+Fuzz::Goal lost("a link loses a frame");
 
 NetworkSimulation& simulation()
 {
@@ -182,32 +192,49 @@ QByteArray frame(const QByteArray& destination)
     return bytes;
 }
 
-/// To every address, to all and to nobody; with the least and the most bytes of a valid frame, and none.
+/// To every address first, as few are delivered; then to all and to nobody; with the least and the most bytes
+/// of a valid frame, and none.
 void sendFrames()
 {
-    QByteArrayList frames{QByteArray(), frame(QByteArray()), frame(network().broadcastAddress())};
+    QByteArrayList frames;
     const QList<Node*> nodes = items<Node>().mid(0, mostSenders);
-    for (const Node* node : nodes)
+    for (Node* node : nodes) {
+        node->setActive(true, false);
         frames.append(frame(node->address()));
+    }
+    frames << frame(network().broadcastAddress()) << frame(QByteArray()) << QByteArray();
     const int mtu = network().maximalTransferUnit();
     if (mtu >= 0 && mtu < longestFrame)
         frames << QByteArray(mtu, '\x01') << QByteArray(mtu + 1, '\x01');
 
     for (Node* node : nodes) {
-        node->setActive(true, false);
         for (const QByteArray& bytes : qAsConst(frames))
             node->dataRequest(bytes);
     }
 }
 
-/// Those whose delay is up by the events, two of each link before their time.
+void noteFate(const Frame& frame)
+{
+    const bool isDelivered = frame.wasDelivered(false);
+    const bool isForOther = frame.promiscuousReceive();  // so for every broadcast
+    deliveredUnicast.noteIf(frame.wasDelivered(true) && !isForOther);
+    deliveredBroadcast.noteIf(isDelivered && frame.isBroadcast());
+    deliveredPromiscuously.noteIf(isDelivered && isForOther && !frame.isBroadcast());
+    deliveredChanged.noteIf(isDelivered && !frame.isCRCCorrect());
+    lost.noteIf(!isDelivered && !frame.isCRCCorrect());
+}
+
+/// Those whose delay is up by the events, some of each link before their time; the others stay in flight.
 void deliverFrames()
 {
     Fuzz::passEvents();
     const QList<Connection*> connections = items<Connection>();
     for (Connection* connection : connections) {
-        connection->deliverFrame();
-        connection->deliverFrame();
+        const QList<Frame> inFlight = TestAccess::framesInFlight(*connection).mid(0, mostDeliveries);
+        for (const Frame& frame : inFlight) {
+            noteFate(frame);
+            connection->deliverFrame();
+        }
     }
 }
 
@@ -251,11 +278,13 @@ void use()
     const SavedParts parts = partsOf(file, Order::AsSaved);
     const bool isServerOn = network().isTcpEnabled();
     const bool isCaptureOn = simulation().capture()->isEnabled();
+    (simulation().fileVersion() == 0 ? loadedOld : loadedNew).noteIf(true);
 
+    paint();  // nodes without a program
     simulation().capture()->setEnabled(true);
     sendFrames();
-    paint();
     deliverFrames();
+    paint();
     readCapture();
     makeAllForms();
     simulation().capture()->setEnabled(isCaptureOn);
