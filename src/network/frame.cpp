@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string_view>
 
 namespace {
 
@@ -34,12 +35,29 @@ quint64 millisecondTimeStamp()
     return seconds * 1000U + milliseconds;
 }
 
-QByteArray addressField(const QByteArray& rawFrame, int offset)
+/// The bytes that mid() would cut out, where they stand: a copy would be taken from the heap for each frame.
+/// Empty when not all of them are there.
+std::string_view addressField(const QByteArray& rawFrame, int offset)
 {
-    const int length = currentNetwork()->addressLength();
-    if (rawFrame.size() < qint64{offset} + length)
-        return QByteArray();
-    return rawFrame.mid(offset, length);
+    const qint64 length = currentNetwork()->addressLength();
+    const qint64 size = rawFrame.size();
+    if (size < offset + length)
+        return {};
+    const qint64 begin = std::max(offset, 0);
+    const qint64 end = length < 0 ? size : offset + length;  // a negative length means all that follows
+    if (end <= begin)
+        return {};
+    return {rawFrame.constData() + begin, static_cast<size_t>(end - begin)};
+}
+
+QByteArray toByteArray(std::string_view bytes)
+{
+    return QByteArray(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+bool operator==(std::string_view bytes, const QByteArray& address)
+{
+    return bytes == std::string_view(address.constData(), static_cast<size_t>(address.size()));
 }
 
 /// Spread evenly over base - deviation / 2 to base - deviation / 2 + deviation - 1, but never negative, in
@@ -84,6 +102,13 @@ void logFlippedBits(const QByteArray& errorMask)
     }
 }
 
+int deliveryBits(bool isForReceiver, int delay, int maxDelay)
+{
+    const bool isLate = maxDelay >= 0 && delay > maxDelay;
+    return (isForReceiver ? 0 : Frame::PromiscuousRx)
+        | (isLate ? Frame::DeliveredLate : Frame::DeliveredInTime);
+}
+
 void invertBits(QByteArray* payload, const QByteArray& errorMask)
 {
     char* bytes = payload->data();
@@ -109,15 +134,16 @@ Frame::Frame(const QByteArray& payload, Node* sourceNode, Node* destinationNode,
     if (!isValid())
         return;
 
-    const QByteArray destination = destinationAddress();
+    const std::string_view destination = addressField(_payload, currentNetwork()->destinationAddressOffset());
     if (destination == currentNetwork()->broadcastAddress())
         _flags |= Broadcast;
 
     const int delay = drawDelay(*connection);  // for every valid frame, taken by the receiver or not
     if (effectiveDelay)
         *effectiveDelay = delay;
-    if (_isTakenByDestination(destination))
-        _transmit(*connection, _deliveryBits(destination, delay, maxDelay));
+    const bool isForReceiver = destination == _destinationNode->address();
+    if (_isTakenByDestination(isForReceiver))
+        _transmit(*connection, deliveryBits(isForReceiver, delay, maxDelay));
 }
 
 Frame::Frame(const QByteArray& payload, quint64 sendTs, quint64 receivedTs, FrameFlags flags)
@@ -152,12 +178,12 @@ bool Frame::isValid() const
 
 QByteArray Frame::sourceAddress() const
 {
-    return addressField(_payload, currentNetwork()->sourceAddressOffset());
+    return toByteArray(addressField(_payload, currentNetwork()->sourceAddressOffset()));
 }
 
 QByteArray Frame::destinationAddress() const
 {
-    return addressField(_payload, currentNetwork()->destinationAddressOffset());
+    return toByteArray(addressField(_payload, currentNetwork()->destinationAddressOffset()));
 }
 
 void Frame::nowReceived()
@@ -173,19 +199,11 @@ void Frame::neverReceived()
 }
 
 /// A broadcast is taken even by a node that is not active.
-bool Frame::_isTakenByDestination(const QByteArray& destinationAddress) const
+bool Frame::_isTakenByDestination(bool isForReceiver) const
 {
     if (isBroadcast())
         return true;
-    return _destinationNode->active()
-        && (destinationAddress == _destinationNode->address() || _destinationNode->isInPromiscuousMode());
-}
-
-int Frame::_deliveryBits(const QByteArray& destinationAddress, int delay, int maxDelay) const
-{
-    const int promiscuous = destinationAddress != _destinationNode->address() ? PromiscuousRx : 0;
-    const bool isLate = maxDelay >= 0 && delay > maxDelay;
-    return promiscuous | (isLate ? DeliveredLate : DeliveredInTime);
+    return _destinationNode->active() && (isForReceiver || _destinationNode->isInPromiscuousMode());
 }
 
 /// Draws the bit errors. The frame is delivered unless the receiver notices one.

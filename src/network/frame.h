@@ -64,8 +64,7 @@ public:
 private:
     friend struct TestAccess;
 
-    bool _isTakenByDestination(const QByteArray& destinationAddress) const;
-    int _deliveryBits(const QByteArray& destinationAddress, int delay, int maxDelay) const;
+    bool _isTakenByDestination(bool isForReceiver) const;
     void _transmit(const Connection& connection, int deliveryBits);
 
     Node* _destinationNode;  // not owned; null in frames built from stored values
