@@ -60,10 +60,16 @@ def limit_table(heads, rows):
 
 
 def engine_tables(engine):
-    growth = [result for result in engine["rows"] if result["key"] in run.GROWTH_KEYS]
-    others = [result for result in engine["rows"] if result["key"] not in run.GROWTH_KEYS]
-    limit = limit_table(run.titles("workload", "Lattivo", "limit"), others)
-    return limit + "\n\n" + limit_table(run.titles("growth", "much", "little"), growth)
+    """Against the limit, with the growth, and against the floor."""
+    floors = [result for result in engine["rows"] if result["against"] == "floor"]
+    others = [result for result in engine["rows"] if result["against"] != "floor"]
+    growth = [result for result in others if result["key"] in run.GROWTH_KEYS]
+    limits = [result for result in others if result["key"] not in run.GROWTH_KEYS]
+    return {
+        "limit": limit_table(run.titles("workload", "Lattivo", "limit"), limits),
+        "growth": limit_table(run.titles("growth", "much", "little"), growth),
+        "floor": limit_table(run.titles("workload", "Lattivo", "floor"), floors),
+    }
 
 
 def window_section(window):
@@ -126,9 +132,13 @@ def verdict_table(comparison):
 def judged_targets(engine, comparison, window):
     """What was to be reached, in words, and whether it was."""
     rows = engine["rows"] + (window["rows"] if window else [])
-    judged = [(f"{row['workload']}, {row['quantity']}", row["reached"]) for row in rows]
+    judged = [(f"{row['workload']}, {row['quantity']}{kind_of(row)}", row["reached"]) for row in rows]
     judged += [(f"{row['size']} bytes, {row['title']}", row["reached"]) for row in comparison["verdicts"]]
     return [(words, reached) for words, reached in judged if reached is not None]
+
+
+def kind_of(row):
+    return " against the floor" if row["against"] == "floor" else ""
 
 
 def summary(judged):
@@ -188,7 +198,7 @@ def document(engine, comparison, window, machine):
         summary=summary(judged),
         disturbance=disturbed_runs(engine, comparison),
         machine=machine,
-        engine=engine_tables(engine),
+        **engine_tables(engine),
         window=window_section(window),
         comparison=comparison_table(comparison),
         readings=reading_table(comparison),
@@ -221,7 +231,7 @@ def limit_plot(engine, file):
     """How many times better than the limit each workload is, in speed and in cost."""
     ratios = {}
     for row in engine["rows"]:
-        if row["key"] not in run.GROWTH_KEYS and row["ratio"] is not None:
+        if row["key"] not in run.GROWTH_KEYS and row["against"] == "limit" and row["ratio"] is not None:
             ratios.setdefault(row["workload"], {})[row["quantity"]] = row["ratio"]
     heads = ["workload", "frames/s, Lattivo : limit", "CPU per frame, limit : Lattivo"]
     lines = [[title, str(of["frames/s"]), str(1 / of["CPU µs/frame"])] for title, of in ratios.items()]

@@ -35,6 +35,7 @@ struct Options {
     Wire::Identification identification = Wire::ByAddress;
     Wire::Wiring wiring;
     double reliability = 1.0;  // per bit
+    bool draws = true;         // false: every frame crosses its link, and no random number decides it
     unsigned seed = 1;
     bool confirms = false;
     bool strict = false;  // a message that is only partly there is an error
@@ -112,6 +113,7 @@ private:
     bool _handleMessage(Client& client, const char* message, std::size_t bytes);
     bool _identify(Client& client, const char* message, std::size_t bytes);
     void _relay(Client& sender, const char* message, std::size_t bytes);
+    bool _crosses(std::size_t frameBytes) const;
     void _flush(Client& client) const;
     void _drop(Client& client);
 
@@ -284,13 +286,18 @@ void LimitServer::_relay(Client& sender, const char* message, std::size_t bytes)
     bool delivered = false;
     for (const int neighbour : _neighbours[sender.node]) {
         Client* receiver = _nodes[neighbour];
-        if (!receiver || !crossesTheLink(bytes - Wire::headerBytes, _options.reliability))
+        if (!receiver || !_crosses(bytes - Wire::headerBytes))
             continue;
         receiver->output.append(message, bytes);
         delivered = true;
     }
     if (_options.confirms)
         sender.output += confirmations[delivered];
+}
+
+bool LimitServer::_crosses(std::size_t frameBytes) const
+{
+    return !_options.draws || crossesTheLink(frameBytes, _options.reliability);
 }
 
 void LimitServer::_flush(Client& client) const
@@ -318,7 +325,7 @@ void LimitServer::_drop(Client& client)
 
 const char usage[]
     = "usage: lattivo_limitserver [--port N] [--pairs P | --star LINKS] [--identify-by name|address]\n"
-      "                           [--confirm] [--reliability R] [--seed N] [--strict]\n";
+      "                           [--confirm] [--reliability R | --no-draws] [--seed N] [--strict]\n";
 
 bool readOption(int option, const char* value, Options& options)
 {
@@ -341,6 +348,9 @@ bool readOption(int option, const char* value, Options& options)
     case 'r':
         options.reliability = std::atof(value);
         return true;
+    case 'd':
+        options.draws = false;
+        return true;
     case 'e':
         options.seed = static_cast<unsigned>(std::strtoul(value, nullptr, 10));
         return true;
@@ -355,15 +365,11 @@ bool readOption(int option, const char* value, Options& options)
 bool readCommandLine(int argc, char** argv, Options& options)
 {
     const option known[] = {
-        {"port", required_argument, nullptr, 'p'},
-        {"pairs", required_argument, nullptr, 'n'},
-        {"star", required_argument, nullptr, 's'},
-        {"identify-by", required_argument, nullptr, 'i'},
-        {"confirm", no_argument, nullptr, 'c'},
-        {"reliability", required_argument, nullptr, 'r'},
-        {"seed", required_argument, nullptr, 'e'},
-        {"strict", no_argument, nullptr, 'x'},
-        {nullptr, 0, nullptr, 0},
+        {"port", required_argument, nullptr, 'p'}, {"pairs", required_argument, nullptr, 'n'},
+        {"star", required_argument, nullptr, 's'}, {"identify-by", required_argument, nullptr, 'i'},
+        {"confirm", no_argument, nullptr, 'c'},    {"reliability", required_argument, nullptr, 'r'},
+        {"no-draws", no_argument, nullptr, 'd'},   {"seed", required_argument, nullptr, 'e'},
+        {"strict", no_argument, nullptr, 'x'},     {nullptr, 0, nullptr, 0},
     };
     const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
     if (!readOptions(argc, argv, known, read))

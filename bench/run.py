@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Compares the headless simulator with the limit server: the least that any program could do for the same job.
 
-Both run in alternation, on one processor core, under the same load client on another core; the table shows
-medians of all rounds. Frames per second and the server's processor time per frame are given as ratios
-(simulator : limit), so that they hold on any machine. "Growth" compares the simulator with itself.
+Some workloads are also compared with the floor: the limit server that draws no random number and only relays.
+All take turns on one processor core, under the same load client on another core; the table shows medians of all
+rounds. Frames per second and the server's processor time per frame are given as ratios (simulator : limit or floor),
+so that they hold on any machine. "Growth" compares the simulator with itself.
 The exit code is 0 when every target is reached, 1 when one is missed and 2 when something could not be measured.
 """
 
@@ -16,7 +17,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import disturbance
 import makesimulation
@@ -55,6 +56,7 @@ class Workload:
     speed_target: float = None  # frames/s, at least
     cpu_target: float = None  # per frame, at most
     latency_target: float = None  # median, at most
+    floor_targets: tuple = None  # frames/s, at least, and CPU per frame, at most; None: not compared with the floor
 
     def wiring_arguments(self):
         return ["--star", str(self.star_links)] if self.star_links else ["--pairs", str(self.pairs)]
@@ -74,18 +76,28 @@ class Workload:
 
 
 WORKLOADS = [
-    Workload("small", "S=64 W=64, one pair", speed_target=1.2, cpu_target=0.5),
-    Workload("large", "S=255 W=64, one pair", size=255, speed_target=2.0, cpu_target=0.2),
+    Workload("small", "S=64 W=64, one pair", speed_target=1.2, cpu_target=0.5, floor_targets=(0.9, 1.2)),
+    Workload(
+        "large", "S=255 W=64, one pair", size=255, speed_target=2.0, cpu_target=0.2, floor_targets=(0.8, 1.25)
+    ),
     Workload("noisy-small", "S=64 W=64, reliability 0.9999", reliability=NOISY, speed_target=1.0, cpu_target=0.7),
     Workload(
         "noisy-large", "S=255 W=64, reliability 0.9999", size=255, reliability=NOISY, speed_target=1.0, cpu_target=0.4
     ),
-    Workload("pairs16", "S=64 W=16, 16 pairs", window=16, pairs=16, speed_target=1.0),
-    Workload("pairs100", "S=64 W=4, 100 pairs", window=4, pairs=100, speed_target=1.0),
+    Workload("pairs16", "S=64 W=16, 16 pairs", window=16, pairs=16, speed_target=1.0, floor_targets=(0.85, 1.3)),
+    Workload("pairs100", "S=64 W=4, 100 pairs", window=4, pairs=100, speed_target=1.0, floor_targets=(0.75, 1.4)),
     Workload("confirm", "S=64 W=16 with confirmations", window=16, confirms=True, speed_target=1.0),
     Workload("broadcast", "S=64 W=16, broadcast over 16 links", window=16, star_links=16, speed_target=1.0),
+    Workload("fan-out", "S=64 W=4, broadcast over 16 links", window=4, star_links=16, floor_targets=(0.8, 1.3)),
     Workload("capture", "S=64 W=64, capture on", captures=True, speed_target=1.0),
-    Workload("latency", "S=64 W=1, latency", window=1, speed_target=1.0, latency_target=LATENCY_TARGET),
+    Workload(
+        "latency",
+        "S=64 W=1, latency",
+        window=1,
+        speed_target=1.0,
+        latency_target=LATENCY_TARGET,
+        floor_targets=(0.92, 1.15),
+    ),
 ]
 GROWTH_KEYS = ["in-flight", "captured", "pairs-growth"]
 
@@ -113,6 +125,9 @@ class Bench:
         command = [self.options.limit_server, "--seed", SEED, "--reliability", str(workload.reliability)]
         command += workload.wiring_arguments()
         return command + ["--confirm"] * workload.confirms + ["--strict"] * strict
+
+    def floor_command(self, workload):
+        return self.limit_command(workload) + ["--no-draws"]
 
     def simulator_command(self, workload, delay=0):
         if self.options.self_check:
@@ -237,25 +252,41 @@ def compare(ours, limits, figure):
 
 
 def measure_workloads(bench, workloads):
-    runs = {workload.key: ([], []) for workload in workloads}
+    """For each key the figures of the simulator, of the limit and, where it is compared with, of the floor."""
+    runs = {workload.key: ([], [], []) for workload in workloads}
     duration = ["--duration", str(bench.options.duration)]
     for number in range(bench.options.rounds):
         for workload in workloads:
             progress.begin(f"round {number + 1} of {bench.options.rounds}: {workload.title}")
             arguments = workload.client_arguments() + duration
-            ours, limits = runs[workload.key]
+            ours, limits, floors = runs[workload.key]
             steps = [
                 lambda: ours.append(bench.measure_simulator(workload, arguments)),
                 lambda: limits.append(bench.measure(bench.limit_command(workload), arguments)),
             ]
-            for step in steps if number % 2 == 0 else reversed(steps):
+            if workload.floor_targets:
+                steps.append(lambda: floors.append(bench.measure(bench.floor_command(workload), arguments)))
+            first = number % len(steps)
+            for step in steps[first:] + steps[:first]:
                 step()
             if workload.reliability == 1.0:
-                bench.lost_frames += ours[-1]["lost"] + limits[-1]["lost"]
+                bench.lost_frames += sum(figures[-1]["lost"] for figures in (ours, limits, floors) if figures)
     return runs
 
 
-def workload_rows(workload, ours, limits):
+def floor_rows(workload, ours, _limits, floors):
+    if not floors:
+        return []
+    speed_target, cpu_target = workload.floor_targets
+    speed = compare(ours, floors, lambda run: run["frames_per_second"])
+    cpu = compare(ours, floors, cpu_per_frame)
+    return [
+        row(workload, "frames/s", speed, speed_target, at_least=True, against="floor"),
+        row(workload, "CPU µs/frame", cpu, cpu_target, against="floor"),
+    ]
+
+
+def workload_rows(workload, ours, limits, _floors):
     rows = []
     speed = compare(ours, limits, lambda run: run["frames_per_second"])
     rows.append(row(workload, "frames/s", speed, workload.speed_target, at_least=True))
@@ -267,7 +298,7 @@ def workload_rows(workload, ours, limits):
     return rows
 
 
-def row(workload, quantity, comparison, target=None, at_least=False):
+def row(workload, quantity, comparison, target=None, at_least=False, against="limit"):
     reached = None
     if target is not None:
         reached = comparison["ratio"] >= target if at_least else comparison["ratio"] <= target
@@ -275,6 +306,7 @@ def row(workload, quantity, comparison, target=None, at_least=False):
         "key": workload.key,
         "workload": workload.title,
         "quantity": quantity,
+        "against": against,
         **comparison,
         "target": target,
         "at_least": at_least,
@@ -394,9 +426,11 @@ def titles(table, ours, others):
     return [table, "figure", ours, others, "ratio", "rounds", "target", "verdict"]
 
 
-def report(bench, rows, growth):
+def report(bench, rows, floors, growth):
     if rows:
         print_table(titles("workload", "ours", "limit"), rows)
+    if floors:
+        print_table(titles("workload", "ours", "floor"), floors)
     if growth:
         print_table(titles("growth", "much", "little"), growth)
     report_disturbance(bench)
@@ -441,8 +475,11 @@ def parse_options():
 
 def measure(bench, wanted):
     workloads = [workload for workload in WORKLOADS if workload.key in wanted]
+    if bench.options.self_check:
+        workloads = [replace(workload, floor_targets=None) for workload in workloads]
     runs = measure_workloads(bench, workloads)
     rows = [result for workload in workloads for result in workload_rows(workload, *runs[workload.key])]
+    floors = [result for workload in workloads for result in floor_rows(workload, *runs[workload.key])]
     growth_measurements = [
         ("in-flight", in_flight_growth),
         ("captured", captured_growth),
@@ -453,7 +490,7 @@ def measure(bench, wanted):
         growth_measurements.pop(0)  # the limit server delays nothing
     growth = [measure_growth(bench) for key, measure_growth in growth_measurements if key in wanted]
     has_p99s = bench.p99s or bench.disturbed_p99s
-    return rows + ([p99_row(bench)] if has_p99s else []), growth
+    return rows + ([p99_row(bench)] if has_p99s else []), floors, growth
 
 
 def main():
@@ -462,15 +499,16 @@ def main():
     with tempfile.TemporaryDirectory(prefix="lattivo-bench-") as folder:
         bench = Bench(options, folder)
         try:
-            rows, growth = measure(bench, wanted)
+            tables = measure(bench, wanted)
         except (MeasurementFailed, subprocess.TimeoutExpired) as error:
             return progress.fail(error)
     progress.end()
-    report(bench, rows, growth)
+    report(bench, *tables)
+    rows = [result for table in tables for result in table]
     if options.json:
-        result = {"rows": rows + growth, "runs": bench.runs, "disturbed_runs": bench.disturbed_runs}
+        result = {"rows": rows, "runs": bench.runs, "disturbed_runs": bench.disturbed_runs}
         options.json.write_text(json.dumps(result, indent=2, ensure_ascii=False) + "\n")
-    return 1 if any(result["reached"] is False for result in rows + growth) else 0
+    return 1 if any(result["reached"] is False for result in rows) else 0
 
 
 if __name__ == "__main__":

@@ -81,6 +81,16 @@ class DocumentTest(unittest.TestCase):
         self.assertIn("5 of 5 targets are reached", text)
         self.assertNotIn("MISSED", text)
 
+    def test_the_floor_has_a_table_of_its_own(self):
+        figures = engine(1.3)
+        costs = {"ours": 1.5, "limit": 1.2, "ratio": 1.25, "lowest": 1.2, "highest": 1.3}
+        figures["rows"].append(run.row(run.Workload("small", "one pair"), "CPU µs/frame", costs, 1.2, against="floor"))
+        text = self.text(figures, comparison_of(FAST))
+        section = text.partition("## Against the floor")[2].partition("\n## ")[0]
+        self.assertIn("| one pair | CPU µs/frame | 1.50 | 1.20 | 1.25 | 1.20–1.30 | ≤ 1.20 | **MISSED** |", section)
+        self.assertNotIn("frames/s | 1,300", section)
+        self.assertIn("- **MISSED**: one pair, CPU µs/frame against the floor", text)
+
     def test_growth_stands_in_the_table_without_a_target_too(self):
         figures = engine(1.3)
         growth = {"ours": 9.0, "limit": 7.5, "ratio": 1.2, "lowest": 1.1, "highest": 1.3}
@@ -199,6 +209,19 @@ class LimitTest(unittest.TestCase):
         self.assertIn(result.returncode, (0, 1), result.stderr)  # how fast they are is not judged here
         rows = json.loads((folder / "figures").read_text())["rows"]
         self.assertEqual(["small", "noisy-large", "p99"], list(dict.fromkeys(row["key"] for row in rows)))
+        self.assertEqual({"small"}, {row["key"] for row in rows if row["against"] == "floor"})
+
+    def test_the_floor_relays_every_frame(self):
+        limit_server = run.find_program(build_folder(), "lattivo_limitserver")
+        command = [limit_server, "--star", "3", "--reliability", "0", "--no-draws"]
+        floor = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        self.addCleanup(floor.communicate)
+        self.addCleanup(floor.kill)
+        port = floor.stdout.readline().split()[-1]
+        load = [run.find_program(build_folder(), "lattivo_loadclient"), "--port", port, "--star", "3", "--window", "1"]
+        client = subprocess.run([*load, "--frames", "1000"], capture_output=True, text=True, timeout=PATIENCE)
+        self.assertEqual((client.returncode, client.stderr), (0, ""))
+        self.assertEqual(0, json.loads(client.stdout)["lost"])
 
 
 @unittest.skipUnless(tools_are_there(), "VDE or ns-3 is not installed")
