@@ -58,6 +58,7 @@ struct Options {
     std::uint64_t window = 64;           // frames of one sender between it and its slowest receiver
     std::uint64_t batch = 8;             // most messages put into one send()
     bool confirms = false;               // the window also waits for the confirmations
+    bool inStep = false;                 // both ends of each pair send, all anew when everything has arrived
     double rate = 0.0;                   // frames per second of all senders; 0: as fast as the window allows
     double warmUp = 0.3;                 // seconds
     double duration = 2.0;               // seconds; not looked at when frames is given
@@ -71,6 +72,7 @@ struct Options {
     std::uint64_t burst() const { return Wire::maximalBytesInFlight / messageBytes(); }
 
     bool isPaced() const { return rate > 0; }
+    int lanesPerPair() const { return inStep ? 2 : 1; }
 
     /// A paced sender fills the links and has no window: what the server has not read yet can grow beyond 16
     /// KiB while others have its processor.
@@ -162,11 +164,11 @@ void printNumber(const char* name, double value, const char* end = ", ")
     std::printf("\"%s\": %.6f%s", name, value, end);
 }
 
-std::string frameMessage(const Options& options, int sender)
+std::string frameMessage(const Options& options, int sender, int receiver)
 {
     const bool isBroadcast = options.wiring.isStar();
     std::string frame
-        = isBroadcast ? std::string(Wire::addressBytes, Wire::broadcastByte) : Wire::nodeAddress(sender + 1);
+        = isBroadcast ? std::string(Wire::addressBytes, Wire::broadcastByte) : Wire::nodeAddress(receiver);
     frame += Wire::nodeAddress(sender);
     for (std::size_t i = frame.size(); i < options.frameBytes; ++i)
         frame += static_cast<char>(i);
@@ -208,7 +210,9 @@ private:
     std::uint64_t _inFlight(const Lane& lane) const;
     bool _allArrived() const;
     bool _refill(Lane& lane);
+    bool _fill(Lane& lane);
     bool _refillAll();
+    bool _beginStep();
     bool _pace();
     bool _step();
     bool _checkProgress();
@@ -228,6 +232,7 @@ private:
     std::string _failure;
 
     bool _loading = false;
+    std::size_t _arrivedLanes = 0;  // in step, from the first on: nothing of theirs is under way
     Clock::time_point _paceBegin;
     std::uint64_t _paced = 0;  // frames sent since then
     Clock::time_point _lastProgressCheck;
@@ -241,21 +246,23 @@ private:
 LoadClient::LoadClient(const Options& options)
     : _options(options)
     , _epoll(epoll_create1(0))
-    , _lanes(options.wiring.senderCount())
+    , _lanes(options.wiring.senderCount() * options.lanesPerPair())
     , _receiversPerLane(options.wiring.receiversPerSender())
 {
     for (std::size_t i = 0; i < _lanes.size(); ++i) {
         Lane& lane = _lanes[i];
-        const int sender = options.wiring.sender(static_cast<int>(i));
-        const std::string message = frameMessage(options, sender);
+        const bool isWayBack = options.inStep && i % 2 == 1;
+        const int first = options.wiring.sender(static_cast<int>(i) / options.lanesPerPair());
+        const int sender = isWayBack ? first + 1 : first;
+        int receiverNode = isWayBack ? first : first + 1;
+        const std::string message = frameMessage(options, sender, receiverNode);
         for (std::uint64_t k = 0; k < options.batch; ++k)
             lane.messages += message;
         lane.sender.node = sender;
         lane.sender.lane = i;
         lane.receivers.resize(_receiversPerLane);
-        int node = sender;
         for (Receiver& receiver : lane.receivers) {
-            receiver.endpoint.node = ++node;
+            receiver.endpoint.node = receiverNode++;
             receiver.endpoint.lane = i;
         }
     }
@@ -272,12 +279,16 @@ bool LoadClient::run()
 bool LoadClient::_connectAll()
 {
     for (Lane& lane : _lanes) {
-        if (!_connect(lane.sender))
+        if (!_options.inStep && !_connect(lane.sender))
             return false;
         for (Receiver& receiver : lane.receivers) {
             if (!_connect(receiver.endpoint))
                 return false;
         }
+    }
+    if (_options.inStep) {
+        for (std::size_t i = 0; i < _lanes.size(); ++i)
+            _lanes[i].sender.fd = _lanes[i ^ 1].receivers.front().endpoint.fd;  // where the way back ends
     }
     return _pumpFor(attachGrace);
 }
@@ -434,7 +445,7 @@ void LoadClient::_takeFrame(const Endpoint& endpoint, const char* frame, std::si
                             Clock::time_point now)
 {
     Lane& lane = _lanes[endpoint.lane];
-    const int index = endpoint.node - lane.sender.node - 1;
+    const int index = endpoint.node - lane.receivers.front().endpoint.node;
     if (index < 0 || !_isIntact(lane, frame, bytes)) {
         ++_counters.damaged;
         return;
@@ -521,6 +532,11 @@ bool LoadClient::_refill(Lane& lane)
 {
     if (_options.isPaced())
         return true;  // _pace() sends
+    return _options.inStep ? _beginStep() : _fill(lane);
+}
+
+bool LoadClient::_fill(Lane& lane)
+{
     const std::uint64_t inFlight = _inFlight(lane);
     std::uint64_t room = _options.effectiveWindow() - std::min(inFlight, _options.effectiveWindow());
     while (room > 0) {
@@ -541,6 +557,17 @@ bool LoadClient::_refillAll()
             return false;
     }
     return true;
+}
+
+/// Lets all send again, once nothing is under way any more.
+bool LoadClient::_beginStep()
+{
+    while (_arrivedLanes < _lanes.size() && _inFlight(_lanes[_arrivedLanes]) == 0)
+        ++_arrivedLanes;
+    if (_arrivedLanes < _lanes.size())
+        return true;
+    _arrivedLanes = 0;
+    return std::all_of(_lanes.begin(), _lanes.end(), [this](Lane& lane) { return _fill(lane); });
 }
 
 /// Sends what is due by now, to the lanes in turn. What a hold-up has left over is made good in bursts of 16
@@ -674,6 +701,8 @@ const char usage[]
       "  --window W                   frames in flight per sender (64); at most what 16 KiB hold\n"
       "  --batch N                    messages put into one send(), at most (8)\n"
       "  --confirm                    the window also waits for confirmations\n"
+      "  --in-step                    both ends of each pair send their window, and all send again\n"
+      "                               when everything has arrived; not with --star, --confirm or --rate\n"
       "  --rate F                     F frames per second instead of a window\n"
       "  --warm-up S, --duration S    seconds (0.3, 2)\n"
       "  --frames N                   measure N frames instead of a duration\n"
@@ -709,6 +738,9 @@ bool readOption(int option, const char* value, Options& options)
     case 'c':
         options.confirms = true;
         return true;
+    case 't':
+        options.inStep = true;
+        return true;
     case 'r':
         options.rate = std::atof(value);
         return options.rate > 0;
@@ -738,20 +770,30 @@ bool readOption(int option, const char* value, Options& options)
 bool readCommandLine(int argc, char** argv, Options& options)
 {
     const option known[] = {
-        {"port", required_argument, nullptr, 'p'},       {"pairs", required_argument, nullptr, 'n'},
-        {"star", required_argument, nullptr, 's'},       {"identify-by", required_argument, nullptr, 'i'},
-        {"size", required_argument, nullptr, 'z'},       {"window", required_argument, nullptr, 'w'},
-        {"batch", required_argument, nullptr, 'b'},      {"confirm", no_argument, nullptr, 'c'},
-        {"rate", required_argument, nullptr, 'r'},       {"warm-up", required_argument, nullptr, 'u'},
-        {"duration", required_argument, nullptr, 'd'},   {"frames", required_argument, nullptr, 'f'},
-        {"checkpoint", required_argument, nullptr, 'k'}, {"loss-timeout", required_argument, nullptr, 'l'},
-        {"watch-pid", required_argument, nullptr, 'x'},  {nullptr, 0, nullptr, 0},
+        {"port", required_argument, nullptr, 'p'},
+        {"pairs", required_argument, nullptr, 'n'},
+        {"star", required_argument, nullptr, 's'},
+        {"identify-by", required_argument, nullptr, 'i'},
+        {"size", required_argument, nullptr, 'z'},
+        {"window", required_argument, nullptr, 'w'},
+        {"batch", required_argument, nullptr, 'b'},
+        {"confirm", no_argument, nullptr, 'c'},
+        {"in-step", no_argument, nullptr, 't'},
+        {"rate", required_argument, nullptr, 'r'},
+        {"warm-up", required_argument, nullptr, 'u'},
+        {"duration", required_argument, nullptr, 'd'},
+        {"frames", required_argument, nullptr, 'f'},
+        {"checkpoint", required_argument, nullptr, 'k'},
+        {"loss-timeout", required_argument, nullptr, 'l'},
+        {"watch-pid", required_argument, nullptr, 'x'},
+        {nullptr, 0, nullptr, 0},
     };
     const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
     if (!readOptions(argc, argv, known, read))
         return false;
     options.batch = std::min(options.batch, options.burst());
-    return optind == argc && options.port > 0;
+    const bool isSteppable = !options.wiring.isStar() && !options.confirms && !options.isPaced();
+    return optind == argc && options.port > 0 && (isSteppable || !options.inStep);
 }
 
 }  // namespace

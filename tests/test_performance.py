@@ -7,8 +7,10 @@ from __future__ import annotations
 
 import json
 import os
+import select
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -171,17 +173,28 @@ def tools_are_there() -> bool:
     return None not in built and None not in [shutil.which(name) for name in ("vde_switch", "wirefilter")]
 
 
-class PacedLoadTest(unittest.TestCase):
-    RATE = 100_000  # frames/s
-    STOPS = 4
-    STOP_TIME = 0.25  # s, several times what fills the receive window at this rate
-    RUN_TIME = 0.1  # s, between two stops
-
-    def start(self, program: Path, *arguments: str) -> subprocess.Popen:
+class ProgramTest(unittest.TestCase):
+    def start(self, program: str | Path, *arguments: str) -> subprocess.Popen:
         process = subprocess.Popen([program, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.addCleanup(process.communicate)
         self.addCleanup(process.kill)
         return process
+
+    def start_client(self, port: int | str, *arguments: str) -> subprocess.Popen:
+        client = run.find_program(build_folder(), "lattivo_loadclient")
+        return self.start(client, "--port", str(port), *arguments)
+
+    def figures(self, client: subprocess.Popen) -> dict:
+        output, errors = client.communicate(timeout=PATIENCE)
+        self.assertEqual((client.returncode, errors), (0, ""))
+        return json.loads(output)
+
+
+class PacedLoadTest(ProgramTest):
+    RATE = 100_000  # frames/s
+    STOPS = 4
+    STOP_TIME = 0.25  # s, several times what fills the receive window at this rate
+    RUN_TIME = 0.1  # s, between two stops
 
     def test_no_message_is_cut_while_the_simulator_stands_still(self):
         file = Path(self.enterContext(tempfile.TemporaryDirectory())) / "pair.ltvo"
@@ -189,18 +202,68 @@ class PacedLoadTest(unittest.TestCase):
         simulator = self.start(build_folder() / "lattivo-headless", file, "--listen", "0", "--identify-by", "address")
         port = simulator.stdout.readline().split()[-1]
         load = ["--rate", str(self.RATE), "--duration", str(1.0 + self.STOPS * (self.STOP_TIME + self.RUN_TIME))]
-        client = self.start(run.find_program(build_folder(), "lattivo_loadclient"), "--port", port, *load)
+        client = self.start_client(port, *load)
         for _ in range(self.STOPS):
             time.sleep(self.RUN_TIME)
             simulator.send_signal(signal.SIGSTOP)
             time.sleep(self.STOP_TIME)
             simulator.send_signal(signal.SIGCONT)
-        output, errors = client.communicate(timeout=PATIENCE)
-        self.assertEqual((client.returncode, errors), (0, ""))
-        self.assertGreater(json.loads(output)["frames"], 0)
+        self.assertGreater(self.figures(client)["frames"], 0)
 
 
-class LimitTest(unittest.TestCase):
+class StepTest(ProgramTest):
+    """This test is the server of the programs."""
+
+    PAIRS = 2
+    PROGRAMS = range(2 * PAIRS)
+    FRAME_BYTES = 64
+    MESSAGE_BYTES = 5 + FRAME_BYTES
+    SENDER_OFFSET = 5 + 11  # the last byte of its address
+    KIND_OFFSET = 5 + 12
+    LOAD = 2  # a kind
+    SHORT_TIME = 0.2  # s, in which a program would send too early
+
+    def setUp(self):
+        server = self.enterContext(socket.create_server(("127.0.0.1", 0)))
+        server.settimeout(PATIENCE)
+        window = ["--in-step", "--pairs", str(self.PAIRS), "--window", "1", "--size", str(self.FRAME_BYTES)]
+        self.start_client(server.getsockname()[1], *window)
+        self.programs = {}
+        for _ in self.PROGRAMS:
+            program = self.enterContext(server.accept()[0])
+            program.settimeout(PATIENCE)
+            identification = program.recv(5 + 7, socket.MSG_WAITALL)
+            self.programs[identification[-1]] = program
+
+    def receive_step(self) -> dict[int, bytes]:
+        """A message of each program, by sender; the probes before the first step are delivered."""
+        messages = {}
+        while len(messages) < len(self.PROGRAMS):
+            ready, _, _ = select.select(self.programs.values(), [], [], PATIENCE)
+            self.assertNotEqual([], ready)
+            for program in ready:
+                message = program.recv(self.MESSAGE_BYTES, socket.MSG_WAITALL)
+                sender = message[self.SENDER_OFFSET]
+                if message[self.KIND_OFFSET] == self.LOAD:
+                    messages[sender] = message
+                else:
+                    self.deliver(sender, message)
+        return messages
+
+    def deliver(self, sender: int, message: bytes):
+        self.programs[sender ^ 1].sendall(message)
+
+    def test_all_programs_send_when_each_has_got_its_frame_and_not_before(self):
+        for _step in range(3):
+            messages = self.receive_step()
+            for sender in self.PROGRAMS[1:]:
+                self.deliver(sender, messages[sender])
+            too_early, _, _ = select.select(self.programs.values(), [], [], self.SHORT_TIME)
+            self.assertEqual([], too_early)
+            self.deliver(0, messages[0])
+
+
+class LimitTest(ProgramTest):
     def test_the_simulator_and_the_limit_are_measured_in_turns(self):
         folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
         command = [sys.executable, "-B", str(BENCH / "run.py"), "--build-dir", str(build_folder()), "--rounds", "1"]
@@ -213,15 +276,10 @@ class LimitTest(unittest.TestCase):
 
     def test_the_floor_relays_every_frame(self):
         limit_server = run.find_program(build_folder(), "lattivo_limitserver")
-        command = [limit_server, "--star", "3", "--reliability", "0", "--no-draws"]
-        floor = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-        self.addCleanup(floor.communicate)
-        self.addCleanup(floor.kill)
+        floor = self.start(limit_server, "--star", "3", "--reliability", "0", "--no-draws")
         port = floor.stdout.readline().split()[-1]
-        load = [run.find_program(build_folder(), "lattivo_loadclient"), "--port", port, "--star", "3", "--window", "1"]
-        client = subprocess.run([*load, "--frames", "1000"], capture_output=True, text=True, timeout=PATIENCE)
-        self.assertEqual((client.returncode, client.stderr), (0, ""))
-        self.assertEqual(0, json.loads(client.stdout)["lost"])
+        figures = self.figures(self.start_client(port, "--star", "3", "--window", "1", "--frames", "1000"))
+        self.assertEqual((0, 0), (figures["lost"], figures["timeouts"]))
 
 
 @unittest.skipUnless(tools_are_there(), "VDE or ns-3 is not installed")
