@@ -53,23 +53,14 @@ def limit_table(heads, rows):
     """What has a target, and all growth; the other figures are in the plots and in the script's own output."""
     lines = []
     for result in rows:
-        if result["target"] is not None or result["key"] in run.GROWTH_KEYS:
+        if result["target"] is not None or run.kind_of(result) == "growth":
             *figures, _ = run.cells(result)
             lines.append([*figures, verdict_word(result["reached"])])
     return table(heads, lines) if lines else "Not measured this time."
 
 
 def engine_tables(engine):
-    """Against the limit, with the growth, and against the floor."""
-    floors = [result for result in engine["rows"] if result["against"] == "floor"]
-    others = [result for result in engine["rows"] if result["against"] != "floor"]
-    growth = [result for result in others if result["key"] in run.GROWTH_KEYS]
-    limits = [result for result in others if result["key"] not in run.GROWTH_KEYS]
-    return {
-        "limit": limit_table(run.titles("workload", "Lattivo", "limit"), limits),
-        "growth": limit_table(run.titles("growth", "much", "little"), growth),
-        "floor": limit_table(run.titles("workload", "Lattivo", "floor"), floors),
-    }
+    return {name: limit_table(heads, rows) for name, (heads, rows) in run.tables(engine["rows"]).items()}
 
 
 def window_section(window):
@@ -131,14 +122,14 @@ def verdict_table(comparison):
 
 def judged_targets(engine, comparison, window):
     """What was to be reached, in words, and whether it was."""
-    rows = engine["rows"] + (window["rows"] if window else [])
-    judged = [(f"{row['workload']}, {row['quantity']}{kind_of(row)}", row["reached"]) for row in rows]
+    judged = []
+    for row in engine["rows"]:
+        words = " against the floor" if row["against"] == "floor" else ""
+        judged.append((f"{row['workload']}, {row['quantity']}{words}", row["reached"]))
+    for row in window["rows"] if window else []:
+        judged.append((f"with the window: {row['workload']}, {row['quantity']}", row["reached"]))
     judged += [(f"{row['size']} bytes, {row['title']}", row["reached"]) for row in comparison["verdicts"]]
     return [(words, reached) for words, reached in judged if reached is not None]
-
-
-def kind_of(row):
-    return " against the floor" if row["against"] == "floor" else ""
 
 
 def summary(judged):
@@ -154,10 +145,10 @@ def disturbed_runs(engine, comparison):
     failures = comparison["failures"]
     made_again = f" Made again because they failed: {'; '.join(failures)}." if failures else ""
     return (
-        f"{engine['disturbed_runs']} of {engine['runs']} runs against the limit and "
+        f"{engine['disturbed_runs']} of {engine['runs']} runs against limit and floor and "
         f"{comparison['disturbed_runs']} of {comparison['runs']} beside other tools were disturbed: "
         f"{disturbance.MEANING}. "
-        f"Those against the limit had been made up to {run.TRIES} times by then, and the least disturbed one counts."
+        f"A disturbed run against limit or floor had been made {run.TRIES} times, and the least disturbed one counts."
         f"{made_again}"
     )
 
@@ -231,7 +222,7 @@ def limit_plot(engine, file):
     """How many times better than the limit each workload is, in speed and in cost."""
     ratios = {}
     for row in engine["rows"]:
-        if row["key"] not in run.GROWTH_KEYS and row["against"] == "limit" and row["ratio"] is not None:
+        if run.kind_of(row) == "limit" and row["ratio"] is not None:
             ratios.setdefault(row["workload"], {})[row["quantity"]] = row["ratio"]
     heads = ["workload", "frames/s, Lattivo : limit", "CPU per frame, limit : Lattivo"]
     lines = [[title, str(of["frames/s"]), str(1 / of["CPU µs/frame"])] for title, of in ratios.items()]

@@ -17,7 +17,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
-from dataclasses import dataclass, replace
+from dataclasses import dataclass
 
 import disturbance
 import makesimulation
@@ -30,6 +30,7 @@ IN_FLIGHT_TARGET = 1.3
 CAPTURE_TARGET = 1.1
 PAIRS_TARGET = 1.2
 
+LEAST_OF_RATE = 0.97  # what of a workload's rate has to be reached
 IN_FLIGHT_RATE = 25_000  # frames/s; times the delay: the frames in flight
 FEW_IN_FLIGHT_DELAY = 4  # ms
 MANY_IN_FLIGHT_DELAY = 4000  # ms
@@ -51,8 +52,11 @@ class Workload:
     pairs: int = 1
     star_links: int = 0
     confirms: bool = False
+    in_step: bool = False  # both ends of each pair send, all anew when everything has arrived
     captures: bool = False
     reliability: float = 1.0  # per bit
+    delay: int = 0  # ms; the limit has none
+    rate: int = 0  # frames/s; 0: as fast as the window allows
     speed_target: float = None  # frames/s, at least
     cpu_target: float = None  # per frame, at most
     latency_target: float = None  # median, at most
@@ -62,15 +66,19 @@ class Workload:
         return ["--star", str(self.star_links)] if self.star_links else ["--pairs", str(self.pairs)]
 
     def client_arguments(self):
-        confirmation = ["--confirm"] if self.confirms else []
-        return self.wiring_arguments() + ["--size", str(self.size), "--window", str(self.window)] + confirmation
+        arguments = self.wiring_arguments() + ["--size", str(self.size), "--window", str(self.window)]
+        arguments += ["--confirm"] * self.confirms + ["--in-step"] * self.in_step
+        if self.rate:
+            arguments += ["--rate", str(self.rate), "--loss-timeout", str(self.delay + 2000)]
+            arguments += ["--warm-up", str(self.delay / 1000 + 0.5)]
+        return arguments
 
-    def simulation(self, delay=0):
+    def simulation(self):
         return makesimulation.Simulation(
             pairs=self.pairs,
             star_links=self.star_links,
             confirms=self.confirms,
-            delay=delay,
+            delay=self.delay,
             reliability=self.reliability,
         )
 
@@ -89,6 +97,10 @@ WORKLOADS = [
     Workload("confirm", "S=64 W=16 with confirmations", window=16, confirms=True, speed_target=1.0),
     Workload("broadcast", "S=64 W=16, broadcast over 16 links", window=16, star_links=16, speed_target=1.0),
     Workload("fan-out", "S=64 W=4, broadcast over 16 links", window=4, star_links=16, floor_targets=(0.8, 1.3)),
+    Workload(
+        "in-step", "S=64 W=1, 200 programs in step", window=1, pairs=100, in_step=True, speed_target=1.0, cpu_target=1.3
+    ),
+    Workload("delayed", "S=64, 5,000 frames/s, delay 100 ms", rate=5000, delay=100, cpu_target=1.1),
     Workload("capture", "S=64 W=64, capture on", captures=True, speed_target=1.0),
     Workload(
         "latency",
@@ -126,22 +138,35 @@ class Bench:
         command += workload.wiring_arguments()
         return command + ["--confirm"] * workload.confirms + ["--strict"] * strict
 
-    def floor_command(self, workload):
-        return self.limit_command(workload) + ["--no-draws"]
-
-    def simulator_command(self, workload, delay=0):
+    def simulator_command(self, workload):
         if self.options.self_check:
             return self.limit_command(workload, strict=True)
         file = self.folder / "simulation.ltvo"
-        file.write_bytes(makesimulation.simulation_file(workload.simulation(delay)))
+        file.write_bytes(makesimulation.simulation_file(workload.simulation()))
         command = [self.options.program, str(file), "--listen", "0", "--identify-by", "address", "--seed", SEED]
         return command + (["--capture", str(self.folder / "dump.pcapdump")] if workload.captures else [])
 
-    def measure(self, server_command, client_arguments):
+    def measure_simulator(self, workload, arguments):
+        figures = self._measure(self.simulator_command(workload), workload, arguments)
+        if not workload.delay:
+            (self.disturbed_p99s if figures["disturbed"] else self.p99s).append(figures["latency_p99_us"])
+        return figures
+
+    def measure_limit(self, workload, arguments):
+        return self._measure(self.limit_command(workload), workload, arguments)
+
+    def measure_floor(self, workload, arguments):
+        return self._measure(self.limit_command(workload) + ["--no-draws"], workload, arguments)
+
+    def _measure(self, server_command, workload, arguments):
         """Figures of the client."""
+        client_arguments = workload.client_arguments() + arguments
         figures, disturbed, others = disturbance.quietest(TRIES, lambda: self._run(server_command, client_arguments))
         figures["lost"] += sum(other["lost"] for other in others)
         self.note_disturbance(figures, disturbed)
+        speed = figures["frames_per_second"]
+        if speed < LEAST_OF_RATE * workload.rate:
+            raise MeasurementFailed(f"only {speed:.0f} of {workload.rate} frames/s (server: {server_command[0]})")
         return figures
 
     def _run(self, server_command, client_arguments):
@@ -158,11 +183,6 @@ class Bench:
         if figures["frames"] == 0:
             raise MeasurementFailed(f"no frame arrived (server: {server_command[0]})")
         return figures, watch.disturbance(max(figures["server_wait_seconds"], figures["client_wait_seconds"]))
-
-    def measure_simulator(self, workload, client_arguments):
-        figures = self.measure(self.simulator_command(workload), client_arguments)
-        (self.disturbed_p99s if figures["disturbed"] else self.p99s).append(figures["latency_p99_us"])
-        return figures
 
     def note_disturbance(self, figures, disturbed):
         figures["disturbed"] = disturbed.exceeds(disturbance.USUAL)
@@ -258,19 +278,15 @@ def measure_workloads(bench, workloads):
     for number in range(bench.options.rounds):
         for workload in workloads:
             progress.begin(f"round {number + 1} of {bench.options.rounds}: {workload.title}")
-            arguments = workload.client_arguments() + duration
-            ours, limits, floors = runs[workload.key]
-            steps = [
-                lambda: ours.append(bench.measure_simulator(workload, arguments)),
-                lambda: limits.append(bench.measure(bench.limit_command(workload), arguments)),
-            ]
+            measures = [bench.measure_simulator, bench.measure_limit]
             if workload.floor_targets:
-                steps.append(lambda: floors.append(bench.measure(bench.floor_command(workload), arguments)))
-            first = number % len(steps)
-            for step in steps[first:] + steps[:first]:
-                step()
-            if workload.reliability == 1.0:
-                bench.lost_frames += sum(figures[-1]["lost"] for figures in (ours, limits, floors) if figures)
+                measures.append(bench.measure_floor)
+            turns = list(zip(runs[workload.key], measures))
+            first = number % len(turns)
+            for figures, measure in turns[first:] + turns[:first]:
+                figures.append(measure(workload, duration))
+                if workload.reliability == 1.0:
+                    bench.lost_frames += figures[-1]["lost"]
     return runs
 
 
@@ -327,16 +343,8 @@ def growth_row(bench, key, title, target, measure_less, measure_more):
 
 def in_flight_growth(bench):
     def cost(delay):
-        workload = Workload("in-flight", "")
-        seconds = delay / 1000
-        duration = ["--warm-up", str(seconds + 0.5), "--duration", str(bench.options.duration)]
-        patience = ["--loss-timeout", str(delay + 2000)]
-        arguments = workload.client_arguments() + ["--rate", str(IN_FLIGHT_RATE)] + duration + patience
-        figures = bench.measure(bench.simulator_command(workload, delay), arguments)
-        if figures["frames_per_second"] < 0.97 * IN_FLIGHT_RATE:
-            speed = figures["frames_per_second"]
-            raise MeasurementFailed(f"only {speed:.0f} of {IN_FLIGHT_RATE} frames/s with a delay of {delay} ms")
-        return cpu_per_frame(figures)
+        workload = Workload("in-flight", "", rate=IN_FLIGHT_RATE, delay=delay)
+        return cpu_per_frame(bench.measure_simulator(workload, ["--duration", str(bench.options.duration)]))
 
     return growth_row(
         bench,
@@ -354,7 +362,7 @@ def captured_growth(bench):
     def measure_run():
         workload = Workload("captured", "", captures=True)
         frames = ["--frames", str(bench.options.captured_frames), "--checkpoint", str(CAPTURE_SECTION)]
-        figures = bench.measure_simulator(workload, workload.client_arguments() + ["--warm-up", "0.1"] + frames)
+        figures = bench.measure_simulator(workload, ["--warm-up", "0.1"] + frames)
         sections[:] = [section for section in figures["sections"] if section["frames"] > CAPTURE_SECTION / 2]
         return cpu_per_frame(sections[0])
 
@@ -368,22 +376,28 @@ def captured_growth(bench):
     )
 
 
-def pairs_growth(bench, title="S=64 W=4, 256 pairs : 64", target=PAIRS_TARGET, measure=None):
-    def cost(pairs):
-        workload = Workload("pairs-growth", "", window=4, pairs=pairs)
-        duration = ["--duration", str(bench.options.duration)]
-        return cpu_per_frame((measure or bench.measure_simulator)(workload, workload.client_arguments() + duration))
-
-    return growth_row(bench, "pairs-growth", title, target, lambda: cost(64), lambda: cost(256))
-
-
-def pairs_growth_of_limit(bench):
-    """What the kernel and the processor's caches have to do with it."""
-
-    def measure(workload, arguments):
-        return bench.measure(bench.limit_command(workload), arguments)
-
-    return pairs_growth(bench, "the same, of the limit", None, measure)
+def pairs_growth(bench):
+    """The growth of the simulator, the limit and the floor, and then the simulator's against the floor's."""
+    few, many = [
+        Workload(str(pairs), f"S=64 W=4, {pairs} pairs", window=4, pairs=pairs, floor_targets=(None, None))
+        for pairs in (64, 256)
+    ]
+    runs = measure_workloads(bench, [few, many])
+    title = f"{many.title} : {few.pairs}"
+    rows, growths = [], []
+    for words, target, much, little in zip(
+        [title, "the same, of the limit", "the same, of the floor"],
+        [PAIRS_TARGET, None, None],
+        runs[many.key],
+        runs[few.key],
+    ):
+        growth = compare(much, little, cpu_per_frame)
+        rows.append(row(Workload("pairs-growth", words), "CPU µs/frame", growth, target))
+        growths.append([cpu_per_frame(more) / cpu_per_frame(less) for more, less in zip(much, little)])
+    ours, _, floor = rows
+    comparison = compare(growths[0], growths[2], lambda growth: growth)
+    comparison.update(ours=ours["ratio"], limit=floor["ratio"], ratio=ours["ratio"] / floor["ratio"])
+    return rows + [row(Workload("pairs-growth", title), "growth of CPU", comparison, 1.0, against="floor")]
 
 
 def p99_row(bench):
@@ -426,13 +440,26 @@ def titles(table, ours, others):
     return [table, "figure", ours, others, "ratio", "rounds", "target", "verdict"]
 
 
-def report(bench, rows, floors, growth):
-    if rows:
-        print_table(titles("workload", "ours", "limit"), rows)
-    if floors:
-        print_table(titles("workload", "ours", "floor"), floors)
-    if growth:
-        print_table(titles("growth", "much", "little"), growth)
+def tables(rows):
+    """By what the simulator is compared with: the limit, the floor, or itself."""
+    heads = {
+        "limit": titles("workload", "Lattivo", "limit"),
+        "floor": titles("workload", "Lattivo", "floor"),
+        "growth": titles("growth", "much", "little"),
+    }
+    return {kind: (head, [result for result in rows if kind_of(result) == kind]) for kind, head in heads.items()}
+
+
+def kind_of(result):
+    if result["against"] == "floor":
+        return "floor"
+    return "growth" if result["key"] in GROWTH_KEYS else "limit"
+
+
+def report(bench, rows):
+    for heads, table_rows in tables(rows).values():
+        if table_rows:
+            print_table(heads, table_rows)
     report_disturbance(bench)
 
 
@@ -473,24 +500,19 @@ def parse_options():
     return options
 
 
-def measure(bench, wanted):
+def rows_of(bench, wanted):
     workloads = [workload for workload in WORKLOADS if workload.key in wanted]
-    if bench.options.self_check:
-        workloads = [replace(workload, floor_targets=None) for workload in workloads]
     runs = measure_workloads(bench, workloads)
-    rows = [result for workload in workloads for result in workload_rows(workload, *runs[workload.key])]
-    floors = [result for workload in workloads for result in floor_rows(workload, *runs[workload.key])]
-    growth_measurements = [
-        ("in-flight", in_flight_growth),
-        ("captured", captured_growth),
-        ("pairs-growth", pairs_growth),
-        ("pairs-growth", pairs_growth_of_limit),
-    ]
-    if bench.options.self_check:
-        growth_measurements.pop(0)  # the limit server delays nothing
-    growth = [measure_growth(bench) for key, measure_growth in growth_measurements if key in wanted]
-    has_p99s = bench.p99s or bench.disturbed_p99s
-    return rows + ([p99_row(bench)] if has_p99s else []), floors, growth
+    rows = []
+    for workload in workloads:
+        rows += workload_rows(workload, *runs[workload.key]) + floor_rows(workload, *runs[workload.key])
+    if "in-flight" in wanted and not bench.options.self_check:  # the limit server delays nothing
+        rows.append(in_flight_growth(bench))
+    if "captured" in wanted:
+        rows.append(captured_growth(bench))
+    if "pairs-growth" in wanted:
+        rows += pairs_growth(bench)
+    return rows + ([p99_row(bench)] if bench.p99s or bench.disturbed_p99s else [])
 
 
 def main():
@@ -499,12 +521,11 @@ def main():
     with tempfile.TemporaryDirectory(prefix="lattivo-bench-") as folder:
         bench = Bench(options, folder)
         try:
-            tables = measure(bench, wanted)
+            rows = rows_of(bench, wanted)
         except (MeasurementFailed, subprocess.TimeoutExpired) as error:
             return progress.fail(error)
     progress.end()
-    report(bench, *tables)
-    rows = [result for table in tables for result in table]
+    report(bench, rows)
     if options.json:
         result = {"rows": rows, "runs": bench.runs, "disturbed_runs": bench.disturbed_runs}
         options.json.write_text(json.dumps(result, indent=2, ensure_ascii=False) + "\n")

@@ -58,9 +58,9 @@ DELETE_TARGET = 20.0  # ms
 class WindowBench(run.Bench):
     """What the base calls "ours" is the window, its "limit" the headless simulator, which captures nothing."""
 
-    def simulator_command(self, workload, delay=0):
+    def simulator_command(self, workload):
         switches = ["--capture", "--follow"] if workload.captures else []
-        return [self.options.window_server, self._simulation(workload.simulation(delay)), "--seed", run.SEED] + switches
+        return [self.options.window_server, self._simulation(workload.simulation()), "--seed", run.SEED] + switches
 
     def limit_command(self, workload, strict=False):
         simulation = self._simulation(workload.simulation())

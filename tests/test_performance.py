@@ -15,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import types
 import unittest
 from pathlib import Path
 
@@ -101,7 +102,8 @@ class DocumentTest(unittest.TestCase):
         self.assertIn("| the same, of the limit | CPU µs/frame | 9.00 | 7.50 |", self.text(figures, comparison_of(FAST)))
 
     def test_disturbed_runs_are_told(self):
-        self.assertIn("1 of 2 runs against the limit and 0 of 4 beside", self.text(engine(1.3), comparison_of(FAST)))
+        text = self.text(engine(1.3), comparison_of(FAST))
+        self.assertIn("1 of 2 runs against limit and floor and 0 of 4 beside", text)
 
     def test_runs_of_other_tools_that_failed_are_told(self):
         comparison = {**comparison_of(FAST), "failures": ["VDE: no frame arrived intact"]}
@@ -111,6 +113,37 @@ class DocumentTest(unittest.TestCase):
         judged = document.judged_targets(engine(1.3), comparison_of(SLOW), None)
         self.assertEqual([False, False], [reached for words, reached in judged if "ns-3" in words])
         self.assertEqual([True, True, True], [reached for words, reached in judged if "ns-3" not in words])
+
+
+class GrowthTest(unittest.TestCase):
+    """The costs are given, in µs a frame."""
+
+    LIMIT = {64: 8.0, 256: 8.0}
+    FLOOR = {64: 1.0, 256: 1.5}
+
+    def measured(self, costs: dict):
+        def figures(workload: run.Workload, _arguments: list) -> dict:
+            return {"server_cpu_seconds": costs[workload.pairs], "frames": 1_000_000, "lost": 0}
+
+        return figures
+
+    def verdict(self, ours: dict) -> dict:
+        bench = types.SimpleNamespace(
+            options=types.SimpleNamespace(rounds=3, duration=1.0),
+            measure_simulator=self.measured(ours),
+            measure_limit=self.measured(self.LIMIT),
+            measure_floor=self.measured(self.FLOOR),
+            lost_frames=0,
+        )
+        return next(row for row in run.pairs_growth(bench) if row["against"] == "floor")
+
+    def test_growth_as_the_floor_grows_is_reached(self):
+        row = self.verdict({64: 2.0, 256: 3.0})
+        self.assertEqual((1.5, 1.5, 1.0, True), (row["ours"], row["limit"], row["ratio"], row["reached"]))
+
+    def test_growth_beyond_the_floor_s_is_missed(self):
+        row = self.verdict({64: 2.0, 256: 3.1})
+        self.assertEqual((1.55, 1.5, False), (row["ours"], row["limit"], row["reached"]))
 
 
 class VerdictTest(unittest.TestCase):
@@ -267,11 +300,12 @@ class LimitTest(ProgramTest):
     def test_the_simulator_and_the_limit_are_measured_in_turns(self):
         folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
         command = [sys.executable, "-B", str(BENCH / "run.py"), "--build-dir", str(build_folder()), "--rounds", "1"]
-        command += ["--duration", "0.2", "--only", "small", "--only", "noisy-large", "--json", str(folder / "figures")]
+        command += ["--duration", "0.2", "--json", str(folder / "figures")]
+        command += ["--only", "small", "--only", "noisy-large", "--only", "in-step"]
         result = subprocess.run(command, capture_output=True, text=True, timeout=PATIENCE)
         self.assertIn(result.returncode, (0, 1), result.stderr)  # how fast they are is not judged here
         rows = json.loads((folder / "figures").read_text())["rows"]
-        self.assertEqual(["small", "noisy-large", "p99"], list(dict.fromkeys(row["key"] for row in rows)))
+        self.assertEqual(["small", "noisy-large", "in-step", "p99"], list(dict.fromkeys(row["key"] for row in rows)))
         self.assertEqual({"small"}, {row["key"] for row in rows if row["against"] == "floor"})
 
     def test_the_floor_relays_every_frame(self):
