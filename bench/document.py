@@ -63,12 +63,6 @@ def engine_tables(engine):
     return {name: limit_table(heads, rows) for name, (heads, rows) in run.tables(engine["rows"]).items()}
 
 
-def window_section(window):
-    if window is None:
-        return "Not measured in this run; `scripts/performance.sh --window` adds it."
-    return limit_table(run.titles("workload", "window", "without"), window["rows"])
-
-
 def comparison_table(comparison):
     heads = ["bytes", "tool", "processes", "frames/s", "rounds", "CPU µs/frame", "of it kernel", "client busy"]
     lines = [comparison_cells(result) for result in comparison["rows"]]
@@ -126,8 +120,7 @@ def judged_targets(engine, comparison, window):
     for row in engine["rows"]:
         words = " against the floor" if row["against"] == "floor" else ""
         judged.append((f"{row['workload']}, {row['quantity']}{words}", row["reached"]))
-    for row in window["rows"] if window else []:
-        judged.append((f"with the window: {row['workload']}, {row['quantity']}", row["reached"]))
+    judged += [(f"with the window: {row['workload']}, {row['quantity']}", row["reached"]) for row in window["rows"]]
     judged += [(f"{row['size']} bytes, {row['title']}", row["reached"]) for row in comparison["verdicts"]]
     return [(words, reached) for words, reached in judged if reached is not None]
 
@@ -140,12 +133,13 @@ def summary(judged):
     return head + " Missed:\n\n" + "\n".join(f"- **MISSED**: {words}" for words in missed)
 
 
-def disturbed_runs(engine, comparison):
+def disturbed_runs(engine, window, comparison):
     """Sentences."""
     failures = comparison["failures"]
     made_again = f" Made again because they failed: {'; '.join(failures)}." if failures else ""
     return (
-        f"{engine['disturbed_runs']} of {engine['runs']} runs against limit and floor and "
+        f"{engine['disturbed_runs']} of {engine['runs']} runs against limit and floor, "
+        f"{window['disturbed_runs']} of {window['runs']} with the window and "
         f"{comparison['disturbed_runs']} of {comparison['runs']} beside other tools were disturbed: "
         f"{disturbance.MEANING}. "
         f"A disturbed run against limit or floor had been made {run.TRIES} times, and the least disturbed one counts."
@@ -187,10 +181,10 @@ def document(engine, comparison, window, machine):
     template = string.Template(TEMPLATE.read_text())
     return template.substitute(
         summary=summary(judged),
-        disturbance=disturbed_runs(engine, comparison),
+        disturbance=disturbed_runs(engine, window, comparison),
         machine=machine,
         **engine_tables(engine),
-        window=window_section(window),
+        window=limit_table(run.titles("workload", "window", "without"), window["rows"]),
         comparison=comparison_table(comparison),
         readings=reading_table(comparison),
         verdicts=verdict_table(comparison),
@@ -267,7 +261,7 @@ def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--engine", type=read_json, required=True, metavar="FILE", help="of run.py --json")
     parser.add_argument("--comparison", type=read_json, required=True, metavar="FILE", help="of compare.py --json")
-    parser.add_argument("--window", type=read_json, metavar="FILE", help="of window.py --json")
+    parser.add_argument("--window", type=read_json, required=True, metavar="FILE", help="of window.py --json")
     parser.add_argument("--output", type=pathlib.Path, required=True, metavar="FOLDER")
     return parser.parse_args()
 

@@ -307,7 +307,8 @@ def main():
     report(bench, *results)
     rows = [result for table in results for result in table]
     if options.json:
-        options.json.write_text(json.dumps({"rows": rows}, indent=2, ensure_ascii=False) + "\n")
+        result = {"rows": rows, "runs": bench.runs, "disturbed_runs": bench.disturbed_runs}
+        options.json.write_text(json.dumps(result, indent=2, ensure_ascii=False) + "\n")
     return 1 if any(result["reached"] is False for result in rows) else 0
 
 

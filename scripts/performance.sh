@@ -1,7 +1,7 @@
 #!/bin/sh
-# performance.sh [--rounds N] [--duration S] [--window] [--go-on]: measures the simulator against the limit and beside other
-# tools, with --window also the program with its window shown, and writes docs/performance.md and its plots. --go-on leaves out
-# what a run that was broken off has measured of this build.
+# performance.sh [--rounds N] [--duration S] [--go-on]: measures the simulator against limit and floor and beside other tools,
+# and the program with its window shown, and writes docs/performance.md and its plots. --go-on leaves out what a run that was
+# broken off has measured of this build.
 # Exit code 1: a target is missed, as the document says; 2: something could not be measured, no document is written.
 set -eu
 
@@ -16,13 +16,11 @@ usage()
 
 rounds=5
 duration=1.5
-window=no
 goes_on=no
 while [ $# -gt 0 ]; do
     case "$1" in
     --rounds) rounds=${2:?}; shift 2 ;;
     --duration) duration=${2:?}; shift 2 ;;
-    --window) window=yes; shift ;;
     --go-on) goes_on=yes; shift ;;
     *) usage ;;
     esac
@@ -49,8 +47,6 @@ cmake --build --preset release --target lattivo-headless lattivo_frameload latti
 
 measure "$results/engine.json" scripts/bench.sh
 measure "$results/comparison.json" python3 -B bench/compare/compare.py --build-dir build/release
-if [ "$window" = yes ]; then
-    measure "$results/window.json" scripts/bench.sh --window
-    set -- --window "$results/window.json"
-fi
-python3 -B bench/document.py --engine "$results/engine.json" --comparison "$results/comparison.json" "$@" --output docs
+measure "$results/window.json" scripts/bench.sh --window
+python3 -B bench/document.py --engine "$results/engine.json" --comparison "$results/comparison.json" \
+    --window "$results/window.json" --output docs

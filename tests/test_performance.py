@@ -60,13 +60,14 @@ def comparison_of(speeds: dict) -> dict:
     return {"rows": rows, "verdicts": compare.verdicts(rows), "runs": 4, "disturbed_runs": 0, "failures": [], **settings}
 
 
+WINDOW = {"rows": [], "runs": 3, "disturbed_runs": 2}
 FAST = {"lattivo": 300_000, "vde": 100_000, "ns3": 90_000}
 SLOW = {**FAST, "ns3": 110_000}
 
 
 class DocumentTest(unittest.TestCase):
-    def text(self, engine_figures: dict, comparison: dict) -> str:
-        return document.document(engine_figures, comparison, None, machine="any")
+    def text(self, engine_figures: dict, comparison: dict, window: dict = WINDOW) -> str:
+        return document.document(engine_figures, comparison, window, machine="any")
 
     def test_a_missed_target_against_the_limit_stands_in_its_row_and_in_the_summary(self):
         text = self.text(engine(1.1), comparison_of(FAST))
@@ -94,6 +95,13 @@ class DocumentTest(unittest.TestCase):
         self.assertNotIn("frames/s | 1,300", section)
         self.assertIn("- **MISSED**: one pair, CPU µs/frame against the floor", text)
 
+    def test_a_missed_target_of_the_window_stands_in_its_row_and_in_the_summary(self):
+        speed = {"ours": 700.0, "limit": 1000.0, "ratio": 0.7, "lowest": 0.7, "highest": 0.7}
+        row = run.row(run.Workload("small", "one pair"), "frames/s", speed, 0.8, at_least=True)
+        text = self.text(engine(1.3), comparison_of(FAST), {**WINDOW, "rows": [row]})
+        self.assertIn("| one pair | frames/s | 700.00 | 1,000 | 0.70 | 0.70–0.70 | ≥ 0.80 | **MISSED** |", text)
+        self.assertIn("- **MISSED**: with the window: one pair, frames/s", text)
+
     def test_growth_stands_in_the_table_without_a_target_too(self):
         figures = engine(1.3)
         growth = {"ours": 9.0, "limit": 7.5, "ratio": 1.2, "lowest": 1.1, "highest": 1.3}
@@ -103,14 +111,14 @@ class DocumentTest(unittest.TestCase):
 
     def test_disturbed_runs_are_told(self):
         text = self.text(engine(1.3), comparison_of(FAST))
-        self.assertIn("1 of 2 runs against limit and floor and 0 of 4 beside", text)
+        self.assertIn("1 of 2 runs against limit and floor, 2 of 3 with the window and 0 of 4 beside", text)
 
     def test_runs_of_other_tools_that_failed_are_told(self):
         comparison = {**comparison_of(FAST), "failures": ["VDE: no frame arrived intact"]}
         self.assertIn("Made again because they failed: VDE: no frame", self.text(engine(1.3), comparison))
 
     def test_each_target_is_judged_by_itself(self):
-        judged = document.judged_targets(engine(1.3), comparison_of(SLOW), None)
+        judged = document.judged_targets(engine(1.3), comparison_of(SLOW), WINDOW)
         self.assertEqual([False, False], [reached for words, reached in judged if "ns-3" in words])
         self.assertEqual([True, True, True], [reached for words, reached in judged if "ns-3" not in words])
 
