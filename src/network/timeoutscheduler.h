@@ -1,0 +1,62 @@
+#pragma once
+
+#include "network/kerneltimer.h"
+
+#include <QBasicTimer>
+#include <QObject>
+#include <QSocketNotifier>
+
+#include <limits>
+#include <memory>
+#include <vector>
+
+class Timeouts;
+
+/// Runs the handlers of all Timeouts of the process: a heap of those that have something pending, ordered by
+/// their next due time, and two timers. Lives as long as the application object.
+class TimeoutScheduler : public QObject
+{
+    Q_OBJECT
+
+public:
+    static TimeoutScheduler& instance();
+    ~TimeoutScheduler() override;
+
+    qint64 passTime() const { return _passTime; }
+
+    void update(Timeouts* timeouts);
+    void remove(Timeouts* timeouts);
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private slots:
+    void _wakeUp();
+
+private:
+    explicit TimeoutScheduler(QObject* parent);
+
+    struct Entry {
+        // The next one; kept here because following the pointer costs more than the comparison.
+        qint64 dueTime;
+        Timeouts* timeouts;  // not owned
+    };
+
+    void _runPass();
+    void _runDueHandlers();
+    void _arm();
+    void _wakeAt(qint64 time);
+    void _place(const Entry& entry, int index);
+    void _siftUp(int index);
+    void _siftDown(int index);
+
+    static constexpr qint64 never = std::numeric_limits<qint64>::max();
+
+    std::vector<Entry> _heap;  // the earliest due time first
+    QBasicTimer _nextPass;     // runs while something is due at once
+    KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
+    std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us
+    QBasicTimer _substitute;                     // of the toolkit, used while there is no notifier
+    qint64 _wakeTime = never;
+    qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
+};
