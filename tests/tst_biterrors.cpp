@@ -162,16 +162,6 @@ void restart()
     setCalls = 0;
 }
 
-/// Whether the processor has the 256-bit vectors with which frames are drawn where it can be done.
-bool hasWideVectors()
-{
-#ifdef __x86_64__
-    return __builtin_cpu_supports("avx2");
-#else
-    return false;
-#endif
-}
-
 constexpr int shortFrame = 13;  // bytes: a whole block and a part of one
 
 /// Draws at which the fate of a bit turns, for bits at the ends of a byte, a block and the frame.
@@ -215,9 +205,7 @@ private slots:
     void extremeLastNumbersAreLeftAsTheState();
     void framesBetweenForeignCallsEqualPlainCalls();
     void aThreadThatNeverSetASeedEqualsPlainCalls();
-    void withWideVectorsItEqualsPlainCallsToo();
-    void withWideVectorsTheOnlyFlipIsFoundAtEveryPlace();
-    void withoutWideVectorsItEqualsPlainCallsToo();
+    void theOnlyFlipIsFoundAtEveryPlace();
 
     // Masks
     void noBytesTakeNoDraw_data();
@@ -366,27 +354,9 @@ void TestBitErrors::aThreadThatNeverSetASeedEqualsPlainCalls()
     QVERIFY(actual == expected);
 }
 
-#define SKIP_WITHOUT_WIDE_VECTORS                                                                            \
-    if (!hasWideVectors())                                                                                   \
-    QSKIP("this processor has no 256-bit vectors (AVX2): only the portable form was tested")
-
-void TestBitErrors::withWideVectorsItEqualsPlainCallsToo()
-{
-    SKIP_WITHOUT_WIDE_VECTORS;
-    const auto wideMask = [](int size, double reliability) {
-        return BitErrors::_drawMask(size, reliability, {qrand, qsrand, false});
-    };
-    qsrand(1);
-    const std::vector<Outcome> expected = outcomesOfMixedUse(plainQrandMask);
-
-    qsrand(1);
-    QVERIFY(outcomesOfMixedUse(wideMask) == expected);
-}
-
 /// In each of the vectors' places, behind no, one and more blocks without a flip.
-void TestBitErrors::withWideVectorsTheOnlyFlipIsFoundAtEveryPlace()
+void TestBitErrors::theOnlyFlipIsFoundAtEveryPlace()
 {
-    SKIP_WITHOUT_WIDE_VECTORS;
     constexpr int size = 40;                                  // bytes: five blocks
     const double reliability = (modulus - 1) / 2147483647.0;  // flips the largest number only
     for (int bit = 0; bit < size * bitsPerByte; ++bit) {
@@ -395,18 +365,6 @@ void TestBitErrors::withWideVectorsTheOnlyFlipIsFoundAtEveryPlace()
         qsrand(stateBefore(modulus - 1, static_cast<quint64>(bit) + 1));
         QCOMPARE(BitErrors::drawMask(size, reliability), expected);
     }
-}
-
-void TestBitErrors::withoutWideVectorsItEqualsPlainCallsToo()
-{
-    const auto portableMask = [](int size, double reliability) {
-        return BitErrors::_drawMask(size, reliability, {qrand, qsrand, true});
-    };
-    qsrand(1);
-    const std::vector<Outcome> expected = outcomesOfMixedUse(plainQrandMask);
-
-    qsrand(1);
-    QVERIFY(outcomesOfMixedUse(portableMask) == expected);
 }
 
 void TestBitErrors::noBytesTakeNoDraw_data()

@@ -6,8 +6,12 @@
 #include <array>
 #include <cstddef>
 
-#ifdef __x86_64__
-#include <immintrin.h>
+// The compiler writes such a function twice: also for the 256-bit vectors that most processors have by now.
+// The loader of the C library takes the right one. That makes 0.18 us a frame of 64 bytes 0.15 us.
+#if defined __x86_64__ && defined __GLIBC__
+#define ALSO_WITH_WIDE_VECTORS [[gnu::target_clones("default", "avx2")]]
+#else
+#define ALSO_WITH_WIDE_VECTORS
 #endif
 
 namespace {
@@ -114,7 +118,8 @@ Block blockFrom(quint32 first)
     return block;
 }
 
-bool hasFlip(quint32 first, int largestKept)
+/// Looks at all draws: with vectors, that takes less time than to stop at the first flip.
+ALSO_WITH_WIDE_VECTORS bool hasFlip(quint32 first, int largestKept)
 {
     int differences = 0;  // negative as soon as one of them is
     for (const quint32 factor : blockSteps)
@@ -122,103 +127,14 @@ bool hasFlip(quint32 first, int largestKept)
     return differences < 0;
 }
 
-/// Passes over blocks in which no bit is flipped: returns how many, \a count at most, and moves \a first,
-/// the first number of a block, on to the one behind them.
-using PassCleanBlocks = int (*)(quint32* first, int count, int largestKept);
-
-int passCleanBlocks(quint32* first, int count, int largestKept)
-{
-    int passed = 0;
-    for (; passed < count && !hasFlip(*first, largestKept); ++passed)
-        *first = product(*first, toNextBlock);
-    return passed;
-}
-
-#ifdef __x86_64__
-
-/// The same with the 256-bit vectors that most processors have by now, but not those that the program is
-/// compiled for. Half a block is computed at a time, from the half before it.
-namespace Avx2 {
-
-constexpr int vectorNumbers = 4;
-constexpr int vectors = 8;
-constexpr int laneCount = vectors * vectorNumbers;
-static_assert(blockBits % laneCount == 0);
-
-[[gnu::target("avx2"), gnu::always_inline]] inline __m256i broadcast(int number)
-{
-    return _mm256_set1_epi64x(number);
-}
-
-[[gnu::target("avx2"), gnu::always_inline]] inline __m256i folded(__m256i wide)
-{
-    const __m256i lower = _mm256_and_si256(wide, broadcast(modulus));
-    return _mm256_add_epi64(lower, _mm256_srli_epi64(wide, modulusBits));
-}
-
-[[gnu::target("avx2"), gnu::always_inline]] inline __m256i product(__m256i a, __m256i b)
-{
-    return folded(folded(_mm256_mul_epu32(a, b)));
-}
-
-[[gnu::target("avx2"), gnu::always_inline]] inline void start(__m256i* numbers, quint32 first)
-{
-    const __m256i base = broadcast(static_cast<int>(first));
-    const quint32* next = blockSteps.data();
-    for (int i = 0; i < vectors; ++i, next += vectorNumbers) {
-        const __m128i narrow = _mm_loadu_si128(reinterpret_cast<const __m128i*>(next));
-        numbers[i] = product(base, _mm256_cvtepu32_epi64(narrow));
-    }
-}
-
-[[gnu::target("avx2")]] int passCleanBlocks(quint32* first, int count, int largestKept)
-{
-    const __m256i limit = broadcast(largestKept);
-    const __m256i leap = broadcast(static_cast<int>(::product(blockSteps[laneCount - 1], multiplier)));
-    __m256i numbers[vectors];
-    start(numbers, *first);
-    for (int passed = 0; passed < count; ++passed) {
-        __m256i differences = _mm256_setzero_si256();  // negative as soon as one of them is
-        for (int half = 0; half < blockBits / laneCount; ++half) {
-            for (__m256i& number : numbers) {
-                differences = _mm256_or_si256(differences, _mm256_sub_epi64(limit, number));
-                number = product(number, leap);
-            }
-        }
-        if (_mm256_movemask_pd(_mm256_castsi256_pd(differences)) != 0)
-            return passed;
-        *first = static_cast<quint32>(_mm256_extract_epi32(numbers[0], 0));
-    }
-    return count;
-}
-
-}  // namespace Avx2
-
-PassCleanBlocks fastestPassCleanBlocks()
-{
-    return __builtin_cpu_supports("avx2") ? Avx2::passCleanBlocks : passCleanBlocks;
-}
-
-#else
-
-PassCleanBlocks fastestPassCleanBlocks()
-{
-    return passCleanBlocks;
-}
-
-#endif
-
 /// The mask when \a first is the frame's first draw from the known generator. Numbers beyond the end of the
 /// frame cost less than a check.
-QByteArray computedMask(int size, int largestKept, quint32 first, PassCleanBlocks pass)
+QByteArray computedMask(int size, int largestKept, quint32 first)
 {
-    const int count = (size - 1) / blockBytes + 1;
     QByteArray mask;
-    for (int block = 0; block < count; ++block) {
-        block += pass(&first, count - block, largestKept);
-        if (block == count)
-            break;
-        addFlips(&mask, size, block * blockBytes, blockFrom(first), largestKept);
+    for (int start = 0; start < size; start += blockBytes) {
+        if (hasFlip(first, largestKept))
+            addFlips(&mask, size, start, blockFrom(first), largestKept);
         first = product(first, toNextBlock);
     }
     return mask;
@@ -261,8 +177,7 @@ QByteArray BitErrors::_drawMask(int size, double reliability, const Source& sour
     source.setState(numberAfter(taken[0], bits - 1));
     if (largestKept >= largestNumber)
         return QByteArray();
-    static const PassCleanBlocks fastest = fastestPassCleanBlocks();
-    return computedMask(size, largestKept, taken[0], source.isPortable ? passCleanBlocks : fastest);
+    return computedMask(size, largestKept, taken[0]);
 }
 
 /// The largest draw that does not flip a bit, noDraw or everyDraw included: what the comparison of fractions

@@ -19,7 +19,6 @@ private:
     struct Source {
         int (*draw)();                 // 0 to 2147483647
         void (*setState)(uint state);  // called only after draws that were those of the known generator
-        bool isPortable = false;       // for tests: computes with no more than every processor can do
     };
 
     static QByteArray _drawMask(int size, double reliability, const Source& source);
