@@ -3,6 +3,7 @@
 #include "testhelpers.h"
 
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QGraphicsView>
 #include <QLoggingCategory>
 #include <QPointer>
@@ -132,6 +133,8 @@ private slots:
     void flashesEndAfterHalfASecond();
     void theFirstTimerClearsTheFlash_data();
     void theFirstTimerClearsTheFlash();
+    void framesSoonAfterOneAnotherHaveTimersOfTheirOwn_data();
+    void framesSoonAfterOneAnotherHaveTimersOfTheirOwn();
     void flashesRepaintTheNode();
     void flashesRepaintAViewThatComesLate();
     void flashesAskForNoRepaintWhileNobodyWatches();
@@ -834,6 +837,46 @@ void TestNode::theFirstTimerClearsTheFlash()
     QVERIFY(clock.elapsed() >= second + flashDuration);
     if (clock.elapsed() >= third + flashDuration)
         QSKIP("the machine is too slow to tell which timer it was");
+}
+
+void TestNode::framesSoonAfterOneAnotherHaveTimersOfTheirOwn_data()
+{
+    flashesEndAfterHalfASecond_data();
+}
+
+/// Timeouts run in the order of their due times, however busy the machine is: a timeout of the test's own,
+/// due 2 ms behind a frame's, looks at what that one has left.
+void TestNode::framesSoonAfterOneAnotherHaveTimersOfTheirOwn()
+{
+    QFETCH(bool, transmit);
+    RecordingNode* node = _pair->sender;
+    const auto traffic = [&] {
+        if (transmit)
+            node->dataRequest(_pair->toNobody());
+        else
+            node->_dataIndication("abc");
+    };
+    int flagsAfterFirst = -1;
+    int flagsAfterSecond = -1;
+    QEventLoop loop;  // of its own, since QTest's functions look at the timers every 10 ms only
+    Timeouts behindFirst([&] {
+        flagsAfterFirst = TestAccess::flags(*node);
+        traffic();  // the flash that it begins is the second frame's to end
+    });
+    Timeouts behindSecond([&] {
+        flagsAfterSecond = TestAccess::flags(*node);
+        loop.quit();
+    });
+    Timeouts second([&] {
+        traffic();
+        behindSecond.start(flashDuration + 2);
+    });
+    traffic();
+    behindFirst.start(flashDuration + 2);
+    second.start(6);
+    loop.exec();
+    QCOMPARE(flagsAfterFirst, connected);
+    QCOMPARE(flagsAfterSecond, connected);
 }
 
 void TestNode::flashesRepaintTheNode()

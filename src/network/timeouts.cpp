@@ -12,13 +12,7 @@
 namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
-constexpr int sharingPeriod = 10;         // ms
 constexpr size_t fewestReclaimed = 1024;  // due times that are over
-
-qint64 roundedUpToMilliseconds(qint64 nanoseconds)
-{
-    return (nanoseconds + nanosecondsPerMillisecond - 1) / nanosecondsPerMillisecond;
-}
 
 }  // namespace
 
@@ -45,11 +39,10 @@ void Timeouts::start(int delay)
 
 void Timeouts::startShared(int delay)
 {
-    const qint64 millisecond = roundedUpToMilliseconds(KernelTimer::now());
-    if (millisecond < _sharedUntil)
-        return;
-    _sharedUntil = millisecond + qBound(0, delay, sharingPeriod);
-    _startAt((millisecond + std::max(delay, 0)) * nanosecondsPerMillisecond);
+    const qint64 endOfMillisecond = KernelTimer::now() / nanosecondsPerMillisecond + 1;
+    const qint64 dueTime = (endOfMillisecond + std::max(delay, 0)) * nanosecondsPerMillisecond;
+    if (_hasNoOrdered() || _ordered.back() != dueTime)
+        _startAt(dueTime);
 }
 
 bool Timeouts::startAtEndOfPass()

@@ -24,9 +24,8 @@ public:
     /// Due in \a delay milliseconds (0 or less: on the next pass of the event loop, never inside this call).
     void start(int delay);
 
-    /// As start(), for handlers that are harmless to repeat: a start within 10 ms of another, and before that
-    /// one is due, shares its timeout. Due at the end of a millisecond of the clock. For one constant
-    /// \a delay, of which at most a tenth, and one more, are ever pending.
+    /// As start(), for handlers that are harmless to repeat: due at the end of a millisecond of the clock,
+    /// and starts within one millisecond share one timeout. For one constant \a delay.
     void startShared(int delay);
 
     /// Due at the end of the pass that is running handlers right now; not for a handler to start itself
@@ -50,6 +49,5 @@ private:
     std::vector<qint64> _ordered;  // each at or after the one before
     size_t _firstOrdered = 0;      // those in front of it are over
     std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>> _unordered;  // the rest
-    qint64 _sharedUntil = 0;  // ms of the clock; a start before it shares the timeout of the last one
-    int _heapIndex = -1;      // place in the scheduler's heap; -1: nothing is pending
+    int _heapIndex = -1;  // place in the scheduler's heap; -1: nothing is pending
 };
