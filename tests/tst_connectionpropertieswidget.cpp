@@ -10,6 +10,8 @@
 #include <QSignalSpy>
 #include <QVBoxLayout>
 
+#include <limits>
+
 using namespace FormHelpers;
 using namespace TestHelpers;
 
@@ -86,6 +88,8 @@ private slots:
     void groupsHaveTheirStretch();
     void aFreshConnectionShowsTheDefaultsAndNoDefaultButtons();
     void ownValuesAreShownWithBothDefaultButtons();
+    void numbersThatAreNoProbabilityShowWhatTheyDo_data();
+    void numbersThatAreNoProbabilityShowWhatTheyDo();
     void eachOwnBehaviorAloneShowsItsButton_data();
     void eachOwnBehaviorAloneShowsItsButton();
     void eachOwnAppearanceAloneShowsItsButton_data();
@@ -255,6 +259,35 @@ void TestConnectionPropertiesWidget::ownValuesAreShownWithBothDefaultButtons()
     QCOMPARE(strokeBox(form)->value(), 3.5);
     QVERIFY(defaultBehavior(form));
     QVERIFY(defaultAppearance(form));
+}
+
+void TestConnectionPropertiesWidget::numbersThatAreNoProbabilityShowWhatTheyDo_data()
+{
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    QTest::addColumn<double>("own");
+    QTest::addColumn<double>("inherited");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("infinity") << infinity << 0.5 << "100.00";
+    QTest::newRow("above 1") << 7.0 << 0.5 << "100.00";
+    QTest::newRow("negative infinity") << -infinity << 0.5 << "50.00";
+    QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << "100.00";
+    QTest::newRow("undecided everywhere") << -1.0 << -1.0 << "0.00";
+    QTest::newRow("undecided, inherited negative infinity") << -1.0 << -infinity << "0.00";
+}
+
+void TestConnectionPropertiesWidget::numbersThatAreNoProbabilityShowWhatTheyDo()
+{
+    QFETCH(double, own);
+    QFETCH(double, inherited);
+    QFETCH(QString, text);
+    const LinkedPair pair;
+    TestAccess::reliability(*pair.link) = own;
+    TestAccess::errorDetection(*pair.link) = own;
+    TestAccess::reliability(defaults()) = inherited;
+    TestAccess::errorDetection(defaults()) = inherited;
+    const Form form = openForm(pair.link);
+    QCOMPARE(percentBox(form, "Reliability [%]")->text(), text);
+    QCOMPARE(percentBox(form, "Error Detection Reliability [%]")->text(), text);
 }
 
 void TestConnectionPropertiesWidget::eachOwnBehaviorAloneShowsItsButton_data()

@@ -6,6 +6,7 @@
 #include <QLoggingCategory>
 
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <set>
 
@@ -16,6 +17,7 @@ namespace {
 constexpr int noDeadline = -1;
 constexpr int untouched = -77;  // an effective delay that nobody has written
 constexpr int bitsPerByte = 8;
+constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr quint64 notReceivedYet = 18446744073709551615U;
 constexpr quint64 timeStampRange = 4294967296U;
 
@@ -940,7 +942,11 @@ void TestFrame::undecidedReliabilitiesFallBack_data()
     QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << true;
     QTest::newRow("any negative is undecided") << -0.001 << 1.0 << true;
     QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << true;
+    QTest::newRow("infinity keeps") << infinity << 0.0 << true;
+    QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << true;
     QTest::newRow("negative everywhere flips") << -1.0 << -1.0 << false;
+    QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << true;
+    QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << false;
 }
 
 void TestFrame::undecidedReliabilitiesFallBack()
@@ -962,7 +968,12 @@ void TestFrame::undecidedDetectionsFallBack_data()
     QTest::newRow("own 0 is decided") << 0.0 << 1.0 << true;
     QTest::newRow("undecided, inherited 0") << -1.0 << 0.0 << true;
     QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << false;
+    QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << false;
+    QTest::newRow("infinity detects") << infinity << 0.0 << false;
+    QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << false;
     QTest::newRow("negative everywhere detects nothing") << -1.0 << -1.0 << true;
+    QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << false;
+    QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << true;
 }
 
 void TestFrame::undecidedDetectionsFallBack()

@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 
 using TestHelpers::LinkedPair;
@@ -473,6 +474,8 @@ void TestPainting::theOpacityIsTheReliability_data()
     QTest::newRow("none") << 0.0 << 1.0 << 0.1;
     QTest::newRow("undecided") << -1.0 << 0.7 << 0.7;
     QTest::newRow("undecided, none") << -1.0 << 0.0 << 0.1;
+    QTest::newRow("undecided everywhere") << -1.0 << -1.0 << 0.1;
+    QTest::newRow("infinite") << std::numeric_limits<double>::infinity() << 0.5 << 1.0;
 }
 
 void TestPainting::theOpacityIsTheReliability()

@@ -338,6 +338,10 @@ private slots:
     void extremeParametersAreSurvived();
     void oddNumbersAreSurvived_data();
     void oddNumbersAreSurvived();
+    void probabilitiesAreReadAsTheyStandButForNaN_data();
+    void probabilitiesAreReadAsTheyStandButForNaN();
+    void positionsAndWidthsAreMovedIntoTheScene_data();
+    void positionsAndWidthsAreMovedIntoTheScene();
     void oddSwitchesReadAsUnchecked();
     void oddColorKindsReadAsNoColor();
 };
@@ -1076,6 +1080,73 @@ void TestSimulationFile::oddNumbersAreSurvived()
             QVERIFY(std::isfinite(bounds.right()) && std::isfinite(bounds.bottom()));
         }
     }
+}
+
+void TestSimulationFile::probabilitiesAreReadAsTheyStandButForNaN_data()
+{
+    using Limits = std::numeric_limits<double>;
+    QTest::addColumn<double>("stored");
+    QTest::addColumn<double>("read");
+    QTest::newRow("NaN") << Limits::quiet_NaN() << -1.0;
+    QTest::newRow("negative NaN") << -Limits::quiet_NaN() << -1.0;
+    QTest::newRow("infinity") << Limits::infinity() << Limits::infinity();
+    QTest::newRow("negative infinity") << -Limits::infinity() << -Limits::infinity();
+    QTest::newRow("above 1") << 7.0 << 7.0;
+    QTest::newRow("below 0") << -0.25 << -0.25;
+}
+
+void TestSimulationFile::probabilitiesAreReadAsTheyStandButForNaN()
+{
+    QFETCH(double, stored);
+    QFETCH(double, read);
+    Stored::Simulation simulation;
+    simulation.nodes = {plainNode(idOfFirst, 0, 0), plainNode(idOfSecond, 100, 100)};
+    simulation.connections = {plainConnection(idOfFirst, idOfSecond)};
+    const auto setAll = [&](double number) {
+        for (Stored::Connection* record : {&simulation.defaultConnection, &simulation.connections[0]}) {
+            record->reliability = number;
+            record->errorDetectionReliability = number;
+        }
+    };
+    setAll(stored);
+    QVERIFY(loadSimulation(bytesOf(simulation)));
+    for (const Connection* link : {network().defaultConnection(), items<Connection>().first()}) {
+        QCOMPARE(link->reliability(), read);
+        QCOMPARE(link->errorDetectionReliability(), read);
+    }
+    setAll(read);
+    QCOMPARE(saved(), bytesOf(asSavedAgain(simulation)));
+}
+
+void TestSimulationFile::positionsAndWidthsAreMovedIntoTheScene_data()
+{
+    using Limits = std::numeric_limits<double>;
+    QTest::addColumn<double>("stored");
+    QTest::addColumn<double>("coordinate");
+    QTest::addColumn<double>("width");
+    QTest::newRow("NaN") << Limits::quiet_NaN() << 0.0 << -1.0;
+    QTest::newRow("infinity") << Limits::infinity() << 0.0 << -1.0;
+    QTest::newRow("negative infinity") << -Limits::infinity() << 0.0 << -1.0;
+    QTest::newRow("at the far end") << 1e7 << 1e7 << 1e7;
+    QTest::newRow("beyond the far end") << 1.1e7 << 1e7 << 1e7;
+    QTest::newRow("beyond the other end") << -1.1e7 << -1e7 << -1e7;
+}
+
+void TestSimulationFile::positionsAndWidthsAreMovedIntoTheScene()
+{
+    QFETCH(double, stored);
+    QFETCH(double, coordinate);
+    QFETCH(double, width);
+    Stored::Simulation simulation;
+    simulation.nodes = {plainNode(idOfFirst, stored, stored), plainNode(idOfSecond, 100, 100)};
+    simulation.nodes[0].strokeWidth = stored;
+    simulation.connections = {plainConnection(idOfFirst, idOfSecond)};
+    simulation.connections[0].strokeWidth = stored;
+    QVERIFY(loadSimulation(bytesOf(simulation)));
+    Node& node = *itemsAsRead<Node>().first();
+    QCOMPARE(node.pos(), QPointF(coordinate, coordinate));
+    QCOMPARE(TestAccess::strokeWidth(node), width);
+    QCOMPARE(TestAccess::strokeWidth(*items<Connection>().first()), width);
 }
 
 void TestSimulationFile::oddSwitchesReadAsUnchecked()

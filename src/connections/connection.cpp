@@ -315,8 +315,10 @@ QDataStream& operator>>(QDataStream& stream, Connection* connection)
 {
     QString comment;
     connection->prepareGeometryChange();
-    stream >> connection->_broken >> connection->_reliability >> connection->_errorDetectionReliability
-        >> connection->_delayMs >> connection->_delayDeviationMs;
+    stream >> connection->_broken;
+    connection->_reliability = Stream::readProbability(stream);
+    connection->_errorDetectionReliability = Stream::readProbability(stream);
+    stream >> connection->_delayMs >> connection->_delayDeviationMs;
     connection->_connectionColor = Stream::readColor(stream);
     connection->_connectionStrokeWidth = Stream::readFinite(stream, -1.0);
     stream >> comment;

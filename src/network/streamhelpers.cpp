@@ -28,6 +28,13 @@ Qt::CheckState Stream::readCheckState(QDataStream& stream)
     }
 }
 
+double Stream::readProbability(QDataStream& stream)
+{
+    double value = 0.0;
+    stream >> value;
+    return std::isnan(value) ? -1.0 : value;
+}
+
 double Stream::readFinite(QDataStream& stream, double fallback)
 {
     double value = 0.0;

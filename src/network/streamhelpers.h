@@ -13,6 +13,10 @@ constexpr quint32 nullArrayLength = 0xFFFFFFFF;
 /// A two or three-state switch; anything but the two states with a meaning of their own reads as unchecked.
 Qt::CheckState readCheckState(QDataStream& stream);
 
+/// A probability as it stands, infinities included; NaN reads as -1, undecided. Frames take the two for the
+/// same, but the forms show NaN as 100 % and a line of that opacity is not seen.
+double readProbability(QDataStream& stream);
+
 /// A length that painting and the scene's index can live with: \a fallback instead of infinities and NaN, and
 /// never beyond the far end of the scene.
 double readFinite(QDataStream& stream, double fallback);
