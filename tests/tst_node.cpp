@@ -102,8 +102,6 @@ private slots:
     void receivingCountsAnnouncesAndPassesOn();
     void countersAreAnnouncedTruncated_data();
     void countersAreAnnouncedTruncated();
-    void aListenerThatComesLateIsToldOfTheCounters();
-    void aListenerConnectedByPointerIsToldOfTheCounters();
     void resettingClearsAndAnnouncesAllCounters();
     void resettingWithoutTrafficAnnouncesToo();
 
@@ -480,29 +478,6 @@ void TestNode::countersAreAnnouncedTruncated()
     QCOMPARE(_pair->sender->sendBytesCount(), bytes + smallestFrame);
     QCOMPARE(_pair->receiver->receivedFramesCount(), frames + 1);
     QCOMPARE(_pair->receiver->receivedBytesCount(), bytes + smallestFrame);
-}
-
-void TestNode::aListenerThatComesLateIsToldOfTheCounters()
-{
-    Node* node = _pair->sender;
-    node->dataRequest(_pair->unicast());
-    node->_dataIndication("abc");
-    QSignalSpy sent(node, SIGNAL(sendStatisticsChanged(int,int)));
-    QSignalSpy received(node, SIGNAL(receivedStatisticsChanged(int,int)));
-    node->dataRequest(_pair->unicast());
-    node->_dataIndication("abc");
-    QCOMPARE(emissions(sent), (QList<QPair<int, int>>{{2, 24}}));
-    QCOMPARE(emissions(received), (QList<QPair<int, int>>{{2, 6}}));
-}
-
-void TestNode::aListenerConnectedByPointerIsToldOfTheCounters()
-{
-    QPair<int, int> received;
-    connect(_pair->sender, &Node::receivedStatisticsChanged, this, [&](int frames, int bytes) {
-        received = {frames, bytes};
-    });
-    _pair->sender->_dataIndication("abc");
-    QCOMPARE(received, qMakePair(1, 3));
 }
 
 void TestNode::resettingClearsAndAnnouncesAllCounters()

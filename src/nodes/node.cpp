@@ -196,8 +196,7 @@ void Node::dataRequest(QByteArray frame)
 
     _sendBytes += frame.size();
     ++_sendFrames;
-    if (_mayHaveListeners)
-        emit sendStatisticsChanged(static_cast<int>(_sendFrames), static_cast<int>(_sendBytes));
+    emit sendStatisticsChanged(static_cast<int>(_sendFrames), static_cast<int>(_sendBytes));
 
     bool isDelivered = false;
     if (_connections.isEmpty() && Frame::isBroadcast(frame)) {
@@ -232,8 +231,7 @@ void Node::_dataIndication(QByteArray frame)
 
     _receivedBytes += frame.size();
     ++_receivedFrames;
-    if (_mayHaveListeners)
-        emit receivedStatisticsChanged(static_cast<int>(_receivedFrames), static_cast<int>(_receivedBytes));
+    emit receivedStatisticsChanged(static_cast<int>(_receivedFrames), static_cast<int>(_receivedBytes));
     dataIndication(frame);
 }
 
@@ -303,11 +301,6 @@ QPainterPath Node::shape() const
     QPainterPath path;
     path.addEllipse(disc);
     return path;
-}
-
-void Node::connectNotify(const QMetaMethod& /*signal*/)
-{
-    _mayHaveListeners = true;
 }
 
 /// Links are measured by their ends: they are told before an end moves, or the scene's index keeps stale

@@ -109,7 +109,6 @@ signals:
 
 protected:
     QVariant itemChange(GraphicsItemChange change, const QVariant& value) override;
-    void connectNotify(const QMetaMethod& signal) override;
 
 private:
     friend class Network;
@@ -146,7 +145,6 @@ private:
     qint64 _sendBytes = 0;
     qint64 _receivedFrames = 0;
     qint64 _receivedBytes = 0;
-    bool _mayHaveListeners = false;  // once anything was connected to a signal; emitting to nobody costs too
     Qt::CheckState _framesAcknowledged = Qt::PartiallyChecked;
     int _frameAcknowledgeTimeout = -1;  // ms; below 1: the default node's
     QColor _inactiveColor;
