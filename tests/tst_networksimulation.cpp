@@ -14,6 +14,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <algorithm>
 #include <memory>
 
 #include <sys/stat.h>
@@ -71,6 +72,7 @@ private slots:
 
     void thereIsOneInstanceOnly();
     void theFileConstantsAreFixed();
+    void theFileConstantsCanBeReferredTo();
     void aNewSimulationReplacesTheOldOne();
     void aNewSimulationKeepsNothingOfTheOldOne();
     void aNewSimulationIsMadeAfterTheLastOneWasDeleted();
@@ -156,9 +158,16 @@ void TestNetworkSimulation::thereIsOneInstanceOnly()
 
 void TestNetworkSimulation::theFileConstantsAreFixed()
 {
-    QCOMPARE(quint32{NetworkSimulation::MagicNumber}, 0xC191277CU);
-    QCOMPARE(quint32{NetworkSimulation::VersionedMagicNumber}, 0xC191277DU);
-    QCOMPARE(quint32{NetworkSimulation::ActualFileVersion}, 1U);
+    QCOMPARE(NetworkSimulation::MagicNumber, 0xC191277CU);
+    QCOMPARE(NetworkSimulation::VersionedMagicNumber, 0xC191277DU);
+    QCOMPARE(NetworkSimulation::ActualFileVersion, 1U);
+}
+
+/// As in a call of std::max(). Constants without a definition do not link.
+void TestNetworkSimulation::theFileConstantsCanBeReferredTo()
+{
+    QCOMPARE(std::max(NetworkSimulation::MagicNumber, NetworkSimulation::VersionedMagicNumber), 0xC191277DU);
+    QCOMPARE(std::max(NetworkSimulation::ActualFileVersion, 0U), 1U);
 }
 
 void TestNetworkSimulation::aNewSimulationReplacesTheOldOne()

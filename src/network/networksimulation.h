@@ -16,9 +16,10 @@ class NetworkSimulation : public QObject
     Q_OBJECT
 
 public:
-    static const quint32 MagicNumber = 0xC191277C;           // both ends of a file of version 0
-    static const quint32 VersionedMagicNumber = 0xC191277D;  // both ends of a file that carries its version
-    static const quint32 ActualFileVersion = 1;              // of every new simulation
+    // Both ends of a file: of version 0, and of one that carries its version
+    static constexpr quint32 MagicNumber = 0xC191277C;
+    static constexpr quint32 VersionedMagicNumber = 0xC191277D;
+    static constexpr quint32 ActualFileVersion = 1;  // of every new simulation
 
     /// The present simulation; a new one when there is none yet.
     static NetworkSimulation* instance();
