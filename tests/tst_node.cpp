@@ -95,6 +95,7 @@ private slots:
     void trafficColoursDoNotRepaint();
     void aNewNameRepaintsTheWholeScene();
     void labelsDecideOnTheTextWidth();
+    void labelsAreCutButNotTheTexts();
 
     void anInactiveNodeFlashesButSendsNothing_data();
     void anInactiveNodeFlashesButSendsNothing();
@@ -392,6 +393,29 @@ void TestNode::labelsDecideOnTheTextWidth()
     QCOMPARE(TestAccess::widthForText(node), width);
     node.setName(QString());
     QCOMPARE(node.boundingRect(), QRectF(-24, -40, 48, 80));
+}
+
+void TestNode::labelsAreCutButNotTheTexts()
+{
+    constexpr int longest = 10000;  // characters
+    const QString name(longest, QLatin1Char('W'));
+    const QByteArray address(longest / 2, '\xAB');
+    Node node(name);
+    const int nameWidth = TestAccess::widthForText(node);
+    node.setName(name + QLatin1Char('W'));
+    QCOMPARE(TestAccess::widthForText(node), nameWidth);
+    QCOMPARE(node.name().size(), longest + 1);
+    node.setName(name.left(longest - 1));
+    QVERIFY(TestAccess::widthForText(node) < nameWidth);
+
+    node.setName(QString());
+    node.setAddress(address);
+    const int addressWidth = TestAccess::widthForText(node);
+    node.setAddress(address + '\xAB');
+    QCOMPARE(TestAccess::widthForText(node), addressWidth);
+    QCOMPARE(node.address().size(), longest / 2 + 1);
+    node.setAddress(address.left(longest / 2 - 1));
+    QVERIFY(TestAccess::widthForText(node) < addressWidth);
 }
 
 void TestNode::anInactiveNodeFlashesButSendsNothing_data()
