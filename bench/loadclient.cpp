@@ -72,7 +72,7 @@ struct Options {
     std::uint64_t burst() const { return Wire::maximalBytesInFlight / messageBytes(); }
 
     bool isPaced() const { return rate > 0; }
-    int lanesPerPair() const { return inStep ? 2 : 1; }
+    std::size_t lanesPerPair() const { return inStep ? 2 : 1; }
 
     /// A paced sender fills the links and has no window: what the server has not read yet can grow beyond 16
     /// KiB while others have its processor.
@@ -252,7 +252,7 @@ LoadClient::LoadClient(const Options& options)
     for (std::size_t i = 0; i < _lanes.size(); ++i) {
         Lane& lane = _lanes[i];
         const bool isWayBack = options.inStep && i % 2 == 1;
-        const int first = options.wiring.sender(static_cast<int>(i) / options.lanesPerPair());
+        const int first = options.wiring.sender(static_cast<int>(i / options.lanesPerPair()));
         const int sender = isWayBack ? first + 1 : first;
         int receiverNode = isWayBack ? first : first + 1;
         const std::string message = frameMessage(options, sender, receiverNode);
