@@ -1,5 +1,6 @@
 #include "runner.h"
 
+#include "awaitednodes.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
@@ -17,7 +18,6 @@
 
 namespace {
 
-constexpr int nodesCheckInterval = 10;   // ms
 constexpr int longestUnsentWait = 1000;  // ms that the programs have at the end to take what was written
 
 Network& network()
@@ -34,16 +34,6 @@ QList<const TcpNode*> tcpNodes()
             nodes.append(node);
     }
     return nodes;
-}
-
-QStringList unattached(QStringList names)
-{
-    const QList<const TcpNode*> nodes = tcpNodes();
-    for (const TcpNode* node : nodes) {
-        if (node->socket())
-            names.removeAll(node->name());
-    }
-    return names;
 }
 
 bool hasUnsentBytes()
@@ -75,7 +65,6 @@ Runner::Runner(const Options& options, QObject* parent)
     _waitLimit.setSingleShot(true);
     _runLimit.setSingleShot(true);
     _runLimit.setTimerType(Qt::PreciseTimer);
-    connect(&_nodesCheck, SIGNAL(timeout()), this, SLOT(_checkWaitedForNodes()));
     connect(&_waitLimit, SIGNAL(timeout()), this, SLOT(_giveUpWaiting()));
     connect(&_runLimit, SIGNAL(timeout()), this, SLOT(_endByDuration()));
 }
@@ -91,9 +80,7 @@ ExitCode Runner::run()
     if (!_startServer())
         return _exitCode;
 
-    _nodesCheck.start(nodesCheckInterval);
-    _waitLimit.start(milliseconds(_options.waitTimeout));
-    _checkWaitedForNodes();
+    _awaitNodes();
     QCoreApplication::exec();
     _sendUnsentBytes();
     return _exitCode;
@@ -149,7 +136,6 @@ void Runner::_applySettings()
         network().setNameUsedForPnpIdentification(*_options.identifyByName);
     if (!_options.captureFile.isEmpty())
         NetworkSimulation::instance()->capture()->setEnabled(true);
-    connect(&network(), SIGNAL(frameLeftLink()), this, SLOT(_countFrame()));
 }
 
 /// A simulation file that has the server on has started it already, or could not.
@@ -174,35 +160,45 @@ bool Runner::_startServer()
     return true;
 }
 
-void Runner::_checkWaitedForNodes()
+void Runner::_awaitNodes()
 {
-    if (unattached(_options.waitFor).isEmpty())
+    if (_options.waitFor.isEmpty()) {
         _beginCounting();
+        return;
+    }
+    _awaitedNodes = new AwaitedNodes(_options.waitFor, network(), this);
+    connect(_awaitedNodes, SIGNAL(allAttached()), this, SLOT(_beginCounting()));
+    _waitLimit.start(milliseconds(_options.waitTimeout));
 }
 
 void Runner::_giveUpWaiting()
 {
     _fail(ExitCode::NodesMissing,
-          QStringLiteral("not attached in time: %1").arg(unattached(_options.waitFor).join(", ")));
+          QStringLiteral("not attached in time: %1").arg(_awaitedNodes->missing().join(", ")));
     _end("missing nodes");
 }
 
 void Runner::_beginCounting()
 {
-    _nodesCheck.stop();
-    _waitLimit.stop();
+    _stopWaiting();
     _runTime.start();
+    connect(&network(), SIGNAL(frameLeftLink()), this, SLOT(_countFrame()));
     if (_options.duration)
         _runLimit.start(milliseconds(*_options.duration));
 }
 
-/// The first frame after the last awaited program has come may be faster than the next look at the nodes.
+void Runner::_stopWaiting()
+{
+    _waitLimit.stop();
+    if (!_awaitedNodes)
+        return;
+    _awaitedNodes->disconnect(this);
+    _awaitedNodes->deleteLater();  // this may be its signal
+    _awaitedNodes = nullptr;
+}
+
 void Runner::_countFrame()
 {
-    if (!_runTime.isValid())
-        _checkWaitedForNodes();
-    if (!_runTime.isValid())
-        return;
     ++_framesLeftLinks;
     if (_options.frames && _framesLeftLinks >= *_options.frames)
         _end("frames");
@@ -224,6 +220,7 @@ void Runner::_end(const QString& endedBy)
     if (_hasEnded)
         return;
     _hasEnded = true;
+    _stopWaiting();
     _writeDump();
     _writeReport(endedBy);
     QCoreApplication::quit();
@@ -261,7 +258,7 @@ void Runner::_sendUnsentBytes()
     QElapsedTimer waited;
     waited.start();
     while (hasUnsentBytes() && !waited.hasExpired(longestUnsentWait))
-        QCoreApplication::processEvents(QEventLoop::AllEvents, nodesCheckInterval);
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
 }
 
 /// The first failure decides the exit code. Always false.

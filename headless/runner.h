@@ -11,6 +11,8 @@
 
 #include <optional>
 
+class AwaitedNodes;
+
 /// One run of a simulation without a window: sets it up as the options say, waits for its end and writes what
 /// is asked for. Each failure is one line on standard error and an exit code of its own.
 class Runner : public QObject
@@ -23,7 +25,7 @@ public:
     ExitCode run();
 
 private slots:
-    void _checkWaitedForNodes();
+    void _beginCounting();
     void _giveUpWaiting();
     void _countFrame();
     void _endByDuration();
@@ -35,7 +37,8 @@ private:
     bool _loadSimulation();
     void _applySettings();
     bool _startServer();
-    void _beginCounting();
+    void _awaitNodes();
+    void _stopWaiting();
     void _end(const QString& endedBy);
     void _writeDump();
     void _writeReport(const QString& endedBy);
@@ -47,7 +50,7 @@ private:
     QFile _dump;
     QFile _report;
     std::optional<TerminationSignals> _signals;  // empty until there is something to write at the end
-    QTimer _nodesCheck;
+    AwaitedNodes* _awaitedNodes = nullptr;       // owned; null while nobody is waited for
     QTimer _waitLimit;
     QTimer _runLimit;
     QElapsedTimer _runTime;  // invalid until all waited-for nodes are attached

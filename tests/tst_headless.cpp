@@ -210,9 +210,8 @@ public:
     quint16 port()
     {
         const QRegularExpression ready("^listening on port (\\d+)\n");
-        const bool hasAnswered
-            = QTest::qWaitFor([this] { return output().contains('\n') || hasEnded(); }, processPatience);
-        return hasAnswered ? ready.match(QString::fromUtf8(output())).captured(1).toUShort() : 0;
+        while (!output().contains('\n') && _process.waitForReadyRead(processPatience)) { }
+        return ready.match(QString::fromUtf8(output())).captured(1).toUShort();
     }
 
     /// Waits for its end.
@@ -230,6 +229,15 @@ public:
     }
 
     bool hasEnded() const { return _process.state() == QProcess::NotRunning; }
+
+    /// What it has used so far, in ms; the kernel counts in steps of 10.
+    qint64 processorTime() const
+    {
+        const QByteArray state = contentsOf(QStringLiteral("/proc/%1/stat").arg(_process.processId()));
+        const QList<QByteArray> fields = state.mid(state.lastIndexOf(')') + 2).split(' ');
+        return (fields.value(11).toLongLong() + fields.value(12).toLongLong()) * 1000 / sysconf(_SC_CLK_TCK);
+    }
+
     QByteArray output() { return _output += _process.readAllStandardOutput(); }
     QByteArray errors() { return _errors += _process.readAllStandardError(); }
 
@@ -398,7 +406,11 @@ private slots:
     void itEndsAfterTheDuration();
     void framesCountOnceTheAwaitedNodesAreThere();
     void timeCountsOnceTheAwaitedNodesAreThere();
+    void framesCountOnceTheLastNodeHasItsName();
+    void framesCountOnceANewNodeIsThere();
+    void framesCostNoMoreWhileNodesAreAwaited();
     void awaitedNodesThatDoNotComeEndTheRun();
+    void nodesThatComeInTheLastMomentAreThereOrNamed();
     void aSignalEndsItInOrder_data();
     void aSignalEndsItInOrder();
     void aSignalEndsTheWaitForNodes();
@@ -951,6 +963,69 @@ void TestHeadless::timeCountsOnceTheAwaitedNodesAreThere()
     QVERIFY2(seconds >= 0.099 && seconds <= timer.elapsed() / 1000.0 - 0.299, QByteArray::number(seconds));
 }
 
+void TestHeadless::framesCountOnceTheLastNodeHasItsName()
+{
+    QVERIFY(save({Link()}));
+    Simulator simulator({_simulation, "--listen", "0", "--wait-for", "Pump", "--frames", "2", "--capture",
+                         _dump, "--report", _report});
+    Client a(simulator.port(), A);
+    QVERIFY(a.isAttached);
+    const QList<QByteArray> frames = numberedFrames(4);
+    a.sendFrame(frames.at(0));
+    QCOMPARE(a.next(ConfirmationMessage), lost);
+    a.send(control(5, "Pump") + message(FrameMessage, frames.at(1)) + message(FrameMessage, frames.at(2))
+           + message(FrameMessage, frames.at(3)));
+    QCOMPARE(simulator.exitCode(), Success);
+    QCOMPARE(framesIn(_dump), frames.mid(0, 3));
+    QCOMPARE(reportIn(_report).value("framesLeftLinks"), QJsonValue(2));
+}
+
+void TestHeadless::framesCountOnceANewNodeIsThere()
+{
+    QVERIFY(save({Link()}));
+    Simulator simulator({_simulation, "--listen", "0", "--plug-and-play", "--wait-for", "A,Pump", "--frames",
+                         "1", "--capture", _dump});
+    const quint16 port = simulator.port();
+    Client a(port, A);
+    QVERIFY(a.isAttached);
+    const QList<QByteArray> frames = numberedFrames(2);
+    a.sendFrame(frames.first());
+    QCOMPARE(a.next(ConfirmationMessage), lost);
+    Client stranger(port, Nobody);
+    QVERIFY(stranger.isAttached);
+    stranger.send(control(5, "Pump") + message(FrameMessage, QByteArray(1, '\0')));
+    QCOMPARE(stranger.next(ConfirmationMessage), lost);
+    a.sendFrame(frames.last());
+    QCOMPARE(simulator.exitCode(), Success);
+    QCOMPARE(framesIn(_dump), frames);
+}
+
+void TestHeadless::framesCostNoMoreWhileNodesAreAwaited()
+{
+    constexpr int manyNodes = 3000;
+    makeSimulation({Link()});
+    for (int i = 0; i < manyNodes; ++i)
+        NetworkSimulation::instance()->network()->addItem(new TcpNode(QString(), nullptr));
+    QVERIFY(saveNow());
+
+    const auto processorTime = [this](const QStringList& options) {
+        Simulator simulator(QStringList{_simulation, "--listen", "0"} + options);
+        Client a(simulator.port(), A);
+        const qint64 before = simulator.processorTime();
+        const QList<QByteArray> frames = numberedFrames(500);
+        for (const QByteArray& frame : frames) {
+            a.sendFrame(frame);
+            if (a.next(ConfirmationMessage) != lost)
+                return qint64{-1};
+        }
+        return simulator.processorTime() - before;
+    };
+    const qint64 unawaited = processorTime({});
+    const qint64 awaited = processorTime({"--wait-for", "Nobody", "--wait-timeout", "600"});
+    QVERIFY(unawaited >= 0 && awaited >= 0);
+    QVERIFY2(awaited <= 3 * unawaited + 100, qPrintable(QStringLiteral("%1 %2").arg(awaited).arg(unawaited)));
+}
+
 void TestHeadless::awaitedNodesThatDoNotComeEndTheRun()
 {
     QVERIFY(save({Link()}));
@@ -965,6 +1040,28 @@ void TestHeadless::awaitedNodesThatDoNotComeEndTheRun()
     QCOMPARE(reportIn(_report).value("runTimeSeconds"), QJsonValue(0));
     QCOMPARE(nodeIn(reportIn(_report), A).value("attached"), QJsonValue(true));
     QCOMPARE(nodeIn(reportIn(_report), B).value("attached"), QJsonValue(false));
+}
+
+/// It once looked every 10 ms, and missed the nodes that came behind the last look.
+void TestHeadless::nodesThatComeInTheLastMomentAreThereOrNamed()
+{
+    constexpr int waitTimeout = 50;  // ms
+    QVERIFY(save({Link()}));
+    for (int attempt = 0; attempt < 30; ++attempt) {
+        Simulator simulator({_simulation, "--listen", "0", "--wait-for", "A", "--wait-timeout",
+                             QString::number(waitTimeout / 1000.0), "--duration", "0.01"});
+        const quint16 port = simulator.port();
+        QElapsedTimer sinceStart;
+        sinceStart.start();
+        Client a;
+        QVERIFY(a.connectTo(port));
+        QTest::qSleep(qMax(1, waitTimeout - attempt % 10 - static_cast<int>(sinceStart.elapsed())));
+        a.send(control(1, nodeAddress(A)));
+        if (simulator.exitCode() == NodesMissing)
+            QVERIFY(isOneLine(simulator.errors(), "not attached in time: A\n"));
+        else
+            QCOMPARE(simulator.exitCode(), Success);
+    }
 }
 
 void TestHeadless::aSignalEndsItInOrder_data()

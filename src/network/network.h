@@ -83,6 +83,9 @@ signals:
     /// A frame has left its link, delivered or lost.
     void frameLeftLink();
 
+    /// A program has got a new node, to which it is attached.
+    void nodeAdded(TcpNode* node);
+
 protected:
     void mousePressEvent(QGraphicsSceneMouseEvent* event) override;
     void mouseMoveEvent(QGraphicsSceneMouseEvent* event) override;

@@ -228,6 +228,7 @@ template <typename Identity> void Network::_attach(QTcpSocket* socket, const Ide
     addItem(node);
     node->setPos(sceneRect().center());  // of the scene with the new node in it
     update();
+    emit nodeAdded(node);
 }
 
 /// Null when there is no TCP node among \a candidates. Only several need the order of all items.

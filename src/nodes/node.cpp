@@ -107,6 +107,7 @@ void Node::setName(const QString& name)
     _changeIdentity([&] { _name = name; });
     if (scene())
         scene()->update();
+    emit nameChanged();
 }
 
 void Node::setAddress(const QByteArray& address)

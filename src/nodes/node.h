@@ -106,6 +106,7 @@ public slots:
 signals:
     void sendStatisticsChanged(int frames, int bytes);  // truncated to int
     void receivedStatisticsChanged(int frames, int bytes);
+    void nameChanged();  // set, perhaps to the same one
 
 protected:
     QVariant itemChange(GraphicsItemChange change, const QVariant& value) override;
