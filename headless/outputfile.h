@@ -1,9 +1,39 @@
 #pragma once
 
+#include <QByteArray>
+#include <QIODevice>
 #include <QString>
 
-class QFile;
+/// A file that is written from its beginning to its end. Unlike QFile it can tell why a write that was done
+/// in part was not done whole.
+class OutputFile : public QIODevice
+{
+    Q_OBJECT
 
-/// Closes \a file. Null when all that was written is where it belongs, else the reason why it is not;
-/// \a isWritten tells whether every write took all that it was given.
-QString closingError(QFile& file, bool isWritten);
+public:
+    explicit OutputFile(const QString& name);
+    ~OutputFile() override;
+
+    QString name() const { return _name; }
+    QString error() const { return _error; }  // of the first call that failed; null: none has
+    bool isSequential() const override { return true; }
+
+    /// Waits for the reader of a pipe.
+    [[nodiscard]] bool open(OpenMode mode = WriteOnly) override;
+
+    /// Closes the file. False when something of what was written is not where it belongs.
+    [[nodiscard]] bool finish();
+
+protected:
+    qint64 readData(char* data, qint64 size) override;
+    qint64 writeData(const char* data, qint64 size) override;
+
+private:
+    void _writeOut();
+    bool _check(bool isOk);
+
+    QString _name;
+    QString _error;
+    int _descriptor = -1;   // -1: closed
+    QByteArray _unwritten;  // taken, but not given to the kernel yet
+};

@@ -4,7 +4,6 @@
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
-#include "outputfile.h"
 #include "report.h"
 
 #include <QCoreApplication>
@@ -44,9 +43,9 @@ bool hasUnsentBytes()
     });
 }
 
-QString notWritten(const QString& what, const QFile& file, const QString& reason)
+QString notWritten(const QString& what, const OutputFile& file)
 {
-    return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.fileName(), reason);
+    return QStringLiteral("cannot write the %1 %2: %3").arg(what, file.name(), file.error());
 }
 
 int milliseconds(double seconds)
@@ -89,11 +88,10 @@ ExitCode Runner::run()
 /// At the start, so that nobody waits an hour to learn that a folder does not exist.
 bool Runner::_openOutputs()
 {
-    constexpr QIODevice::OpenMode mode = QIODevice::WriteOnly | QIODevice::Truncate;
-    if (!_options.captureFile.isEmpty() && !_dump.open(mode))
-        return _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump, _dump.errorString()));
-    if (!_options.reportFile.isEmpty() && !_report.open(mode))
-        return _fail(ExitCode::ReportNotWritten, notWritten("report", _report, _report.errorString()));
+    if (!_options.captureFile.isEmpty() && !_dump.open())
+        return _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump));
+    if (!_options.reportFile.isEmpty() && !_report.open())
+        return _fail(ExitCode::ReportNotWritten, notWritten("report", _report));
     return true;
 }
 
@@ -233,9 +231,8 @@ void Runner::_writeDump()
     CaptureDumpStream stream(&_dump);
     stream.setVersion(Stream::version);
     stream << *NetworkSimulation::instance()->capture();
-    const QString error = closingError(_dump, stream.status() == QDataStream::Ok);
-    if (!error.isNull())
-        _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump, error));
+    if (!_dump.finish())
+        _fail(ExitCode::DumpNotWritten, notWritten("dump", _dump));
 }
 
 void Runner::_writeReport(const QString& endedBy)
@@ -247,10 +244,9 @@ void Runner::_writeReport(const QString& endedBy)
     facts.seconds = _runTime.isValid() ? static_cast<double>(_runTime.nsecsElapsed()) / 1e9 : 0.0;
     facts.framesLeftLinks = _framesLeftLinks;
     facts.endedBy = endedBy;
-    const QByteArray json = QJsonDocument(makeReport(*NetworkSimulation::instance(), facts)).toJson();
-    const QString error = closingError(_report, _report.write(json) == json.size());
-    if (!error.isNull())
-        _fail(ExitCode::ReportNotWritten, notWritten("report", _report, error));
+    _report.write(QJsonDocument(makeReport(*NetworkSimulation::instance(), facts)).toJson());
+    if (!_report.finish())
+        _fail(ExitCode::ReportNotWritten, notWritten("report", _report));
 }
 
 void Runner::_sendUnsentBytes()

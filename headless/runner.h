@@ -2,10 +2,10 @@
 
 #include "exitcode.h"
 #include "options.h"
+#include "outputfile.h"
 #include "terminationsignals.h"
 
 #include <QElapsedTimer>
-#include <QFile>
 #include <QObject>
 #include <QTimer>
 
@@ -47,8 +47,8 @@ private:
 
     Options _options;
     ExitCode _exitCode = ExitCode::Success;
-    QFile _dump;
-    QFile _report;
+    OutputFile _dump;
+    OutputFile _report;
     std::optional<TerminationSignals> _signals;  // empty until there is something to write at the end
     AwaitedNodes* _awaitedNodes = nullptr;       // owned; null while nobody is waited for
     QTimer _waitLimit;
