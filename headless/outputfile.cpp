@@ -1,11 +1,13 @@
 #include "outputfile.h"
 
-#include <QFile>
+#include <QFileInfo>
 
 #include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -21,14 +23,18 @@ OutputFile::OutputFile(const QString& name)
 
 OutputFile::~OutputFile()
 {
-    if (_descriptor != -1)
-        ::close(_descriptor);
+    if (_descriptor == -1)
+        return;
+    if (_isNew && !_isWritten)
+        _removeIfEmpty();
+    ::close(_descriptor);
 }
 
 bool OutputFile::open(OpenMode mode)
 {
     const QByteArray path = QFile::encodeName(_name);
-    _descriptor = ::open(path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, everybodyReadsAndWrites);
+    _isNew = !QFileInfo::exists(_name);
+    _descriptor = ::open(path.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, everybodyReadsAndWrites);
     return _check(_descriptor != -1) && QIODevice::open(mode);
 }
 
@@ -54,9 +60,20 @@ qint64 OutputFile::writeData(const char* data, qint64 size)
     return _error.isNull() ? size : -1;
 }
 
+/// Pipes and devices have nothing to cut.
+void OutputFile::_cut()
+{
+    struct stat own = {};
+    if (::fstat(_descriptor, &own) == 0 && S_ISREG(own.st_mode))
+        _check(::ftruncate(_descriptor, 0) == 0);
+    _isWritten = true;
+}
+
 /// Once something has failed, what is left is dropped.
 void OutputFile::_writeOut()
 {
+    if (!_isWritten)
+        _cut();
     int written = 0;
     while (_error.isNull() && written < _unwritten.size()) {
         const auto size = static_cast<size_t>(_unwritten.size() - written);
@@ -65,6 +82,19 @@ void OutputFile::_writeOut()
             written += qMax(0, static_cast<int>(step));
     }
     _unwritten.clear();
+}
+
+/// Somebody may have written to it meanwhile, or put another file in its place. What a link points to goes,
+/// not the link.
+void OutputFile::_removeIfEmpty() const
+{
+    const QByteArray path = QFile::encodeName(QFileInfo(_name).canonicalFilePath());
+    struct stat own = {};
+    struct stat present = {};
+    if (::fstat(_descriptor, &own) != 0 || ::stat(path.constData(), &present) != 0)
+        return;
+    if (own.st_size == 0 && present.st_dev == own.st_dev && present.st_ino == own.st_ino)
+        ::unlink(path.constData());
 }
 
 bool OutputFile::_check(bool isOk)

@@ -4,15 +4,16 @@
 #include <QIODevice>
 #include <QString>
 
-/// A file that is written from its beginning to its end. Unlike QFile it can tell why a write that was done
-/// in part was not done whole.
+/// A file that is opened at the start of a run and written, from its beginning to its end, when the run is
+/// over. Older contents stay until then. Unlike QFile it can tell why a write that was done in part was not
+/// done whole.
 class OutputFile : public QIODevice
 {
     Q_OBJECT
 
 public:
     explicit OutputFile(const QString& name);
-    ~OutputFile() override;
+    ~OutputFile() override;  // removes a file that is new and that nothing was written to
 
     QString name() const { return _name; }
     QString error() const { return _error; }  // of the first call that failed; null: none has
@@ -29,11 +30,15 @@ protected:
     qint64 writeData(const char* data, qint64 size) override;
 
 private:
+    void _cut();
     void _writeOut();
+    void _removeIfEmpty() const;
     bool _check(bool isOk);
 
     QString _name;
     QString _error;
-    int _descriptor = -1;   // -1: closed
-    QByteArray _unwritten;  // taken, but not given to the kernel yet
+    int _descriptor = -1;     // -1: closed
+    bool _isNew = false;      // made by open()
+    bool _isWritten = false;  // older contents are gone
+    QByteArray _unwritten;    // taken, but not given to the kernel yet
 };

@@ -300,6 +300,16 @@ class TestOutputs(FaultTest):
         self.assertEqual(code, NO_DUMP)
         self.assert_one_line(errors, "File too large")
 
+    def test_the_reader_of_a_pipe_gets_the_whole_file(self) -> None:
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        run = self.start("--report", str(pipe))
+        with pipe.open("rb") as reader:
+            run.port()
+            run.process.send_signal(signal.SIGTERM)
+            self.assertEqual(json.load(reader)["endedBy"], "signal")
+        self.assertEqual(run.result(), (SUCCESS, ""))
+
     def test_a_reader_that_goes_away_is_reported(self) -> None:
         pipe = self.folder / "pipe"
         os.mkfifo(pipe)

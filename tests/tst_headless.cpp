@@ -431,6 +431,11 @@ private slots:
     void anotherPortThanTheOneInUseCanBeGiven();
     void outputsThatCannotBeOpenedEndTheRunAtOnce_data();
     void outputsThatCannotBeOpenedEndTheRunAtOnce();
+    void aRefusedStartLeavesFilesAsTheyWere_data();
+    void aRefusedStartLeavesFilesAsTheyWere();
+    void aKilledRunLeavesFilesAsTheyWere();
+    void outputsTakeThePlaceOfOlderFiles_data();
+    void outputsTakeThePlaceOfOlderFiles();
     void outputsThatCannotBeWrittenAreReported_data();
     void outputsThatCannotBeWrittenAreReported();
     void aFullDiskForBothIsTwoLinesAndTheCodeOfTheDump();
@@ -1306,6 +1311,74 @@ void TestHeadless::outputsThatCannotBeOpenedEndTheRunAtOnce()
     QCOMPARE(simulator.exitCode(), exitCode);
     QVERIFY(isOneLine(simulator.errors(), "cannot write " + complaint));
     QCOMPARE(simulator.output(), QByteArray());
+}
+
+void TestHeadless::aRefusedStartLeavesFilesAsTheyWere_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    const QString simulation = _folder.filePath("a.ltvo");
+    const QString report = _folder.filePath("a.json");
+    const QString nowhere = _folder.filePath("no/folder");
+    QTest::newRow("no simulation") << QStringList{nowhere, "--report", report} << int(SimulationNotLoaded);
+    QTest::newRow("a damaged simulation")
+        << QStringList{simulation, "--report", report} << int(SimulationNotLoaded);
+    QTest::newRow("a report in a missing folder")
+        << QStringList{"--report", nowhere} << int(ReportNotWritten);
+    QTest::newRow("a port that is taken")
+        << QStringList{"--report", report, "--listen", "taken"} << int(PortNotOpened);
+}
+
+void TestHeadless::aRefusedStartLeavesFilesAsTheyWere()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QTcpServer server;
+    QVERIFY(server.listen());
+    arguments.replaceInStrings("taken", QString::number(server.serverPort()));
+    const QString link = _folder.filePath("link");
+    QVERIFY(writeFile(_simulation, "damaged") && QFile::link(_dump, link));
+
+    Simulator overNewFiles(arguments + QStringList{"--capture", link});
+    QCOMPARE(overNewFiles.exitCode(), exitCode);
+    QVERIFY(!QFile::exists(_dump) && !QFile::exists(_report));
+    QVERIFY(QFileInfo(link).isSymLink());
+
+    QVERIFY(writeFile(_dump, "old dump") && writeFile(_report, "old report"));
+    Simulator overOldFiles(arguments + QStringList{"--capture", link});
+    QCOMPARE(overOldFiles.exitCode(), exitCode);
+    QCOMPARE(contentsOf(_dump), QByteArray("old dump"));
+    QCOMPARE(contentsOf(_report), QByteArray("old report"));
+}
+
+void TestHeadless::aKilledRunLeavesFilesAsTheyWere()
+{
+    QVERIFY(writeFile(_dump, "old dump") && writeFile(_report, "old report"));
+    Simulator simulator({"--listen", "0", "--capture", _dump, "--report", _report});
+    QVERIFY(simulator.port() != 0);
+    simulator.signal(SIGKILL);
+    QCOMPARE(simulator.exitCode(), NotEnded);
+    QCOMPARE(contentsOf(_dump), QByteArray("old dump"));
+    QCOMPARE(contentsOf(_report), QByteArray("old report"));
+}
+
+void TestHeadless::outputsTakeThePlaceOfOlderFiles_data()
+{
+    QTest::addColumn<int>("oldSize");
+    QTest::newRow("empty ones") << 0;
+    QTest::newRow("shorter ones") << 1;
+    QTest::newRow("longer ones") << 100000;
+}
+
+void TestHeadless::outputsTakeThePlaceOfOlderFiles()
+{
+    QFETCH(int, oldSize);
+    const QByteArray old(oldSize, '}');
+    QVERIFY(writeFile(_dump, old) && writeFile(_report, old));
+    Simulator simulator({"--listen", "0", "--duration", "0.01", "--capture", _dump, "--report", _report});
+    QCOMPARE(simulator.exitCode(), Success);
+    QCOMPARE(framesIn(_dump), QList<QByteArray>());
+    QCOMPARE(reportIn(_report).value("endedBy"), QJsonValue("duration"));
 }
 
 void TestHeadless::outputsThatCannotBeWrittenAreReported_data()
