@@ -3,8 +3,6 @@
 #include "exitcode.h"
 
 #include <QCommandLineParser>
-#include <QDir>
-#include <QFileInfo>
 
 #include <cmath>
 #include <limits>
@@ -146,30 +144,6 @@ private:
     QString _error;
 };
 
-/// Where a file that is or could be written stands, however it is spelt; empty for devices, which are not
-/// overwritten.
-QString location(const QString& fileName)
-{
-    const QFileInfo file(fileName);
-    if (file.exists())
-        return file.isFile() ? file.canonicalFilePath() : QString();
-    return QDir::cleanPath(file.absoluteFilePath());
-}
-
-/// A file that would be overwritten although the command line names it for something else too; empty when
-/// there is none.
-QString fileNamedTwice(const Options& options)
-{
-    QStringList locations;
-    for (const QString& fileName : {options.simulationFile, options.captureFile, options.reportFile}) {
-        const QString place = fileName.isEmpty() ? QString() : location(fileName);
-        if (!place.isEmpty() && locations.contains(place))
-            return fileName;
-        locations.append(place);
-    }
-    return QString();
-}
-
 CommandLine failure(const QString& text)
 {
     return {std::nullopt, text, true};
@@ -208,8 +182,5 @@ CommandLine parseCommandLine(const QStringList& arguments)
     options.debugOutput = parser.isSet(known.debugOutput);
     if (!read.error().isEmpty())
         return failure(read.error());
-    const QString clash = fileNamedTwice(options);
-    if (!clash.isEmpty())
-        return failure("the file " + clash + " is named twice");
     return {options, QString(), false};
 }

@@ -14,7 +14,20 @@ namespace {
 constexpr int mostUnwritten = 65536;              // bytes
 constexpr mode_t everybodyReadsAndWrites = 0666;  // less what the user's umask takes away
 
+bool isSame(const struct stat& file1, const struct stat& file2)
+{
+    return file1.st_dev == file2.st_dev && file1.st_ino == file2.st_ino;
+}
+
 }  // namespace
+
+bool isSameFile(int descriptor1, int descriptor2)
+{
+    struct stat file1 = {};
+    struct stat file2 = {};
+    return ::fstat(descriptor1, &file1) == 0 && ::fstat(descriptor2, &file2) == 0 && S_ISREG(file1.st_mode)
+        && isSame(file1, file2);
+}
 
 OutputFile::OutputFile(const QString& name)
     : _name(name)
@@ -93,7 +106,7 @@ void OutputFile::_removeIfEmpty() const
     struct stat present = {};
     if (::fstat(_descriptor, &own) != 0 || ::stat(path.constData(), &present) != 0)
         return;
-    if (own.st_size == 0 && present.st_dev == own.st_dev && present.st_ino == own.st_ino)
+    if (own.st_size == 0 && isSame(own, present))
         ::unlink(path.constData());
 }
 

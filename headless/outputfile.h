@@ -16,7 +16,8 @@ public:
     ~OutputFile() override;  // removes a file that is new and that nothing was written to
 
     QString name() const { return _name; }
-    QString error() const { return _error; }  // of the first call that failed; null: none has
+    QString error() const { return _error; }        // of the first call that failed; null: none has
+    int descriptor() const { return _descriptor; }  // -1 while closed
     bool isSequential() const override { return true; }
 
     /// Waits for the reader of a pipe.
@@ -37,8 +38,12 @@ private:
 
     QString _name;
     QString _error;
-    int _descriptor = -1;     // -1: closed
+    int _descriptor = -1;
     bool _isNew = false;      // made by open()
     bool _isWritten = false;  // older contents are gone
     QByteArray _unwritten;    // taken, but not given to the kernel yet
 };
+
+/// Whether two names have led to one file. Never so of devices and pipes, which have nothing to overwrite,
+/// and of descriptors that are -1.
+bool isSameFile(int descriptor1, int descriptor2);

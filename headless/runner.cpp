@@ -58,6 +58,7 @@ int milliseconds(double seconds)
 Runner::Runner(const Options& options, QObject* parent)
     : QObject(parent)
     , _options(options)
+    , _simulation(options.simulationFile)
     , _dump(options.captureFile)
     , _report(options.reportFile)
 {
@@ -70,7 +71,7 @@ Runner::Runner(const Options& options, QObject* parent)
 
 ExitCode Runner::run()
 {
-    if (!_openOutputs())
+    if (!_openOutputs() || !_openSimulation() || !_checkFiles())
         return _exitCode;
     _catchSignals();
     if (!_loadSimulation())
@@ -95,6 +96,30 @@ bool Runner::_openOutputs()
     return true;
 }
 
+bool Runner::_openSimulation()
+{
+    if (_options.simulationFile.isEmpty())
+        return true;
+    const QFileInfo info(_simulation);
+    if (info.exists() && !info.isFile())  // opening a pipe could wait forever
+        return _failToLoad("not a file but a directory, a pipe or a device");
+    return _simulation.open(QIODevice::ReadOnly) || _failToLoad(_simulation.errorString());
+}
+
+/// By what has been opened: a name says nothing of hard links. Nothing has been written yet.
+bool Runner::_checkFiles()
+{
+    const auto check = [this](const OutputFile& file, int other, const QString& otherName) {
+        if (!isSameFile(file.descriptor(), other))
+            return true;
+        const QString otherSpelling = file.name() == otherName ? QString() : ", also as " + otherName;
+        return _fail(ExitCode::WrongOption, "the file " + file.name() + " is named twice" + otherSpelling);
+    };
+    return check(_dump, _simulation.handle(), _simulation.fileName())
+        && check(_report, _simulation.handle(), _simulation.fileName())
+        && check(_report, _dump.descriptor(), _dump.name());
+}
+
 /// Not earlier: a pipe is open only when somebody reads it, and a signal must be able to end that wait.
 void Runner::_catchSignals()
 {
@@ -104,23 +129,14 @@ void Runner::_catchSignals()
 
 bool Runner::_loadSimulation()
 {
-    if (_options.simulationFile.isEmpty()) {
+    if (!_simulation.isOpen()) {
         NetworkSimulation::newNetworkSimulation();
         return true;
     }
-    QFile file(_options.simulationFile);
-    const auto fail = [this, &file](const QString& reason) {
-        return _fail(ExitCode::SimulationNotLoaded,
-                     QStringLiteral("cannot load the simulation %1: %2").arg(file.fileName(), reason));
-    };
-    const QFileInfo info(file);
-    if (info.exists() && !info.isFile())  // opening a pipe could wait forever
-        return fail("not a file but a directory, a pipe or a device");
-    if (!file.open(QIODevice::ReadOnly))
-        return fail(file.errorString());
     bool isLoaded = true;
-    NetworkSimulation::loadNetworkSimulation(&file, &isLoaded);
-    return isLoaded || fail("not a simulation file, or damaged");
+    NetworkSimulation::loadNetworkSimulation(&_simulation, &isLoaded);
+    _simulation.close();
+    return isLoaded || _failToLoad("not a simulation file, or damaged");
 }
 
 void Runner::_applySettings()
@@ -255,6 +271,12 @@ void Runner::_sendUnsentBytes()
     waited.start();
     while (hasUnsentBytes() && !waited.hasExpired(longestUnsentWait))
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+}
+
+bool Runner::_failToLoad(const QString& reason)
+{
+    return _fail(ExitCode::SimulationNotLoaded,
+                 QStringLiteral("cannot load the simulation %1: %2").arg(_simulation.fileName(), reason));
 }
 
 /// The first failure decides the exit code. Always false.

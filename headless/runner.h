@@ -6,6 +6,7 @@
 #include "terminationsignals.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QObject>
 #include <QTimer>
 
@@ -33,6 +34,8 @@ private slots:
 
 private:
     bool _openOutputs();
+    bool _openSimulation();
+    bool _checkFiles();
     void _catchSignals();
     bool _loadSimulation();
     void _applySettings();
@@ -43,10 +46,12 @@ private:
     void _writeDump();
     void _writeReport(const QString& endedBy);
     void _sendUnsentBytes();
+    bool _failToLoad(const QString& reason);
     bool _fail(ExitCode code, const QString& message);
 
     Options _options;
     ExitCode _exitCode = ExitCode::Success;
+    QFile _simulation;
     OutputFile _dump;
     OutputFile _report;
     std::optional<TerminationSignals> _signals;  // empty until there is something to write at the end

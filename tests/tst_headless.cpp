@@ -460,8 +460,10 @@ void TestHeadless::init()
 
 void TestHeadless::cleanup()
 {
-    for (const QString& path : {_simulation, _dump, _report, _folder.filePath("link")})
+    for (const QString& path : {_simulation, _dump, _report})
         QFile::remove(path);
+    for (const char* link : {"link", "hard link", "link to the dump", "linked folder"})
+        QFile::remove(_folder.filePath(link));
     NetworkSimulation::deleteNetworkSimulation();
 }
 
@@ -1224,7 +1226,18 @@ void TestHeadless::oneFileIsNotNamedTwice_data()
     QTest::newRow("report over simulation") << QStringList{simulation, "--report", simulation};
     QTest::newRow("another spelling") << QStringList{simulation, "--capture", otherSpelling};
     QTest::newRow("through a link") << QStringList{simulation, "--report", link};
+    QTest::newRow("through a hard link")
+        << QStringList{simulation, "--report", _folder.filePath("hard link")};
+    QTest::newRow("in a linked folder")
+        << QStringList{simulation, "--capture", _folder.filePath("linked folder/a.ltvo")};
     QTest::newRow("dump and report") << QStringList{simulation, "--report", dump, "--capture", dump};
+    QTest::newRow("dump and report through a link to nothing")
+        << QStringList{simulation, "--report", _folder.filePath("link to the dump"), "--capture", dump};
+    QTest::newRow("report and dump through a link to nothing")
+        << QStringList{simulation, "--report", dump, "--capture", _folder.filePath("link to the dump")};
+    QTest::newRow("dump and report in a linked folder")
+        << QStringList{simulation, "--report", _folder.filePath("linked folder/a.pcap"), "--capture", dump};
+    QTest::newRow("a simulation that is not there") << QStringList{dump, "--capture", dump};
 }
 
 void TestHeadless::oneFileIsNotNamedTwice()
@@ -1233,10 +1246,16 @@ void TestHeadless::oneFileIsNotNamedTwice()
     QVERIFY(save({Link()}));
     const QByteArray before = contentsOf(_simulation);
     QFile::link(_simulation, _folder.filePath("link"));
+    QFile::link(_dump, _folder.filePath("link to the dump"));
+    QFile::link(_folder.path(), _folder.filePath("linked folder"));
+    QCOMPARE(::link(QFile::encodeName(_simulation).constData(),
+                    QFile::encodeName(_folder.filePath("hard link")).constData()),
+             0);
     Simulator simulator(arguments + QStringList{"--listen", "0", "--duration", "0.01"});
     QCOMPARE(simulator.exitCode(), WrongOption);
     QVERIFY(isOneLine(simulator.errors(), "is named twice"));
     QCOMPARE(contentsOf(_simulation), before);
+    QVERIFY(!QFile::exists(_dump));
 }
 
 void TestHeadless::aDeviceMayBeNamedTwice()
