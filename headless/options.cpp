@@ -164,6 +164,8 @@ CommandLine parseCommandLine(const QStringList& arguments)
         return {std::nullopt, QStringLiteral("lattivo-headless " LATTIVO_VERSION "\n"), false};
     if (parser.positionalArguments().size() > 1)
         return failure("more than one simulation file");
+    if (parser.positionalArguments().contains(QString()))
+        return failure("the name of the simulation file is empty");
 
     constexpr qint64 largestFrameCount = std::numeric_limits<qint64>::max();
     ValueReader read(parser);

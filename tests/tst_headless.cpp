@@ -1113,6 +1113,7 @@ void TestHeadless::wrongOptionsAreRefused_data()
     QTest::newRow("no value") << QStringList("--listen") << "--listen";
     QTest::newRow("a value too many") << QStringList("--plug-and-play=1") << "--plug-and-play";
     QTest::newRow("two files") << QStringList{"a", "b"} << "more than one";
+    QTest::newRow("a file without a name") << QStringList("") << "simulation file is empty";
     const std::pair<const char*, QStringList> badValues[] = {
         {"listen", {"x", "-1", "65536"}},
         {"identify-by", {"number"}},
