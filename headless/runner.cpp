@@ -3,44 +3,23 @@
 #include "awaitednodes.h"
 #include "network/networksimulation.h"
 #include "network/streamhelpers.h"
-#include "nodes/tcpnode.h"
 #include "report.h"
+#include "unsentbytes.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QRandomGenerator>
-#include <QTcpSocket>
 
-#include <algorithm>
 #include <cstdio>
 
 namespace {
 
-constexpr int longestUnsentWait = 1000;  // ms that the programs have at the end to take what was written
+constexpr int longestUnsentWait = 3000;  // ms that the programs have at the end, as after a protocol error
 
 Network& network()
 {
     return *NetworkSimulation::instance()->network();
-}
-
-QList<const TcpNode*> tcpNodes()
-{
-    QList<const TcpNode*> nodes;
-    const QList<QGraphicsItem*> items = network().items(Qt::AscendingOrder);
-    for (const QGraphicsItem* item : items) {
-        if (const auto* node = dynamic_cast<const TcpNode*>(item))
-            nodes.append(node);
-    }
-    return nodes;
-}
-
-bool hasUnsentBytes()
-{
-    const QList<const TcpNode*> nodes = tcpNodes();
-    return std::any_of(nodes.begin(), nodes.end(), [](const TcpNode* node) {
-        return node->socket() && node->socket()->bytesToWrite() > 0;
-    });
 }
 
 QString notWritten(const QString& what, const OutputFile& file)
@@ -82,7 +61,7 @@ ExitCode Runner::run()
 
     _awaitNodes();
     QCoreApplication::exec();
-    _sendUnsentBytes();
+    UnsentBytes(network()).wait(longestUnsentWait);
     return _exitCode;
 }
 
@@ -263,14 +242,6 @@ void Runner::_writeReport(const QString& endedBy)
     _report.write(QJsonDocument(makeReport(*NetworkSimulation::instance(), facts)).toJson());
     if (!_report.finish())
         _fail(ExitCode::ReportNotWritten, notWritten("report", _report));
-}
-
-void Runner::_sendUnsentBytes()
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (hasUnsentBytes() && !waited.hasExpired(longestUnsentWait))
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
 }
 
 bool Runner::_failToLoad(const QString& reason)

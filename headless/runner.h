@@ -45,7 +45,6 @@ private:
     void _end(const QString& endedBy);
     void _writeDump();
     void _writeReport(const QString& endedBy);
-    void _sendUnsentBytes();
     bool _failToLoad(const QString& reason);
     bool _fail(ExitCode code, const QString& message);
 

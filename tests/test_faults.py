@@ -78,6 +78,10 @@ def environment(**more: str) -> dict[str, str]:
 class Program(bridge.Bridge):
     """The program of a node, one message at a time."""
 
+    @property
+    def raw(self) -> socket.socket:
+        return self._socket
+
     def ask(self, message: bytes) -> bridge.Message:
         """Send a message and return its answer, which says too that the simulator has read the message whole."""
         self._socket.sendall(message)
@@ -539,6 +543,33 @@ class TestSurroundings(FaultTest):
         run = self.start("--report", str(report), "--duration", SOON, env={**environment(), "LC_ALL": "C"})
         self.assertEqual(run.result(), (SUCCESS, ""))
         self.assertTrue(report.exists())
+
+
+class TestEnd(FaultTest):
+    """The run ends while a program has not got all of its frames."""
+
+    LARGE = 30000  # bytes of a frame
+    FRAMES = 400  # more than the kernel's buffers take
+
+    def test_a_program_that_writes_on_after_an_error_gets_its_frames_at_the_end(self) -> None:
+        self.make_simulation(largest_frame=self.LARGE)
+        run = self.start(str(self.simulation), "--report", str(self.report))
+        port = run.port()
+        sender, reader = self.attach(port, 0), self.attach(port, 1)
+        for number in range(self.FRAMES):
+            self.assertEqual(sender.outcome_of(frame_between(0, 1, number, self.LARGE)), bridge.Outcome.DELIVERED)
+        reader.raw.sendall(bridge.HEADER.pack(bridge.MessageType.CLOSE, 0))
+        while sender.outcome_of(frame_between(0, 1, 0)) == bridge.Outcome.DELIVERED:
+            pass
+
+        run.process.send_signal(signal.SIGTERM)
+        desktop.wait_for("the report", lambda: self.report.stat().st_size > 0)
+        arrived = 0
+        while part := reader.raw.recv(20000):
+            arrived += len(part)
+            reader.raw.sendall(b"more")  # would cost the simulator its unsent bytes if it were gone
+        self.assertGreaterEqual(arrived, self.FRAMES * len(bridge.encode_frame(bytes(self.LARGE))))
+        self.assertEqual(run.result(), (SUCCESS, ""))
 
 
 @needs_surroundings

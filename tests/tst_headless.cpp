@@ -397,6 +397,8 @@ private slots:
     void programsIdentifyAsTheOptionSays();
     void aKilledProgramCanComeBack();
     void aProgramThatStopsReadingHoldsNobodyUp();
+    void framesBeforeAProtocolErrorArriveBehindTheEndToo();
+    void waitingForAProgramAtTheEndIsNoWork();
 
     void aPacketAnalyserReadsTheDump();
     void theReportCountsEveryOutcome();
@@ -414,6 +416,7 @@ private slots:
     void aSignalEndsItInOrder_data();
     void aSignalEndsItInOrder();
     void aSignalEndsTheWaitForNodes();
+    void theWaitForNodesEndsOnlyOnce();
 
     void wrongOptionsAreRefused_data();
     void wrongOptionsAreRefused();
@@ -443,6 +446,9 @@ private slots:
 private:
     bool save(const QList<Link>& links);
     bool saveNow();
+    bool saveWithLargeFrames();
+    bool fill(Client& sleeper, Client& sender) const;
+    bool waitForReport();
     LossyRun lossyRun(const QStringList& seedOptions);
 
     QTemporaryDir _folder;
@@ -787,14 +793,38 @@ void TestHeadless::aKilledProgramCanComeBack()
     QCOMPARE(nodeIn(reportIn(_report), B).value("received"), QJsonValue(traffic(2, 12 + 6 + 12 + 5)));
 }
 
-/// More goes to the program than the kernel's buffers take, less than what makes the simulator drop it.
+constexpr int largeFrameSize = 16000;
+constexpr int manyLargeFrames = 1000;  // more than the kernel's buffers take, less than what drops a program
+
+bool TestHeadless::saveWithLargeFrames()
+{
+    makeSimulation({Link(), Link()});
+    TestAccess::parameters(*NetworkSimulation::instance()->network()).maximalTransferUnit = largeFrameSize;
+    return saveNow();
+}
+
+/// Many large frames are under way from A to B, whose program has stopped to read.
+bool TestHeadless::fill(Client& sleeper, Client& sender) const
+{
+    sleeper.stopReading();
+    const QByteArray large = frameBytes(B, A, QByteArray(largeFrameSize - 12, 'x'));
+    for (int i = 0; i < manyLargeFrames; ++i) {
+        sender.sendFrame(large);
+        if (sender.next(ConfirmationMessage) != delivered)
+            return false;
+    }
+    return true;
+}
+
+/// The run is over then, though not the process.
+bool TestHeadless::waitForReport()
+{
+    return QTest::qWaitFor([this] { return !contentsOf(_report).isEmpty(); }, processPatience);
+}
+
 void TestHeadless::aProgramThatStopsReadingHoldsNobodyUp()
 {
-    constexpr int frameSize = 16000;
-    constexpr int frames = 1000;
-    makeSimulation({Link(), Link()});
-    TestAccess::parameters(*NetworkSimulation::instance()->network()).maximalTransferUnit = frameSize;
-    QVERIFY(saveNow());
+    QVERIFY(saveWithLargeFrames());
     Simulator simulator({_simulation, "--listen", "0", "--report", _report});
     const quint16 port = simulator.port();
     Client a(port, A);
@@ -803,19 +833,57 @@ void TestHeadless::aProgramThatStopsReadingHoldsNobodyUp()
     Client d(port, D);
     QVERIFY(a.isAttached && sleeper.isAttached && c.isAttached && d.isAttached);
 
-    sleeper.stopReading();
-    const QByteArray large = frameBytes(B, A, QByteArray(frameSize - 12, 'x'));
-    for (int i = 0; i < frames; ++i) {
-        a.sendFrame(large);
-        QCOMPARE(a.next(ConfirmationMessage), delivered);
-    }
+    QVERIFY(fill(sleeper, a));
     c.sendFrame(frameBytes(D, C, "still here"));
     QCOMPARE(d.nextFrame(), frameBytes(D, C, "still here"));
     QCOMPARE(simulator.end(), Success);
     sleeper.resumeReading();
-    QVERIFY(sleeper.receiveAll().size() < frames * frameSize);  // it really was held up
-    QCOMPARE(nodeIn(reportIn(_report), B).value("received"), QJsonValue(traffic(frames, frames * frameSize)));
+    QVERIFY(sleeper.receiveAll().size() < manyLargeFrames * largeFrameSize);  // it really was held up
+    QCOMPARE(nodeIn(reportIn(_report), B).value("received"),
+             QJsonValue(traffic(manyLargeFrames, manyLargeFrames * largeFrameSize)));
     QCOMPARE(nodeIn(reportIn(_report), B).value("attached"), QJsonValue(true));
+}
+
+void TestHeadless::framesBeforeAProtocolErrorArriveBehindTheEndToo()
+{
+    QVERIFY(saveWithLargeFrames());
+    Simulator simulator({_simulation, "--listen", "0", "--report", _report});
+    const quint16 port = simulator.port();
+    Client a(port, A);
+    Client b(port, B);
+    QVERIFY(a.isAttached && b.isAttached);
+    QVERIFY(fill(b, a));
+    b.send(message(7, QByteArray()));
+    do {
+        a.sendFrame(frameBytes(B, A));
+    } while (a.next(ConfirmationMessage) == delivered);
+
+    simulator.signal(SIGTERM);
+    QVERIFY(waitForReport());
+    QCOMPARE(nodeIn(reportIn(_report), B).value("attached"), QJsonValue(false));
+    b.resumeReading();
+    const QList<QByteArray> arrived = framesAmong(b.receiveAll());
+    const auto isLarge = [](const QByteArray& frame) { return frame.size() == largeFrameSize; };
+    QCOMPARE(int(std::count_if(arrived.begin(), arrived.end(), isLarge)), manyLargeFrames);
+    QCOMPARE(simulator.exitCode(), Success);
+}
+
+void TestHeadless::waitingForAProgramAtTheEndIsNoWork()
+{
+    constexpr int span = 500;  // ms
+    QVERIFY(saveWithLargeFrames());
+    Simulator simulator({_simulation, "--listen", "0", "--report", _report});
+    const quint16 port = simulator.port();
+    Client a(port, A);
+    Client sleeper(port, B);
+    QVERIFY(a.isAttached && sleeper.isAttached);
+    QVERIFY(fill(sleeper, a));
+    simulator.signal(SIGTERM);
+    QVERIFY(waitForReport());
+    const qint64 before = simulator.processorTime();
+    QCOMPARE(simulator.exitCode(span), NotEnded);
+    const qint64 used = simulator.processorTime() - before;
+    QVERIFY2(used < span / 5, QByteArray::number(used));
 }
 
 void TestHeadless::aPacketAnalyserReadsTheDump()
@@ -1103,6 +1171,23 @@ void TestHeadless::aSignalEndsTheWaitForNodes()
     QCOMPARE(simulator.end(), Success);
     QCOMPARE(reportIn(_report).value("endedBy"), QJsonValue("signal"));
     QCOMPARE(reportIn(_report).value("runTimeSeconds"), QJsonValue(0));
+}
+
+/// Its time runs out while a program that does not read holds the process up.
+void TestHeadless::theWaitForNodesEndsOnlyOnce()
+{
+    QVERIFY(saveWithLargeFrames());
+    Simulator simulator(
+        {_simulation, "--listen", "0", "--wait-for", "Nobody", "--wait-timeout", "2", "--report", _report});
+    const quint16 port = simulator.port();
+    Client a(port, A);
+    Client sleeper(port, B);
+    QVERIFY(a.isAttached && sleeper.isAttached);
+    QVERIFY(fill(sleeper, a));
+    const int exitCode = simulator.end();
+    const bool isBySignal = reportIn(_report).value("endedBy") == "signal";  // else this machine was too slow
+    QCOMPARE(exitCode, isBySignal ? int(Success) : int(NodesMissing));
+    QCOMPARE(simulator.errors().count('\n'), isBySignal ? 0 : 1);
 }
 
 void TestHeadless::wrongOptionsAreRefused_data()
