@@ -373,7 +373,6 @@ class TestHeadless : public QObject
 
 private slots:
     void initTestCase() { QVERIFY(_folder.isValid()); }
-    void init();
     void cleanup();
 
     void theReadyLineNamesThePort();
@@ -452,17 +451,10 @@ private:
     LossyRun lossyRun(const QStringList& seedOptions);
 
     QTemporaryDir _folder;
-    QString _simulation;  // a file; save() writes it
-    QString _dump;
-    QString _report;
+    QString _simulation = _folder.filePath("a.ltvo");  // save() writes it
+    QString _dump = _folder.filePath("a.pcap");
+    QString _report = _folder.filePath("a.json");
 };
-
-void TestHeadless::init()
-{
-    _simulation = _folder.filePath("a.ltvo");
-    _dump = _folder.filePath("a.pcap");
-    _report = _folder.filePath("a.json");
-}
 
 void TestHeadless::cleanup()
 {
@@ -1422,16 +1414,14 @@ void TestHeadless::aRefusedStartLeavesFilesAsTheyWere_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("exitCode");
-    const QString simulation = _folder.filePath("a.ltvo");
-    const QString report = _folder.filePath("a.json");
     const QString nowhere = _folder.filePath("no/folder");
-    QTest::newRow("no simulation") << QStringList{nowhere, "--report", report} << int(SimulationNotLoaded);
+    QTest::newRow("no simulation") << QStringList{nowhere, "--report", _report} << int(SimulationNotLoaded);
     QTest::newRow("a damaged simulation")
-        << QStringList{simulation, "--report", report} << int(SimulationNotLoaded);
+        << QStringList{_simulation, "--report", _report} << int(SimulationNotLoaded);
     QTest::newRow("a report in a missing folder")
         << QStringList{"--report", nowhere} << int(ReportNotWritten);
     QTest::newRow("a port that is taken")
-        << QStringList{"--report", report, "--listen", "taken"} << int(PortNotOpened);
+        << QStringList{"--report", _report, "--listen", "taken"} << int(PortNotOpened);
 }
 
 void TestHeadless::aRefusedStartLeavesFilesAsTheyWere()
