@@ -28,7 +28,7 @@ public:
 private slots:
     void _beginCounting();
     void _giveUpWaiting();
-    void _countFrame();
+    void _checkFrames();
     void _endByDuration();
     void _endBySignal();
 
@@ -42,6 +42,7 @@ private:
     bool _startServer();
     void _awaitNodes();
     void _stopWaiting();
+    qint64 _framesLeftLinks() const;  // while the run counts
     void _end(const QString& endedBy);
     void _writeDump();
     void _writeReport(const QString& endedBy);
@@ -57,7 +58,7 @@ private:
     AwaitedNodes* _awaitedNodes = nullptr;       // owned; null while nobody is waited for
     QTimer _waitLimit;
     QTimer _runLimit;
-    QElapsedTimer _runTime;  // invalid until all waited-for nodes are attached
-    qint64 _framesLeftLinks = 0;
+    QElapsedTimer _runTime;        // invalid until all waited-for nodes are attached
+    qint64 _framesLeftBefore = 0;  // when counting began
     bool _hasEnded = false;
 };

@@ -165,7 +165,7 @@ void Connection::deliverFrame()
         handOver(frame);
     else
         frame.neverReceived();  // the sender learns of it through its own timeout
-    emit NetworkSimulation::instance()->network()->frameLeftLink();
+    NetworkSimulation::instance()->network()->noteFrameLeavesLink();
 }
 
 QWidget* Connection::propertiesWidget()

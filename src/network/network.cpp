@@ -147,6 +147,12 @@ void Network::deleteSelectedNetworkItem()
         emit lastNodeDeleted();
 }
 
+void Network::noteFrameLeavesLink()
+{
+    ++_framesLeftLinks;
+    emit frameLeftLink();
+}
+
 bool Network::isWatched() const
 {
     static const QMetaMethod change = QMetaMethod::fromSignal(&QGraphicsScene::changed);

@@ -70,6 +70,10 @@ public:
     /// hold.
     QString addressInputMask(int length) const;
 
+    // Traffic
+    qint64 framesLeftLinks() const { return _framesLeftLinks; }  // delivered or lost, since the beginning
+    void noteFrameLeavesLink();
+
     // Templates
     Connection* defaultConnection() { return &_defaultConnection; }
     const Connection* defaultConnection() const { return &_defaultConnection; }
@@ -156,6 +160,7 @@ private:
         QString error;               // of the last start that failed
     } _tcpServer;
 
+    qint64 _framesLeftLinks = 0;
     NodeDirectory _directory;           // of the nodes in the scene, which keep it true
     QTimer _acceptRetry;                // runs while accepting has failed
     QElapsedTimer _painting;            // since a picture was begun
