@@ -1121,9 +1121,10 @@ void TestHeadless::nodesThatComeInTheLastMomentAreThereOrNamed()
         QElapsedTimer sinceStart;
         sinceStart.start();
         Client a;
-        QVERIFY(a.connectTo(port));
-        QTest::qSleep(qMax(1, waitTimeout - attempt % 10 - static_cast<int>(sinceStart.elapsed())));
-        a.send(control(1, nodeAddress(A)));
+        if (a.connectTo(port)) {  // else this machine was too slow
+            QTest::qSleep(qMax(1, waitTimeout - attempt % 10 - static_cast<int>(sinceStart.elapsed())));
+            a.send(control(1, nodeAddress(A)));
+        }
         if (simulator.exitCode() == NodesMissing)
             QVERIFY(isOneLine(simulator.errors(), "not attached in time: A\n"));
         else
