@@ -17,8 +17,9 @@ constexpr size_t fewestReclaimed = 1024;  // due times that are over
 }  // namespace
 
 /// Makes the scheduler before programs can use up the file descriptors, of which it needs one.
-Timeouts::Timeouts(std::function<void()> handler)
+Timeouts::Timeouts(std::function<void()> handler, Punctuality punctuality)
     : _handler(std::move(handler))
+    , _isLeisurely(punctuality == Leisurely)
 {
     if (QCoreApplication::instance())
         TimeoutScheduler::instance();
@@ -39,10 +40,24 @@ void Timeouts::start(int delay)
 
 void Timeouts::startShared(int delay)
 {
-    const qint64 endOfMillisecond = KernelTimer::now() / nanosecondsPerMillisecond + 1;
-    const qint64 dueTime = (endOfMillisecond + std::max(delay, 0)) * nanosecondsPerMillisecond;
-    if (_hasNoOrdered() || _ordered.back() != dueTime)
+    const qint64 passTime = TimeoutScheduler::instance().passTime();
+    const qint64 now = passTime >= 0 ? passTime : KernelTimer::now();
+    if (!_isEmpty() && _nextDueTime() <= now)
+        _runOverdue(now);
+    const qint64 dueTime = now + std::max(delay, 0) * nanosecondsPerMillisecond;
+    const size_t pending = _ordered.size() - _firstOrdered;
+    if (pending >= 2 && _ordered[_ordered.size() - 2] > dueTime - nanosecondsPerMillisecond)
+        _ordered.back() = dueTime;
+    else
         _startAt(dueTime);
+}
+
+void Timeouts::_runOverdue(qint64 now)
+{
+    while (!_isEmpty() && _nextDueTime() <= now)
+        _dropNextDueTime();
+    TimeoutScheduler::instance().update(this);
+    _handler();
 }
 
 bool Timeouts::startAtEndOfPass()

@@ -11,21 +11,26 @@
 /// The toolkit's own list of timers is searched from end to end, so one toolkit timer a frame stalls the
 /// program at some ten thousand frames in flight, and its timers are up to a millisecond late. Here all
 /// owners share one timer of the kernel and the cost of a timeout does not grow with their number. Due times
-/// are kept to the nanosecond; handlers are never early and wait a tenth of a millisecond at most for others
-/// to share a wake-up with. Equal or not, the handler runs for each due time. What is still pending when the
-/// object is destroyed never runs. GUI thread only.
+/// are kept to the nanosecond; handlers are never early. Equal or not, the handler runs for each due time.
+/// What is still pending when the object is destroyed never runs. GUI thread only.
 class Timeouts
 {
 public:
-    explicit Timeouts(std::function<void()> handler);
+    enum Punctuality {
+        Punctual,   // due times wake the program up, at most a tenth of a millisecond late
+        Leisurely,  // they wait up to a millisecond for another reason to wake up
+    };
+
+    explicit Timeouts(std::function<void()> handler, Punctuality punctuality = Punctual);
     ~Timeouts();
     Q_DISABLE_COPY_MOVE(Timeouts)
 
     /// Due in \a delay milliseconds (0 or less: on the next pass of the event loop, never inside this call).
     void start(int delay);
 
-    /// As start(), for handlers that are harmless to repeat: due at the end of a millisecond of the clock,
-    /// and starts within one millisecond share one timeout. For one constant \a delay.
+    /// As start(), for handlers that are harmless to repeat and one constant \a delay: of the starts within a
+    /// millisecond, those between the first and the last have no timeout of their own. The handler runs for
+    /// what is overdue before this returns.
     void startShared(int delay);
 
     /// Due at the end of the pass that is running handlers right now; not for a handler to start itself
@@ -33,9 +38,11 @@ public:
     bool startAtEndOfPass();
 
 private:
+    friend class TimeoutHeap;
     friend class TimeoutScheduler;
 
     void _startAt(qint64 dueTime);
+    void _runOverdue(qint64 now);
 
     bool _isEmpty() const { return _hasNoOrdered() && _unordered.empty(); }
     bool _hasNoOrdered() const { return _firstOrdered == _ordered.size(); }
@@ -44,10 +51,11 @@ private:
     void _dropNextDueTime();
 
     std::function<void()> _handler;
+    bool _isLeisurely;
     // In ns of the monotonic clock. With a constant delay all due times are in order, which costs less than a
     // heap.
     std::vector<qint64> _ordered;  // each at or after the one before
     size_t _firstOrdered = 0;      // those in front of it are over
     std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>> _unordered;  // the rest
-    int _heapIndex = -1;  // place in the scheduler's heap; -1: nothing is pending
+    int _heapIndex = -1;  // place in its heap; -1: nothing is pending
 };

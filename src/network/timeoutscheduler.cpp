@@ -6,13 +6,14 @@
 #include <QPointer>
 #include <QTimerEvent>
 
-#include <cstddef>
+#include <algorithm>
 #include <functional>
 
 namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr qint64 wakePeriod = 100000;  // ns; what falls due within one shares a wake-up at its end
+constexpr qint64 longestLeisure = nanosecondsPerMillisecond;
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
 
 qint64 roundedUpToMilliseconds(qint64 nanoseconds)
@@ -44,45 +45,17 @@ TimeoutScheduler::TimeoutScheduler(QObject* parent)
     connect(_notifier.get(), SIGNAL(activated(int)), this, SLOT(_wakeUp()));
 }
 
-TimeoutScheduler::~TimeoutScheduler()
-{
-    for (const Entry& entry : _heap)
-        entry.timeouts->_heapIndex = -1;
-}
-
 /// To be called after a due time was added to or taken from \a timeouts.
 void TimeoutScheduler::update(Timeouts* timeouts)
 {
-    if (timeouts->_isEmpty()) {
-        remove(timeouts);
-        return;
-    }
-    const Entry entry{timeouts->_nextDueTime(), timeouts};
-    if (timeouts->_heapIndex < 0) {
-        timeouts->_heapIndex = static_cast<int>(_heap.size());
-        _heap.push_back(entry);
-    }
-    _place(entry, timeouts->_heapIndex);
-    _siftUp(timeouts->_heapIndex);
-    _siftDown(timeouts->_heapIndex);
+    _heapOf(*timeouts).update(timeouts);
     if (_passTime < 0)
         _arm();
 }
 
 void TimeoutScheduler::remove(Timeouts* timeouts)
 {
-    const int index = timeouts->_heapIndex;
-    if (index < 0)
-        return;
-
-    const Entry last = _heap.back();
-    _heap.pop_back();
-    timeouts->_heapIndex = -1;
-    if (last.timeouts == timeouts)
-        return;
-    _place(last, index);
-    _siftUp(index);
-    _siftDown(last.timeouts->_heapIndex);
+    _heapOf(*timeouts).remove(timeouts);
 }
 
 void TimeoutScheduler::timerEvent(QTimerEvent* event)
@@ -110,31 +83,48 @@ void TimeoutScheduler::_runPass()
     _arm();
 }
 
-/// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
-/// called.
 void TimeoutScheduler::_runDueHandlers()
 {
     _passTime = KernelTimer::now();
-    while (!_heap.empty() && _heap.front().dueTime <= _passTime) {
-        Timeouts* timeouts = _heap.front().timeouts;
+    _runDueHandlers(_leisurely);  // what has waited for a pass to share comes before what woke it up
+    _runDueHandlers(_punctual);
+    _passTime = -1;
+}
+
+/// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
+/// called.
+void TimeoutScheduler::_runDueHandlers(TimeoutHeap& heap)
+{
+    while (!heap.isEmpty() && heap.dueTime() <= _passTime) {
+        Timeouts* timeouts = heap.first();
         timeouts->_dropNextDueTime();
-        update(timeouts);
+        heap.update(timeouts);
         const std::function<void()> handler = timeouts->_handler;
         handler();
     }
-    _passTime = -1;
 }
 
 /// Leaves an earlier wake-up alone: it arms the right one.
 void TimeoutScheduler::_arm()
 {
-    if (_heap.empty() || _nextPass.isActive())
+    if (_nextPass.isActive())
         return;
-    const qint64 dueTime = _heap.front().dueTime;
-    if (dueTime <= KernelTimer::now())
+    if (!_punctual.isEmpty() && _punctual.dueTime() <= KernelTimer::now()) {
         _nextPass.start(0, Qt::PreciseTimer, this);
-    else if (endOfWakePeriod(dueTime) < _wakeTime)
-        _wakeAt(endOfWakePeriod(dueTime));
+        return;
+    }
+    qint64 wakeTime = never;
+    if (!_punctual.isEmpty())
+        wakeTime = endOfWakePeriod(_punctual.dueTime());
+    if (!_leisurely.isEmpty())
+        wakeTime = std::min(wakeTime, _leisurely.dueTime() + longestLeisure);
+    if (wakeTime < _wakeTime)
+        _wakeAt(wakeTime);
+}
+
+TimeoutHeap& TimeoutScheduler::_heapOf(const Timeouts& timeouts)
+{
+    return timeouts._isLeisurely ? _leisurely : _punctual;
 }
 
 void TimeoutScheduler::_wakeAt(qint64 time)
@@ -146,40 +136,4 @@ void TimeoutScheduler::_wakeAt(qint64 time)
     }
     const qint64 wait = roundedUpToMilliseconds(time - KernelTimer::now());
     _substitute.start(static_cast<int>(qBound<qint64>(0, wait, longestWait)), Qt::PreciseTimer, this);
-}
-
-void TimeoutScheduler::_place(const Entry& entry, int index)
-{
-    _heap[static_cast<size_t>(index)] = entry;
-    entry.timeouts->_heapIndex = index;
-}
-
-void TimeoutScheduler::_siftUp(int index)
-{
-    const Entry moved = _heap[static_cast<size_t>(index)];
-    while (index > 0) {
-        const int parent = (index - 1) / 2;
-        const Entry above = _heap[static_cast<size_t>(parent)];
-        if (above.dueTime <= moved.dueTime)
-            break;
-        _place(above, index);
-        index = parent;
-    }
-    _place(moved, index);
-}
-
-void TimeoutScheduler::_siftDown(int index)
-{
-    const Entry moved = _heap[static_cast<size_t>(index)];
-    const size_t size = _heap.size();
-    for (size_t child = 2 * static_cast<size_t>(index) + 1; child < size; child = 2 * child + 1) {
-        if (child + 1 < size && _heap[child + 1].dueTime < _heap[child].dueTime)
-            ++child;
-        const Entry below = _heap[child];
-        if (moved.dueTime <= below.dueTime)
-            break;
-        _place(below, index);
-        index = static_cast<int>(child);
-    }
-    _place(moved, index);
 }

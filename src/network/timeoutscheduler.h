@@ -1,6 +1,7 @@
 #pragma once
 
 #include "network/kerneltimer.h"
+#include "network/timeoutheap.h"
 
 #include <QBasicTimer>
 #include <QObject>
@@ -8,19 +9,16 @@
 
 #include <limits>
 #include <memory>
-#include <vector>
 
 class Timeouts;
 
-/// Runs the handlers of all Timeouts of the process: a heap of those that have something pending, ordered by
-/// their next due time, and two timers. Lives as long as the application object.
+/// Runs the handlers of all Timeouts of the process. Lives as long as the application object.
 class TimeoutScheduler : public QObject
 {
     Q_OBJECT
 
 public:
     static TimeoutScheduler& instance();
-    ~TimeoutScheduler() override;
 
     qint64 passTime() const { return _passTime; }
 
@@ -36,23 +34,17 @@ private slots:
 private:
     explicit TimeoutScheduler(QObject* parent);
 
-    struct Entry {
-        // The next one; kept here because following the pointer costs more than the comparison.
-        qint64 dueTime;
-        Timeouts* timeouts;  // not owned
-    };
-
     void _runPass();
     void _runDueHandlers();
+    void _runDueHandlers(TimeoutHeap& heap);
     void _arm();
     void _wakeAt(qint64 time);
-    void _place(const Entry& entry, int index);
-    void _siftUp(int index);
-    void _siftDown(int index);
+    TimeoutHeap& _heapOf(const Timeouts& timeouts);
 
     static constexpr qint64 never = std::numeric_limits<qint64>::max();
 
-    std::vector<Entry> _heap;  // the earliest due time first
+    TimeoutHeap _punctual;     // wakes up the program
+    TimeoutHeap _leisurely;    // waits a millisecond for another reason to wake up
     QBasicTimer _nextPass;     // runs while something is due at once
     KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
     std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us

@@ -186,8 +186,8 @@ void Node::setActiveColor(const QColor& color)
 
 void Node::dataRequest(QByteArray frame)
 {
+    _txFlashes.startShared(flashDuration);  // may end a flash
     _flags |= Transmitting;
-    _txFlashes.startShared(flashDuration);
     _traffic.request();
 
     const bool isConfirmationWanted = _isConfirmationWanted();
@@ -226,8 +226,8 @@ bool Node::_carryOverConnections(const QByteArray& frame, int acknowledgeTimeout
 
 void Node::_dataIndication(QByteArray frame)
 {
+    _rxFlashes.startShared(flashDuration);  // likewise
     _flags |= Receiving;
-    _rxFlashes.startShared(flashDuration);
     _traffic.request();
 
     _receivedBytes += frame.size();
@@ -250,7 +250,7 @@ void Node::dataConfirmation(bool /*delivered*/)
 {
 }
 
-/// A frame within the 500 ms restarts nothing, on purpose: the first timeout clears the flag.
+/// Frames sent during the flash do not extend it, on purpose: the first timeout clears the flag.
 void Node::clearTxFlag()
 {
     _flags &= ~Transmitting;

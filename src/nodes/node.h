@@ -158,8 +158,8 @@ private:
     Qt::CheckState _showConnectionCount = Qt::PartiallyChecked;
     int _widthForText = 0;  // pixels of the wider of name and address
 
-    Timeouts _txFlashes{[this] { clearTxFlag(); }};
-    Timeouts _rxFlashes{[this] { clearRxFlag(); }};
+    Timeouts _txFlashes{[this] { clearTxFlag(); }, Timeouts::Leisurely};
+    Timeouts _rxFlashes{[this] { clearRxFlag(); }, Timeouts::Leisurely};
     Timeouts _losses{[this] { frameLost(); }};
     ThrottledUpdate _traffic{this};
 };
