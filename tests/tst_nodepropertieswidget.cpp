@@ -151,6 +151,7 @@ private slots:
     void theAssignDialogAsksUnderTheMaskOfTheNetwork();
     void anAddressOfTheWrongLengthIsIgnored_data();
     void anAddressOfTheWrongLengthIsIgnored();
+    void oneDigitIsNoAddressWhereAddressesHaveNoBytes();
     void aCancelledAssignmentChangesNothing();
     void theNodeMayGoWhileItsAddressIsAskedFor();
     void theFormMayGoWhileTheAddressIsAskedFor();
@@ -479,6 +480,16 @@ void TestNodePropertiesWidget::anAddressOfTheWrongLengthIsIgnored()
     const Form form = openForm(one.node);
     assign(form, text, Qt::Key_Return);
     QCOMPARE(one.node->address(), QByteArray());
+}
+
+void TestNodePropertiesWidget::oneDigitIsNoAddressWhereAddressesHaveNoBytes()
+{
+    const OneNode one{QByteArray()};
+    TestAccess::parameters(*network()).addressLength = 0;
+    const Form form = openForm(one.node);
+    assign(form, QStringLiteral("A"), Qt::Key_Return);
+    QVERIFY(assignButton(form));
+    QVERIFY(!field<QLineEdit>(form.get(), QStringLiteral("Node address")));
 }
 
 void TestNodePropertiesWidget::aCancelledAssignmentChangesNothing()

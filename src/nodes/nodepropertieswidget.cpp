@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <optional>
 
 namespace {
 
@@ -34,12 +35,13 @@ Node* defaultNode()
     return network()->defaultNode();
 }
 
-/// Empty when a byte lacks its second digit: decoding would push all digits by one place.
-QByteArray addressFrom(const QByteArray& text)
+/// Nothing when a byte lacks its second digit: decoding would push all digits by one place.
+std::optional<QByteArray> addressFrom(const QByteArray& text)
 {
     const auto isDigit = [](unsigned char character) { return std::isxdigit(character) != 0; };
-    const auto digits = std::count_if(text.begin(), text.end(), isDigit);
-    return digits % 2 == 0 ? QByteArray::fromHex(text) : QByteArray();
+    if (std::count_if(text.begin(), text.end(), isDigit) % 2 != 0)
+        return std::nullopt;
+    return QByteArray::fromHex(text);
 }
 
 /// Out of the form at once, but not deleted before its own signal is over.
@@ -197,10 +199,10 @@ void NodePropertiesWidget::assignAddress()
     const bool isAccepted = _askForAddress(&text);
     if (!isAccepted || !self || !_node)
         return;
-    const QByteArray address = addressFrom(text.toLatin1());
-    if (address.size() != network()->addressLength())
+    const std::optional<QByteArray> address = addressFrom(text.toLatin1());
+    if (!address || address->size() != network()->addressLength())
         return;
-    _node->setAddress(address);
+    _node->setAddress(*address);
     _showAssignedAddress();
 }
 
