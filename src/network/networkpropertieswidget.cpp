@@ -101,18 +101,18 @@ QSpinBox* NetworkPropertiesWidget::_addNumber(PropertyForm& form, const QString&
     return box;
 }
 
-/// Typing what is shown already is an edit too, which only the line edit tells of.
 void NetworkPropertiesWidget::_watchEdits(QWidget* field, const char* edited)
 {
     QLineEdit* edit = lineEditOf(field);
-    _textsBefore.insert(edit, edit->text());
-    connect(edit, SIGNAL(textEdited(QString)), this, SLOT(_markTyped()));
+    _storedTexts.insert(edit, edit->text());
+    connect(edit, SIGNAL(textEdited(QString)), this, SLOT(_markEdited()));
     connect(field, SIGNAL(editingFinished()), this, edited);
 }
 
-void NetworkPropertiesWidget::_markTyped()
+/// Typing what is shown already is an edit, too.
+void NetworkPropertiesWidget::_markEdited()
 {
-    _typedInto.insert(sender());
+    _storedTexts.remove(static_cast<QLineEdit*>(sender()));
 }
 
 /// Whether to store what the field shows: not when it was left without an edit. A caller that is not the
@@ -120,10 +120,9 @@ void NetworkPropertiesWidget::_markTyped()
 bool NetworkPropertiesWidget::_takeEdit(QWidget* field)
 {
     QLineEdit* edit = lineEditOf(field);
-    const bool isTyped = _typedInto.remove(edit);
-    const bool isChanged = edit->text() != _textsBefore.value(edit);
-    _textsBefore.insert(edit, edit->text());
-    return isTyped || isChanged || sender() != field;
+    const bool isEdited = edit->text() != _storedTexts.value(edit);
+    _storedTexts.insert(edit, edit->text());
+    return isEdited || sender() != field;
 }
 
 /// The highest address length is not worked out again, on purpose.
@@ -181,8 +180,7 @@ void NetworkPropertiesWidget::_showBroadcastAddress()
 {
     AddressField::setLength(_frameBroadcastAddress, -1);
     AddressField::setAddress(_frameBroadcastAddress, network()->broadcastAddress());
-    _typedInto.remove(_frameBroadcastAddress);
-    _textsBefore.insert(_frameBroadcastAddress, _frameBroadcastAddress->text());
+    _storedTexts.insert(_frameBroadcastAddress, _frameBroadcastAddress->text());
 }
 
 void NetworkPropertiesWidget::tcpEnabledChanged(int state)

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QHash>
-#include <QSet>
 #include <QWidget>
 
 QT_BEGIN_NAMESPACE
@@ -37,7 +36,7 @@ public slots:
     void networkEmpty();
 
 private slots:
-    void _markTyped();
+    void _markEdited();
 
 private:
     void _addFrameParameters(PropertyForm& form);
@@ -59,6 +58,5 @@ private:
         = nullptr;  // always null: the default node's form has the box
     QCheckBox* _tcpEnabled = nullptr;
     QSpinBox* _tcpPort = nullptr;
-    QSet<QObject*> _typedInto;                // line edits with an edit that is not stored yet; not owned
-    QHash<QLineEdit*, QString> _textsBefore;  // what each line edit held when it was last stored
+    QHash<QLineEdit*, QString> _storedTexts;  // of fields without an edit that waits to be stored
 };
