@@ -4,8 +4,12 @@
 
 namespace {
 
-constexpr int pauseTime = 16;           // ms
-constexpr int writingsAfterQuiet = 20;  // at once
+constexpr int pauseTime = 16;  // ms
+
+/// Each number is written at once while they come singly: what a step of a program or a click on "Reset
+/// Statistics" does is read right after it. So many writings take 0.1 ms of the pause. Under load, writing
+/// all of them made a frame of the selected node cost 7.3 instead of 0.9 µs.
+constexpr int writingsAfterQuiet = 20;
 
 }  // namespace
 
