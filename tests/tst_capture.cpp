@@ -123,6 +123,7 @@ private slots:
     void theIconsTellTheFate();
     void aFrameThatIsNoBroadcastHasAnEmptyIcon();
     void theImagesOfTheIconsDiffer();
+    void theSignOfACorrectCheckSumIsNoBox();
     void onlyTheDataColumnIsLeftAligned();
     void theUserRoleIsTheRawPayloadInEveryColumn();
     void cellsWithoutAnswerHoldANullText();
@@ -469,6 +470,14 @@ void TestCapture::theImagesOfTheIconsDiffer()
         for (const char* other : names)
             QCOMPARE(imageOf(one) == imageOf(other), one == other);
     }
+}
+
+/// It stands above the check boxes of the view, and a tick leaves the upper left corner free.
+void TestCapture::theSignOfACorrectCheckSumIsNoBox()
+{
+    const QImage sign = imageOf(":CrcOk.png").copy(0, 0, 4, 4);
+    for (int i = 0; i < 16; ++i)
+        QCOMPARE(sign.pixelColor(i % 4, i / 4).alpha(), 0);
 }
 
 void TestCapture::onlyTheDataColumnIsLeftAligned()

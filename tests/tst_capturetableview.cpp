@@ -131,6 +131,7 @@ private slots:
 
     // Picture
     void theIconsAreSeen();
+    void theIconsOfTheSelectedRowKeepTheirColours();
     void noCellShowsACheckBox();
     void theCounterIsPainted();
     void aCounterOfTheSameWidthIsPaintedToo();
@@ -622,6 +623,50 @@ void TestCaptureTableView::theIconsAreSeen()
         const QImage expected = pictureOf(icon, background);
         QVERIFY(countOthers(expected, expected.rect(), background) > 0);
         QCOMPARE(countOthers(table, cell, background), countOthers(expected, expected.rect(), background));
+    }
+}
+
+static int countSame(const QImage& one, const QImage& other, const QRect& area)
+{
+    int pixels = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        for (int x = area.left(); x <= area.right(); ++x)
+            pixels += one.pixelColor(x, y) == other.pixelColor(x, y);
+    }
+    return pixels;
+}
+
+/// Pixels that hide the row behind them.
+static int countOpaque(const QIcon& icon)
+{
+    const QImage picture = icon.pixmap(iconSize, iconSize).toImage();
+    int pixels = 0;
+    for (int y = 0; y < picture.height(); ++y) {
+        for (int x = 0; x < picture.width(); ++x)
+            pixels += picture.pixelColor(x, y).alpha() == 255;
+    }
+    return pixels;
+}
+
+void TestCaptureTableView::theIconsOfTheSelectedRowKeepTheirColours()
+{
+    click(_enabled());
+    Frame frame(QByteArray(12, '\xFF'), 1, 2,
+                static_cast<Frame::FrameFlags>(Frame::Broadcast | Frame::CRCError));
+    _capture->addFrame(frame);
+    add(*_capture, 1);
+    QTRY_COMPARE(_table()->verticalHeader()->count(), 2);
+    const QImage before = _table()->viewport()->grab().toImage();
+    for (int row : {0, 1}) {
+        QTest::mouseClick(_table()->viewport(), Qt::LeftButton, Qt::NoModifier,
+                          _cell(row, Capture::SizeColumn).center());
+        const QImage selected = _table()->viewport()->grab().toImage();
+        QCOMPARE(countSame(before, selected, _cell(row, Capture::DataColumn)), 0);
+        for (int column : {Capture::DeliveryColumn, Capture::BroadcastColumn, Capture::CrcColumn}) {
+            const auto icon = _capture->data(_capture->index(row, column), Qt::DecorationRole).value<QIcon>();
+            QVERIFY(icon.isNull() || countOpaque(icon) > 0);
+            QVERIFY(countSame(before, selected, _cell(row, column)) >= countOpaque(icon));
+        }
     }
 }
 

@@ -54,6 +54,14 @@ qint64 duration(quint64 from, quint64 to)
     return static_cast<qint64>(to - from);
 }
 
+/// Has the colours of its file in a selected row as well, which Qt would tint otherwise.
+QIcon trueColorIcon(const QString& fileName)
+{
+    QIcon icon(fileName);
+    icon.addFile(fileName, QSize(), QIcon::Selected);
+    return icon;
+}
+
 QByteArray hexadecimal(const QByteArray& bytes)
 {
     return bytes.toHex().toUpper();
@@ -96,11 +104,11 @@ static void initializeImages()
 }
 
 Capture::Capture()
-    : _broadcastIcon(QStringLiteral(":Broadcast.png"))
-    , _crcOkIcon(QStringLiteral(":CrcOk.png"))
-    , _crcBadIcon(QStringLiteral(":CrcBad.png"))
-    , _deliveredIcon(QStringLiteral(":Delivered.png"))
-    , _notDeliveredIcon(QStringLiteral(":NotDelivered.png"))
+    : _broadcastIcon(trueColorIcon(QStringLiteral(":Broadcast.png")))
+    , _crcOkIcon(trueColorIcon(QStringLiteral(":CrcOk.png")))
+    , _crcBadIcon(trueColorIcon(QStringLiteral(":CrcBad.png")))
+    , _deliveredIcon(trueColorIcon(QStringLiteral(":Delivered.png")))
+    , _notDeliveredIcon(trueColorIcon(QStringLiteral(":NotDelivered.png")))
 {
     initializeImages();
 }
