@@ -117,6 +117,11 @@ private slots:
     void theLastColumnFillsTheTableAfterANewModelAndAfterClear();
     void theLastColumnFillsTheTableWithTheAddressesHidden();
 
+    // Widths
+    void atItsOwnSizeTheViewShowsAllColumnsAtTheirWidth();
+    void aNarrowViewShowsAllColumnsAndTheirTitles();
+    void aNarrowViewShowsAllColumnsOfANewModel();
+
     // Following
     void theCounterIsTrueRightAfterEachFrame();
     void theLastRowIsInViewAfterOneTurnOfTheEventLoop();
@@ -156,6 +161,8 @@ private:
     bool _lastRowIsInView() const;
     bool _lastColumnFillsTheTable() const;
     QList<int> _hiddenColumns() const;
+    bool _showsTheTitle(int column) const;
+    void _showAnew(int width);
 
     std::unique_ptr<Capture> _capture;
     std::unique_ptr<CaptureTableView> _view;
@@ -464,6 +471,67 @@ void TestCaptureTableView::theLastColumnFillsTheTableWithTheAddressesHidden()
     QTRY_VERIFY(_lastColumnFillsTheTable());
     click(_hidesAddresses());
     QTRY_VERIFY(_lastColumnFillsTheTable());
+    _view->setCaptureModel(nullptr);
+}
+
+// Widths
+
+constexpr int textColumns[]
+    = {Capture::DeltaTimeColumn,   Capture::SizeColumn,   Capture::TimeOnNetworkColumn,
+       Capture::DestinationColumn, Capture::SourceColumn, Capture::DataColumn};
+constexpr int wantedWidth = 120;
+constexpr int narrowWidth = 710;  // what the first window on a screen of 1024 pixels leaves the view
+
+/// As a window does: the width stands before the view is shown. In small letters, so that the bar is not
+/// wider than the table.
+void TestCaptureTableView::_showAnew(int width)
+{
+    QFont smallFont;
+    smallFont.setPixelSize(8);
+    _view = std::make_unique<CaptureTableView>(nullptr);
+    _view->setFont(smallFont);
+    _view->setCaptureModel(_capture.get());
+    _view->resize(width > 0 ? width : _view->sizeHint().width(), windowHeight);
+    _view->show();
+    QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
+    _capture->setEnabled(true);
+    add(*_capture, 100);
+    QTRY_VERIFY(_table()->verticalScrollBar()->isVisible());
+}
+
+bool TestCaptureTableView::_showsTheTitle(int column) const
+{
+    const QHeaderView* header = _table()->horizontalHeader();
+    const QString title = _capture->headerData(column, Qt::Horizontal, Qt::DisplayRole).toString();
+    const int right = header->sectionViewportPosition(column) + header->sectionSize(column);
+    return header->sectionSize(column) > header->fontMetrics().horizontalAdvance(title)
+        && right <= header->viewport()->width();
+}
+
+void TestCaptureTableView::atItsOwnSizeTheViewShowsAllColumnsAtTheirWidth()
+{
+    _showAnew(0);
+    QVERIFY(!_table()->horizontalScrollBar()->isVisible());
+    for (const int column : textColumns)
+        QVERIFY(_table()->columnWidth(column) >= wantedWidth);
+}
+
+void TestCaptureTableView::aNarrowViewShowsAllColumnsAndTheirTitles()
+{
+    _showAnew(narrowWidth);
+    QVERIFY(!_table()->horizontalScrollBar()->isVisible());
+    for (const int column : textColumns)
+        QVERIFY2(_showsTheTitle(column), qPrintable(QString::number(column)));
+    QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
+}
+
+void TestCaptureTableView::aNarrowViewShowsAllColumnsOfANewModel()
+{
+    _showAnew(narrowWidth);
+    Capture other;
+    _view->setCaptureModel(&other);
+    QTRY_VERIFY(!_table()->horizontalScrollBar()->isVisible());
+    QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
     _view->setCaptureModel(nullptr);
 }
 

@@ -6,6 +6,7 @@
 #include <QPainter>
 #include <QStyleOptionHeader>
 #include <QTimerEvent>
+#include <QtMath>
 
 #include <algorithm>
 
@@ -44,6 +45,36 @@ void CaptureColumnHeader::paintEvent(QPaintEvent* event)
     empty.rect.setLeft(length() - offset());
     if (!empty.rect.isEmpty())
         style()->drawControl(QStyle::CE_HeaderEmptyArea, &empty, &painter, this);
+}
+
+int CaptureColumnHeader::wantedLength() const
+{
+    const int last = count() - 1;
+    return length() - sectionSize(last) + sectionSizeHint(last);
+}
+
+void CaptureColumnHeader::makeRoomForLastSection(int width)
+{
+    const int last = count() - 1;
+    const int missing = wantedLength() - width;
+    int spare = 0;
+    for (int section = 0; section < last; ++section)
+        spare += _spareWidth(section);
+    if (missing <= 0 || spare == 0)
+        return;
+    const double share = std::min(1.0, static_cast<double>(missing) / spare);
+    for (int section = 0; section < last; ++section) {
+        if (const int spareHere = _spareWidth(section))
+            resizeSection(section, sectionSize(section) - qCeil(share * spareHere));
+    }
+}
+
+int CaptureColumnHeader::_spareWidth(int section) const
+{
+    const QString title = model()->headerData(section, Qt::Horizontal).toString();
+    const int margin = style()->pixelMetric(QStyle::PM_HeaderMargin, nullptr, this);
+    const int needed = fontMetrics().horizontalAdvance(title) + 2 * margin;
+    return title.isEmpty() ? 0 : std::max(0, sectionSize(section) - needed);
 }
 
 CaptureRowHeader::CaptureRowHeader(int rowHeight, QWidget* parent)

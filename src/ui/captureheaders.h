@@ -13,8 +13,18 @@ class CaptureColumnHeader : public QHeaderView
 public:
     explicit CaptureColumnHeader(QWidget* parent);
 
+    /// Of all columns, the last one no wider than it wants to be. In pixels.
+    int wantedLength() const;
+
+    /// Narrows the columns before the last one, down to what their titles need, so that all of them fit into
+    /// \a width.
+    void makeRoomForLastSection(int width);
+
 protected:
     void paintEvent(QPaintEvent* event) override;
+
+private:
+    int _spareWidth(int section) const;
 };
 
 /// The rows of the capture table, hidden and of one height. It tells the table of new rows some 60 times a

@@ -8,6 +8,8 @@
 #include <QItemSelectionModel>
 #include <QLabel>
 #include <QPushButton>
+#include <QScrollBar>
+#include <QShowEvent>
 #include <QStyledItemDelegate>
 #include <QTableView>
 #include <QVBoxLayout>
@@ -155,9 +157,41 @@ void CaptureTableView::setCaptureModel(Capture* model)
             SIGNAL(rowsInserted(QModelIndex,int,int)), this, SLOT(rowsInsertedHandler(QModelIndex,int,int)));
     _captureEnabled->setChecked(model->isEnabled());
     hideAddrChanged(_hideAddr->checkState());  // a new model comes with all columns shown
+    _makeRoomForData();
     _fillWithLastColumn();
     _viewFollows->setChecked(model->doesViewFollows());
     _showCount(model->rowCount());
+}
+
+QSize CaptureTableView::sizeHint() const
+{
+    const int columns = _model() ? _columns()->wantedLength() : 0;
+    return QWidget::sizeHint().expandedTo(QSize(columns + _widthBesideColumns(), 0));
+}
+
+/// With the vertical scroll bar, which comes with the rows.
+int CaptureTableView::_widthBesideColumns() const
+{
+    const QMargins margins = layout()->contentsMargins();
+    return margins.left() + margins.right() + 2 * _captureTableView->frameWidth()
+        + _captureTableView->verticalScrollBar()->sizeHint().width();
+}
+
+/// The width that the window leaves the view is known only now. A window that was minimized keeps what the
+/// user has made of the columns.
+void CaptureTableView::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    if (!event->spontaneous())
+        _makeRoomForData();
+    _fillWithLastColumn();
+}
+
+/// In a window that is too narrow for all columns.
+void CaptureTableView::_makeRoomForData()
+{
+    if (_model() && isVisible())
+        _columns()->makeRoomForLastSection(width() - _widthBesideColumns());
 }
 
 void CaptureTableView::enabledChanged(int state)
@@ -211,11 +245,16 @@ Capture* CaptureTableView::_model() const
     return qobject_cast<Capture*>(_captureTableView->model());
 }
 
+CaptureColumnHeader* CaptureTableView::_columns() const
+{
+    return static_cast<CaptureColumnHeader*>(_captureTableView->horizontalHeader());
+}
+
 /// Switching the stretching on where it is on already would do nothing.
 void CaptureTableView::_fillWithLastColumn()
 {
-    _captureTableView->horizontalHeader()->setStretchLastSection(false);
-    _captureTableView->horizontalHeader()->setStretchLastSection(true);
+    _columns()->setStretchLastSection(false);
+    _columns()->setStretchLastSection(true);
 }
 
 void CaptureTableView::_showCount(int frames)

@@ -11,6 +11,7 @@ class QTableView;
 QT_END_NAMESPACE
 
 class Capture;
+class CaptureColumnHeader;
 
 /// The table of captured frames with the switches of the capture beneath it. The model is the table's; no
 /// pointer to it is kept here.
@@ -24,6 +25,8 @@ public:
     /// Null detaches the present capture, which is never owned.
     void setCaptureModel(Capture* model);
 
+    QSize sizeHint() const override;  // all columns are seen
+
 public slots:
     void enabledChanged(int state);
     void viewFollowsChanged(int state);
@@ -31,13 +34,19 @@ public slots:
     void clearCapture();
     void rowsInsertedHandler(const QModelIndex& parent, int first, int last);
 
+protected:
+    void showEvent(QShowEvent* event) override;
+
 private slots:
     void _rowsShown();
 
 private:
     Capture* _model() const;
+    CaptureColumnHeader* _columns() const;
     void _setUpTable();
     void _addBar(QBoxLayout* layout);
+    int _widthBesideColumns() const;
+    void _makeRoomForData();
     void _fillWithLastColumn();
     void _showCount(int frames);
 
