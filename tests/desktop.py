@@ -140,10 +140,14 @@ def _smallest_filter(line: bytes, above: bytes) -> bytes:
 
 
 class Desktop:
-    """The screen, its window manager, mouse and keyboard. Everything ends with the context."""
+    """The screen, its window manager, mouse and keyboard. Everything ends with the context.
 
-    def __init__(self, folder: Path, width: int = 1280, height: int = 1024) -> None:
+    Further settings go into the environment of the programs.
+    """
+
+    def __init__(self, folder: Path, width: int = 1280, height: int = 1024, **settings: str) -> None:
         self._folder = folder
+        self._settings = settings
         self._stack = ExitStack()
         try:
             self.display = self._start_screen(width, height)
@@ -274,7 +278,7 @@ class Desktop:
             return self._stack.enter_context(mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ))
 
     def _environment(self) -> Mapping[str, str]:
-        return environment(self._folder, DISPLAY=self.display)
+        return environment(self._folder, DISPLAY=self.display, **self._settings)
 
     def _xdotool(self, *arguments: str, check: bool = True) -> subprocess.CompletedProcess[str]:
         return subprocess.run(

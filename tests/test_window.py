@@ -65,14 +65,7 @@ class Session:
         self.receiver_report = ""
 
     def run(self) -> None:
-        shutil.copy(EXAMPLES / "lossy-link.ltvo", self.opened_file)
-        self.window = lattivowindow.LattivoWindow(
-            self._screen, os.environ["LATTIVO_PROGRAM"], self.folder / "printed"
-        )
-        self.window.open(self.opened_file)
-        desktop.wait_for("the nodes", lambda: self._is_grey(SENDER) and self._is_grey(RECEIVER))
-        self.window.wait_until_still()
-        self.window.switch_server_on(self.port, lattivowindow.SERVER_PORT)
+        self.begin()
         self.window.tick_capture_boxes(lattivowindow.CAPTURE_ENABLED, lattivowindow.VIEW_FOLLOWS)
         self._let_programs_talk()
         self.window.export(self.dump_file)
@@ -83,14 +76,32 @@ class Session:
         self.exit_code = self.window.quit()
         self.printed = (self.folder / "printed").read_text(encoding="utf-8", errors="replace")
 
-    def _let_programs_talk(self) -> None:
+    def begin(self) -> None:
+        """Open the simulation of the example and start its server."""
+        shutil.copy(EXAMPLES / "lossy-link.ltvo", self.opened_file)
+        self.window = lattivowindow.LattivoWindow(
+            self._screen, os.environ["LATTIVO_PROGRAM"], self.folder / "printed"
+        )
+        self.window.open(self.opened_file)
+        desktop.wait_for("the nodes", lambda: self._is_grey(SENDER) and self._is_grey(RECEIVER))
+        self.window.wait_until_still()
+        self.window.switch_server_on(self.port, lattivowindow.SERVER_PORT)
+
+    def start_receiver(self) -> subprocess.Popen:
         receiver = self._start_example("receiver.py", "--address", RECEIVER_ADDRESS.hex())
         desktop.wait_for("the receiver's blue", lambda: self._is_blue(RECEIVER))
-        sender = self._start_example(
+        return receiver
+
+    def start_sender(self) -> subprocess.Popen:
+        return self._start_example(
             "sender.py",
             *("--address", SENDER_ADDRESS.hex(), "--destination", RECEIVER_ADDRESS.hex()),
             *("--count", str(FRAMES), "--size", str(FRAME_SIZE), "--rate", str(RATE)),
         )
+
+    def _let_programs_talk(self) -> None:
+        receiver = self.start_receiver()
+        sender = self.start_sender()
         desktop.wait_for("the sender's green", lambda: self._is_green(SENDER))
         desktop.wait_for("the receiver's yellow", lambda: self._is_yellow(RECEIVER))
         self.sender_report = sender.communicate(timeout=PATIENCE)[0]
@@ -141,14 +152,23 @@ class Session:
         return min(color) == max(color) < LIGHTEST_NODE
 
 
+def figures(report: str) -> dict[str, int]:
+    """Return the figures that an example program prints."""
+    lines = [line.split(": ", 1) for line in report.splitlines()]
+    return {key: int(value.split()[0]) for key, value in lines if value.split()[0].isdigit()}
+
+
+def setUpModule() -> None:
+    missing = desktop.missing_programs()
+    if missing:
+        raise unittest.SkipTest("the window is not tested: not installed: " + ", ".join(missing))
+
+
 class TestWindow(unittest.TestCase):
     """All tests look at what one session left."""
 
     @classmethod
     def setUpClass(cls) -> None:
-        missing = desktop.missing_programs()
-        if missing:
-            raise unittest.SkipTest("the window is not tested: not installed: " + ", ".join(missing))
         folder = Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="lattivo-")))
         with desktop.Desktop(folder) as screen:
             cls.session = Session(screen, folder)
@@ -172,9 +192,9 @@ class TestWindow(unittest.TestCase):
         self.assertEqual(set(lines), {"*"})
 
     def test_every_sent_frame_has_one_outcome(self) -> None:
-        sent = self._figures(self.session.sender_report)
+        sent = figures(self.session.sender_report)
         self.assertEqual((sent["sent"], sent["unanswered"]), (FRAMES, 0))
-        self.assertEqual(self._figures(self.session.receiver_report)["received"], sent["confirmed"])
+        self.assertEqual(figures(self.session.receiver_report)["received"], sent["confirmed"])
 
     def test_every_sent_frame_is_in_the_dump_in_its_order(self) -> None:
         frames = [record.frame for record in self.dump]
@@ -187,7 +207,7 @@ class TestWindow(unittest.TestCase):
 
     def test_the_dump_has_the_flipped_bits_that_the_receiver_got(self) -> None:
         corrupted = sum(numbered.number_of(record.frame) is None for record in self.dump)
-        self.assertEqual(corrupted, self._figures(self.session.receiver_report)["corrupted"])
+        self.assertEqual(corrupted, figures(self.session.receiver_report)["corrupted"])
 
     def test_the_times_in_the_dump_never_go_back(self) -> None:
         times = [record.milliseconds for record in self.dump]
@@ -235,10 +255,24 @@ class TestWindow(unittest.TestCase):
         for coordinate, wanted_coordinate in zip(position, wanted):
             self.assertLessEqual(abs(coordinate - wanted_coordinate), 1.0)
 
-    @staticmethod
-    def _figures(report: str) -> dict[str, int]:
-        lines = [line.split(": ", 1) for line in report.splitlines()]
-        return {key: int(value.split()[0]) for key, value in lines if value.split()[0].isdigit()}
+
+class TestFirstWindow(unittest.TestCase):
+    """The window as it comes up, on screens of several sizes."""
+
+    def test_with_its_frame_it_is_no_larger_than_the_screen(self) -> None:
+        for width, height, scale in ((1024, 700, "1"), (1280, 800, "1.25"), (1920, 1080, "1")):
+            with self.subTest(f"{width} x {height}, scale factor {scale}"):
+                picture = self._first_picture(width, height, scale)
+                self.assertEqual(set(picture.area(0, height - 1, width, 1)), {0}, "black below the window")
+                self.assertEqual(set(picture.area(width - 1, 0, 1, height)), {0}, "black on its right")
+
+    def _first_picture(self, width: int, height: int, scale: str) -> desktop.Picture:
+        with tempfile.TemporaryDirectory(prefix="lattivo-") as folder:
+            with desktop.Desktop(Path(folder), width, height, QT_SCALE_FACTOR=scale) as screen:
+                screen.start([os.environ["LATTIVO_PROGRAM"]])
+                screen.wait_for_window("Lattivo")
+                screen.wait_until_still((0, 0, width, height))
+                return screen.picture()
 
 
 if __name__ == "__main__":

@@ -21,6 +21,7 @@
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QScrollArea>
+#include <QScrollBar>
 #include <QTableView>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -175,6 +176,7 @@ private slots:
     void allImagesAreEmbedded();
     void noFormIsCutOffAtTheFirstSize();
     void theWindowKeepsItsFirstSizeWhenAFormIsShown();
+    void theCanvasHasNoScrollBarsHoweverSmallTheWindowIs();
 
     // Editing
     void placingAndJoiningNodesByMouse();
@@ -505,6 +507,15 @@ void TestMainWindow::theWindowKeepsItsFirstSizeWhenAFormIsShown()
     QTest::qWait(20);
     QCOMPARE(_window->size(), before);
     QCOMPARE(_view()->size(), viewBefore);
+}
+
+void TestMainWindow::theCanvasHasNoScrollBarsHoweverSmallTheWindowIs()
+{
+    _window->resize(_window->minimumSizeHint());
+    QTRY_COMPARE(_view()->height(), _view()->minimumHeight());
+    QCoreApplication::processEvents();
+    QVERIFY(!_view()->horizontalScrollBar()->isVisible());
+    QVERIFY(!_view()->verticalScrollBar()->isVisible());
 }
 
 // Editing

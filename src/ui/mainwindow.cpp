@@ -13,12 +13,16 @@
 #include <QGraphicsView>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QScreen>
 #include <QToolBar>
+
+#include <algorithm>
 
 namespace {
 
 constexpr QSize smallestView(500, 400);
 constexpr QSize toolSize(32, 32);
+constexpr QSize roomForFrame(16, 48);  // more than window managers need; what they draw is known too late
 
 Network* network()
 {
@@ -50,7 +54,15 @@ MainWindow::MainWindow()
     _addNetworkView();
     _attachNetwork();
     _addCaptureDock();
-    resize(sizeHint());  // the toolkit's limit of two thirds of the screen may cut the property forms off
+    resize(_firstSize());
+}
+
+/// No larger than the screen, but never so narrow that the property forms are cut off.
+QSize MainWindow::_firstSize() const
+{
+    const int cutOff = _propertyEditor->sizeHint().width() - _propertyEditor->minimumWidth();
+    const QSize smallest = minimumSizeHint() + QSize(std::max(0, cutOff), 0);
+    return sizeHint().boundedTo(screen()->availableSize() - roomForFrame).expandedTo(smallest);
 }
 
 void MainWindow::_addMenus()
@@ -128,6 +140,7 @@ void MainWindow::_addNetworkView()
     auto* view = new QGraphicsView(this);
     view->setRenderHint(QPainter::Antialiasing);
     view->setMinimumSize(smallestView);
+    view->setFrameShape(QFrame::NoFrame);  // which would leave too little of the smallest size
     view->setSceneRect(0, 0, view->width(), view->height());
     setCentralWidget(view);
 }

@@ -52,6 +52,7 @@ private:
     void _addNetworkView();
     void _addCaptureDock();
 
+    QSize _firstSize() const;
     QGraphicsView* _networkView() const;
     void _switchToDrawing(Network::EditMode mode);
     void _detachSimulation();
