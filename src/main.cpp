@@ -10,7 +10,7 @@ int main(int argc, char* argv[])
     prepareProcess();
     qputenv("QT_NO_GLIB", "1");  // the toolkit's own event loop costs the frames half of what GLib's does
     QApplication application(argc, argv);
-    QApplication::setApplicationDisplayName(QStringLiteral("Lattivo"));
+    QApplication::setApplicationName(QStringLiteral("Lattivo"));  // the title of a window without its own
     QApplication::setWindowIcon(QIcon(QStringLiteral(":Icon.png")));
     int result = 0;
     {

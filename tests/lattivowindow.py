@@ -50,16 +50,16 @@ class LattivoWindow:
 
     def open(self, file: Path) -> None:
         self._desktop.press_keys("ctrl+o")
-        self._answer_file_dialog("Load Network", file)
+        self.answer_dialog(str(file), "Load Network")
 
     def save(self, file: Path) -> None:
         self._desktop.press_keys("ctrl+s")
-        self._answer_file_dialog("Save Network", file)
+        self.answer_dialog(str(file), "Save Network")
 
     def export(self, file: Path) -> None:
         """Export the captured frames through the menu."""
         self._desktop.press_keys("alt+f", *["Down"] * FILE_MENU_EXPORT, "Return")
-        self._answer_file_dialog("Export frame dump", file)
+        self.answer_dialog(str(file), "Export frame dump")
 
     def quit(self) -> int:
         """Leave the program and return its exit code."""
@@ -144,7 +144,7 @@ class LattivoWindow:
         self._desktop.type(text)
 
     def answer_dialog(self, text: str, title: str = "Lattivo") -> None:
-        """Type a text into the dialog that has come up, and accept it."""
+        """Type a text into the dialog that has come up, and accept it; one without a title has the program's."""
         self._desktop.wait_for_window(title, self.window)
         self._desktop.type(text)
         self._desktop.press_keys("Return")
@@ -166,9 +166,6 @@ class LattivoWindow:
     def _change_selection(self, action: Callable[[], object]) -> None:
         self._desktop.change(self._view, action)
         self.wait_until_still()
-
-    def _answer_file_dialog(self, caption: str, file: Path) -> None:
-        self.answer_dialog(str(file), f"{caption} . Lattivo")  # the toolkit puts a dash in between
 
     def _form_area(self) -> Area:
         right, bottom = self._left + self._width, self._top + self._height

@@ -703,10 +703,10 @@ class TestWindow(WindowTest):
     def name_file(self, title: str, file: Path, open_dialog: Callable[[], None]) -> None:
         """Type a name into the file dialog, and return when a message box of the same title is its answer."""
         open_dialog()
-        dialog = self.screen.wait_for_window(f"{title} . Lattivo", self.window.window)
+        dialog = self.screen.wait_for_window(title, self.window.window)
         self.window.type(str(file))
         self.window.press("Return")
-        self.screen.wait_for_window(f"{title} . Lattivo", self.window.window, dialog)
+        self.screen.wait_for_window(title, self.window.window, dialog)
 
     def acknowledge(self) -> None:
         self.window.press("Return")
@@ -753,7 +753,7 @@ class TestWindow(WindowTest):
             self.window.press("ctrl+a")
             self.window.type(str(port))
             self.window.press("shift+Tab", "space")
-            self.screen.wait_for_window("TCP Server . Lattivo", self.window.window)
+            self.screen.wait_for_window("TCP Server", self.window.window)
             self.acknowledge()
         self.window.press("space")
         desktop.wait_for("the TCP server", lambda: desktop.accepts(port))
