@@ -5,6 +5,7 @@ The environment variable LATTIVO_PROGRAM holds the path of the program; CTest se
 
 from __future__ import annotations
 
+import glob
 import os
 import shutil
 import subprocess
@@ -24,6 +25,7 @@ sys.path.insert(0, str(EXAMPLES))
 
 import numbered  # noqa: E402
 
+GTK_THEME = "/usr/lib/*/qt5/plugins/platformthemes/libqgtk3.so"
 PATIENCE = 60.0  # seconds; only a failing test waits that long
 
 # As examples/lossy-link.ltvo has it
@@ -273,6 +275,26 @@ class TestFirstWindow(unittest.TestCase):
                 screen.wait_for_window("Lattivo")
                 screen.wait_until_still((0, 0, width, height))
                 return screen.picture()
+
+
+class TestDialogs(unittest.TestCase):
+    """The dialogs of some desktops run an event loop of their own, in which no frame would go through."""
+
+    @unittest.skipUnless(glob.glob(GTK_THEME), "the desktop theme of GTK (qt5-gtk-platformtheme) is not installed")
+    def test_frames_go_through_while_a_file_dialog_is_open(self) -> None:
+        folder = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="lattivo-")))
+        screen = self.enterContext(desktop.Desktop(folder, QT_QPA_PLATFORMTHEME="gtk3"))
+        session = Session(screen, folder)
+        session.begin()
+        receiver = session.start_receiver()
+        screen.press_keys("ctrl+o")
+        screen.wait_for_window("Load Network", session.window.window)
+        sent = figures(session.start_sender().communicate(timeout=PATIENCE)[0])
+        self.assertEqual((sent["sent"], sent["unanswered"]), (FRAMES, 0))
+        screen.press_keys("Escape")
+        screen.wait_for_focus(session.window.window)
+        session.window.quit()
+        receiver.communicate()
 
 
 if __name__ == "__main__":
