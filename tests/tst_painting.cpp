@@ -248,8 +248,10 @@ private slots:
     void changedWidthsLeaveNoTraces();
     void aScaledOrScrolledViewShowsTheTruth_data();
     void aScaledOrScrolledViewShowsTheTruth();
-    void theIndexForgetsALinkThatIsTakenOut_data();
-    void theIndexForgetsALinkThatIsTakenOut();
+    void aLinkThatIsTakenOutIsForgotten_data();
+    void aLinkThatIsTakenOutIsForgotten();
+    void aLinkTakenOutAfterTheViewWasScaledIsForgotten_data();
+    void aLinkTakenOutAfterTheViewWasScaledIsForgotten();
     void changesOfANodeAreShown();
 
     // The mouse
@@ -271,6 +273,8 @@ private:
     Network& network() { return *TestHelpers::network(); }
     Connection& link() { return *_pair->link; }
     void span(const QPointF& difference);
+    static void addOthers();
+    void takeLinkOut();
     void showEnds(bool visible);
     void send(const QByteArray& frame) { _pair->sender->dataRequest(frame); }
     void sendArriving() { send(_pair->unicast()); }
@@ -1171,26 +1175,53 @@ void TestPainting::aScaledOrScrolledViewShowsTheTruth()
     }
 }
 
-void TestPainting::theIndexForgetsALinkThatIsTakenOut_data()
+void TestPainting::aLinkThatIsTakenOutIsForgotten_data()
 {
     directions();
 }
 
-/// A place where the index has not forgotten it would be read after its end.
-void TestPainting::theIndexForgetsALinkThatIsTakenOut()
+void TestPainting::aLinkThatIsTakenOutIsForgotten()
 {
     QFETCH(QPointF, difference);
     span(difference);
-    QList<Node*> others;
-    for (int i = 0; i < 200; ++i) {
-        others.append(TestHelpers::addNode(3));
-        others.last()->setPos(2 * i, 3 * i);
-    }
+    addOthers();
     showView();
     QVERIFY(!network().items(QRectF(QPointF(), viewSize)).isEmpty());
     _pair->sender->moveBy(-0.25, 0.5);
     QVERIFY(network().items(QRectF(QPointF(), viewSize)).contains(_pair->link));
     _view->setScene(nullptr);
+    takeLinkOut();
+}
+
+void TestPainting::aLinkTakenOutAfterTheViewWasScaledIsForgotten_data()
+{
+    directions();
+}
+
+/// An index that Qt keeps would look for the link where the view's scale puts it now, and miss it elsewhere.
+void TestPainting::aLinkTakenOutAfterTheViewWasScaledIsForgotten()
+{
+    QFETCH(QPointF, difference);
+    span(difference);
+    addOthers();
+    showView();
+    _view->scale(0.07, 0.07);
+    _pair->sender->moveBy(-0.25, 0.5);
+    QVERIFY(network().items(QRectF(QPointF(), viewSize)).contains(_pair->link));
+    _view->resetTransform();
+    takeLinkOut();
+}
+
+/// So many that Qt would divide the scene into small places.
+void TestPainting::addOthers()
+{
+    for (int i = 0; i < 200; ++i)
+        TestHelpers::addNode(3)->setPos(2 * i, 3 * i);
+}
+
+/// A place where something has not forgotten it would be read after its end.
+void TestPainting::takeLinkOut()
+{
     link().setSelected(true);
     network().deleteSelectedNetworkItem();
     for (int x = 0; x < viewSize.width(); x += 10) {

@@ -51,10 +51,10 @@ void handOver(Frame& frame)
 
 }  // namespace
 
-/// Tells the toolkit where a link really paints; the picture stays as it is.
+/// Tells Qt where a link really paints; the picture stays as it is.
 ///
 /// The bounds of a link are less than that, and those of a level or an upright one are empty: by them alone,
-/// the toolkit would lose its updates and leave it out where only its capsule lies in the repainted region.
+/// Qt would lose its updates and leave it out where only its capsule lies in the repainted region.
 class Connection::PaintedArea : public QGraphicsEffect
 {
 public:
@@ -72,17 +72,15 @@ private:
     const Connection* _link;  // its owner
 };
 
-/// \a bounds are the link's in the pixels of a view, or in scene units while there is no view. Whole pixels,
-/// so that the scene's index finds the link again where it put it, whether a view has come or gone meanwhile.
+/// \a bounds are the link's in the pixels of a view, or in scene units while there is no view. Those of a
+/// level or an upright link may be turned inside out, and a view that is scaled turns them back.
 QRectF Connection::PaintedArea::boundingRectFor(const QRectF& bounds) const
 {
     const QRectF inScene = _link->boundingRect();
     const double units = std::hypot(inScene.width(), inScene.height());
     const double pixelsPerUnit = units > 0 ? std::hypot(bounds.width(), bounds.height()) / units : 1.0;
     const double growth = pixelsPerUnit * (_link->_reachBeyondLine() - _link->_connectionStrokeWidth);
-    const QRectF area = bounds.adjusted(-growth, -growth, growth, growth);
-    return {QPointF(std::floor(area.left()), std::floor(area.top())),
-            QPointF(std::ceil(area.right()), std::ceil(area.bottom()))};
+    return bounds.normalized().adjusted(-growth, -growth, growth, growth);
 }
 
 Connection::Connection(Node* node1, Node* node2)
@@ -258,17 +256,10 @@ void Connection::_drawFramesInFlight(QPainter* painter, const QPen& linePen) con
     painter->restore();
 }
 
-/// The width of the default connection is that of every link that follows it.
+/// That of the default connection changes the bounds of no link: its form repaints the whole scene.
 void Connection::_setStrokeWidth(double width)
 {
     prepareGeometryChange();
-    if (this == defaultConnection()) {
-        const QList<QGraphicsItem*> items = NetworkSimulation::instance()->network()->items();
-        for (QGraphicsItem* item : items) {
-            if (auto* link = dynamic_cast<Connection*>(item))
-                link->prepareGeometryChange();
-        }
-    }
     _connectionStrokeWidth = width;
 }
 

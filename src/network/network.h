@@ -9,7 +9,6 @@
 #include <QElapsedTimer>
 #include <QGraphicsScene>
 #include <QList>
-#include <QPointer>
 #include <QTcpServer>
 #include <QTimer>
 
@@ -43,8 +42,10 @@ public:
     NetworkItem* selectedNetworkItem();  // the first selected item; null for none or another kind of item
     void deleteSelectedNetworkItem();    // the first selected item only
     bool isEmpty() const;                // no item of any kind is left
-    bool isWatched() const;              // by a view, or by somebody who wants to be told of each change
-    QWidget* propertiesWidget();         // newly made, without a parent; the caller owns it
+    using QGraphicsScene::items;
+    QList<QGraphicsItem*> items(Qt::SortOrder order = Qt::DescendingOrder) const;  // in stacking order
+    bool isWatched() const;       // by a view, or by somebody who wants to be told of each change
+    QWidget* propertiesWidget();  // newly made, without a parent; the caller owns it
 
     // TCP server
     quint16 tcpPort() const { return _tcpServer.port; }
@@ -161,10 +162,9 @@ private:
     } _tcpServer;
 
     qint64 _framesLeftLinks = 0;
-    NodeDirectory _directory;           // of the nodes in the scene, which keep it true
-    QTimer _acceptRetry;                // runs while accepting has failed
-    QElapsedTimer _painting;            // since a picture was begun
-    mutable QPointer<Node> _knownNode;  // not owned; in the scene when last looked for, see isEmpty()
+    NodeDirectory _directory;  // of the nodes in the scene, which keep it true
+    QTimer _acceptRetry;       // runs while accepting has failed
+    QElapsedTimer _painting;   // since a picture was begun
 };
 
 /// The network record of the simulation file.
