@@ -260,7 +260,10 @@ private slots:
     void aClickBesideTheBandClearsTheSelection_data();
     void aClickBesideTheBandClearsTheSelection();
     void aClickReplacesTheSelectionInOneStep();
+    void aCtrlClickTogglesAndKeepsTheOthers_data();
     void aCtrlClickTogglesAndKeepsTheOthers();
+    void aClickOnOneOfSeveralLeavesItAloneSelected_data();
+    void aClickOnOneOfSeveralLeavesItAloneSelected();
     void anotherButtonSelectsNoLink();
     void aNodeWithinTheBandHasPrecedence();
     void theToolTipShowsWithinTheBand();
@@ -1320,16 +1323,49 @@ void TestPainting::aClickReplacesTheSelectionInOneStep()
     QVERIFY(isShownTruly());
 }
 
+void TestPainting::aCtrlClickTogglesAndKeepsTheOthers_data()
+{
+    directions();
+}
+
 void TestPainting::aCtrlClickTogglesAndKeepsTheOthers()
 {
+    QFETCH(QPointF, difference);
+    span(difference);
     showView();
     _pair->sender->setSelected(true);
-    click(middle + QPointF(0, 6), Qt::LeftButton, Qt::ControlModifier);
-    QVERIFY(link().isSelected());
-    QVERIFY(_pair->sender->isSelected());
-    click(middle + QPointF(0, -6), Qt::LeftButton, Qt::ControlModifier);
-    QVERIFY(!link().isSelected());
-    QVERIFY(_pair->sender->isSelected());
+    for (const double side : {0.0, 2.0, -6.0, 7.0}) {
+        const bool wasSelected = link().isSelected();
+        const QPointF position = middle + across(difference) * side;
+        mouse(QEvent::MouseButtonPress, position, Qt::LeftButton, Qt::ControlModifier);
+        QCOMPARE(link().isSelected(), wasSelected);
+        mouse(QEvent::MouseMove, position, Qt::LeftButton, Qt::ControlModifier);
+        mouse(QEvent::MouseButtonRelease, position, Qt::LeftButton, Qt::ControlModifier);
+        QCOMPARE(link().isSelected(), !wasSelected);
+        QVERIFY(_pair->sender->isSelected());
+    }
+}
+
+void TestPainting::aClickOnOneOfSeveralLeavesItAloneSelected_data()
+{
+    directions();
+}
+
+/// With the release, as the press may begin a drag of all.
+void TestPainting::aClickOnOneOfSeveralLeavesItAloneSelected()
+{
+    QFETCH(QPointF, difference);
+    span(difference);
+    showView();
+    for (const double side : {0.0, 2.0, -6.0, 7.0}) {
+        const QPointF position = middle + across(difference) * side;
+        _pair->sender->setSelected(true);
+        link().setSelected(true);
+        mouse(QEvent::MouseButtonPress, position);
+        QCOMPARE(network().selectedItems().size(), 2);
+        mouse(QEvent::MouseButtonRelease, position);
+        QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_pair->link});
+    }
 }
 
 void TestPainting::anotherButtonSelectsNoLink()

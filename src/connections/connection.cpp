@@ -7,6 +7,7 @@
 #include "nodes/node.h"
 
 #include <QGraphicsEffect>
+#include <QGraphicsSceneMouseEvent>
 #include <QPainter>
 
 #include <algorithm>
@@ -254,6 +255,20 @@ void Connection::_drawFramesInFlight(QPainter* painter, const QPen& linePen) con
         painter->drawEllipse(dotPitch * i + 1, -dotSize / 2, dotSize, dotSize);
     }
     painter->restore();
+}
+
+void Connection::mousePressEvent(QGraphicsSceneMouseEvent* event)
+{
+    if (event->button() == Qt::LeftButton)
+        _pressedAt = event->scenePos();
+    NetworkItem::mousePressEvent(event);
+}
+
+/// Tells a click from a drag. Qt forgets where it was pressed when the scene has found it, and not Qt itself.
+void Connection::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
+{
+    event->setButtonDownScenePos(Qt::LeftButton, _pressedAt);
+    NetworkItem::mouseReleaseEvent(event);
 }
 
 /// That of the default connection changes the bounds of no link: its form repaints the whole scene.

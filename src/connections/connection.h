@@ -67,6 +67,10 @@ public slots:
     /// frames.
     void deliverFrame();
 
+protected:
+    void mousePressEvent(QGraphicsSceneMouseEvent* event) override;
+    void mouseReleaseEvent(QGraphicsSceneMouseEvent* event) override;
+
 private:
     friend class ConnectionPropertiesWidget;
     friend class Network;
@@ -96,6 +100,7 @@ private:
     qint64 _crcErrors = 0;
     QColor _connectionColor;               // invalid: the default connection's
     double _connectionStrokeWidth = -1.0;  // scene units; negative: the default connection's
+    QPointF _pressedAt;                    // in the scene, by the left button
 
     // One a frame carried; they outlive frames that were discarded.
     Timeouts _deliveries{[this] { deliverFrame(); }};
