@@ -336,6 +336,9 @@ void TcpNode::contextMenuEvent(QGraphicsSceneContextMenuEvent* event)
     if (scene())
         scene()->clearSelection();
     setSelected(true);
+    // The menu takes the release, which would end the press that has opened it.
+    if (QGraphicsItem* pressed = scene() ? scene()->mouseGrabberItem() : nullptr)
+        pressed->ungrabMouse();
 
     // The event loop of the menu may see the end of this node, and of the menu with its parent.
     const QPointer<TcpNode> self = this;
