@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QGraphicsView>
 #include <QMenu>
+#include <QSignalSpy>
 #include <QTimer>
 #include <QWindow>
 #include <QtTest>
@@ -117,6 +118,31 @@ private slots:
         drag(nodePlace, nodePlace + QPointF(20, 20));
         QCOMPARE(_node->pos(), nodePlace + QPointF(20, 20));
         QCOMPARE(_other->pos(), otherPlace);
+    }
+
+    void theOnlySelectedNodeStaysSelectedWithoutASignal()
+    {
+        _node->setSelected(true);
+        QSignalSpy changes(&network(), SIGNAL(selectionChanged()));
+        openMenuAndEndIt("Escape");
+        QCOMPARE(changes.size(), 0);
+        QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_node});
+    }
+
+    void aNodeAmongOthersBecomesTheOnlySelectedOne_data()
+    {
+        QTest::addColumn<bool>("isSelected");
+        QTest::newRow("selected before") << true;
+        QTest::newRow("not selected before") << false;
+    }
+
+    void aNodeAmongOthersBecomesTheOnlySelectedOne()
+    {
+        QFETCH(bool, isSelected);
+        _node->setSelected(isSelected);
+        _other->setSelected(true);
+        openMenuAndEndIt("Escape");
+        QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_node});
     }
 
 private:

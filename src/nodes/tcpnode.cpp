@@ -333,7 +333,7 @@ void TcpNode::_flushOutput()
 /// For this node only: it becomes the selected one. Dismissing the menu sends nothing.
 void TcpNode::contextMenuEvent(QGraphicsSceneContextMenuEvent* event)
 {
-    if (scene())
+    if (scene() && scene()->selectedItems() != QList<QGraphicsItem*>{this})
         scene()->clearSelection();
     setSelected(true);
     // The menu takes the release, which would end the press that has opened it.
