@@ -17,6 +17,8 @@
 #include <QRegion>
 #include <QScreen>
 #include <QSignalSpy>
+#include <QTextDocument>
+#include <QTextDocumentFragment>
 #include <QToolTip>
 #include <QWindow>
 #include <QtTest>
@@ -267,6 +269,8 @@ private slots:
     void anotherButtonSelectsNoLink();
     void aNodeWithinTheBandHasPrecedence();
     void theToolTipShowsWithinTheBand();
+    void theToolTipShowsTheCommentAsTyped_data();
+    void theToolTipShowsTheCommentAsTyped();
     void theMouseIsNotKeptAfterTheRelease_data();
     void theMouseIsNotKeptAfterTheRelease();
     void aLinkDeletedWhilePressedIsForgotten();
@@ -293,6 +297,7 @@ private:
                Qt::KeyboardModifiers modifiers = Qt::NoModifier);
     void click(const QPointF& position, Qt::MouseButton button = Qt::LeftButton,
                Qt::KeyboardModifiers modifiers = Qt::NoModifier);
+    void hover(const QPointF& position);
     static void directions();
     static QPointF across(const QPointF& difference);
 
@@ -427,6 +432,14 @@ void TestPainting::click(const QPointF& position, Qt::MouseButton button, Qt::Ke
 {
     mouse(QEvent::MouseButtonPress, position, button, modifiers);
     mouse(QEvent::MouseButtonRelease, position, button, modifiers);
+}
+
+/// Long enough for a tool tip.
+void TestPainting::hover(const QPointF& position)
+{
+    const QPoint local = _view->mapFromScene(position);
+    QHelpEvent event(QEvent::ToolTip, local, _view->viewport()->mapToGlobal(local));
+    QCoreApplication::sendEvent(_view->viewport(), &event);
 }
 
 void TestPainting::theLineIsPaintedInTheDefaultColorAndWidth()
@@ -1393,11 +1406,6 @@ void TestPainting::theToolTipShowsWithinTheBand()
 {
     link().setToolTip(QStringLiteral("the trunk"));
     showView();
-    const auto hover = [this](const QPointF& position) {
-        const QPoint local = _view->mapFromScene(position);
-        QHelpEvent event(QEvent::ToolTip, local, _view->viewport()->mapToGlobal(local));
-        QCoreApplication::sendEvent(_view->viewport(), &event);
-    };
     hover(middle + QPointF(0, 6));
     QTRY_COMPARE(QToolTip::text(), QStringLiteral("the trunk"));
     hover(middle + QPointF(0, 30));
@@ -1405,6 +1413,37 @@ void TestPainting::theToolTipShowsWithinTheBand()
     link().setToolTip(QString());
     hover(middle + QPointF(0, 6));
     QVERIFY(!QToolTip::isVisible());
+}
+
+void TestPainting::theToolTipShowsTheCommentAsTyped_data()
+{
+    QTest::addColumn<QString>("comment");
+    QTest::newRow("plain") << "a plain one";
+    QTest::newRow("a tag") << "<b>bold</b> & 2 < 3";
+    QTest::newRow("a picture") << "<img src=\"no.png\">";
+    QTest::newRow("an entity") << "&lt;\nis a sign";
+    QTest::newRow("lines and spaces") << "<i>one</i>\n  two   spaces\n\nfour";
+    QTest::newRow("the end of the paragraph") << "</p><h1>large</h1>";
+}
+
+void TestPainting::theToolTipShowsTheCommentAsTyped()
+{
+    QFETCH(QString, comment);
+    showView();
+    const std::pair<QGraphicsItem*, QPointF> places[] = {
+        {_pair->sender, _pair->sender->pos()}, {_pair->link, middle}, {_pair->link, middle + QPointF(0, 6)}};
+    for (const auto& place : places) {
+        place.first->setToolTip(comment);
+        hover(place.second);
+        QTRY_VERIFY(QToolTip::isVisible());
+        const QString text = QToolTip::text();
+        const bool isMarkup = Qt::mightBeRichText(text);
+        QCOMPARE(isMarkup ? QTextDocumentFragment::fromHtml(text).toPlainText() : text, comment);
+        QCOMPARE(place.first->toolTip(), comment);
+        place.first->setToolTip(QString());
+        hover(place.second);
+        QTRY_VERIFY(!QToolTip::isVisible());
+    }
 }
 
 void TestPainting::theMouseIsNotKeptAfterTheRelease_data()

@@ -116,6 +116,7 @@ private:
 
     void _setDefaults();
     Node* _nodeAt(const QPointF& position) const;
+    QString _commentAt(const QPointF& position) const;
     Connection* _linkBesideBounds(const QPointF& position) const;
     void _pressInSelection(QGraphicsSceneMouseEvent* event);
     void _endMouseGrab(const QGraphicsSceneMouseEvent* release);

@@ -6,6 +6,7 @@
 #include <QGraphicsSceneMouseEvent>
 #include <QKeyEvent>
 #include <QPen>
+#include <QTextDocument>
 #include <QToolTip>
 
 namespace {
@@ -13,6 +14,14 @@ namespace {
 constexpr qreal previewOpacity = 0.5;
 constexpr qreal reachOfLinks = 12.0;   // their bands reach 10 units, their bounds may lack one on each side
 constexpr qreal previewZValue = -1.0;  // under the nodes, so that it never hides the one under the cursor
+
+/// What shows a comment as it is, where Qt would take it for markup.
+QString asTyped(const QString& comment)
+{
+    if (!Qt::mightBeRichText(comment))
+        return comment;
+    return QStringLiteral("<p style=\"white-space:pre\">%1</p>").arg(comment.toHtmlEscaped());
+}
 
 }  // namespace
 
@@ -90,16 +99,24 @@ void Network::keyPressEvent(QKeyEvent* event)
         deleteSelectedNetworkItem();
 }
 
-/// The tool tip, the user's comment, of a link beside its bounds too.
+/// The user's comment on what is there, also of a link beside its bounds.
 void Network::helpEvent(QGraphicsSceneHelpEvent* event)
 {
-    const Connection* link = _linkBesideBounds(event->scenePos());
-    if (!link || link->toolTip().isEmpty()) {
-        QGraphicsScene::helpEvent(event);
-        return;
+    const QString comment = _commentAt(event->scenePos());
+    QToolTip::showText(event->screenPos(), asTyped(comment), event->widget());
+    event->setAccepted(!comment.isEmpty());
+}
+
+/// That of the topmost item that has one.
+QString Network::_commentAt(const QPointF& position) const
+{
+    const QList<QGraphicsItem*> found = items(position);
+    for (const QGraphicsItem* item : found) {
+        if (!item->toolTip().isEmpty())
+            return item->toolTip();
     }
-    QToolTip::showText(event->screenPos(), link->toolTip(), event->widget());
-    event->accept();
+    const Connection* link = _linkBesideBounds(position);
+    return link ? link->toolTip() : QString();
 }
 
 /// A link that the toolkit does not find takes the press all the same and handles it as any item would.
