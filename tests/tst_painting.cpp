@@ -4,6 +4,8 @@
 #include "connections/connectionpropertieswidget.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
+#include "nodes/tcpnode.h"
+#include "sockethelpers.h"
 #include "testaccess.h"
 #include "testhelpers.h"
 
@@ -25,6 +27,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <memory>
 
@@ -238,6 +241,9 @@ private slots:
     void aFrameRepaintsOnlyLinkAndNodes_data();
     void aFrameRepaintsOnlyLinkAndNodes();
     void trafficRepaintsSixtyTimesASecond();
+    void messagesOfAProgramRepaintSixtyTimesASecond_data();
+    void messagesOfAProgramRepaintSixtyTimesASecond();
+    void whatTheUserChangesIsPaintedAtOnce();
     void theSelectionSquareAppearsAndVanishes_data();
     void theSelectionSquareAppearsAndVanishes();
     void aCapsuleUncoveredInPartIsPaintedWhole_data();
@@ -1038,6 +1044,64 @@ void TestPainting::trafficRepaintsSixtyTimesASecond()
     QVERIFY2(_view->paintEvents <= mostPictures, qPrintable(QString::number(_view->paintEvents)));
     QVERIFY(_view->paintEvents >= leastPictures);
     QVERIFY(isShownTruly());
+}
+
+void TestPainting::messagesOfAProgramRepaintSixtyTimesASecond_data()
+{
+    QTest::addColumn<QByteArray>("even");
+    QTest::addColumn<QByteArray>("odd");
+    QTest::newRow("disable and enable") << control(3, "") << control(2, "");
+    QTest::newRow("color") << control(4, hex("FF0000")) << control(4, hex("0000FF"));
+    QTest::newRow("address") << control(1, hex("111111111111")) << control(1, hex("AAAAAAAAAAAA"));
+    QTest::newRow("name") << control(5, "one") << control(5, "a name much wider than its node");
+}
+
+void TestPainting::messagesOfAProgramRepaintSixtyTimesASecond()
+{
+    QFETCH(QByteArray, even);
+    QFETCH(QByteArray, odd);
+    constexpr int time = 500;         // ms
+    constexpr int mostPictures = 40;  // 500 / 16 and some
+    constexpr int leastPictures = 5;  // on a machine with other things to do
+    SocketPair pair;
+    auto* node = new TcpNode(TestHelpers::nodeAddress(3), pair.nodeEnd);
+    network().addItem(node);
+    node->setPos(middle);
+    showView();
+    QElapsedTimer timer;
+    timer.start();
+    int messages = 0;
+    while (!timer.hasExpired(time)) {
+        pair.program.send(messages++ % 2 == 0 ? even : odd);
+        QCoreApplication::processEvents();
+    }
+    QVERIFY(messages > 2 * mostPictures);
+    QVERIFY2(_view->paintEvents <= mostPictures, qPrintable(QString::number(_view->paintEvents)));
+    QVERIFY(_view->paintEvents >= leastPictures);
+    QVERIFY(node->socket());
+    QVERIFY(isShownTruly());
+}
+
+void TestPainting::whatTheUserChangesIsPaintedAtOnce()
+{
+    showView();
+    Node& node = *_pair->sender;
+    const std::function<void()> changes[] = {
+        [&] { node.setName(QStringLiteral("a new name, and a long one")); },
+        [&] { node.setAddress(TestHelpers::nodeAddress(77)); },
+        [&] { node.setActive(false, true); },
+        [&] { node.setInactiveColor(Qt::red); },
+        [&] { node.setActive(true, true); },
+        [&] { node.setActiveColor(Qt::green); },
+    };
+    for (const auto& change : changes) {
+        sendArriving();  // the pictures for traffic have to wait for their time
+        QCoreApplication::processEvents();
+        _view->painted = QRegion();
+        change();
+        QCoreApplication::processEvents();
+        QVERIFY(_view->painted.contains(node.pos().toPoint()));
+    }
 }
 
 void TestPainting::theSelectionSquareAppearsAndVanishes_data()

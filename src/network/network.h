@@ -3,6 +3,7 @@
 #include "connections/connection.h"
 #include "network/networkitem.h"
 #include "network/nodedirectory.h"
+#include "network/throttledupdate.h"
 #include "nodes/node.h"
 
 #include <QByteArray>
@@ -44,8 +45,9 @@ public:
     bool isEmpty() const;                // no item of any kind is left
     using QGraphicsScene::items;
     QList<QGraphicsItem*> items(Qt::SortOrder order = Qt::DescendingOrder) const;  // in stacking order
-    bool isWatched() const;       // by a view, or by somebody who wants to be told of each change
-    QWidget* propertiesWidget();  // newly made, without a parent; the caller owns it
+    bool isWatched() const;  // by a view, or by somebody who wants to be told of each change
+    void repaintWithTraffic() { _repaint.request(); }  // the whole scene, some 60 times a second at most
+    QWidget* propertiesWidget();                       // newly made, without a parent; the caller owns it
 
     // TCP server
     quint16 tcpPort() const { return _tcpServer.port; }
@@ -166,6 +168,7 @@ private:
     NodeDirectory _directory;  // of the nodes in the scene, which keep it true
     QTimer _acceptRetry;       // runs while accepting has failed
     QElapsedTimer _painting;   // since a picture was begun
+    ThrottledUpdate _repaint{this};
 };
 
 /// The network record of the simulation file.

@@ -13,15 +13,6 @@ namespace {
 constexpr int framePeriod = 16;  // ms, some 60 pictures a second
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
 
-/// The toolkit's bookkeeping for a repaint costs as much as some frames; for a network that nobody watches it
-/// is for nothing.
-void repaint(QGraphicsItem* item)
-{
-    const auto* network = qobject_cast<const Network*>(item->scene());
-    if (!network || network->isWatched())
-        item->update();
-}
-
 }  // namespace
 
 /// The updates that wait for the end of the present period, of all items of the process.
@@ -54,7 +45,7 @@ void ThrottledUpdateQueue::append(ThrottledUpdate* update)
 {
     if (!_isPeriodRunning) {
         _startPeriod();
-        repaint(update->_item);
+        update->_repaint();
         return;
     }
     update->_index = static_cast<int>(_pending.size());
@@ -96,13 +87,18 @@ void ThrottledUpdateQueue::_repaintPending()
     _startPeriod();
     for (ThrottledUpdate* update : _pending) {
         update->_index = -1;
-        repaint(update->_item);
+        update->_repaint();
     }
     _pending.clear();
 }
 
 ThrottledUpdate::ThrottledUpdate(QGraphicsItem* item)
     : _item(item)
+{
+}
+
+ThrottledUpdate::ThrottledUpdate(QGraphicsScene* scene)
+    : _scene(scene)
 {
 }
 
@@ -120,4 +116,18 @@ void ThrottledUpdate::notePainting(qint64 nanoseconds)
 void ThrottledUpdate::_enqueue()
 {
     ThrottledUpdateQueue::instance().append(this);
+}
+
+/// Qt's bookkeeping for a repaint costs as much as some frames; for a network that nobody watches it is for
+/// nothing.
+void ThrottledUpdate::_repaint() const
+{
+    QGraphicsScene* scene = _item ? _item->scene() : _scene;
+    const auto* network = qobject_cast<const Network*>(scene);
+    if (network && !network->isWatched())
+        return;
+    if (_item)
+        _item->update();
+    else
+        scene->update();
 }

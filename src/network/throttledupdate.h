@@ -4,9 +4,11 @@
 
 QT_BEGIN_NAMESPACE
 class QGraphicsItem;
+class QGraphicsScene;
 QT_END_NAMESPACE
 
-/// Repaints of a scene item that traffic asks for, some 60 a second at most however many frames pass.
+/// Repaints of a scene or of an item in it that programs ask for with their frames and messages, some 60 a
+/// second at most however many come.
 ///
 /// The first request after a quiet time repaints at once; those that follow are gathered, so that the picture
 /// shown last is always true. What the user changes is repainted with QGraphicsItem::update() and not through
@@ -14,8 +16,10 @@ QT_END_NAMESPACE
 class ThrottledUpdate
 {
 public:
-    /// \a item is not owned and lives at least as long as this object, which is normally its member.
+    /// What is repainted is not owned and lives at least as long as this object, which is normally its
+    /// member.
     explicit ThrottledUpdate(QGraphicsItem* item);
+    explicit ThrottledUpdate(QGraphicsScene* scene);
     ~ThrottledUpdate();
     Q_DISABLE_COPY_MOVE(ThrottledUpdate)
 
@@ -23,7 +27,7 @@ public:
     /// long, so that half of the time at least is left for the frames and the user.
     static void notePainting(qint64 nanoseconds);
 
-    /// Repaints the whole item, now or soon.
+    /// Repaints the whole of it, now or soon.
     void request()
     {
         if (_index < 0)
@@ -34,7 +38,9 @@ private:
     friend class ThrottledUpdateQueue;
 
     void _enqueue();
+    void _repaint() const;
 
-    QGraphicsItem* _item;
+    QGraphicsItem* _item = nullptr;  // one of these two
+    QGraphicsScene* _scene = nullptr;
     int _index = -1;  // place among those that wait; -1: does not wait
 };

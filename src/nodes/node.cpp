@@ -91,7 +91,7 @@ void Node::_initialize()
     setFlags(QGraphicsItem::ItemIsSelectable | QGraphicsItem::ItemIsMovable
              | QGraphicsItem::ItemSendsGeometryChanges);
     setZValue(nodeZValue);
-    _calculateWidthForText();
+    _calculateWidthForText(AtOnce);
 }
 
 Node::~Node()
@@ -102,22 +102,21 @@ Node::~Node()
     qDeleteAll(connections);
 }
 
-void Node::setName(const QString& name)
+void Node::setName(const QString& name, Repaint repaint)
 {
-    _changeIdentity([&] { _name = name; });
-    if (scene())
-        scene()->update();
+    _changeIdentity([&] { _name = name; }, repaint);
+    _updateScene(repaint);
     emit nameChanged();
 }
 
-void Node::setAddress(const QByteArray& address)
+void Node::setAddress(const QByteArray& address, Repaint repaint)
 {
-    _changeIdentity([&] { _address = address; });
-    update();
+    _changeIdentity([&] { _address = address; }, repaint);
+    _update(repaint);
 }
 
 /// Programs find the node in its network's directory by name and address; the labels show both.
-void Node::_changeIdentity(const std::function<void()>& change)
+void Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
 {
     auto* network = qobject_cast<Network*>(scene());
     if (network)
@@ -125,7 +124,7 @@ void Node::_changeIdentity(const std::function<void()>& change)
     change();
     if (network)
         network->_directory.add(this);
-    _calculateWidthForText();
+    _calculateWidthForText(repaint);
 }
 
 bool Node::isInPromiscuousMode() const
@@ -140,13 +139,13 @@ bool Node::active() const
     return (_flags & (Connected | Disabled)) == Connected;
 }
 
-void Node::setActive(bool active, bool disabling)
+void Node::setActive(bool active, bool disabling, Repaint repaint)
 {
     if (disabling)
         _setFlag(Disabled, !active);
     else
         _setFlag(Connected, active);
-    update();
+    _update(repaint);
 }
 
 void Node::addConnection(Connection* connection)
@@ -172,16 +171,16 @@ void Node::resetStatistics()
     emit receivedStatisticsChanged(0, 0);
 }
 
-void Node::setInactiveColor(const QColor& color)
+void Node::setInactiveColor(const QColor& color, Repaint repaint)
 {
     _inactiveColor = color;
-    update();
+    _update(repaint);
 }
 
-void Node::setActiveColor(const QColor& color)
+void Node::setActiveColor(const QColor& color, Repaint repaint)
 {
     _activeColor = color;
-    update();
+    _update(repaint);
 }
 
 void Node::dataRequest(QByteArray frame)
@@ -320,15 +319,37 @@ QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
     return QGraphicsItem::itemChange(change, value);
 }
 
-void Node::_calculateWidthForText()
+/// Bounds that change with the traffic are not announced, as Qt would repaint them at once: they are
+/// repainted with the scene.
+void Node::_calculateWidthForText(Repaint repaint)
 {
     const QFontMetrics metrics = QApplication::fontMetrics();
     const int width = std::max(metrics.horizontalAdvance(labelText(_name)),
                                metrics.horizontalAdvance(labelText(_address)));
     if (width == _widthForText)
         return;
-    prepareGeometryChange();
+    if (repaint == AtOnce)
+        prepareGeometryChange();
+    else
+        _updateScene(repaint);
     _widthForText = width;
+}
+
+void Node::_update(Repaint repaint)
+{
+    if (repaint == AtOnce)
+        update();
+    else
+        _traffic.request();
+}
+
+void Node::_updateScene(Repaint repaint)
+{
+    auto* network = qobject_cast<Network*>(scene());
+    if (network && repaint == WithTraffic)
+        network->repaintWithTraffic();
+    else if (scene())
+        scene()->update();
 }
 
 QColor Node::_baseColor() const
@@ -436,10 +457,12 @@ QDataStream& operator>>(QDataStream& stream, Node* node)
         *state = Stream::readCheckState(stream);
     QString name;
     stream >> name >> comment;
-    node->_changeIdentity([&] {
-        node->_name = name;
-        node->_address = address;
-    });
+    node->_changeIdentity(
+        [&] {
+            node->_name = name;
+            node->_address = address;
+        },
+        Node::AtOnce);
     node->setToolTip(comment);
     if (hasVersionOneFields())
         node->_promiscuousMode = Stream::readCheckState(stream);

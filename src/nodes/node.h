@@ -34,6 +34,13 @@ public:
         TcpNodeKind = 1,
     };
 
+    /// When a change is painted: at once, as the user expects of his own, or together with the traffic, some
+    /// 60 times a second at most.
+    enum Repaint {
+        AtOnce,
+        WithTraffic,
+    };
+
     explicit Node(const QByteArray& address);
     explicit Node(const QString& name);
 
@@ -42,9 +49,9 @@ public:
 
     // Identity
     QString name() const { return _name; }
-    void setName(const QString& name);
+    void setName(const QString& name, Repaint repaint = AtOnce);
     QByteArray address() const { return _address; }  // raw bytes
-    void setAddress(const QByteArray& address);
+    void setAddress(const QByteArray& address, Repaint repaint = AtOnce);
 
     // State
     bool isInPromiscuousMode() const;  // the default node's when undecided
@@ -52,7 +59,7 @@ public:
 
     /// Switches the disabled bit when \a disabling (active clears it), else the connected bit (active sets
     /// it).
-    void setActive(bool active, bool disabling);
+    void setActive(bool active, bool disabling, Repaint repaint = AtOnce);
 
     // Links, in the order of attachment; owned by this node
     void addConnection(Connection* connection);  // a second time: ignored
@@ -68,8 +75,8 @@ public:
     void resetStatistics();
 
     // Appearance; an invalid colour means the default node's
-    void setInactiveColor(const QColor& color);
-    void setActiveColor(const QColor& color);
+    void setInactiveColor(const QColor& color, Repaint repaint = AtOnce);
+    void setActiveColor(const QColor& color, Repaint repaint = AtOnce);
     void setTxColor(const QColor& color)
     {
         _txColor = color;
@@ -119,7 +126,7 @@ private:
     friend QDataStream& operator>>(QDataStream& stream, Node* node);
 
     void _initialize();
-    void _changeIdentity(const std::function<void()>& change);
+    void _changeIdentity(const std::function<void()>& change, Repaint repaint);
     enum StateFlag {
         Connected = 1,  // a program drives the node
         Disabled = 2,   // switched off by the user or by the program
@@ -131,7 +138,9 @@ private:
     bool _isConfirmationWanted() const;
     int _effectiveAcknowledgeTimeout() const;
     bool _carryOverConnections(const QByteArray& frame, int acknowledgeTimeout);
-    void _calculateWidthForText();
+    void _calculateWidthForText(Repaint repaint);
+    void _update(Repaint repaint);
+    void _updateScene(Repaint repaint);
     QColor _baseColor() const;
     void _drawDisc(QPainter* painter, const QColor& base, const QColor& dark) const;
     void _drawLabels(QPainter* painter) const;

@@ -218,10 +218,10 @@ bool TcpNode::_handleNodeControl(MessageReader& reader)
         _handleAddress(reader, dataLength);
         return true;
     case Bridge::Enable:  // announced data bytes are not read, on purpose: they begin the next message
-        setActive(true, true);
+        setActive(true, true, WithTraffic);
         return true;
     case Bridge::Disable:  // likewise
-        setActive(false, true);
+        setActive(false, true, WithTraffic);
         return true;
     case Bridge::SetColor:
         _handleColor(reader, dataLength);
@@ -244,7 +244,7 @@ void TcpNode::_handleAddress(MessageReader& reader, quint32 dataLength)
     const bool replacesOne = newAddress.size() == address().size();
     const bool isFirstOne = address().isEmpty() && newAddress.size() == networkLength;
     if (replacesOne || isFirstOne)
-        setAddress(newAddress);
+        setAddress(newAddress, WithTraffic);
 }
 
 /// The inactive colour is a pale version of the active one. A component above 210 gives an invalid colour, on
@@ -258,16 +258,17 @@ void TcpNode::_handleColor(MessageReader& reader, quint32 dataLength)
     const quint8 blue = reader.readByte();
     if (!reader.isComplete())
         return;
-    setActiveColor(QColor(red, green, blue));
+    setActiveColor(QColor(red, green, blue), WithTraffic);
     setInactiveColor(QColor(red / 2 + inactiveColorOffset, green / 2 + inactiveColorOffset,
-                            blue / 2 + inactiveColorOffset));
+                            blue / 2 + inactiveColorOffset),
+                     WithTraffic);
 }
 
 void TcpNode::_handleName(MessageReader& reader, quint32 dataLength)
 {
     const QByteArray name = reader.readBytes(dataLength);
     if (reader.isComplete())
-        setName(Bridge::nameFromBytes(name));
+        setName(Bridge::nameFromBytes(name), WithTraffic);
 }
 
 void TcpNode::dataIndication(QByteArray frame)
