@@ -17,8 +17,8 @@
 namespace {
 
 constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
-constexpr int mostMessagesAtATime = 128;
+    = qint64{64} * 1024 * 1024;            // bytes; a program that stops reading is dropped beyond it
+constexpr int mostMessagesAtATime = 1000;  // of a program; they take some milliseconds at most
 constexpr int inactiveColorOffset = 150;
 
 struct MenuEntry {
