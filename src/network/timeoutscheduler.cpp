@@ -3,7 +3,6 @@
 #include "network/timeouts.h"
 
 #include <QCoreApplication>
-#include <QPointer>
 #include <QTimerEvent>
 
 #include <algorithm>
@@ -28,21 +27,21 @@ qint64 endOfWakePeriod(qint64 nanoseconds)
 
 }  // namespace
 
-TimeoutScheduler& TimeoutScheduler::instance()
-{
-    static QPointer<TimeoutScheduler> scheduler;
-    if (!scheduler)
-        scheduler = new TimeoutScheduler(QCoreApplication::instance());
-    return *scheduler;
-}
+TimeoutScheduler* TimeoutScheduler::_instance = nullptr;
 
 TimeoutScheduler::TimeoutScheduler(QObject* parent)
     : QObject(parent)
 {
+    _instance = this;
     if (!_wakeUpTimer.isValid())
         return;
     _notifier = std::make_unique<QSocketNotifier>(_wakeUpTimer.descriptor(), QSocketNotifier::Read);
     connect(_notifier.get(), SIGNAL(activated(int)), this, SLOT(_wakeUp()));
+}
+
+TimeoutScheduler::~TimeoutScheduler()
+{
+    _instance = nullptr;
 }
 
 /// To be called after a due time was added to or taken from \a timeouts.

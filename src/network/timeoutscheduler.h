@@ -4,6 +4,7 @@
 #include "network/timeoutheap.h"
 
 #include <QBasicTimer>
+#include <QCoreApplication>
 #include <QObject>
 #include <QSocketNotifier>
 
@@ -18,7 +19,12 @@ class TimeoutScheduler : public QObject
     Q_OBJECT
 
 public:
-    static TimeoutScheduler& instance();
+    static TimeoutScheduler& instance()
+    {
+        return _instance ? *_instance : *new TimeoutScheduler(QCoreApplication::instance());
+    }
+
+    ~TimeoutScheduler() override;
 
     qint64 passTime() const { return _passTime; }
 
@@ -42,6 +48,8 @@ private:
     TimeoutHeap& _heapOf(const Timeouts& timeouts);
 
     static constexpr qint64 never = std::numeric_limits<qint64>::max();
+
+    static TimeoutScheduler* _instance;  // the application object's; null before the first use
 
     TimeoutHeap _punctual;     // wakes up the program
     TimeoutHeap _leisurely;    // waits a millisecond for another reason to wake up
