@@ -18,12 +18,17 @@ void TimeoutHeap::update(Timeouts* timeouts)
     }
     const Entry entry{timeouts->_nextDueTime(), timeouts};
     if (timeouts->_heapIndex < 0) {
-        timeouts->_heapIndex = static_cast<int>(_entries.size());
         _entries.push_back(entry);
+        _siftUp(static_cast<int>(_entries.size()) - 1);
+        return;
     }
-    _place(entry, timeouts->_heapIndex);
-    _siftUp(timeouts->_heapIndex);
-    _siftDown(timeouts->_heapIndex);
+    Entry& present = _entries[static_cast<size_t>(timeouts->_heapIndex)];
+    const bool isEarlier = entry.dueTime < present.dueTime;
+    present = entry;
+    if (isEarlier)
+        _siftUp(timeouts->_heapIndex);
+    else
+        _siftDown(timeouts->_heapIndex);
 }
 
 void TimeoutHeap::remove(Timeouts* timeouts)

@@ -27,7 +27,7 @@ Timeouts::Timeouts(std::function<void()> handler, Punctuality punctuality)
 
 Timeouts::~Timeouts()
 {
-    if (_heapIndex >= 0)
+    if (_heapIndex >= 0 || _isEnding)
         TimeoutScheduler::instance().remove(this);
 }
 
@@ -62,11 +62,23 @@ void Timeouts::_runOverdue(qint64 now)
 
 bool Timeouts::startAtEndOfPass()
 {
-    const qint64 passTime = TimeoutScheduler::instance().passTime();
-    if (passTime < 0)
+    if (TimeoutScheduler::instance().passTime() < 0)
         return false;
-    _startAt(passTime);
+    if (!_isEnding)
+        TimeoutScheduler::instance().runAtEndOfPass(this);
+    _isEnding = true;
     return true;
+}
+
+Timeouts::Pass::Pass()
+    : _isOutermost(TimeoutScheduler::instance().beginPass())
+{
+}
+
+Timeouts::Pass::~Pass()
+{
+    if (_isOutermost)
+        TimeoutScheduler::instance().endPass();
 }
 
 void Timeouts::_startAt(qint64 dueTime)

@@ -33,9 +33,22 @@ public:
     /// what is overdue before this returns.
     void startShared(int delay);
 
-    /// Due at the end of the pass that is running handlers right now; not for a handler to start itself
-    /// again. Returns false, and starts nothing, when no pass is running.
+    /// Runs the handler once at the end of the present pass; not for a handler to start itself again. Returns
+    /// false, and starts nothing, when no pass is running.
     bool startAtEndOfPass();
+
+    /// What belongs together, such as all messages of one read, while this lives: a pass without due times,
+    /// unless one is running already. Shared starts take its time, which saves reading the clock for each.
+    class Pass
+    {
+    public:
+        Pass();
+        ~Pass();
+        Q_DISABLE_COPY_MOVE(Pass)
+
+    private:
+        bool _isOutermost;
+    };
 
 private:
     friend class TimeoutHeap;
@@ -57,5 +70,6 @@ private:
     std::vector<qint64> _ordered;  // each at or after the one before
     size_t _firstOrdered = 0;      // those in front of it are over
     std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>> _unordered;  // the rest
-    int _heapIndex = -1;  // place in its heap; -1: nothing is pending
+    bool _isEnding = false;  // runs at the end of the present pass
+    int _heapIndex = -1;     // place in its heap; -1: nothing is pending
 };

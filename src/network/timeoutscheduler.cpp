@@ -55,6 +55,23 @@ void TimeoutScheduler::update(Timeouts* timeouts)
 void TimeoutScheduler::remove(Timeouts* timeouts)
 {
     _heapOf(*timeouts).remove(timeouts);
+    if (timeouts->_isEnding)
+        std::replace(_ending.begin(), _ending.end(), timeouts, static_cast<Timeouts*>(nullptr));
+}
+
+bool TimeoutScheduler::beginPass()
+{
+    if (_passTime >= 0)
+        return false;
+    _passTime = KernelTimer::now();
+    return true;
+}
+
+void TimeoutScheduler::endPass()
+{
+    _runEndingHandlers();
+    _passTime = -1;
+    _arm();
 }
 
 void TimeoutScheduler::timerEvent(QTimerEvent* event)
@@ -75,19 +92,12 @@ void TimeoutScheduler::_wakeUp()
 
 void TimeoutScheduler::_runPass()
 {
-    if (_passTime >= 0)
+    if (!beginPass())
         return;        // inside an event loop of a handler's own: the pass goes on when the handler is back
     _nextPass.stop();  // or it would fire all the time in that event loop
-    _runDueHandlers();
-    _arm();
-}
-
-void TimeoutScheduler::_runDueHandlers()
-{
-    _passTime = KernelTimer::now();
     _runDueHandlers(_leisurely);  // what has waited for a pass to share comes before what woke it up
     _runDueHandlers(_punctual);
-    _passTime = -1;
+    endPass();
 }
 
 /// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
@@ -101,6 +111,18 @@ void TimeoutScheduler::_runDueHandlers(TimeoutHeap& heap)
         const std::function<void()> handler = timeouts->_handler;
         handler();
     }
+}
+
+void TimeoutScheduler::_runEndingHandlers()
+{
+    for (size_t i = 0; i < _ending.size(); ++i) {
+        if (!_ending[i])
+            continue;
+        _ending[i]->_isEnding = false;
+        const std::function<void()> handler = _ending[i]->_handler;
+        handler();
+    }
+    _ending.clear();
 }
 
 /// Leaves an earlier wake-up alone: it arms the right one.

@@ -10,6 +10,7 @@
 
 #include <limits>
 #include <memory>
+#include <vector>
 
 class Timeouts;
 
@@ -26,8 +27,13 @@ public:
 
     ~TimeoutScheduler() override;
 
-    qint64 passTime() const { return _passTime; }
+    /// A pass runs what is due, and what is to run at its end. While an event loop within it runs, there is
+    /// no other. Returns false when one is running already.
+    bool beginPass();
+    void endPass();
+    qint64 passTime() const { return _passTime; }  // ns, when the present pass began; -1: none is running
 
+    void runAtEndOfPass(Timeouts* timeouts) { _ending.push_back(timeouts); }  // not owned
     void update(Timeouts* timeouts);
     void remove(Timeouts* timeouts);
 
@@ -41,8 +47,8 @@ private:
     explicit TimeoutScheduler(QObject* parent);
 
     void _runPass();
-    void _runDueHandlers();
     void _runDueHandlers(TimeoutHeap& heap);
+    void _runEndingHandlers();
     void _arm();
     void _wakeAt(qint64 time);
     TimeoutHeap& _heapOf(const Timeouts& timeouts);
@@ -58,5 +64,6 @@ private:
     std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us
     QBasicTimer _substitute;                     // of the toolkit, used while there is no notifier
     qint64 _wakeTime = never;
-    qint64 _passTime = -1;  // what falls due up to here runs in the present pass; -1: none is running
+    qint64 _passTime = -1;           // what falls due up to here runs in the present pass
+    std::vector<Timeouts*> _ending;  // to run at its end; null: gone meanwhile
 };

@@ -153,6 +153,7 @@ void TcpNode::_socketDataIndication()
 {
     if (!_socket || !_input.atEnd())
         return;
+    const Timeouts::Pass pass;  // sends all confirmations at its end
     _input.peek(*_socket);
     _handleInput();
 }
@@ -312,16 +313,13 @@ void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
         _abortSocket();
         return;
     }
-    if (!_isFlushPending)
-        _isFlushPending = _outputFlush.startAtEndOfPass();
-    if (!_isFlushPending)
+    if (!_outputFlush.startAtEndOfPass())
         _output.giveToSocket(*_socket);
 }
 
 /// Sends what one pass of deliveries has written in one go, without waiting for the event loop to find it.
 void TcpNode::_flushOutput()
 {
-    _isFlushPending = false;
     if (!_socket)
         return;
     _output.giveToKernel(*_socket);

@@ -86,7 +86,6 @@ private:
     MessageReader _input;           // what has arrived; all of it is handled before more is read
     Timeouts _furtherInput{[this] { _handleInput(); }};
     MessageOutput _output;  // of the present pass
-    bool _isFlushPending = false;
     Timeouts _outputFlush{[this] { _flushOutput(); }};
 
     static QList<TcpNode*> __allTcpNodes;  // every living TCP node in order of construction; not owned
