@@ -40,11 +40,23 @@ double lineAngle(const QPointF& difference)
     return std::atan(difference.y() / difference.x());
 }
 
+/// Stamps and captures a frame that leaves its link. Without a capture nobody sees the stamp, and reading the
+/// clock for it costs 4 % of the frames per second.
+void leaveLink(Frame& frame, bool isReceived)
+{
+    if (!frame.isCaptured())
+        return;
+    if (isReceived)
+        frame.nowReceived();
+    else
+        frame.neverReceived();
+}
+
 /// A late frame is delivered but never confirmed, nor is one that only promiscuous mode has picked up.
 void handOver(Frame& frame)
 {
     frame.destinationNode()->_dataIndication(frame.payload());
-    frame.nowReceived();
+    leaveLink(frame, true);
     const bool isConfirmed = frame.wasDelivered(true) && !frame.isBroadcast() && !frame.promiscuousReceive();
     if (frame.sourceNode() && isConfirmed)
         frame.sourceNode()->_dataConfirmation(true);
@@ -163,7 +175,7 @@ void Connection::deliverFrame()
     if (frame.destinationNode() && frame.wasDelivered(false))
         handOver(frame);
     else
-        frame.neverReceived();  // the sender learns of it through its own timeout
+        leaveLink(frame, false);  // the sender learns of it through its own timeout
     NetworkSimulation::instance()->network()->noteFrameLeavesLink();
 }
 

@@ -186,6 +186,11 @@ QByteArray Frame::destinationAddress() const
     return toByteArray(addressField(_payload, currentNetwork()->destinationAddressOffset()));
 }
 
+bool Frame::isCaptured() const
+{
+    return (_flags & ForceCapture) != 0 && NetworkSimulation::instance()->capture()->isEnabled();
+}
+
 void Frame::nowReceived()
 {
     _receivedMsTs = millisecondTimeStamp();

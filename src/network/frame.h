@@ -56,6 +56,9 @@ public:
     QByteArray sourceAddress() const;
     QByteArray destinationAddress() const;
 
+    /// Whether the capture would record the frame now.
+    bool isCaptured() const;
+
     /// The frame leaves the link now: stamps it and offers it to the capture. A lost frame gets a real time
     /// of reception too, on purpose; that it was lost shows in the flags only.
     void nowReceived();
