@@ -132,6 +132,8 @@ private slots:
     void theFirstAndTheLastOfSharedStartsKeepTheirTimes();
     void aLeisurelyTimeoutComesAloneToo();
     void aLeisurelyTimeoutGoesWithAPunctualOne();
+    void alsoALatePassKeepsTheOrderOfDueTimes();
+    void sharedStartsFarIntoAPassAreNotEarly();
     void theEndOfAPassNeedsAPass();
     void theEndOfAPassComesBehindAllThatIsDue();
     void aDestroyedOwnerRunsAtNoEnd();
@@ -602,6 +604,43 @@ void TestTimeouts::aLeisurelyTimeoutGoesWithAPunctualOne()
     punctual.start(10);
     loop.exec();
     QCOMPARE(order, QStringList({QStringLiteral("leisurely"), QStringLiteral("punctual")}));
+}
+
+void TestTimeouts::alsoALatePassKeepsTheOrderOfDueTimes()
+{
+    QStringList order;
+    Timeouts punctual([&] { order.append(QStringLiteral("punctual")); });
+    Timeouts leisurely([&] { order.append(QStringLiteral("leisurely")); }, Timeouts::Leisurely);
+    punctual.start(1);
+    leisurely.start(2);
+    punctual.start(3);
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 5) { }  // the event loop is held up
+    QTRY_COMPARE(order.size(), 3);
+    QCOMPARE(order.at(1), QStringLiteral("leisurely"));
+}
+
+void TestTimeouts::sharedStartsFarIntoAPassAreNotEarly()
+{
+    constexpr int delay = 20;       // ms
+    constexpr int handlers = 1000;  // due at once
+    QElapsedTimer sinceLastStart;
+    qint64 elapsed = -1;  // ns
+    Timeouts shared([&] { elapsed = sinceLastStart.nsecsElapsed(); });
+    Timeouts busy([&] {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.nsecsElapsed() < 10000) { }
+        sinceLastStart.start();
+        shared.startShared(delay);
+    });
+    for (int i = 0; i < handlers; ++i)
+        busy.start(0);
+    const auto isOver = [&] { return elapsed >= (delay - 1) * nanosecondsPerMillisecond; };
+    QTRY_VERIFY(isOver());
+    QVERIFY(passTimeouts(2 * delay));
+    QVERIFY2(isOver(), qPrintable(QString::number(elapsed)));
 }
 
 void TestTimeouts::theEndOfAPassNeedsAPass()

@@ -2,7 +2,7 @@
 
 #include <QtGlobal>
 
-/// The kernel's timer behind a descriptor, since those of the toolkit are up to a millisecond late: as much
+/// The kernel's timer behind a descriptor, since those of Qt are up to a millisecond late: as much
 /// as the shortest delay of a link. Fires once, at a time of the monotonic clock.
 class KernelTimer
 {

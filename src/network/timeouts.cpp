@@ -1,6 +1,5 @@
 #include "network/timeouts.h"
 
-#include "network/kerneltimer.h"
 #include "network/timeoutscheduler.h"
 
 #include <QCoreApplication>
@@ -34,15 +33,17 @@ Timeouts::~Timeouts()
 void Timeouts::start(int delay)
 {
     // Strictly after the present pass, so that two handlers that start each other leave room for the sockets.
-    const qint64 now = std::max(KernelTimer::now(), TimeoutScheduler::instance().passTime() + 1);
+    TimeoutScheduler& scheduler = TimeoutScheduler::instance();
+    const qint64 now = std::max(scheduler.readClock(), scheduler.passTime() + 1);
     _startAt(now + std::max(delay, 0) * nanosecondsPerMillisecond);
 }
 
 void Timeouts::startShared(int delay)
 {
-    const qint64 passTime = TimeoutScheduler::instance().passTime();
-    const qint64 now = passTime >= 0 ? passTime : KernelTimer::now();
-    if (!_isEmpty() && _nextDueTime() <= now)
+    TimeoutScheduler& scheduler = TimeoutScheduler::instance();
+    const bool isInPass = scheduler.passTime() >= 0;
+    const qint64 now = isInPass ? scheduler.lastReading() : scheduler.readClock();
+    if (!isInPass && !_isEmpty() && _nextDueTime() <= now)
         _runOverdue(now);
     const qint64 dueTime = now + std::max(delay, 0) * nanosecondsPerMillisecond;
     const size_t pending = _ordered.size() - _firstOrdered;

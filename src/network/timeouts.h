@@ -8,11 +8,11 @@
 
 /// Any number of pending single-shot timeouts of one owner: the handler runs once for each as it falls due.
 ///
-/// The toolkit's own list of timers is searched from end to end, so one toolkit timer a frame stalls the
+/// Qt's own list of timers is searched from end to end, so one Qt timer a frame stalls the
 /// program at some ten thousand frames in flight, and its timers are up to a millisecond late. Here all
 /// owners share one timer of the kernel and the cost of a timeout does not grow with their number. Due times
-/// are kept to the nanosecond; handlers are never early. Equal or not, the handler runs for each due time.
-/// What is still pending when the object is destroyed never runs. GUI thread only.
+/// are kept to the nanosecond; handlers are never early. Equal or not, the handler runs for each due time of
+/// start(). What is still pending when the object is destroyed never runs. GUI thread only.
 class Timeouts
 {
 public:
@@ -25,12 +25,14 @@ public:
     ~Timeouts();
     Q_DISABLE_COPY_MOVE(Timeouts)
 
+    bool isPending() const { return _heapIndex >= 0; }
+
     /// Due in \a delay milliseconds (0 or less: on the next pass of the event loop, never inside this call).
     void start(int delay);
 
     /// As start(), for handlers that are harmless to repeat and one constant \a delay: of the starts within a
-    /// millisecond, those between the first and the last have no timeout of their own. The handler runs for
-    /// what is overdue before this returns.
+    /// millisecond, those between the first and the last have no timeout of their own. Outside of a pass, the
+    /// handler runs for what is overdue before this returns. Within one, the time is that of a moment ago.
     void startShared(int delay);
 
     /// Runs the handler once at the end of the present pass; not for a handler to start itself again. Returns
@@ -38,7 +40,7 @@ public:
     bool startAtEndOfPass();
 
     /// What belongs together, such as all messages of one read, while this lives: a pass without due times,
-    /// unless one is running already. Shared starts take its time, which saves reading the clock for each.
+    /// unless one is running already.
     class Pass
     {
     public:

@@ -11,9 +11,10 @@
 namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
-constexpr qint64 wakePeriod = 100000;  // ns; what falls due within one shares a wake-up at its end
+constexpr qint64 wakePeriod = 100000;   // ns; what falls due within one shares a wake-up at its end
+constexpr int handlersPerReading = 64;  // of the clock; as many take a tenth of a millisecond or so
 constexpr qint64 longestLeisure = nanosecondsPerMillisecond;
-constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a toolkit timer
+constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a Qt timer
 
 qint64 roundedUpToMilliseconds(qint64 nanoseconds)
 {
@@ -63,7 +64,8 @@ bool TimeoutScheduler::beginPass()
 {
     if (_passTime >= 0)
         return false;
-    _passTime = KernelTimer::now();
+    _passTime = readClock();
+    _runLeisurelyHandlers();
     return true;
 }
 
@@ -95,22 +97,32 @@ void TimeoutScheduler::_runPass()
     if (!beginPass())
         return;        // inside an event loop of a handler's own: the pass goes on when the handler is back
     _nextPass.stop();  // or it would fire all the time in that event loop
-    _runDueHandlers(_leisurely);  // what has waited for a pass to share comes before what woke it up
-    _runDueHandlers(_punctual);
+    for (int i = 1; _isDue(_punctual); ++i) {
+        _runNextHandler(_punctual);
+        _runLeisurelyHandlers();
+        if (i % handlersPerReading == 0)
+            readClock();
+    }
     endPass();
+}
+
+/// Those that come before all that is punctual: whatever the pass is late, the order is that of the due
+/// times.
+void TimeoutScheduler::_runLeisurelyHandlers()
+{
+    while (_isDue(_leisurely) && (_punctual.isEmpty() || _leisurely.dueTime() <= _punctual.dueTime()))
+        _runNextHandler(_leisurely);
 }
 
 /// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
 /// called.
-void TimeoutScheduler::_runDueHandlers(TimeoutHeap& heap)
+void TimeoutScheduler::_runNextHandler(TimeoutHeap& heap)
 {
-    while (!heap.isEmpty() && heap.dueTime() <= _passTime) {
-        Timeouts* timeouts = heap.first();
-        timeouts->_dropNextDueTime();
-        heap.update(timeouts);
-        const std::function<void()> handler = timeouts->_handler;
-        handler();
-    }
+    Timeouts* timeouts = heap.first();
+    timeouts->_dropNextDueTime();
+    heap.update(timeouts);
+    const std::function<void()> handler = timeouts->_handler;
+    handler();
 }
 
 void TimeoutScheduler::_runEndingHandlers()
@@ -130,7 +142,7 @@ void TimeoutScheduler::_arm()
 {
     if (_nextPass.isActive())
         return;
-    if (!_punctual.isEmpty() && _punctual.dueTime() <= KernelTimer::now()) {
+    if (!_punctual.isEmpty() && _punctual.dueTime() <= readClock()) {
         _nextPass.start(0, Qt::PreciseTimer, this);
         return;
     }
@@ -155,6 +167,6 @@ void TimeoutScheduler::_wakeAt(qint64 time)
         _wakeUpTimer.start(time);
         return;
     }
-    const qint64 wait = roundedUpToMilliseconds(time - KernelTimer::now());
+    const qint64 wait = roundedUpToMilliseconds(time - readClock());
     _substitute.start(static_cast<int>(qBound<qint64>(0, wait, longestWait)), Qt::PreciseTimer, this);
 }

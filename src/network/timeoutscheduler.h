@@ -33,6 +33,9 @@ public:
     void endPass();
     qint64 passTime() const { return _passTime; }  // ns, when the present pass began; -1: none is running
 
+    qint64 readClock() { return _lastReading = KernelTimer::now(); }  // ns of the monotonic clock
+    qint64 lastReading() const { return _lastReading; }               // within a pass: of a moment ago
+
     void runAtEndOfPass(Timeouts* timeouts) { _ending.push_back(timeouts); }  // not owned
     void update(Timeouts* timeouts);
     void remove(Timeouts* timeouts);
@@ -47,7 +50,9 @@ private:
     explicit TimeoutScheduler(QObject* parent);
 
     void _runPass();
-    void _runDueHandlers(TimeoutHeap& heap);
+    bool _isDue(const TimeoutHeap& heap) const { return !heap.isEmpty() && heap.dueTime() <= _passTime; }
+    void _runLeisurelyHandlers();
+    void _runNextHandler(TimeoutHeap& heap);
     void _runEndingHandlers();
     void _arm();
     void _wakeAt(qint64 time);
@@ -62,8 +67,9 @@ private:
     QBasicTimer _nextPass;     // runs while something is due at once
     KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
     std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us
-    QBasicTimer _substitute;                     // of the toolkit, used while there is no notifier
+    QBasicTimer _substitute;                     // of Qt, used while there is no notifier
     qint64 _wakeTime = never;
+    qint64 _lastReading = 0;
     qint64 _passTime = -1;           // what falls due up to here runs in the present pass
     std::vector<Timeouts*> _ending;  // to run at its end; null: gone meanwhile
 };
