@@ -274,6 +274,7 @@ private slots:
     void aClickOnOneOfSeveralLeavesItAloneSelected();
     void anotherButtonSelectsNoLink();
     void aNodeWithinTheBandHasPrecedence();
+    void theUpperOfTwoCrossingLinksIsPicked();
     void theToolTipShowsWithinTheBand();
     void theToolTipShowsTheCommentAsTyped_data();
     void theToolTipShowsTheCommentAsTyped();
@@ -1464,6 +1465,28 @@ void TestPainting::aNodeWithinTheBandHasPrecedence()
     QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_pair->link});
     click(_pair->sender->pos() + QPointF(18, 0));
     QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_pair->sender});
+}
+
+void TestPainting::theUpperOfTwoCrossingLinksIsPicked()
+{
+    span(QPointF(200, 200));
+    Node* left = TestHelpers::addNode(3);
+    Node* right = TestHelpers::addNode(4);
+    left->setPos(middle - QPointF(100, 0));
+    right->setPos(middle + QPointF(100, 0));
+    auto* level = new Connection(left, right);
+    network().addItem(level);
+    level->setToolTip(QStringLiteral("above"));
+    link().setToolTip(QStringLiteral("below"));
+    showView();
+    click(middle + QPointF(0, 5));  // within the bands of both
+    QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{level});
+    click(middle + QPointF(25, 20));  // within that of the lower one only
+    QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_pair->link});
+
+    link().setZValue(level->zValue() + 0.1);
+    click(middle + QPointF(0, 5));
+    QCOMPARE(network().selectedItems(), QList<QGraphicsItem*>{_pair->link});
 }
 
 void TestPainting::theToolTipShowsWithinTheBand()

@@ -110,16 +110,18 @@ void Network::helpEvent(QGraphicsSceneHelpEvent* event)
 /// That of the topmost item that has one.
 QString Network::_commentAt(const QPointF& position) const
 {
+    const Connection* link = _linkBesideBounds(position);
+    if (link && !link->toolTip().isEmpty())
+        return link->toolTip();
     const QList<QGraphicsItem*> found = items(position);
     for (const QGraphicsItem* item : found) {
         if (!item->toolTip().isEmpty())
             return item->toolTip();
     }
-    const Connection* link = _linkBesideBounds(position);
-    return link ? link->toolTip() : QString();
+    return QString();
 }
 
-/// A link that the toolkit does not find takes the press all the same and handles it as any item would.
+/// A link that Qt does not find takes the press all the same and handles it as any item would.
 void Network::_pressInSelection(QGraphicsSceneMouseEvent* event)
 {
     Connection* link = nullptr;
@@ -140,20 +142,16 @@ void Network::_endMouseGrab(const QGraphicsSceneMouseEvent* release)
         item->ungrabMouse();
 }
 
-/// The toolkit looks for items within their bounds, and of a level or an upright link these are next to
-/// nothing: the link whose band lies at \a position where there is nothing else.
+/// Qt looks for items within their bounds, and of a level or an upright link these are next to nothing: the
+/// topmost item at \a position, if it is a link that Qt does not find.
 Connection* Network::_linkBesideBounds(const QPointF& position) const
 {
-    if (itemAt(position, QTransform()))
-        return nullptr;
-
     const QRectF vicinity(position - QPointF(reachOfLinks, reachOfLinks),
                           QSizeF(2 * reachOfLinks, 2 * reachOfLinks));
     const QList<QGraphicsItem*> nearby = items(vicinity, Qt::IntersectsItemBoundingRect);
     for (QGraphicsItem* item : nearby) {
-        auto* link = dynamic_cast<Connection*>(item);
-        if (link && link->contains(position))
-            return link;
+        if (item->contains(item->mapFromScene(position)))
+            return item == itemAt(position, QTransform()) ? nullptr : dynamic_cast<Connection*>(item);
     }
     return nullptr;
 }
