@@ -308,7 +308,10 @@ private slots:
     void eachFrameOfABurstIsConfirmed();
     void aProgramThatSendsMuchLetsTheOthersIn();
     void allThatAProgramSendsBeforeItGoesIsHandled();
+    void allThatAProgramSendsBeforeItResetsTheConnectionIsHandled();
     void aProtocolErrorFarBehindClosesTheConnection();
+    void aProtocolErrorFarBehindLosesNothingWrittenBefore();
+    void largeMessagesLetTheOthersInSooner();
     void aNewProgramIsReadFromItsOwnBeginning();
     void nothingIsReadWhileAProgramHasMessagesToBeHandled();
     void anEmptyFrameIsARequestToo_data();
@@ -1020,6 +1023,19 @@ void TestTcpNode::allThatAProgramSendsBeforeItGoesIsHandled()
     QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
 }
 
+/// Confirmations that nobody takes make the kernel reset the connection.
+void TestTcpNode::allThatAProgramSendsBeforeItResetsTheConnectionIsHandled()
+{
+    useOneByteAddresses();
+    AttachedNode attached;
+    TestAccess::framesAcknowledged(*attached.node) = Qt::Checked;
+    attached.program.send(hex("01 00000002 FFBB").repeated(muchInput));
+    attached.program.close();
+
+    QVERIFY(attached.waitUntilDetached());
+    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+}
+
 void TestTcpNode::aProtocolErrorFarBehindClosesTheConnection()
 {
     AttachedNode attached;
@@ -1027,6 +1043,34 @@ void TestTcpNode::aProtocolErrorFarBehindClosesTheConnection()
 
     QVERIFY(attached.waitUntilDetached());
     QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+}
+
+/// The socket reads on while it lingers, although it has stopped before: its input would hold it up for 3 s.
+void TestTcpNode::aProtocolErrorFarBehindLosesNothingWrittenBefore()
+{
+    AttachedNode attached;
+    attached.node->dataIndication(hex("AA"));
+    attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06"));
+    QVERIFY(attached.waitUntilDetached());
+    attached.program.send(QByteArray(megabyte, 'x'));
+
+    QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
+    QTRY_VERIFY_WITH_TIMEOUT(!attached.nodeEnd, 1000);
+}
+
+void TestTcpNode::largeMessagesLetTheOthersInSooner()
+{
+    constexpr int size = 10000;
+    constexpr int count = 9;
+    AttachedNode busy;
+    AttachedNode other;
+    busy.program.send(message(1, QByteArray(size, 'x')).repeated(count));
+    other.program.send(hex("01 00000001 BB"));
+    QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
+
+    QVERIFY(sendings.wait(patience));
+    QVERIFY(busy.node->sendFramesCount() < count);
+    QTRY_COMPARE(busy.node->sendFramesCount(), qint64{count});
 }
 
 void TestTcpNode::aNewProgramIsReadFromItsOwnBeginning()

@@ -24,8 +24,6 @@ public:
     void peek(QIODevice& device)
     {
         const auto size = static_cast<int>(device.bytesAvailable());
-        if (_arrived.capacity() > largestKeptRoom)
-            _arrived = QByteArray();
         _arrived.reserve(size);
         _arrived.resize(size);
         _arrived.resize(static_cast<int>(std::max<qint64>(0, device.peek(_arrived.data(), size))));
@@ -33,7 +31,17 @@ public:
         _isComplete = true;
     }
 
+    /// Forgets what has been read.
+    void clear()
+    {
+        if (_arrived.capacity() > largestKeptRoom)
+            _arrived = QByteArray();
+        _arrived.resize(0);
+        _position = 0;
+    }
+
     int size() const { return _arrived.size(); }
+    int position() const { return _position; }  // of the next byte
 
     bool atEnd() const { return _position == _arrived.size(); }
     bool isComplete() const { return _isComplete; }

@@ -17,8 +17,17 @@
 namespace {
 
 constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;            // bytes; a program that stops reading is dropped beyond it
-constexpr int mostMessagesAtATime = 1000;  // of a program; they take some milliseconds at most
+    = qint64{64} * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
+
+// What a program may have handled before others have their turn; they take some milliseconds at most. A burst
+// of 16 KiB, the most that is safe to have under way, is handled as a whole.
+constexpr int mostMessagesAtATime = 1000;
+constexpr int mostBytesAtATime = 64 * 1024;
+
+// Bytes that a socket reads ahead
+constexpr qint64 unlimited = 0;
+constexpr qint64 lessThanItHolds = 1;
+
 constexpr int inactiveColorOffset = 150;
 
 struct MenuEntry {
@@ -114,6 +123,7 @@ void TcpNode::_adoptSocket(QTcpSocket* socket)
 void TcpNode::_detachSocket()
 {
     _socket->disconnect(this);
+    _socket->setReadBufferSize(unlimited);
     _socket = nullptr;
     _input = MessageReader();
     _output.clear();
@@ -123,7 +133,8 @@ void TcpNode::_detachSocket()
 
 void TcpNode::_socketStateChanged(QAbstractSocket::SocketState state)
 {
-    if (state != QAbstractSocket::UnconnectedState || !_socket)
+    const bool isInputWaiting = !_input.atEnd();  // what the program has sent before it went is handled first
+    if (state != QAbstractSocket::UnconnectedState || !_socket || isInputWaiting)
         return;
     _socket->deleteLater();
     _detachSocket();
@@ -151,21 +162,22 @@ void TcpNode::_abortSocket()
 
 void TcpNode::_socketDataIndication()
 {
+    const Timeouts::Pass pass;  // sends all confirmations at its end
     if (!_socket || !_input.atEnd())
         return;
-    const Timeouts::Pass pass;  // sends all confirmations at its end
     _input.peek(*_socket);
     _handleInput();
 }
 
 /// Handles a bounded number of messages, then lets the other programs in. Until the rest is handled, all of
-/// it stays in the socket too, which stops reading then: a fast program is slowed down, as by a full socket.
+/// it stays in the socket too, which reads nothing more meanwhile.
 void TcpNode::_handleInput()
 {
     if (!_socket)
         return;
     const QTcpSocket* socket = _socket;
-    for (int i = 0; i < mostMessagesAtATime && !_input.atEnd(); ++i) {
+    const int lastStart = _input.position() + mostBytesAtATime;
+    for (int i = 0; i < mostMessagesAtATime && _input.position() < lastStart && !_input.atEnd(); ++i) {
         const bool isUnderstood = _handleMessage(_input);
         if (_socket == socket && (!isUnderstood || !_input.isComplete()))
             _closeSocket();
@@ -173,12 +185,15 @@ void TcpNode::_handleInput()
             return;  // a message may cost the node its socket
     }
     if (!_input.atEnd()) {
-        _socket->setReadBufferSize(1);  // less than it holds
-        _furtherInput.start(0);
+        _socket->setReadBufferSize(lessThanItHolds);
+        if (!_furtherInput.isPending())
+            _furtherInput.start(0);
         return;
     }
     _socket->skip(_input.size());
-    _socket->setReadBufferSize(0);  // no limit
+    _socket->setReadBufferSize(unlimited);
+    _input.clear();
+    _socketStateChanged(_socket->state());  // a program that has gone was waited for
 }
 
 /// False when the connection is to be closed. Of an incomplete message, which the reader tells, nothing is

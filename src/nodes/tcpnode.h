@@ -14,8 +14,8 @@ QT_END_NAMESPACE
 /// delivered frames and confirmations are written back, and the program may set the node's address, name,
 /// colour and activation.
 ///
-/// Nothing is buffered between two reads, on purpose: a message that is only partly there when its first byte
-/// is read closes the connection. Programs write each message in one piece.
+/// No part of a message is kept for the next read, on purpose: one that is only partly there when its first
+/// byte is read closes the connection. Programs write each message in one piece.
 class TcpNode : public Node
 {
     Q_OBJECT
