@@ -177,13 +177,13 @@ int CaptureTableView::_widthBesideColumns() const
         + _captureTableView->verticalScrollBar()->sizeHint().width();
 }
 
-/// The width that the window leaves the view is known only now. A window that was minimized keeps what the
-/// user has made of the columns.
+/// The width that the window leaves the view is known only now. Later the columns are the user's.
 void CaptureTableView::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!event->spontaneous())
+    if (!_hasBeenShown)
         _makeRoomForData();
+    _hasBeenShown = true;
     _fillWithLastColumn();
 }
 

@@ -55,4 +55,5 @@ private:
     QCheckBox* _viewFollows;
     QCheckBox* _hideAddr;
     QLabel* _frameCountLabel;
+    bool _hasBeenShown = false;
 };
