@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int manyLinks = 10000;
-constexpr int patience = 1500;  // ms; a few without an index of the scene, many seconds with one
+constexpr int patience = 300;  // ms; a few without an index of the scene, many seconds with one
 const QSize viewSize(800, 600);
 
 }  // namespace

@@ -5,7 +5,7 @@
 namespace {
 
 constexpr int storedColorSize = 11;      // bytes: kind, alpha, three channels and padding
-constexpr double farEndOfScene = 1.0e7;  // scene units; the index and the views compute in int and float
+constexpr double farEndOfScene = 1.0e7;  // scene units; views compute in int and float
 
 double boundedCoordinate(double coordinate)
 {

@@ -17,7 +17,7 @@ Qt::CheckState readCheckState(QDataStream& stream);
 /// same, but the forms show NaN as 100 % and a line of that opacity is not seen.
 double readProbability(QDataStream& stream);
 
-/// A length that painting and the scene's index can live with: \a fallback instead of infinities and NaN, and
+/// A length that painting can live with: \a fallback instead of infinities and NaN, and
 /// never beyond the far end of the scene.
 double readFinite(QDataStream& stream, double fallback);
 

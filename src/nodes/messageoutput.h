@@ -16,8 +16,8 @@ public:
     void append(quint8 type, const QByteArray& body);
     void clear();
 
-    /// Gives the kernel what it takes at once. The way through the buffer of \a socket would cost as much as
-    /// the call. What is left stays here: the rest when the kernel is full, all while older bytes wait in the
+    /// Gives the kernel what it takes at once. The way through the buffer of \a socket would cost as much
+    /// again. What is left stays here: the rest when the kernel is full, all while older bytes wait in the
     /// socket or after a failure, which the socket reports itself when it gets the bytes.
     void giveToKernel(const QTcpSocket& socket);
 

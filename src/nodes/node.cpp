@@ -303,8 +303,8 @@ QPainterPath Node::shape() const
     return path;
 }
 
-/// Links are measured by their ends: they are told before an end moves, or the scene's index keeps stale
-/// places.
+/// Links are measured by their ends: they are told before an end moves, so that both their places are
+/// painted.
 QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
 {
     auto* network = qobject_cast<Network*>(scene());

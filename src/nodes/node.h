@@ -127,6 +127,7 @@ private:
 
     void _initialize();
     void _changeIdentity(const std::function<void()>& change, Repaint repaint);
+
     enum StateFlag {
         Connected = 1,  // a program drives the node
         Disabled = 2,   // switched off by the user or by the program

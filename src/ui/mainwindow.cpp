@@ -22,7 +22,8 @@ namespace {
 
 constexpr QSize smallestView(500, 400);
 constexpr QSize toolSize(32, 32);
-constexpr QSize roomForFrame(16, 48);  // more than window managers need; what they draw is known too late
+constexpr QSize
+    roomForFrame(16, 48);  // more than window managers need, who draw the frame only when the window shows
 
 Network* network()
 {
@@ -140,7 +141,7 @@ void MainWindow::_addNetworkView()
     auto* view = new QGraphicsView(this);
     view->setRenderHint(QPainter::Antialiasing);
     view->setMinimumSize(smallestView);
-    view->setFrameShape(QFrame::NoFrame);  // which would leave too little of the smallest size
+    view->setFrameShape(QFrame::NoFrame);  // a frame would take its room from the smallest size
     view->setSceneRect(0, 0, view->width(), view->height());
     setCentralWidget(view);
 }
