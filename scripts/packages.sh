@@ -3,7 +3,8 @@
 build_packages="ca-certificates cmake g++ ninja-build qtbase5-dev"
 demo_packages="fonts-dejavu-core python3 tshark"
 comparison_packages="libns3-dev libvdeplug-dev vde2"
-test_packages="$demo_packages $comparison_packages iproute2 mount openbox python3-scipy strace util-linux xdotool xvfb"
+test_packages="$demo_packages $comparison_packages iproute2 mount openbox python3-scipy qt5-gtk-platformtheme strace
+    util-linux xdotool xvfb"
 check_packages="clang-format clang-tidy clazy"
 
 as_root()
