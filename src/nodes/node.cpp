@@ -111,12 +111,16 @@ void Node::setName(const QString& name, Repaint repaint)
 
 void Node::setAddress(const QByteArray& address, Repaint repaint)
 {
-    _changeIdentity([&] { _address = address; }, repaint);
-    _update(repaint);
+    const bool areBoundsNew = _changeIdentity([&] { _address = address; }, repaint);
+    if (areBoundsNew && repaint == WithTraffic)
+        _updateScene(repaint);
+    else
+        _update(repaint);
 }
 
-/// Programs find the node in its network's directory by name and address; the labels show both.
-void Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
+/// Programs find the node in its network's directory by name and address; the labels show both. Returns
+/// whether they have new bounds.
+bool Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
 {
     auto* network = qobject_cast<Network*>(scene());
     if (network)
@@ -124,7 +128,7 @@ void Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
     change();
     if (network)
         network->_directory.add(this);
-    _calculateWidthForText(repaint);
+    return _calculateWidthForText(repaint);
 }
 
 bool Node::isInPromiscuousMode() const
@@ -319,20 +323,19 @@ QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
     return QGraphicsItem::itemChange(change, value);
 }
 
-/// Bounds that change with the traffic are not announced, as Qt would repaint them at once: they are
-/// repainted with the scene.
-void Node::_calculateWidthForText(Repaint repaint)
+/// Returns whether the bounds are new. Those that change with the traffic are not announced, as Qt would
+/// repaint them at once: the caller repaints the scene.
+bool Node::_calculateWidthForText(Repaint repaint)
 {
     const QFontMetrics metrics = QApplication::fontMetrics();
     const int width = std::max(metrics.horizontalAdvance(labelText(_name)),
                                metrics.horizontalAdvance(labelText(_address)));
     if (width == _widthForText)
-        return;
+        return false;
     if (repaint == AtOnce)
         prepareGeometryChange();
-    else
-        _updateScene(repaint);
     _widthForText = width;
+    return true;
 }
 
 void Node::_update(Repaint repaint)

@@ -126,7 +126,7 @@ private:
     friend QDataStream& operator>>(QDataStream& stream, Node* node);
 
     void _initialize();
-    void _changeIdentity(const std::function<void()>& change, Repaint repaint);
+    bool _changeIdentity(const std::function<void()>& change, Repaint repaint);
 
     enum StateFlag {
         Connected = 1,  // a program drives the node
@@ -139,7 +139,7 @@ private:
     bool _isConfirmationWanted() const;
     int _effectiveAcknowledgeTimeout() const;
     bool _carryOverConnections(const QByteArray& frame, int acknowledgeTimeout);
-    void _calculateWidthForText(Repaint repaint);
+    bool _calculateWidthForText(Repaint repaint);
     void _update(Repaint repaint);
     void _updateScene(Repaint repaint);
     QColor _baseColor() const;
