@@ -310,6 +310,7 @@ private:
 
     std::unique_ptr<LinkedPair> _pair;
     std::unique_ptr<RecordingView> _view;
+    int _paintingTime = 0;  // ms, of the whole view
 };
 
 void TestPainting::init()
@@ -386,15 +387,20 @@ void TestPainting::showView()
     }
     _view->show();
     QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
+    QElapsedTimer timer;
+    timer.start();
+    _view->viewport()->repaint();
+    _paintingTime = static_cast<int>(timer.elapsed());
     QVERIFY(waitForPaint());
 }
 
-/// Until all repaints that have been asked for are done, those that traffic may still be waiting for too.
+/// Until all repaints that have been asked for are done, those that traffic may still be waiting for too:
+/// twice as long as painting takes, on a busy machine.
 bool TestPainting::waitForPaint()
 {
     constexpr int picturePeriod = 16;  // ms, of traffic
     constexpr int windowPeriod = 10;   // ms, of the window system at least
-    if (!TestHelpers::passTimeouts(picturePeriod))
+    if (!TestHelpers::passTimeouts(picturePeriod + 4 * _paintingTime))
         return false;
     QTest::qWait(windowPeriod);
     _view->painted = QRegion();
