@@ -33,11 +33,15 @@ TimeoutScheduler* TimeoutScheduler::_instance = nullptr;
 TimeoutScheduler::TimeoutScheduler(QObject* parent)
     : QObject(parent)
 {
-    _instance = this;
     if (!_wakeUpTimer.isValid())
         return;
     _notifier = std::make_unique<QSocketNotifier>(_wakeUpTimer.descriptor(), QSocketNotifier::Read);
     connect(_notifier.get(), SIGNAL(activated(int)), this, SLOT(_wakeUp()));
+}
+
+void TimeoutScheduler::_create()
+{
+    _instance = new TimeoutScheduler(QCoreApplication::instance());
 }
 
 TimeoutScheduler::~TimeoutScheduler()

@@ -4,7 +4,6 @@
 #include "network/timeoutheap.h"
 
 #include <QBasicTimer>
-#include <QCoreApplication>
 #include <QObject>
 #include <QSocketNotifier>
 
@@ -22,7 +21,9 @@ class TimeoutScheduler : public QObject
 public:
     static TimeoutScheduler& instance()
     {
-        return _instance ? *_instance : *new TimeoutScheduler(QCoreApplication::instance());
+        if (!_instance)
+            _create();
+        return *_instance;
     }
 
     ~TimeoutScheduler() override;
@@ -48,6 +49,8 @@ private slots:
 
 private:
     explicit TimeoutScheduler(QObject* parent);
+
+    static void _create();
 
     void _runPass();
     bool _isDue(const TimeoutHeap& heap) const { return !heap.isEmpty() && heap.dueTime() <= _passTime; }
