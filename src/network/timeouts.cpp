@@ -53,6 +53,7 @@ void Timeouts::startShared(int delay)
         _startAt(dueTime);
 }
 
+/// Runs the handler once for all that is overdue: it is harmless to repeat, and lets its owner live.
 void Timeouts::_runOverdue(qint64 now)
 {
     while (!_isEmpty() && _nextDueTime() <= now)

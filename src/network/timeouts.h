@@ -8,11 +8,11 @@
 
 /// Any number of pending single-shot timeouts of one owner: the handler runs once for each as it falls due.
 ///
-/// Qt's own list of timers is searched from end to end, so one Qt timer a frame stalls the
-/// program at some ten thousand frames in flight, and its timers are up to a millisecond late. Here all
-/// owners share one timer of the kernel and the cost of a timeout does not grow with their number. Due times
-/// are kept to the nanosecond; handlers are never early. Equal or not, the handler runs for each due time of
-/// start(). What is still pending when the object is destroyed never runs. GUI thread only.
+/// Qt searches its own list of timers from end to end, so that one Qt timer a frame stalls the program at
+/// some ten thousand frames in flight, and its timers are up to a millisecond late. Here all owners share one
+/// timer of the kernel and the cost of a timeout does not grow with their number. Due times are kept to the
+/// nanosecond; handlers are never early. Equal or not, the handler runs for each due time of start(). What is
+/// still pending when the object is destroyed never runs. GUI thread only.
 class Timeouts
 {
 public:

@@ -110,8 +110,7 @@ void TimeoutScheduler::_runPass()
     endPass();
 }
 
-/// Those that come before all that is punctual: whatever the pass is late, the order is that of the due
-/// times.
+/// Runs those that come before all that is punctual: however late a pass is, due times keep their order.
 void TimeoutScheduler::_runLeisurelyHandlers()
 {
     while (_isDue(_leisurely) && (_punctual.isEmpty() || _leisurely.dueTime() <= _punctual.dueTime()))
