@@ -1,7 +1,7 @@
+#include "core/process.h"
 #include "exitcode.h"
 #include "network/networksimulation.h"
 #include "options.h"
-#include "process.h"
 #include "runner.h"
 
 #include <QApplication>

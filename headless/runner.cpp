@@ -1,8 +1,8 @@
 #include "runner.h"
 
 #include "awaitednodes.h"
+#include "core/streamhelpers.h"
 #include "network/networksimulation.h"
-#include "network/streamhelpers.h"
 #include "report.h"
 #include "unsentbytes.h"
 

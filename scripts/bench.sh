@@ -7,12 +7,12 @@ set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-comparison=bench/run.py
+comparison=measuring.limit.run
 packages="python3 util-linux"
 targets="lattivo-headless lattivo_loadclient lattivo_limitserver"
 if [ "${1:-}" = --window ]; then
     shift
-    comparison=bench/window.py
+    comparison=measuring.window.window
     packages="$packages fonts-dejavu-core xdotool xvfb"
     targets="lattivo-headless lattivo_loadclient lattivo_windowserver"
 fi
@@ -22,4 +22,4 @@ install_packages $build_packages $packages >&2
 cmake --preset release >&2
 # shellcheck disable=SC2086
 cmake --build --preset release --target $targets >&2
-exec python3 -B "$comparison" --build-dir build/release "$@"
+exec python3 -B -m "$comparison" --build-dir build/release "$@"

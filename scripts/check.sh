@@ -10,10 +10,10 @@ install_packages $build_packages $check_packages
 
 build=build/dev
 cmake --preset dev >/dev/null
-cmake --build --preset dev --parallel 2 --target lattivo_core lattivo lattivo-headless
+cmake --build --preset dev --parallel 2 --target lattivo lattivo-headless
 
 echo "== clang-format =="
-find QtComponents bench examples fidelity fuzz headless soak src tests -name '*.h' -o -name '*.cpp' | sort \
+find QtComponents examples headless measuring src tests -name '*.h' -o -name '*.cpp' | sort \
     | xargs clang-format --dry-run --Werror
 
 analysed=$(find QtComponents headless src -name '*.cpp' | sort)

@@ -10,4 +10,4 @@ cd "$(dirname "$0")/.."
 install_packages $build_packages fonts-dejavu-core gnuplot-nox python3 python3-scipy util-linux >&2
 cmake --preset release >&2
 cmake --build --preset release --target lattivo-headless lattivo_fidelityclient >&2
-exec /usr/bin/python3 -B fidelity/fidelity.py --build-dir build/release "$@"  # Debian's, which has its modules
+PYTHONPATH=examples exec /usr/bin/python3 -B -m measuring.fidelity.fidelity --build-dir build/release "$@"  # Debian's, which has its modules

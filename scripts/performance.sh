@@ -46,7 +46,7 @@ cmake --preset release >&2
 cmake --build --preset release --target lattivo-headless lattivo_frameload lattivo_ns3link >&2
 
 measure "$results/engine.json" scripts/bench.sh
-measure "$results/comparison.json" python3 -B bench/compare/compare.py --build-dir build/release
+measure "$results/comparison.json" python3 -B -m measuring.compare.compare --build-dir build/release
 measure "$results/window.json" scripts/bench.sh --window
-python3 -B bench/document.py --engine "$results/engine.json" --comparison "$results/comparison.json" \
+python3 -B -m measuring.limit.document --engine "$results/engine.json" --comparison "$results/comparison.json" \
     --window "$results/window.json" --output docs

@@ -9,6 +9,7 @@ set -eu
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
+export PYTHONPATH=examples
 mode=${1:-all}
 fuzz_seconds=1800
 soak_minutes=${2:-30}
@@ -37,8 +38,8 @@ accept_findings()
 # The tests of the machine's faults, one line a test.
 test_faults()
 {
-    QT_QPA_PLATFORM=offscreen timeout 300 build/release/tests/tst_filefaults || true
-    timeout 600 /usr/bin/python3 -B -m unittest discover -v -s tests -p test_faults.py || true
+    QT_QPA_PLATFORM=offscreen timeout 300 build/release/tests/unit/tst_filefaults || true
+    timeout 600 /usr/bin/python3 -B -m unittest -v tests.system.test_faults || true
 }
 
 test_and_measure()
@@ -52,11 +53,11 @@ test_and_measure()
     rm -f build/reliability/tests.json
     test_faults >build/reliability/tests.log 2>&1
     accept_findings build/reliability/measurements.json \
-        python3 -B reliability/measure.py --output build/reliability/measurements.json
+        python3 -B -m measuring.reliability.measure --output build/reliability/measurements.json
 }
 
 case $mode in
-    --from-summaries) exec /usr/bin/python3 -B reliability/document.py ;;
+    --from-summaries) exec /usr/bin/python3 -B -m measuring.reliability.document ;;
     all)
         accept_findings build/fuzz/summary.json scripts/fuzz.sh "$fuzz_seconds"
         accept_findings build/fuzz/coverage.json scripts/fuzz.sh --coverage
@@ -64,4 +65,4 @@ case $mode in
         ;;
 esac
 test_and_measure
-exec /usr/bin/python3 -B reliability/document.py --test-log build/reliability/tests.log
+exec /usr/bin/python3 -B -m measuring.reliability.document --test-log build/reliability/tests.log

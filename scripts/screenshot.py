@@ -9,13 +9,12 @@ import threading
 import time
 from pathlib import Path
 
-TOP_FOLDER = Path(__file__).resolve().parent.parent
-sys.path[:0] = [str(TOP_FOLDER / "tests"), str(TOP_FOLDER / "examples")]
+TOP_FOLDER = Path(__file__).resolve().parents[1]
 
-import bridge  # noqa: E402
-import desktop  # noqa: E402
-import lattivowindow  # noqa: E402
-import numbered  # noqa: E402
+import bridge
+import numbered
+
+from tests.support import desktop, lattivowindow
 
 SCREEN_SIZE = (1280, 800)
 WINDOW_SIZE = (1278, 775)  # with its frame as large as the screen

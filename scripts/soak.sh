@@ -13,7 +13,7 @@ for preset in asan release; do
     cmake --preset "$preset" >&2
     cmake --build --preset "$preset" --parallel 2 --target lattivo_soakserver >&2
 done
-LSAN_OPTIONS="suppressions=$PWD/tests/leaks.supp:print_suppressions=0"
+LSAN_OPTIONS="suppressions=$PWD/tests/support/leaks.supp:print_suppressions=0"
 export LSAN_OPTIONS
-exec python3 -B soak/run.py "$@" --folder build/soak \
-    --sanitized asan=build/asan/soak/lattivo_soakserver --plain release=build/release/soak/lattivo_soakserver
+PYTHONPATH=examples exec python3 -B -m measuring.soak.run "$@" --folder build/soak \
+    --sanitized asan=build/asan/measuring/soak/lattivo_soakserver --plain release=build/release/measuring/soak/lattivo_soakserver

@@ -1,5 +1,5 @@
+#include "core/process.h"
 #include "network/networksimulation.h"
-#include "process.h"
 #include "ui/mainwindow.h"
 
 #include <QApplication>

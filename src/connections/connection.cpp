@@ -1,9 +1,9 @@
 #include "connections/connection.h"
 
 #include "connections/connectionpropertieswidget.h"
+#include "core/streamhelpers.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
-#include "network/streamhelpers.h"
 #include "nodes/node.h"
 
 #include <QGraphicsEffect>

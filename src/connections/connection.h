@@ -1,9 +1,9 @@
 #pragma once
 
+#include "core/throttledupdate.h"
+#include "core/timeouts.h"
 #include "network/frame.h"
 #include "network/networkitem.h"
-#include "network/throttledupdate.h"
-#include "network/timeouts.h"
 
 #include <QColor>
 #include <QList>

@@ -2,7 +2,7 @@
 
 #include "capture/capture.h"
 #include "connections/connection.h"
-#include "network/biterrors.h"
+#include "core/biterrors.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
 #include "nodes/node.h"

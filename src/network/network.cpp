@@ -1,8 +1,8 @@
 #include "network/network.h"
 
+#include "core/streamhelpers.h"
 #include "network/networkpropertieswidget.h"
 #include "network/networksimulation.h"
-#include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
 
 #include <QGraphicsView>

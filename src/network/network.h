@@ -1,9 +1,9 @@
 #pragma once
 
 #include "connections/connection.h"
+#include "core/throttledupdate.h"
 #include "network/networkitem.h"
 #include "network/nodedirectory.h"
-#include "network/throttledupdate.h"
 #include "nodes/node.h"
 
 #include <QByteArray>

@@ -1,6 +1,6 @@
 #include "network/networksimulation.h"
 
-#include "network/streamhelpers.h"
+#include "core/streamhelpers.h"
 
 #include <QDataStream>
 #include <QFile>

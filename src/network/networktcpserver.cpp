@@ -1,7 +1,7 @@
-#include "network/bridgeprotocol.h"
+#include "core/streamhelpers.h"
 #include "network/network.h"
-#include "network/streamhelpers.h"
 #include "nodes/tcpnode.h"
+#include "protocol/bridgeprotocol.h"
 
 #include <QDataStream>
 #include <QHostAddress>

@@ -1,10 +1,10 @@
 #include "nodes/node.h"
 
 #include "connections/connection.h"
+#include "core/streamhelpers.h"
 #include "network/frame.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
-#include "network/streamhelpers.h"
 #include "nodes/nodepropertieswidget.h"
 
 #include <QApplication>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "core/throttledupdate.h"
+#include "core/timeouts.h"
 #include "network/networkitem.h"
-#include "network/throttledupdate.h"
-#include "network/timeouts.h"
 
 #include <QByteArray>
 #include <QColor>

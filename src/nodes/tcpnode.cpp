@@ -1,12 +1,12 @@
 #include "nodes/tcpnode.h"
 
-#include "network/bridgeprotocol.h"
-#include "network/messagereader.h"
+#include "core/streamhelpers.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
-#include "network/streamhelpers.h"
 #include "nodes/lingeringsocket.h"
 #include "nodes/tcpnodepropertieswidget.h"
+#include "protocol/bridgeprotocol.h"
+#include "protocol/messagereader.h"
 
 #include <QApplication>
 #include <QGraphicsSceneContextMenuEvent>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "network/messagereader.h"
-#include "nodes/messageoutput.h"
 #include "nodes/node.h"
+#include "protocol/messageoutput.h"
+#include "protocol/messagereader.h"
 
 #include <QAbstractSocket>
 

@@ -1,0 +1,253 @@
+#!/usr/bin/env python3
+"""Writes the simulation file of a benchmark: pairs of linked nodes, a ring of them, or a star around node 0.
+
+Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last two bytes), as wire.h has it too.
+"""
+
+import argparse
+import struct
+from dataclasses import dataclass, field
+
+VERSIONED_MAGIC = 0xC191277D
+FILE_VERSION = 1
+NODE_ITEM_TYPE = 65536
+CONNECTION_ITEM_TYPE = 65537
+PLAIN_NODE = -1
+TCP_NODE = 1
+UNCHECKED, PARTIALLY_CHECKED, CHECKED = 0, 1, 2
+
+MAXIMAL_TRANSFER_UNIT = 255
+ADDRESS_LENGTH = 6
+DESTINATION_OFFSET = 0
+SOURCE_OFFSET = 6
+BROADCAST_ADDRESS = b"\xff" * ADDRESS_LENGTH
+DEFAULT_PORT = 8844
+
+DARK_BLUE = (0, 0, 128)
+LIGHT_GRAY = (192, 192, 192)
+ACTIVE_BLUE = (155, 155, 255)
+TX_GREEN = (155, 255, 155)
+RX_YELLOW = (255, 255, 155)
+
+
+@dataclass
+class Layout:
+    nodes_per_row: int = 32
+    distance: float = 200.0  # scene units
+    left: float = 0.0
+    top: float = 0.0
+
+    def position(self, index):
+        row, column = divmod(index, self.nodes_per_row)
+        return (self.left + column * self.distance, self.top + row * self.distance)
+
+
+@dataclass
+class NodeSettings:
+    """A node's own; what is left out follows the default node."""
+
+    confirms: int = PARTIALLY_CHECKED
+    confirmation_timeout: int = -1  # ms; below 1: the default node's
+    promiscuous: int = PARTIALLY_CHECKED
+
+
+@dataclass
+class LinkSettings:
+    """A link's own; what is left out follows the default connection."""
+
+    broken: bool = False
+    reliability: float = -1.0  # negative: the default's
+    detection: float = -1.0  # likewise
+    delay: int = -1  # ms; 0 or below: the default's
+    delay_deviation: int = -1  # likewise
+
+
+@dataclass
+class Simulation:
+    pairs: int = 1
+    single_nodes: int = 0  # without a link, behind all others
+    ring_steps: tuple = ()  # each node of the pairs is linked with those so many places further on instead
+    star_links: int = 0  # 0: pairs
+    wiring: tuple = None  # any links instead, each as the numbers of its two ends
+    maximal_transfer_unit: int = MAXIMAL_TRANSFER_UNIT  # bytes
+    confirms: bool = False
+    confirmation_timeout: int = 1000  # ms
+    delay: int = 0  # ms
+    delay_deviation: int = 0  # ms
+    reliability: float = 1.0  # per bit
+    detection: float = 1.0  # per corrupted frame
+    own_nodes: dict = field(default_factory=dict)  # NodeSettings by number
+    own_links: dict = field(default_factory=dict)  # LinkSettings by place in links()
+    layout: Layout = field(default_factory=Layout)
+
+    def linked_node_count(self):
+        if self.wiring is not None:
+            return 1 + max((end for ends in self.wiring for end in ends), default=-1)
+        return 1 + self.star_links if self.star_links else 2 * self.pairs
+
+    def node_count(self):
+        return self.linked_node_count() + self.single_nodes
+
+    def links(self):
+        if self.wiring is not None:
+            return list(self.wiring)
+        if self.star_links:
+            return [(0, leaf) for leaf in range(1, 1 + self.star_links)]
+        if self.ring_steps:
+            count = self.linked_node_count()
+            return [(node, (node + step) % count) for step in self.ring_steps for node in range(count)]
+        return [(2 * pair, 2 * pair + 1) for pair in range(self.pairs)]
+
+
+def node_name(node):
+    return f"node-{node}"
+
+
+def node_address(node):
+    return struct.pack(">BxxxH", 2, node)
+
+
+def boolean(value):
+    return struct.pack(">?", value)
+
+
+def byte_array(value):
+    return struct.pack(">I", len(value)) + value
+
+
+def string(value):
+    return byte_array(value.encode("utf-16-be"))
+
+
+def color(rgb):
+    """None is the invalid colour, which inherits."""
+    if rgb is None:
+        return struct.pack(">bHHHHH", 0, 0xFFFF, 0, 0, 0, 0)
+    wide = [component * 0x101 for component in rgb]
+    return struct.pack(">bHHHHH", 1, 0xFFFF, *wide, 0)
+
+
+def node_record(node_type, node_id, position, address, body, name, promiscuous):
+    header = struct.pack(">iiQ", NODE_ITEM_TYPE, node_type, node_id)
+    flags = 0
+    return (
+        header
+        + struct.pack(">dd", *position)
+        + byte_array(address)
+        + struct.pack(">i", flags)
+        + body
+        + string(name)
+        + string("")  # tool tip
+        + struct.pack(">i", promiscuous)
+    )
+
+
+def node_settings(acknowledged, timeout, colors, stroke_width, shown):
+    show_address = show_connection_count = show_name = shown
+    return (
+        struct.pack(">ii", acknowledged, timeout)
+        + b"".join(color(rgb) for rgb in colors)
+        + struct.pack(">d", stroke_width)
+        + struct.pack(">iii", show_address, show_connection_count, show_name)
+    )
+
+
+def default_node(simulation):
+    acknowledged = CHECKED if simulation.confirms else UNCHECKED
+    timeout = simulation.confirmation_timeout if simulation.confirms else 0
+    colors = (LIGHT_GRAY, ACTIVE_BLUE, TX_GREEN, RX_YELLOW)
+    settings = node_settings(acknowledged, timeout, colors, 2.0, CHECKED)
+    return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
+
+
+def node(index, position, own):
+    body = node_settings(own.confirms, own.confirmation_timeout, (None,) * 4, -1.0, PARTIALLY_CHECKED)
+    return node_record(TCP_NODE, node_id(index), position, node_address(index), body, node_name(index), own.promiscuous)
+
+
+def node_id(index):
+    return index + 1  # 0 names no node
+
+
+def connection_record(ends, settings, rgb, stroke_width):
+    behaviour = (settings.reliability, settings.detection, settings.delay, settings.delay_deviation)
+    return (
+        struct.pack(">iQQ", CONNECTION_ITEM_TYPE, *ends)
+        + boolean(settings.broken)
+        + struct.pack(">ddii", *behaviour)
+        + color(rgb)
+        + struct.pack(">d", stroke_width)
+        + string("")  # tool tip
+    )
+
+
+def default_connection(simulation):
+    settings = LinkSettings(
+        False, simulation.reliability, simulation.detection, simulation.delay, simulation.delay_deviation
+    )
+    return connection_record((0, 0), settings, DARK_BLUE, 2.0)
+
+
+def connection(ends, own):
+    return connection_record([node_id(end) for end in ends], own, None, -1.0)
+
+
+def network_record(simulation):
+    server_on = plug_and_play = name_based = False  # the runner's options decide
+    parameters = (simulation.maximal_transfer_unit, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
+    nodes = [
+        node(index, simulation.layout.position(index), simulation.own_nodes.get(index, NodeSettings()))
+        for index in range(simulation.node_count())
+    ]
+    connections = [
+        connection(ends, simulation.own_links.get(index, LinkSettings()))
+        for index, ends in enumerate(simulation.links())
+    ]
+    return (
+        struct.pack(">iiii", *parameters)
+        + byte_array(BROADCAST_ADDRESS)
+        + struct.pack(">?H??", server_on, DEFAULT_PORT, plug_and_play, name_based)
+        + default_connection(simulation)
+        + default_node(simulation)
+        + struct.pack(">I", len(nodes))
+        + b"".join(nodes)
+        + struct.pack(">I", len(connections))
+        + b"".join(connections)
+    )
+
+
+def simulation_file(simulation):
+    capture_enabled = view_follows = False
+    return (
+        struct.pack(">II", VERSIONED_MAGIC, FILE_VERSION)
+        + network_record(simulation)
+        + struct.pack(">??", capture_enabled, view_follows)
+        + struct.pack(">I", VERSIONED_MAGIC)
+    )
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("file")
+    wiring = parser.add_mutually_exclusive_group()
+    wiring.add_argument("--pairs", type=int, default=1)
+    wiring.add_argument("--star", type=int, default=0, metavar="LINKS")
+    parser.add_argument("--confirm", action="store_true", help="every node gets confirmations")
+    parser.add_argument("--delay", type=int, default=0, help="of every link, in ms")
+    parser.add_argument("--deviation", type=int, default=0, help="width of the delay's random spread, in ms")
+    parser.add_argument("--reliability", type=float, default=1.0, help="of every link, per bit, 0 to 1")
+    options = parser.parse_args()
+    simulation = Simulation(
+        pairs=options.pairs,
+        star_links=options.star,
+        confirms=options.confirm,
+        delay=options.delay,
+        delay_deviation=options.deviation,
+        reliability=options.reliability,
+    )
+    with open(options.file, "wb") as file:
+        file.write(simulation_file(simulation))
+
+
+if __name__ == "__main__":
+    main()

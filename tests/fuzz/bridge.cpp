@@ -1,0 +1,376 @@
+#include "fuzztarget.h"
+
+#include "network/frame.h"
+#include "network/network.h"
+#include "network/networksimulation.h"
+#include "nodes/tcpnode.h"
+#include "protocol/bridgeprotocol.h"
+#include "testaccess.h"
+
+#include <QTcpSocket>
+#include <QtEndian>
+
+#include <memory>
+
+namespace {
+
+/// Bits of the input's first byte.
+enum Choice : unsigned {
+    WantsConfirmations,
+    IsReceiverPromiscuous,
+    IsLinkNoisy,
+    IsLinkBroken,
+    HasFurtherLinks,    // one to a third node, and one that leads from the sender to itself
+    AreAddressesShort,  // one byte
+    HasSenderNoAddress,
+    ClosesBeforeItIsRead,  // after each piece
+};
+
+constexpr double noisyReliability = 0.99;  // per bit; the receiver notices every error
+constexpr int shortAddressLength = 1;
+constexpr quint32 nullLength = 0xFFFFFFFF;
+
+Fuzz::Goal deliveredUnicast("a frame is delivered to the node that it names");
+Fuzz::Goal deliveredShort("a frame with short addresses is delivered");
+Fuzz::Goal deliveredPromiscuously("a promiscuous receiver takes a frame for another node");
+Fuzz::Goal lostToNoise("a noisy link loses a frame");
+Fuzz::Goal cameBack("a link from a node to itself brings a frame back");
+Fuzz::Goal confirmedUnicast("a frame to one node is confirmed");
+Fuzz::Goal confirmedBroadcast("a broadcast is confirmed");
+Fuzz::Goal reportedLoss("a frame is reported as lost");
+Fuzz::Goal switchedOff("a node that is switched off sends nothing");
+Fuzz::Goal switchedOn("a node that was switched on again sends");
+Fuzz::Goal gotFirstAddress("a node gets its first address");
+Fuzz::Goal detachedByError("an error detaches a program");
+
+/// As in docs/formats.md: 02:00:00:00:00 and the number.
+QByteArray address(int number, int length)
+{
+    return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
+}
+
+QTcpSocket* newSocket(Fuzz::Program& program)
+{
+    auto* socket = new QTcpSocket;
+    Fuzz::require(socket->setSocketDescriptor(program.takeSimulatorEnd()), "a descriptor can be adopted");
+    return socket;
+}
+
+quint32 wordAt(const QByteArray& bytes, int offset)
+{
+    return qFromBigEndian<quint32>(bytes.constData() + offset);
+}
+
+struct SentFrame {
+    QByteArray bytes;
+    QByteArray senderAddress;  // when it was sent
+};
+
+/// What docs/formats.md says of messages from a program, told anew: which frames a piece makes the node send.
+class ExpectedSender
+{
+public:
+    ExpectedSender(const QByteArray& address, int networkAddressLength)
+        : _address(address)
+        , _networkAddressLength(networkAddressLength)
+    {
+    }
+
+    QList<SentFrame> framesOf(const QByteArray& piece)
+    {
+        QList<SentFrame> frames;
+        int position = 0;
+        while (_isAttached && position < piece.size())
+            position = _readMessage(piece, position, &frames);
+        return frames;
+    }
+
+    bool isAttached() const { return _isAttached; }
+    QByteArray address() const { return _address; }
+
+private:
+    /// Returns where the next message begins.
+    int _readMessage(const QByteArray& piece, int begin, QList<SentFrame>* frames)
+    {
+        const int type = piece.at(begin);
+        const qint64 left = piece.size() - begin - Bridge::headerSize;
+        if (left < 0)
+            return _end();
+        const quint32 word = wordAt(piece, begin + 1);
+        if (type == Bridge::NodeControl)
+            return _readControl(piece, begin, word);
+
+        const quint32 length = word == nullLength ? 0 : word;
+        if ((type != Bridge::Frame && type != Bridge::Ignored) || length > left)
+            return _end();
+        const int body = begin + Bridge::headerSize;
+        if (type == Bridge::Frame) {
+            switchedOff.noteIf(!_isEnabled);
+            switchedOn.noteIf(_isEnabled && _wasDisabled);
+            if (_isEnabled)
+                frames->append({piece.mid(body, static_cast<int>(length)), _address});
+        }
+        return body + static_cast<int>(length);
+    }
+
+    int _readControl(const QByteArray& piece, int begin, quint32 length)
+    {
+        const int data = begin + Bridge::nodeControlHeaderSize;
+        if (data > piece.size())
+            return _end();
+        const int type = piece.at(begin + Bridge::headerSize);
+        const qint64 dataLength = length == 0 ? nullLength : length - 1;
+        const bool isColor = type == Bridge::SetColor && dataLength == Bridge::colorSize;
+        const bool isRead = type == Bridge::SetAddress || type == Bridge::SetName || isColor;
+        if (type < Bridge::SetAddress || type > Bridge::SetName
+            || (isRead && dataLength > piece.size() - data))
+            return _end();
+        if (type == Bridge::Enable || type == Bridge::Disable)
+            _isEnabled = type == Bridge::Enable;
+        _wasDisabled = _wasDisabled || !_isEnabled;
+        if (type == Bridge::SetAddress)
+            _setAddress(piece.mid(data, static_cast<int>(dataLength)));
+        return isRead ? data + static_cast<int>(dataLength) : data;
+    }
+
+    void _setAddress(const QByteArray& address)
+    {
+        const bool isFirst = _address.isEmpty();
+        if (address.size() != (isFirst ? _networkAddressLength : _address.size()))
+            return;
+        gotFirstAddress.noteIf(isFirst);
+        _address = address;
+    }
+
+    int _end()
+    {
+        _isAttached = false;
+        return 0;
+    }
+
+    QByteArray _address;
+    int _networkAddressLength;
+    bool _isAttached = true;
+    bool _isEnabled = true;
+    bool _wasDisabled = false;
+};
+
+/// What frames lead to where no bit changes.
+struct ExpectedOutcome {
+    QByteArrayList delivered;  // to the receiver
+    QByteArrayList returned;   // to the sender itself
+    int unicasts = 0;          // that are confirmed
+    int broadcasts = 0;        // likewise
+    int losses = 0;            // that are reported
+};
+
+/// The bodies of messages to a program. Every message is whole, known and as long as its kind may be.
+struct MessagesToProgram {
+    explicit MessagesToProgram(const QByteArray& bytes)
+    {
+        int position = 0;
+        while (position < bytes.size())
+            position = _read(bytes, position);
+    }
+
+    QByteArrayList frames;
+    int confirmations = 0;
+    int losses = 0;
+
+private:
+    int _read(const QByteArray& bytes, int begin)
+    {
+        Fuzz::require(bytes.size() - begin > Bridge::headerSize, "a program gets whole messages");
+        const quint32 length = wordAt(bytes, begin + 1);
+        const QByteArray body = bytes.mid(begin + Bridge::headerSize, static_cast<int>(length));
+        Fuzz::require(length > 0 && body.size() == static_cast<int>(length), "a program gets whole bodies");
+        if (bytes.at(begin) == Bridge::Frame) {
+            frames.append(body);
+        } else {
+            const int outcome = body.at(0);
+            Fuzz::require(bytes.at(begin) == Bridge::Confirmation && length == 1,
+                          "a program gets what it knows");
+            Fuzz::require(outcome == Bridge::FrameDelivered || outcome == Bridge::FrameNotDelivered,
+                          "an outcome is one or the other");
+            ++(outcome == Bridge::FrameDelivered ? confirmations : losses);
+        }
+        return begin + Bridge::headerSize + body.size();
+    }
+};
+
+/// A sender with the program that the fuzzer is, linked to a receiver with a program of its own.
+class Scene
+{
+public:
+    explicit Scene(uint8_t choices)
+        : _choices(choices)
+        , _network(Fuzz::newNetwork())
+    {
+        auto& parameters = TestAccess::parameters(*_network);
+        if (_is(AreAddressesShort)) {
+            parameters.addressLength = shortAddressLength;
+            parameters.sourceAddressOffset = shortAddressLength;
+            parameters.broadcastAddress.truncate(shortAddressLength);
+        }
+        NetworkSimulation::instance()->capture()->setEnabled(true);
+        _sender = _addNode(_is(HasSenderNoAddress) ? 0 : 1, _sendingProgram);
+        _receiver = _addNode(2, _receivingProgram);
+        _expected = std::make_unique<ExpectedSender>(_sender->address(), _network->addressLength());
+        TestAccess::framesAcknowledged(*_sender) = _is(WantsConfirmations) ? Qt::Checked : Qt::Unchecked;
+        TestAccess::promiscuousMode(*_receiver) = _is(IsReceiverPromiscuous) ? Qt::Checked : Qt::Unchecked;
+        _addLinks();
+    }
+    ~Scene() { Fuzz::deleteNetwork(); }
+    Q_DISABLE_COPY_MOVE(Scene)
+
+    void playWith(const QByteArrayList& pieces)
+    {
+        for (const QByteArray& piece : pieces) {
+            _sendingProgram.send(piece);
+            if (_is(ClosesBeforeItIsRead))
+                _sendingProgram.close();
+            else
+                _check(piece);
+        }
+        _sendingProgram.close();
+        Fuzz::passEvents(Fuzz::passesOfAFrame);
+        Fuzz::require(!_sender->socket() && !_sender->active(), "a node whose program has gone is inactive");
+        Fuzz::require(_receiver->socket(), "another program's end does nothing to the receiver");
+    }
+
+private:
+    bool _is(Choice choice) const { return Fuzz::isChosen(_choices, choice); }
+
+    TcpNode* _addNode(int number, Fuzz::Program& program)
+    {
+        const QByteArray identity = number == 0 ? QByteArray() : address(number, _network->addressLength());
+        auto* node = new TcpNode(identity, newSocket(program));
+        _network->addItem(node);
+        return node;
+    }
+
+    void _addLinks()
+    {
+        auto* link = new Connection(_sender, _receiver);
+        TestAccess::reliability(*link) = _is(IsLinkNoisy) ? noisyReliability : 1.0;
+        TestAccess::broken(*link) = _is(IsLinkBroken);
+        _network->addItem(link);
+        if (!_is(HasFurtherLinks))
+            return;
+        auto* third = new TcpNode(address(3, _network->addressLength()), nullptr);
+        _network->addItem(third);
+        _network->addItem(new Connection(third, _sender));
+        _network->addItem(new Connection(_sender, _sender));
+    }
+
+    /// \a piece has been sent and nothing of it was read yet.
+    void _check(const QByteArray& piece)
+    {
+        const bool wasAttached = _sender->socket() != nullptr;
+        const QList<SentFrame> sent = _expected->framesOf(piece);
+        const qint64 sentBefore = _sender->sendFramesCount();
+        Fuzz::passEvents(Fuzz::passesOfAFrame);
+
+        const bool isAttached = _sender->socket() != nullptr;
+        Fuzz::require(isAttached == _expected->isAttached(), "only an error detaches a program");
+        Fuzz::require(_sender->sendFramesCount() - sentBefore == sent.size(), "every whole frame is sent");
+        Fuzz::require(_sender->address() == _expected->address(), "a program sets its node's address");
+        detachedByError.noteIf(wasAttached && !isAttached);
+        _checkReceived(_outcomeOf(sent));
+    }
+
+    void _checkReceived(const ExpectedOutcome& expected)
+    {
+        const MessagesToProgram toReceiver(_receivingProgram.receive());
+        const MessagesToProgram toSender(_sendingProgram.receive());
+        Fuzz::require(toReceiver.confirmations + toReceiver.losses == 0, "only a sender gets confirmations");
+        Fuzz::require(toSender.frames == expected.returned,
+                      "the sender gets the frames that come back to it");
+        if (!_is(WantsConfirmations))
+            Fuzz::require(toSender.confirmations + toSender.losses == 0,
+                          "confirmations come only where they are wanted");
+        if (_is(IsLinkNoisy)) {
+            lostToNoise.noteIf(toReceiver.frames.size() < expected.delivered.size());
+            return;
+        }
+        Fuzz::require(toReceiver.frames == expected.delivered, "the receiver gets its frames in order");
+        Fuzz::require(toSender.confirmations == expected.unicasts + expected.broadcasts,
+                      "every frame that is taken is confirmed");
+        Fuzz::require(toSender.losses == expected.losses,
+                      "every frame that nobody takes is reported as lost");
+        _noteGoals(expected);
+    }
+
+    void _noteGoals(const ExpectedOutcome& outcome) const
+    {
+        for (const QByteArray& frame : outcome.delivered) {
+            const QByteArray destination = frame.left(_network->addressLength());
+            const bool isForReceiver = destination == _receiver->address();
+            (_is(AreAddressesShort) ? deliveredShort : deliveredUnicast).noteIf(isForReceiver);
+            deliveredPromiscuously.noteIf(!isForReceiver && destination != _network->broadcastAddress());
+        }
+        for (const QByteArray& frame : outcome.returned)
+            cameBack.noteIf(!Frame::isBroadcast(frame));
+        confirmedUnicast.noteIf(outcome.unicasts > 0 && !_is(AreAddressesShort));
+        confirmedBroadcast.noteIf(outcome.broadcasts > 0);
+        reportedLoss.noteIf(outcome.losses > 0);
+    }
+
+    ExpectedOutcome _outcomeOf(const QList<SentFrame>& frames) const
+    {
+        ExpectedOutcome outcome;
+        for (const SentFrame& frame : frames)
+            _addFrame(&outcome, frame);
+        if (!_is(WantsConfirmations))
+            outcome.broadcasts = 0;
+        if (!_is(WantsConfirmations) || !_expected->isAttached()) {
+            outcome.unicasts = 0;
+            outcome.losses = 0;
+        }
+        if (!_expected->isAttached())  // it got what is confirmed at once, and nothing else
+            outcome.returned.clear();
+        return outcome;
+    }
+
+    void _addFrame(ExpectedOutcome* outcome, const SentFrame& frame) const
+    {
+        const int length = _network->addressLength();
+        const int size = frame.bytes.size();
+        const QByteArray destination = frame.bytes.left(length);
+        const bool isValid = size >= 2 * length && size <= _network->maximalTransferUnit();
+        const bool isForAll = destination == _network->broadcastAddress();
+        const bool isForReceiver = destination == _receiver->address();
+        const bool isDelivered
+            = isValid && !_is(IsLinkBroken) && (isForAll || isForReceiver || _is(IsReceiverPromiscuous));
+        const bool isReturned
+            = isValid && _is(HasFurtherLinks) && (isForAll || destination == frame.senderAddress);
+        if (isDelivered)
+            outcome->delivered.append(frame.bytes);
+        if (isReturned)
+            outcome->returned.append(frame.bytes);
+        if (isForAll)
+            outcome->broadcasts += isDelivered || isReturned ? 1 : 0;
+        else
+            outcome->unicasts += (isDelivered && isForReceiver ? 1 : 0) + (isReturned ? 1 : 0);
+        outcome->losses += isDelivered || isReturned ? 0 : 1;
+    }
+
+    uint8_t _choices;
+    Network* _network;  // owned by the simulation
+    Fuzz::Program _sendingProgram;
+    Fuzz::Program _receivingProgram;
+    TcpNode* _sender = nullptr;
+    TcpNode* _receiver = nullptr;
+    std::unique_ptr<ExpectedSender> _expected;
+};
+
+}  // namespace
+
+/// The input is a byte of choices and what the program of an attached node sends.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    Fuzz::Input input(data, size);
+    Scene scene(input.takeByte());
+    scene.playWith(input.takePieces());
+    return 0;
+}

@@ -1,0 +1,310 @@
+#include "fuzztarget.h"
+
+#include "core/streamhelpers.h"
+#include "loadsimulation.h"
+#include "network/networksimulation.h"
+#include "nodes/tcpnode.h"
+#include "testaccess.h"
+
+#include <QDataStream>
+#include <QImage>
+#include <QPainter>
+#include <QWidget>
+
+#include <algorithm>
+#include <memory>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int mostForms = 4;        // nodes, and as many links: making a form takes a millisecond
+constexpr int mostSenders = 8;      // nodes
+constexpr int mostDeliveries = 4;   // frames of a link: to each of a few nodes, and to all
+constexpr int longestFrame = 2000;  // bytes
+constexpr int pictureSize = 32;     // pixels
+constexpr int idSize = 8;
+constexpr int trailerSize = 4;
+constexpr int captureRecordSize = 2;
+constexpr int countSize = 4;
+constexpr int nodeIdOffset = 8;          // within a node record
+constexpr int connectionEndsOffset = 4;  // within a connection record
+
+Fuzz::Goal loadedOld("a file of version 0 is loaded");
+Fuzz::Goal loadedNew("a file of version 1 is loaded");
+Fuzz::Goal deliveredUnicast("a frame is delivered to the node that it names, in time");
+Fuzz::Goal deliveredBroadcast("a broadcast is delivered");
+Fuzz::Goal deliveredPromiscuously("a promiscuous node takes a frame for another one");
+Fuzz::Goal deliveredChanged("a frame is delivered with bits that a link has changed");
+Fuzz::Goal lost("a link loses a frame");
+
+NetworkSimulation& simulation()
+{
+    return *NetworkSimulation::instance();
+}
+
+Network& network()
+{
+    return *simulation().network();
+}
+
+/// Topmost first, as in a file.
+template <typename Item> QList<Item*> items()
+{
+    QList<Item*> found;
+    const QList<QGraphicsItem*> all = network().items(Qt::DescendingOrder);
+    for (QGraphicsItem* item : all) {
+        if (auto* wanted = dynamic_cast<Item*>(item))
+            found.append(wanted);
+    }
+    return found;
+}
+
+/// A file in memory only, which the program reaches by its name.
+class MemoryFile
+{
+public:
+    MemoryFile()
+        : _descriptor(memfd_create("fuzz", MFD_CLOEXEC))
+    {
+    }
+    ~MemoryFile() { ::close(_descriptor); }
+    Q_DISABLE_COPY_MOVE(MemoryFile)
+
+    QString path() const { return QStringLiteral("/proc/self/fd/%1").arg(_descriptor); }
+
+    QByteArray contents() const
+    {
+        QByteArray bytes(static_cast<int>(::lseek(_descriptor, 0, SEEK_END)), '\0');
+        const ssize_t size = ::pread(_descriptor, bytes.data(), static_cast<size_t>(bytes.size()), 0);
+        Fuzz::require(size == bytes.size(), "what was written can be read");
+        return bytes;
+    }
+
+private:
+    int _descriptor;
+};
+
+QByteArray saved()
+{
+    const MemoryFile file;
+    Fuzz::require(simulation().save(file.path()), "a simulation can be saved");
+    return file.contents();
+}
+
+template <typename Record> QByteArray recordOf(Record* item)
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream.setVersion(Stream::version);
+    stream << item;
+    return bytes;
+}
+
+/// A saved file without what another save of the same simulation may write otherwise: nodes are numbered in
+/// the order of \a nodes instead of named by their ids.
+struct SavedParts {
+    QByteArray head;  // up to the number of nodes
+    QByteArrayList nodes;
+    QByteArrayList connections;
+    QByteArray tail;  // capture record and trailer
+
+    bool operator==(const SavedParts& other) const
+    {
+        return head == other.head && nodes == other.nodes && connections == other.connections
+            && tail == other.tail;
+    }
+};
+
+QByteArray number(int value)
+{
+    return QByteArray::number(value).rightJustified(idSize, '0');
+}
+
+/// What comes first in a file lies lowest once it is loaded: the order turns around from one save to the
+/// next.
+enum class Order { AsSaved, Reversed };
+
+SavedParts partsOf(const QByteArray& file, Order order)
+{
+    QList<Node*> nodes = items<Node>();
+    QList<Connection*> connections = items<Connection>();
+    if (order == Order::Reversed) {
+        std::reverse(nodes.begin(), nodes.end());
+        std::reverse(connections.begin(), connections.end());
+    }
+
+    SavedParts parts;
+    int recordsSize = 0;
+    for (Node* node : qAsConst(nodes)) {
+        QByteArray record = recordOf(node);
+        recordsSize += record.size();
+        parts.nodes.append(record.replace(nodeIdOffset, idSize, QByteArray()));
+    }
+    for (Connection* connection : qAsConst(connections)) {
+        QByteArray record = recordOf(connection);
+        recordsSize += record.size();
+        const QByteArray ends
+            = number(nodes.indexOf(connection->node(0))) + number(nodes.indexOf(connection->node(1)));
+        parts.connections.append(record.replace(connectionEndsOffset, 2 * idSize, ends));
+    }
+
+    const int tailSize = captureRecordSize + trailerSize;
+    const int headSize = file.size() - recordsSize - 2 * countSize - tailSize;
+    const int templateSize = recordOf(network().defaultNode()).size();
+    parts.head = file.left(headSize).replace(headSize - templateSize + nodeIdOffset, idSize, QByteArray());
+    parts.tail = file.right(tailSize);
+    return parts;
+}
+
+template <typename Item> void makeForms(const QList<Item*>& items)
+{
+    for (Item* item : items.mid(0, mostForms))
+        delete item->propertiesWidget();
+}
+
+void makeAllForms()
+{
+    delete network().propertiesWidget();
+    makeForms(items<Node>());
+    makeForms(items<Connection>());
+}
+
+/// Of an area in the middle and of all that there is.
+void paint()
+{
+    QImage image(pictureSize, pictureSize, QImage::Format_ARGB32_Premultiplied);
+    QPainter painter(&image);
+    const QRectF whole(image.rect());
+    network().render(&painter, whole, QRectF(-150, -150, 500, 500));
+    network().render(&painter, whole, network().itemsBoundingRect());
+}
+
+QByteArray frame(const QByteArray& destination)
+{
+    const qint64 lastOffset = std::max(network().destinationAddressOffset(), network().sourceAddressOffset());
+    const qint64 size = qBound<qint64>(0, lastOffset + network().addressLength(), longestFrame);
+    QByteArray bytes(static_cast<int>(size), '\x5A');
+    const int offset = network().destinationAddressOffset();
+    if (offset >= 0 && offset <= bytes.size())
+        bytes.replace(offset, destination.size(), destination);
+    return bytes;
+}
+
+/// To every address first, as few are delivered; then to all and to nobody; with the least and the most bytes
+/// of a valid frame, and none.
+void sendFrames()
+{
+    QByteArrayList frames;
+    const QList<Node*> nodes = items<Node>().mid(0, mostSenders);
+    for (Node* node : nodes) {
+        node->setActive(true, false);
+        frames.append(frame(node->address()));
+    }
+    frames << frame(network().broadcastAddress()) << frame(QByteArray()) << QByteArray();
+    const int mtu = network().maximalTransferUnit();
+    if (mtu >= 0 && mtu < longestFrame)
+        frames << QByteArray(mtu, '\x01') << QByteArray(mtu + 1, '\x01');
+
+    for (Node* node : nodes) {
+        for (const QByteArray& bytes : qAsConst(frames))
+            node->dataRequest(bytes);
+    }
+}
+
+void noteFate(const Frame& frame)
+{
+    const bool isDelivered = frame.wasDelivered(false);
+    const bool isForOther = frame.promiscuousReceive();  // so for every broadcast
+    deliveredUnicast.noteIf(frame.wasDelivered(true) && !isForOther);
+    deliveredBroadcast.noteIf(isDelivered && frame.isBroadcast());
+    deliveredPromiscuously.noteIf(isDelivered && isForOther && !frame.isBroadcast());
+    deliveredChanged.noteIf(isDelivered && !frame.isCRCCorrect());
+    lost.noteIf(!isDelivered && !frame.isCRCCorrect());
+}
+
+/// Those whose delay is up by the events, some of each link before their time; the others stay in flight.
+void deliverFrames()
+{
+    Fuzz::passEvents();
+    const QList<Connection*> connections = items<Connection>();
+    for (Connection* connection : connections) {
+        const QList<Frame> inFlight = TestAccess::framesInFlight(*connection).mid(0, mostDeliveries);
+        for (const Frame& frame : inFlight) {
+            noteFate(frame);
+            connection->deliverFrame();
+        }
+    }
+}
+
+void readCapture()
+{
+    const Capture* capture = simulation().capture();
+    const int lastRow = capture->rowCount() - 1;
+    for (int column = 0; column < capture->columnCount(); ++column) {
+        capture->data(capture->index(0, column));
+        capture->data(capture->index(lastRow, column), Qt::ToolTipRole);
+        capture->data(capture->index(lastRow, column), Qt::DecorationRole);
+    }
+    const MemoryFile dump;
+    Fuzz::require(simulation().exportPcapDump(dump.path()), "a dump can be written");
+}
+
+/// With frames in flight; a form of it is open.
+void deleteTopmostNode()
+{
+    const QList<Node*> nodes = items<Node>();
+    if (nodes.isEmpty())
+        return;
+    const std::unique_ptr<QWidget> form(nodes.first()->propertiesWidget());
+    nodes.first()->setSelected(true);
+    network().deleteSelectedNetworkItem();
+    Fuzz::passEvents();
+    Fuzz::require(items<Node>().size() == nodes.size() - 1, "one node is deleted");
+}
+
+/// Loads \a file, which was \a parts when it was saved, and saves again.
+void checkReload(const QByteArray& file, const SavedParts& parts, bool wasServerOn)
+{
+    Fuzz::require(loadSimulation(file), "what was saved can be loaded");
+    if (network().isTcpEnabled() == wasServerOn)  // else another process has taken the port meanwhile
+        Fuzz::require(partsOf(saved(), Order::Reversed) == parts, "what was loaded is saved as it was");
+}
+
+void use()
+{
+    const QByteArray file = saved();
+    const SavedParts parts = partsOf(file, Order::AsSaved);
+    const bool isServerOn = network().isTcpEnabled();
+    const bool isCaptureOn = simulation().capture()->isEnabled();
+    (simulation().fileVersion() == 0 ? loadedOld : loadedNew).noteIf(true);
+
+    paint();  // nodes without a program
+    simulation().capture()->setEnabled(true);
+    sendFrames();
+    deliverFrames();
+    paint();
+    readCapture();
+    makeAllForms();
+    simulation().capture()->setEnabled(isCaptureOn);
+    Fuzz::require(saved() == file, "neither forms nor frames change what is saved");
+
+    deleteTopmostNode();
+    checkReload(file, parts, isServerOn);
+}
+
+}  // namespace
+
+/// The input is a simulation file, which is loaded and, if that is possible, used.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    qsrand(1);
+    if (loadSimulation(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size))))
+        use();
+    else
+        Fuzz::require(network().items().isEmpty() && !network().isTcpEnabled(),
+                      "a failed load leaves nothing");
+    Fuzz::deleteNetwork();
+    return 0;
+}

@@ -1,0 +1,439 @@
+"""Tests of the examples: the message codec, the numbered frames and the connection.
+
+Run from the top folder: PYTHONPATH=examples python3 -m unittest tests.system.test_bridge
+"""
+
+from __future__ import annotations
+
+import argparse
+import re
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+import unittest
+from pathlib import Path
+from unittest import mock
+
+TOP_FOLDER = Path(__file__).resolve().parents[2]
+EXAMPLES = TOP_FOLDER / "examples"
+
+import bridge
+import numbered
+import program
+import receiver
+import sender
+
+LEFT = bytes.fromhex("020000000001")
+RIGHT = bytes.fromhex("020000000002")
+PATIENCE = 10.0  # seconds; only a failing test waits that long
+
+
+def documented_examples() -> dict[str, bytes]:
+    """Return the worked examples of docs/formats.md by name."""
+    text = (TOP_FOLDER / "docs" / "formats.md").read_text(encoding="utf-8")
+    blocks = re.findall(r"<!-- example: (\S+) -->\n```\n(.*?)```", text, re.DOTALL)
+    return {name: bytes.fromhex(" ".join(line.split("#")[0] for line in block.splitlines())) for name, block in blocks}
+
+
+class TestEncoding(unittest.TestCase):
+    """Messages from the program to the simulator, against the documented bytes."""
+
+    def test_every_message_has_the_documented_bytes(self) -> None:
+        messages = {
+            "identify-address": bridge.encode_address(LEFT),
+            "identify-name": bridge.encode_name("Right"),
+            "frame-from-program": bridge.encode_frame(RIGHT + LEFT + b"AB"),
+            "dropped-message": bridge.encode_message(bridge.MessageType.DISCARDED, b"\xab\xcd"),
+            "closing-message": bridge.encode_message(bridge.MessageType.CLOSE, b""),
+            "control-address": bridge.encode_address(bytes.fromhex("020000000003")),
+            "control-activate": bridge.encode_activation(True),
+            "control-deactivate": bridge.encode_activation(False),
+            "control-color": bridge.encode_color(64, 128, 32),
+            "control-name": bridge.encode_name("Left"),
+        }
+        documented = documented_examples()
+        for name, message in messages.items():
+            with self.subTest(name):
+                self.assertEqual(message, documented[name])
+
+    def test_the_length_of_a_name_counts_utf8_bytes_and_the_subtype(self) -> None:
+        self.assertEqual(bridge.encode_name("é"), bytes.fromhex("03 00000003 05 C3A9"))
+
+    def test_an_empty_name_leaves_the_subtype_alone(self) -> None:
+        self.assertEqual(bridge.encode_name(""), bytes.fromhex("03 00000001 05"))
+
+    def test_a_colour_out_of_range_is_refused(self) -> None:
+        with self.assertRaises(ValueError):
+            bridge.encode_color(0, 256, 0)
+
+
+class TestDecoding(unittest.TestCase):
+    """Messages from the simulator to the program."""
+
+    DELIVERED = bridge.Confirmation(bridge.Outcome.DELIVERED)
+    LOST = bridge.Confirmation(bridge.Outcome.LOST)
+    STEP = bridge.Command(bridge.DebugCommand.STEP)
+    FRAME = bridge.Frame(RIGHT + LEFT + b"AB")
+
+    def test_the_documented_messages_are_understood(self) -> None:
+        expected = {
+            "frame-to-program": self.FRAME,
+            "confirmation-delivered": self.DELIVERED,
+            "confirmation-lost": self.LOST,
+            "debug-command-step": self.STEP,
+        }
+        documented = documented_examples()
+        for name, message in expected.items():
+            with self.subTest(name):
+                self.assertEqual(bridge.Decoder().feed(documented[name]), [message])
+
+    def test_a_stream_cut_anywhere_gives_the_same_messages(self) -> None:
+        documented = documented_examples()
+        names = ("frame-to-program", "confirmation-lost", "debug-command-step", "confirmation-delivered")
+        stream = b"".join(documented[name] for name in names)
+        for cut in range(len(stream) + 1):
+            with self.subTest(cut=cut):
+                decoder = bridge.Decoder()
+                messages = decoder.feed(stream[:cut]) + decoder.feed(stream[cut:])
+                self.assertEqual(messages, [self.FRAME, self.LOST, self.STEP, self.DELIVERED])
+
+    def test_a_message_is_out_with_its_last_byte_and_not_before(self) -> None:
+        decoder = bridge.Decoder()
+        self.assertEqual(decoder.feed(bytes.fromhex("02 00000001")), [])
+        self.assertEqual(decoder.feed(b"\x02"), [self.LOST])
+
+    def test_a_null_frame_is_an_empty_one(self) -> None:
+        messages = bridge.Decoder().feed(bytes.fromhex("01 FFFFFFFF 02 00000001 01"))
+        self.assertEqual(messages, [bridge.Frame(b""), self.DELIVERED])
+
+    def test_what_is_no_message_is_refused(self) -> None:
+        for text in ("00 00000000", "03 00000001 02", "02 00000001 00", "02 00000002 0101", "05 00000001 07"):
+            with self.subTest(text), self.assertRaises(bridge.ProtocolError):
+                bridge.Decoder().feed(bytes.fromhex(text))
+
+
+class TestNumberedFrames(unittest.TestCase):
+    """The frames of the two programs."""
+
+    def test_a_frame_begins_with_both_addresses_and_its_number(self) -> None:
+        frame = numbered.build_frame(RIGHT, LEFT, 258, 64)
+        self.assertEqual(frame[:16], RIGHT + LEFT + bytes.fromhex("00000102"))
+
+    def test_a_frame_has_the_size_asked_for(self) -> None:
+        for size in (numbered.SMALLEST_FRAME, numbered.SMALLEST_FRAME + 1, 64, 255, 1500):
+            with self.subTest(size):
+                self.assertEqual(len(numbered.build_frame(RIGHT, LEFT, 1, size)), size)
+
+    def test_an_unharmed_frame_gives_its_number(self) -> None:
+        for size in (numbered.SMALLEST_FRAME, 64):
+            with self.subTest(size):
+                self.assertEqual(numbered.number_of(numbered.build_frame(RIGHT, LEFT, 4711, size)), 4711)
+
+    def test_one_changed_bit_anywhere_shows(self) -> None:
+        frame = numbered.build_frame(RIGHT, LEFT, 7, 24)
+        for bit in range(8 * len(frame)):
+            changed = bytearray(frame)
+            changed[bit // 8] ^= 1 << bit % 8
+            with self.subTest(bit=bit):
+                self.assertIsNone(numbered.number_of(bytes(changed)))
+
+    def test_a_frame_that_is_too_short_has_no_number(self) -> None:
+        self.assertIsNone(numbered.number_of(b"\x00" * (numbered.SMALLEST_FRAME - 1)))
+
+    def test_an_address_may_have_colons(self) -> None:
+        self.assertEqual(numbered.parse_address("02:00:00:00:00:01"), LEFT)
+        self.assertEqual(numbered.parse_address("020000000001"), LEFT)
+
+    def test_an_address_of_another_length_is_refused(self) -> None:
+        for text in ("", "0200000000", "02000000000101", "02000000000x"):
+            with self.subTest(text), self.assertRaises(ValueError):
+                numbered.parse_address(text)
+
+
+class Simulator:
+    """The simulator's end of one connection, on a free port."""
+
+    def __init__(self) -> None:
+        self.server = socket.create_server(("127.0.0.1", 0))
+        self.server.settimeout(PATIENCE)
+        self.port: int = self.server.getsockname()[1]
+
+    def __enter__(self) -> Simulator:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.server.close()
+
+    def accept(self) -> socket.socket:
+        """Return the connection of the next program."""
+        connection, _ = self.server.accept()
+        connection.settimeout(PATIENCE)
+        return connection
+
+
+def read_exactly(connection: socket.socket, size: int) -> bytes:
+    """Return size bytes, or fewer when the peer has closed."""
+    data = b""
+    while len(data) < size and (chunk := connection.recv(size - len(data))):
+        data += chunk
+    return data
+
+
+class TestBridge(unittest.TestCase):
+    """The connection, on real sockets."""
+
+    def setUp(self) -> None:
+        self.simulator = self.enterContext(Simulator())
+        self.bridge = bridge.Bridge("127.0.0.1", self.simulator.port, PATIENCE)
+        self.addCleanup(self.bridge._socket.close)
+        self.peer = self.simulator.accept()
+        self.addCleanup(self.peer.close)
+
+    def test_small_messages_are_not_held_back(self) -> None:
+        self.assertNotEqual(self.bridge._socket.getsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY), 0)
+
+    def test_after_an_address_the_program_goes_on_at_once(self) -> None:
+        with mock.patch.object(bridge, "ATTACH_PAUSE", 3600.0):  # a pause would show
+            self.bridge.identify(address=LEFT)
+        self.assertEqual(read_exactly(self.peer, 12), bridge.encode_address(LEFT))
+
+    def test_after_a_name_the_program_is_silent_for_a_moment(self) -> None:
+        started = time.monotonic()
+        self.bridge.identify(name="Left")
+        self.assertGreaterEqual(time.monotonic() - started, bridge.ATTACH_PAUSE)
+        self.assertEqual(read_exactly(self.peer, 10), bridge.encode_name("Left"))
+
+    def test_messages_that_come_right_after_a_name_are_kept(self) -> None:
+        self.peer.sendall(bytes.fromhex("02 00000001 01"))
+        self.assertEqual(self.bridge.identify(name="Left"), [bridge.Confirmation(bridge.Outcome.DELIVERED)])
+
+    def test_a_refused_name_shows_as_a_lost_connection(self) -> None:
+        self.peer.close()
+        with self.assertRaises(bridge.Disconnected):
+            self.bridge.identify(name="nobody")
+
+    def test_the_next_message_waits_until_nothing_of_the_last_is_under_way(self) -> None:
+        with mock.patch.object(self.bridge, "can_send", side_effect=[False, False, True]) as can_send:
+            self.bridge.send(b"\x04\x00\x00\x00\x00")
+        self.assertEqual(can_send.call_count, 3)
+        self.assertEqual(read_exactly(self.peer, 5), b"\x04\x00\x00\x00\x00")
+
+    def test_bytes_that_the_peer_has_no_room_for_forbid_sending(self) -> None:
+        self.assertTrue(self.bridge.can_send())
+        self.bridge._socket.setblocking(False)
+        with self.assertRaises(BlockingIOError):
+            while True:
+                self.bridge._socket.send(bytes(65536))
+        self.assertFalse(self.bridge.can_send())
+
+    def test_a_closed_connection_is_reported(self) -> None:
+        self.peer.close()
+        with self.assertRaises(bridge.Disconnected):
+            self.bridge.receive(PATIENCE)
+
+    def test_nothing_to_read_is_no_message(self) -> None:
+        self.assertEqual(self.bridge.receive(0.0), [])
+
+    def test_closing_waits_until_the_simulator_has_read_all(self) -> None:
+        self.peer.sendall(bytes.fromhex("02 00000001 01"))  # unread on the program's side
+        self.bridge.send(bridge.encode_frame(b"last"))
+        closing = threading.Thread(target=self.bridge.close)
+        self.enterContext(mock.patch.object(bridge, "CLOSE_PATIENCE", PATIENCE))
+        closing.start()
+        self.assertEqual(read_exactly(self.peer, 9), bytes.fromhex("01 00000004") + b"last")
+        self.assertEqual(self.peer.recv(1), b"")  # ended in order; a reset would raise
+        self.assertTrue(closing.is_alive())
+        self.peer.close()
+        closing.join(PATIENCE)
+        self.assertFalse(closing.is_alive())
+
+
+class TestReceiver(unittest.TestCase):
+    """What the receiver makes of the frames."""
+
+    def receive(self, frames: list[bytes], *arguments: str) -> list[str]:
+        """Return the report on these frames."""
+        under_test = receiver.Receiver(receiver.parse_options(["--name", "Right", *arguments]))
+        under_test._take([bridge.Frame(frame) for frame in frames])
+        return under_test.report().splitlines()
+
+    def frame(self, number: int) -> bytes:
+        """Return the frame of this number."""
+        return numbered.build_frame(RIGHT, LEFT, number, 32)
+
+    def test_a_gap_in_the_numbers_is_missing(self) -> None:
+        report = self.receive([self.frame(1), self.frame(4)])
+        self.assertIn("received: 2", report)
+        self.assertIn("missing: 2 (2, 3)", report)
+
+    def test_the_end_is_missing_when_more_is_expected(self) -> None:
+        self.assertIn("missing: 1 (3)", self.receive([self.frame(1), self.frame(2)], "--expect", "3"))
+
+    def test_a_corrupted_frame_counts_but_its_number_is_missing(self) -> None:
+        corrupted = bytearray(self.frame(2))
+        corrupted[20] ^= 1
+        report = self.receive([self.frame(1), bytes(corrupted), self.frame(3)])
+        self.assertIn("received: 3", report)
+        self.assertIn("intact: 2", report)
+        self.assertIn("corrupted: 1", report)
+        self.assertIn("missing: 1 (2)", report)
+
+    def test_a_frame_that_comes_twice_is_repeated(self) -> None:
+        self.assertIn("repeated: 1", self.receive([self.frame(1), self.frame(1)]))
+
+
+class TestPrograms(unittest.TestCase):
+    """The two programs as a user starts them."""
+
+    def start(self, script: str, *arguments: str) -> subprocess.Popen[str]:
+        """Start one of the programs."""
+        process = subprocess.Popen(
+            [sys.executable, str(EXAMPLES / script), *arguments],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+        self.addCleanup(process.kill)
+        return process
+
+    def start_sender(self, port: int, *arguments: str) -> subprocess.Popen[str]:
+        """Start the sender as node LEFT, sending to RIGHT."""
+        return self.start(
+            "sender.py", "--port", str(port), "--address", LEFT.hex(), "--destination", RIGHT.hex(), *arguments
+        )
+
+    def test_the_sender_counts_outcomes(self) -> None:
+        with Simulator() as simulator:
+            process = self.start_sender(simulator.port, "--count", "3", "--size", "20")
+            with simulator.accept() as peer:
+                received = read_exactly(peer, 12 + 3 * 25)
+                peer.sendall(bytes.fromhex("0200000001 01 0200000001 02 0200000001 01"))
+                output, errors = process.communicate(timeout=PATIENCE)
+        frames = [bridge.encode_frame(numbered.build_frame(RIGHT, LEFT, number, 20)) for number in (1, 2, 3)]
+        self.assertEqual(received, bridge.encode_address(LEFT) + b"".join(frames))
+        self.assertEqual(output.splitlines()[:4], ["sent: 3", "confirmed: 2", "lost: 1", "unanswered: 0"])
+        self.assertEqual((errors, process.returncode), ("", program.EXIT_DONE))
+
+    def test_the_sender_gives_up_waiting(self) -> None:
+        with Simulator() as simulator:
+            process = self.start_sender(simulator.port, "--count", "2", "--timeout", "0.2")
+            with simulator.accept() as peer:
+                read_exactly(peer, 12 + 2 * 69)
+                peer.sendall(bytes.fromhex("0200000001 01"))
+                self.assertEqual(peer.recv(1), b"")
+                peer.close()
+                output, _ = process.communicate(timeout=PATIENCE)
+        self.assertEqual(output.splitlines()[:4], ["sent: 2", "confirmed: 1", "lost: 0", "unanswered: 1"])
+        self.assertEqual(process.returncode, program.EXIT_DONE)
+
+    def test_a_dropped_program_says_so_in_one_line(self) -> None:
+        with Simulator() as simulator:
+            process = self.start_sender(simulator.port, "--count", "2")
+            with simulator.accept() as peer:
+                read_exactly(peer, 12 + 2 * 69)
+            _, errors = process.communicate(timeout=PATIENCE)
+        self.assertEqual(errors, "error: the simulator closed the connection\n")
+        self.assertEqual(process.returncode, program.EXIT_DROPPED)
+
+    def test_no_simulator_is_one_line_and_a_code_of_its_own(self) -> None:
+        with Simulator() as simulator:
+            port = simulator.port
+        process = self.start_sender(port)
+        output, errors = process.communicate(timeout=PATIENCE)
+        self.assertEqual(output, "")
+        self.assertRegex(errors, rf"\Aerror: no connection to 127\.0\.0\.1 port {port}: [^\n]+\n\Z")
+        self.assertEqual(process.returncode, program.EXIT_NOT_CONNECTED)
+
+    def test_the_receiver_ends_after_its_count(self) -> None:
+        with Simulator() as simulator:
+            process = self.start("receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex(), "--count", "2")
+            with simulator.accept() as peer:
+                read_exactly(peer, 12)
+                for number in (1, 2):
+                    peer.sendall(bridge.encode_frame(numbered.build_frame(RIGHT, LEFT, number, 32)))
+                self.assertEqual(peer.recv(1), b"")
+            output, _ = process.communicate(timeout=PATIENCE)
+        self.assertIn("intact: 2", output.splitlines())
+        self.assertEqual(process.returncode, program.EXIT_DONE)
+
+    def test_the_receiver_ends_when_nothing_comes(self) -> None:
+        with Simulator() as simulator:
+            process = self.start(
+                "receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex(), "--idle", "0.2"
+            )
+            with simulator.accept() as peer:
+                self.assertEqual(len(read_exactly(peer, 13)), 12)  # the identification, then the end
+            output, _ = process.communicate(timeout=PATIENCE)
+        self.assertIn("received: 0", output.splitlines())
+        self.assertEqual(process.returncode, program.EXIT_DONE)
+
+    def interrupted(self, number: int) -> tuple[subprocess.Popen[str], str]:
+        """Start a receiver, end it by this signal once it is attached and return it with its report."""
+        with Simulator() as simulator:
+            process = self.start("receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex())
+            with simulator.accept() as peer:
+                read_exactly(peer, 12)
+                process.send_signal(number)
+                self.assertEqual(peer.recv(1), b"")
+            output, errors = process.communicate(timeout=PATIENCE)
+        self.assertEqual(errors, "")
+        return process, output
+
+    def test_a_signal_ends_the_receiver_with_its_report(self) -> None:
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(number):
+                process, output = self.interrupted(number)
+                self.assertIn("received: 0", output.splitlines())
+                self.assertEqual(process.returncode, program.EXIT_DONE)
+
+    def test_a_signal_ends_the_sender_with_its_report_and_a_code(self) -> None:
+        with Simulator() as simulator:
+            process = self.start_sender(simulator.port, "--count", "1")
+            with simulator.accept() as peer:
+                read_exactly(peer, 12 + 69)
+                process.send_signal(signal.SIGINT)
+                self.assertEqual(peer.recv(1), b"")
+            output, errors = process.communicate(timeout=PATIENCE)
+        self.assertIn("sent: 1", output.splitlines())
+        self.assertEqual((errors, process.returncode), ("", program.EXIT_INTERRUPTED))
+
+    def test_the_debug_command_quit_ends_a_program(self) -> None:
+        with Simulator() as simulator:
+            process = self.start_sender(simulator.port, "--count", "1")
+            with simulator.accept() as peer:
+                read_exactly(peer, 12 + 69)
+                peer.sendall(bytes.fromhex("0500000001 05"))
+                self.assertEqual(peer.recv(1), b"")
+            process.communicate(timeout=PATIENCE)
+        self.assertEqual(process.returncode, program.EXIT_INTERRUPTED)
+
+
+class TestOptions(unittest.TestCase):
+    """What the command line refuses."""
+
+    def test_a_sender_needs_a_source_when_it_has_no_address(self) -> None:
+        with self.assertRaises(SystemExit), mock.patch("sys.stderr"):
+            sender.parse_options(["--name", "Left", "--destination", RIGHT.hex()])
+
+    def test_a_frame_has_room_for_number_and_checksum(self) -> None:
+        arguments = ["--address", LEFT.hex(), "--destination", RIGHT.hex(), "--size"]
+        self.assertEqual(sender.parse_options([*arguments, "20"]).size, 20)
+        with self.assertRaises(SystemExit), mock.patch("sys.stderr"):
+            sender.parse_options([*arguments, "19"])
+
+    def test_name_and_address_exclude_one_another(self) -> None:
+        with self.assertRaises(SystemExit), mock.patch("sys.stderr"):
+            receiver.parse_options(["--name", "Left", "--address", LEFT.hex()])
+
+    def test_numbers_have_a_smallest_value(self) -> None:
+        self.assertEqual(program.count_option("1"), 1)
+        for read, text in ((program.count_option, "0"), (program.seconds_option, "0"), (program.seconds_option, "nan")):
+            with self.subTest(text), self.assertRaises(argparse.ArgumentTypeError):
+                read(text)
+
+
+if __name__ == "__main__":
+    unittest.main()
