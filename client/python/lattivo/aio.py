@@ -1,0 +1,247 @@
+"""The client for asyncio.
+
+    async with lattivo.aio.connect(name="Left") as client:
+        await client.send_frame(frame)
+        async for message in client:
+            ...
+"""
+
+from __future__ import annotations
+
+import asyncio
+import functools
+import select
+import socket
+from types import TracebackType
+from typing import Any, AsyncIterator, Callable, Coroutine, Generator, Iterable, List, Optional, Sequence, Type, TypeVar
+
+from . import messages, steps
+from .channel import Channel
+from .client import CLOSE_TIMEOUT, CONNECT_TIMEOUT, LARGEST_FRAME
+from .codes import DEFAULT_PORT
+from .errors import Disconnected, FrameTooLarge, LattivoError, UnknownHost
+from .messages import Message
+
+SENDS_AT_A_TIME = 16  # then other tasks have their turn
+
+Result = TypeVar("Result")
+
+
+class Client:
+    """A program that drives one node of the network.
+
+    Several tasks may use one client. All failures are a LattivoError. A task that is cancelled while it sends a frame
+    has sent nothing of it. Nothing is read until somebody receives.
+    """
+
+    def __init__(self, channel: Channel) -> None:
+        """Use connect()."""
+        self._channel = channel
+        self._sending = asyncio.Lock()
+        self._receiving = asyncio.Lock()
+        self._sends = 0
+
+    @property
+    def largest_sendable_frame(self) -> int:
+        """The most bytes of a frame that one segment of the path holds; a larger one is refused."""
+        return self._channel.largest_frame
+
+    async def send_frame(self, frame: bytes) -> None:
+        """Send a frame as soon as that is safe."""
+        await self._send(messages.encode_frame(frame))
+
+    async def send_frames(self, frames: Iterable[bytes]) -> int:
+        """Send frames, with each call as many as a segment holds; return how many.
+
+        Those before one that is too large are sent. When this is cancelled, a part of them has been sent.
+        """
+        channel = self._channel
+        count = 0
+        async with self._sending:
+            try:
+                for frame in frames:
+                    message = messages.encode_frame(frame)
+                    if not channel.queue(message):
+                        await _run(steps.flush(channel))
+                        await asyncio.sleep(0)
+                        channel.queue(message)
+                    count += 1
+                await _run(steps.flush(channel))
+            except FrameTooLarge:
+                await _run(steps.flush(channel))
+                raise
+            finally:
+                channel.withdraw()
+        return count
+
+    async def set_address(self, address: bytes) -> None:
+        """Give the node another address. The simulator ignores one of another length."""
+        await self._send(messages.encode_address(address))
+
+    async def set_name(self, name: str) -> None:
+        """Give the node another name."""
+        await self._send(messages.encode_name(name))
+
+    async def activate(self) -> None:
+        """Switch the node on."""
+        await self._send(messages.encode_activation(True))
+
+    async def deactivate(self) -> None:
+        """Switch the node off: it neither sends nor receives."""
+        await self._send(messages.encode_activation(False))
+
+    async def set_color(self, red: int, green: int, blue: int) -> None:
+        """Give the node a colour, each part from 0 to 255."""
+        await self._send(messages.encode_color(red, green, blue))
+
+    async def receive(self) -> Message:
+        """Return the next message."""
+        async with self._receiving:
+            message = self._channel.decoder.next_message()
+            while message is None:
+                await self._fill()
+                message = self._channel.decoder.next_message()
+            return message
+
+    async def receive_messages(self) -> List[Message]:
+        """Return the next messages, at least one: all that are here."""
+        async with self._receiving:
+            while not self._channel.decoder.has_message:
+                await self._fill()
+            return self._channel.decoder.take_messages()
+
+    async def __aiter__(self) -> AsyncIterator[Message]:
+        """Give the messages as they come, until the connection has ended."""
+        try:
+            while True:
+                for message in await self.receive_messages():
+                    yield message
+        except Disconnected:
+            return
+
+    async def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> None:
+        """Wait until the simulator has read all that was sent and close; never raise a LattivoError.
+
+        Messages that still arrive are dropped.
+        """
+        try:
+            await asyncio.wait_for(_run(steps.close(self._channel)), timeout)
+        except (LattivoError, asyncio.TimeoutError):
+            pass  # the regular end: the simulator has closed as well
+        finally:
+            self._channel.close()
+
+    async def _send(self, message: bytes) -> None:
+        async with self._sending:
+            if not self._channel.send_at_once(message):
+                await _run(steps.send(self._channel, message))
+        self._sends += 1
+        if self._sends % SENDS_AT_A_TIME == 0:
+            await asyncio.sleep(0)
+
+    async def _fill(self) -> None:
+        if self._channel.read():
+            await asyncio.sleep(0)  # other tasks have their turn
+        else:
+            await _wait(steps.Wait(self._channel.fileno(), select.POLLIN))
+
+
+class _Opening:
+    """What connect() returns: to be awaited, or to be entered."""
+
+    def __init__(self, opening: Coroutine[Any, Any, Client]) -> None:
+        self._opening = opening
+        self._client: Optional[Client] = None
+
+    def __await__(self) -> Generator[Any, Any, Client]:
+        return self._opening.__await__()
+
+    async def __aenter__(self) -> Client:
+        self._client = await self._opening
+        return self._client
+
+    async def __aexit__(
+        self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    ) -> None:
+        assert self._client
+        await self._client.close()
+
+
+def connect(
+    host: str = "127.0.0.1",
+    port: int = DEFAULT_PORT,
+    *,
+    name: Optional[str] = None,
+    address: Optional[bytes] = None,
+    largest_frame: int = LARGEST_FRAME,
+    timeout: Optional[float] = CONNECT_TIMEOUT,
+    attach_pause: Optional[float] = None,
+    end_of_record: bool = True,
+) -> _Opening:
+    """Connect and identify, as lattivo.Client.connect() does: await it, or use it with "async with"."""
+    messages.encode_identification(name, address)  # raises WrongUse here, not later
+    opening = functools.partial(
+        steps.open_channel,
+        host,
+        port,
+        name=name,
+        address=address,
+        largest_frame=largest_frame,
+        attach_pause=attach_pause,
+        end_of_record=end_of_record,
+    )
+    return _Opening(_open(opening, host, port, timeout))
+
+
+async def _open(
+    opening: Callable[[Sequence[steps.AddressInfo]], steps.Steps[Channel]],
+    host: str,
+    port: int,
+    timeout: Optional[float],
+) -> Client:
+    try:
+        addresses = await asyncio.get_running_loop().getaddrinfo(host, port, type=socket.SOCK_STREAM)
+    except (OSError, UnicodeError) as error:
+        raise UnknownHost(f"no address of {host}: {error}") from error
+    try:
+        return Client(await asyncio.wait_for(_run(opening(addresses)), timeout))
+    except asyncio.TimeoutError:
+        raise steps.no_answer(host, port, timeout) from None
+
+
+async def _run(work: steps.Steps[Result]) -> Result:
+    """Do the steps; a task that is cancelled ends them early."""
+    try:
+        while True:
+            await _wait(next(work))
+    except StopIteration as done:
+        result: Result = done.value
+        return result
+    finally:
+        work.close()
+
+
+async def _wait(wait: steps.Wait) -> None:
+    if not wait.events:
+        await asyncio.sleep(wait.seconds or 0.0)
+        return
+    loop = asyncio.get_running_loop()
+    ready = loop.create_future()
+
+    def wake() -> None:
+        if not ready.done():
+            ready.set_result(None)
+
+    if wait.events & select.POLLIN:
+        loop.add_reader(wait.descriptor, wake)
+    if wait.events & select.POLLOUT:
+        loop.add_writer(wait.descriptor, wake)
+    try:
+        await asyncio.wait_for(ready, wait.seconds)
+    except asyncio.TimeoutError:
+        pass
+    finally:
+        if wait.events & select.POLLIN:
+            loop.remove_reader(wait.descriptor)
+        if wait.events & select.POLLOUT:
+            loop.remove_writer(wait.descriptor)

@@ -1,0 +1,259 @@
+"""The blocking client."""
+
+from __future__ import annotations
+
+import select
+import socket
+import time
+from types import TracebackType
+from typing import Iterable, Iterator, List, Optional, Sequence, Type
+
+from . import messages, steps
+from .channel import Channel
+from .codes import DEFAULT_PORT
+from .errors import Disconnected, FrameTooLarge, LattivoError, Timeout, UnknownHost
+from .messages import Message
+
+CONNECT_TIMEOUT = 10.0  # seconds, until the program is attached
+CLOSE_TIMEOUT = 10.0  # seconds; a simulator that is held up has so long to read the last messages
+LARGEST_FRAME = 65536  # bytes
+
+
+class Client:
+    """A program that drives one node of the network.
+
+    Every timeout is in seconds, and None waits without end. A client belongs to one thread. All failures are a
+    LattivoError; when the connection has ended, sending and receiving raise Disconnected.
+    """
+
+    def __init__(self, channel: Channel) -> None:
+        """Use connect()."""
+        self._channel = channel
+
+    @classmethod
+    def connect(
+        cls,
+        host: str = "127.0.0.1",
+        port: int = DEFAULT_PORT,
+        *,
+        name: Optional[str] = None,
+        address: Optional[bytes] = None,
+        largest_frame: int = LARGEST_FRAME,
+        timeout: Optional[float] = CONNECT_TIMEOUT,
+        attach_pause: Optional[float] = None,
+        end_of_record: bool = True,
+    ) -> Client:
+        """Connect and identify as the node of this name or of this address, as the simulator's network is set.
+
+        The client takes frames of up to largest_frame bytes; let it be the network's maximal transfer unit at least.
+        With attach_pause the client waits so many seconds behind a name and makes no further connections: for a
+        tunnel, which may carry each connection at its own speed.
+        end_of_record=False sends slowly, as on a platform without MSG_EOR.
+        """
+        deadline = Deadline(timeout)
+        opening = steps.open_channel(
+            host,
+            port,
+            look_up(host, port),
+            name=name,
+            address=address,
+            largest_frame=largest_frame,
+            attach_pause=attach_pause,
+            end_of_record=end_of_record,
+        )
+        try:
+            return cls(run(opening, deadline))
+        except Timeout:
+            raise steps.no_answer(host, port, timeout) from None
+
+    # Sending
+
+    @property
+    def largest_sendable_frame(self) -> int:
+        """The most bytes of a frame that one segment of the path holds; a larger one is refused."""
+        return self._channel.largest_frame
+
+    def send_frame(self, frame: bytes, timeout: Optional[float] = None) -> None:
+        """Send a frame as soon as that is safe; after a Timeout nothing of it was sent."""
+        self._send(messages.encode_frame(frame), timeout)
+
+    def send_frames(self, frames: Iterable[bytes], timeout: Optional[float] = None) -> int:
+        """Send frames, with each call as many as a segment holds; return how many.
+
+        A Timeout says in its member sent how many were sent. Those before one that is too large are sent.
+        """
+        channel, deadline = self._channel, Deadline(timeout)
+        sent = queued = 0
+        try:
+            run(steps.flush(channel), deadline)
+            for frame in frames:
+                message = messages.encode_frame(frame)
+                if not channel.queue(message):
+                    run(steps.flush(channel), deadline)
+                    sent, queued = sent + queued, 0
+                    channel.queue(message)
+                queued += 1
+            run(steps.flush(channel), deadline)
+        except Timeout as error:
+            channel.withdraw()
+            raise Timeout(str(error), sent) from None
+        except FrameTooLarge:
+            run(steps.flush(channel), deadline)
+            raise
+        return sent + queued
+
+    def set_address(self, address: bytes, timeout: Optional[float] = None) -> None:
+        """Give the node another address. The simulator ignores one of another length."""
+        self._send(messages.encode_address(address), timeout)
+
+    def set_name(self, name: str, timeout: Optional[float] = None) -> None:
+        """Give the node another name."""
+        self._send(messages.encode_name(name), timeout)
+
+    def activate(self, timeout: Optional[float] = None) -> None:
+        """Switch the node on."""
+        self._send(messages.encode_activation(True), timeout)
+
+    def deactivate(self, timeout: Optional[float] = None) -> None:
+        """Switch the node off: it neither sends nor receives."""
+        self._send(messages.encode_activation(False), timeout)
+
+    def set_color(self, red: int, green: int, blue: int, timeout: Optional[float] = None) -> None:
+        """Give the node a colour, each part from 0 to 255."""
+        self._send(messages.encode_color(red, green, blue), timeout)
+
+    # Receiving
+
+    def receive(self, timeout: Optional[float] = None) -> Optional[Message]:
+        """Return the next message; None when none has come in time. Send meanwhile what is queued."""
+        message = self._channel.decoder.next_message()
+        if message is not None:
+            return message
+        try:
+            return run(steps.receive(self._channel), Deadline(timeout))
+        except Timeout:
+            return None
+
+    def receive_messages(self, timeout: Optional[float] = None) -> List[Message]:
+        """Return all messages that are here, at least one; none when none has come in time."""
+        try:
+            return run(steps.receive_messages(self._channel), Deadline(timeout))
+        except Timeout:
+            return []
+
+    def __iter__(self) -> Iterator[Message]:
+        """Give the messages as they come, until the connection has ended."""
+        try:
+            while True:
+                yield from self.receive_messages()
+        except Disconnected:
+            return
+
+    # A loop of the program's own, on select() or poll()
+
+    def fileno(self) -> int:
+        """Return the descriptor to wait for input on; -1 once closed."""
+        return self._channel.fileno()
+
+    @property
+    def has_more(self) -> bool:
+        """Whether a message is here already, of which select() would tell nothing."""
+        return self._channel.decoder.has_message
+
+    @property
+    def wants_to_write(self) -> bool:
+        """Whether flush() is to be called when the descriptor takes output."""
+        return self._channel.wants_to_write and self._channel.retry_after is None
+
+    @property
+    def wait_time(self) -> Optional[float]:
+        """Seconds after which flush() is to be called in any case; None when there is no need."""
+        return self._channel.retry_after if self._channel.wants_to_write else None
+
+    def queue_frame(self, frame: bytes) -> bool:
+        """Queue a frame to leave with others by flush(); return False while the queue, one segment, is full."""
+        return self._channel.queue(messages.encode_frame(frame))
+
+    def flush(self) -> bool:
+        """Send what is queued, without waiting; return whether all of it has left."""
+        return self._channel.flush()
+
+    def try_send(self, frame: bytes) -> bool:
+        """Queue a frame and send what is queued, without waiting; return False when the queue is full."""
+        message = messages.encode_frame(frame)
+        is_queued = self._channel.queue(message) or (self._channel.flush() and self._channel.queue(message))
+        self._channel.flush()
+        return is_queued
+
+    # End
+
+    def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> None:
+        """Send what is queued, wait until the simulator has read all and close; never raise a LattivoError.
+
+        Messages that still arrive are dropped.
+        """
+        try:
+            run(steps.close(self._channel), Deadline(timeout))
+        except LattivoError:
+            pass  # the regular end: the simulator has closed as well
+        finally:
+            self._channel.close()
+
+    def __enter__(self) -> Client:
+        """Return the client itself."""
+        return self
+
+    def __exit__(
+        self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    ) -> None:
+        """Close the client."""
+        self.close()
+
+    def _send(self, message: bytes, timeout: Optional[float]) -> None:
+        if not self._channel.send_at_once(message):
+            run(steps.send(self._channel, message), Deadline(timeout))
+
+
+class Deadline:
+    """The end of the time that a caller allows."""
+
+    def __init__(self, timeout: Optional[float]) -> None:
+        """Begin now; timeout is in seconds, None has no end."""
+        self._timeout = timeout
+        self._end = None if timeout is None else time.monotonic() + timeout
+
+    def shorten(self, seconds: Optional[float]) -> Optional[float]:
+        """Return how long to wait when something else ends the wait too; raise Timeout when the time is over."""
+        if self._end is None:
+            return seconds
+        left = self._end - time.monotonic()
+        if left <= 0:
+            raise Timeout(f"not within {self._timeout:g} s")
+        return left if seconds is None else min(left, seconds)
+
+
+def run(work: steps.Steps[steps.Result], deadline: Deadline) -> steps.Result:
+    """Do the steps, which end in a Timeout when the time is over."""
+    try:
+        while True:
+            wait = next(work)
+            seconds = deadline.shorten(wait.seconds)
+            if wait.events:
+                poll = select.poll()
+                poll.register(wait.descriptor, wait.events)
+                poll.poll(None if seconds is None else seconds * 1000)
+            else:
+                time.sleep(seconds or 0.0)
+    except StopIteration as done:
+        result: steps.Result = done.value
+        return result
+    finally:
+        work.close()
+
+
+def look_up(host: str, port: int) -> Sequence[steps.AddressInfo]:
+    """Return the addresses of a host."""
+    try:
+        return socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)
+    except (OSError, UnicodeError) as error:
+        raise UnknownHost(f"no address of {host}: {error}") from error

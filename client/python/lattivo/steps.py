@@ -1,0 +1,186 @@
+"""What a client does, written once for the blocking and the asynchronous one.
+
+Each function is a generator that yields a Wait whenever it can go no further, and is resumed afterwards. Whoever runs it
+ends it early by closing it, when the caller's time is over.
+"""
+
+from __future__ import annotations
+
+import os
+import select
+import socket
+from typing import Any, Generator, List, NamedTuple, Optional, Sequence, Tuple, TypeVar
+
+from . import messages
+from .channel import Channel
+from .codes import MessageType
+from .errors import ConnectError, Disconnected, Refused
+from .messages import Message
+
+TAKEN_PAUSE = 0.001  # seconds between two looks whether the other kernel has taken the name
+KNOCKS = 2
+
+Result = TypeVar("Result")
+AddressInfo = Tuple[int, int, int, str, Any]  # as getaddrinfo() gives it
+
+
+class Wait(NamedTuple):
+    """What to wait for: events of a descriptor, as poll() counts them, seconds at most. No events: only the time."""
+
+    descriptor: int
+    events: int
+    seconds: Optional[float] = None
+
+
+Steps = Generator[Wait, None, Result]
+
+
+def open_channel(
+    host: str,
+    port: int,
+    addresses: Sequence[AddressInfo],
+    *,
+    name: Optional[str],
+    address: Optional[bytes],
+    largest_frame: int,
+    attach_pause: Optional[float],
+    end_of_record: bool,
+) -> Steps[Channel]:
+    """Connect to the first of the addresses that answers and identify the program."""
+    identification = messages.encode_identification(name, address)
+    connected = yield from _connect_to_any(host, port, addresses)
+    try:
+        channel = Channel(connected, largest_frame, end_of_record=end_of_record)
+        yield from send(channel, identification)
+        if name is not None and attach_pause is None:
+            yield from _await_attachment(channel, connected)
+        elif name is not None:
+            yield Wait(channel.fileno(), 0, attach_pause)
+            channel.read()
+    except Disconnected:
+        connected.close()
+        raise Refused(f"the simulator at {host} port {port} does not take the identification") from None
+    except OSError as error:
+        connected.close()
+        raise ConnectError(f"{host} port {port} cannot be reached again: {error.strerror}") from error
+    except BaseException:
+        connected.close()
+        raise
+    return channel
+
+
+def no_answer(host: str, port: int, timeout: Optional[float]) -> ConnectError:
+    """Return what to raise when open_channel() lasts too long."""
+    return ConnectError(f"{host} port {port} has not answered for {timeout:g} s")
+
+
+def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> Steps[socket.socket]:
+    reason = "it has no address"
+    for family, kind, protocol, _, address in addresses:
+        connected = socket.socket(family, kind, protocol)
+        try:
+            yield from _connect(connected, address)
+            return connected
+        except OSError as error:
+            connected.close()
+            reason = error.strerror or str(error)
+        except BaseException:
+            connected.close()
+            raise
+    raise ConnectError(f"no connection to {host} port {port}: {reason}")
+
+
+def _connect(unconnected: socket.socket, address: Any) -> Steps[None]:
+    unconnected.setblocking(False)
+    try:
+        unconnected.connect(address)
+    except BlockingIOError:
+        yield Wait(unconnected.fileno(), select.POLLOUT)
+        error = unconnected.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
+        if error:
+            raise OSError(error, os.strerror(error)) from None
+
+
+def _await_attachment(channel: Channel, connected: socket.socket) -> Steps[None]:
+    """Wait until the simulator has read the name: what it reads together with a name is lost, and it does not answer.
+
+    It takes connections one after the other, and looks at all that have sent something before it looks again. So when
+    it has ended a second connection, it is about to look at the first at the latest; when it has ended a third one,
+    which was made after that, it has looked.
+    """
+    while not channel.has_been_taken():
+        yield Wait(channel.fileno(), 0, TAKEN_PAUSE)
+    for _ in range(KNOCKS):
+        if channel.read():
+            return  # it says something: it has attached the program
+        yield from _knock(connected)
+    channel.read()
+
+
+def _knock(connected: socket.socket) -> Steps[None]:
+    """Connect once more and wait until the simulator has ended that connection."""
+    with socket.socket(connected.family, socket.SOCK_STREAM) as knock:
+        try:
+            yield from _connect(knock, connected.getpeername())
+            knock.send(messages.encode_message(MessageType.CLOSE, b""), socket.MSG_NOSIGNAL)
+        except ConnectionError:
+            return  # a server that is switched off has ended all connections that are not identified
+        yield Wait(knock.fileno(), select.POLLIN)
+
+
+def send(channel: Channel, message: bytes) -> Steps[None]:
+    """Send a message by itself; when this is ended early, nothing of it was sent."""
+    yield from flush(channel)
+    while not channel.send_at_once(message):
+        yield _writing(channel)
+
+
+def flush(channel: Channel) -> Steps[None]:
+    """Give all that is queued to the kernel."""
+    while not channel.flush():
+        yield _writing(channel)
+
+
+def receive(channel: Channel) -> Steps[Message]:
+    """Return the next message; send meanwhile what is queued."""
+    while True:
+        message = channel.decoder.next_message()
+        if message is not None:
+            return message
+        yield from fill(channel)
+
+
+def receive_messages(channel: Channel) -> Steps[List[Message]]:
+    """Return the next messages, at least one: all that are whole."""
+    while not channel.decoder.has_message:
+        yield from fill(channel)
+    return channel.decoder.take_messages()
+
+
+def fill(channel: Channel) -> Steps[None]:
+    """Read what comes next; send meanwhile what is queued."""
+    while not channel.read():
+        wait = Wait(channel.fileno(), select.POLLIN)
+        if not channel.flush():
+            writing = _writing(channel)
+            wait = Wait(channel.fileno(), select.POLLIN | writing.events, writing.seconds)
+        yield wait
+
+
+def close(channel: Channel) -> Steps[None]:
+    """Send what is queued, then read until the simulator has closed too.
+
+    A socket that is closed with unread bytes resets the connection, and messages that the simulator has not read yet
+    are lost.
+    """
+    yield from flush(channel)
+    channel.shut_down()
+    while True:
+        yield Wait(channel.fileno(), select.POLLIN)
+        channel.discard()
+
+
+def _writing(channel: Channel) -> Wait:
+    if channel.retry_after is None:
+        return Wait(channel.fileno(), select.POLLOUT)
+    return Wait(channel.fileno(), 0, channel.retry_after)
