@@ -21,12 +21,12 @@ import time
 from dataclasses import dataclass
 
 from measuring.lab import disturbance, makesimulation
-from measuring.limit import run
-from measuring.limit.run import MeasurementFailed
+from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, choose_cores, find_program, pinned, progress
 
 ERROR_RATE = 1e-4  # per bit
 SIZES = (64, 255)  # bytes of a frame from its destination address to its end
 WINDOW = 64
+SEED = "1"
 PLACEMENTS = ("one core", "any core")
 
 VDE_TARGET = 2.0
@@ -128,7 +128,7 @@ class Run:
         return self.log.read()[-500:].strip()
 
     def _placed(self, command, core):
-        return run.pinned(command, core) if self.placement == "one core" else command
+        return pinned(command, core) if self.placement == "one core" else command
 
 
 def end(process):
@@ -143,7 +143,7 @@ class Bench:
     def __init__(self, options, folder):
         self.options = options
         self.folder = folder
-        self.client_core, self.server_core = run.choose_cores()
+        self.client_core, self.server_core = choose_cores()
         self.failures = []  # of runs that were made again
 
 
@@ -152,7 +152,7 @@ def lattivo(current, size):
     file = current.folder / "simulation.ltvo"
     file.write_bytes(makesimulation.simulation_file(makesimulation.Simulation(reliability=1.0 - ERROR_RATE)))
     options = current.bench.options
-    arguments = ["--listen", "0", "--identify-by", "address", "--seed", run.SEED]
+    arguments = ["--listen", "0", "--identify-by", "address", "--seed", SEED]
     server = current.start([options.program, str(file)] + arguments)
     port = current.first_line(server).split()[-1]
     result = current.client([options.client, "--port", port], size)
@@ -237,7 +237,7 @@ def measure(bench, tools):
         for size in SIZES:
             for tool in tools if number % 2 == 0 else reversed(tools):
                 for placement in PLACEMENTS:
-                    run.progress.begin(f"round {number + 1} of {bench.options.rounds}: {size} bytes, {tool.title}")
+                    progress.begin(f"round {number + 1} of {bench.options.rounds}: {size} bytes, {tool.title}")
                     result = measure_patiently(bench, tool, size, placement)
                     runs.setdefault((tool.key, size, placement), []).append(result)
     return runs
@@ -376,9 +376,8 @@ def print_tables(rows, judged):
 
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    top_folder = pathlib.Path(__file__).resolve().parents[2]
     keys = [tool.key for tool in TOOLS]
-    parser.add_argument("--build-dir", type=pathlib.Path, default=top_folder / "build" / "release")
+    parser.add_argument("--build-dir", type=pathlib.Path, default=TOP_FOLDER / "build" / "release")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--duration", type=float, default=2.0, help="of a measurement, in seconds")
     parser.add_argument("--only", action="append", choices=keys, metavar="TOOL", help=", ".join(keys))
@@ -391,7 +390,7 @@ def parse_options():
         "ns3_link": "lattivo_ns3link",
     }
     for name, program in programs.items():
-        setattr(options, name, run.find_program(options.build_dir, program))
+        setattr(options, name, find_program(options.build_dir, program))
         if getattr(options, name) is None:
             parser.error(f"{program} is not built in {options.build_dir}; scripts/performance.sh builds it")
     return options
@@ -405,8 +404,8 @@ def main():
             bench = Bench(options, folder)
             runs = measure(bench, tools)
         except (MeasurementFailed, subprocess.TimeoutExpired, FileNotFoundError) as error:
-            return run.progress.fail(error)
-    run.progress.end()
+            return progress.fail(error)
+    progress.end()
     rows = rows_of(runs, tools)
     judged = verdicts(rows)
     disturbed, alone = disturbed_runs(runs)

@@ -12,6 +12,7 @@ import bridge
 from measuring.fidelity import measure, replay
 from measuring.fidelity.measure import TOP_FOLDER
 from measuring.lab import makesimulation
+from measuring.lab.launcher import MeasurementFailed
 from measuring.lab.makesimulation import CHECKED, UNCHECKED, LinkSettings, NodeSettings, Simulation
 
 FRAMES = 200  # of each case
@@ -341,7 +342,7 @@ class Trial:
         """A frame that is too short is reported as lost, and makes the simulator draw no number."""
         program.send(bridge.encode_frame(b"\0"))
         if not program.receive(PATIENCE):
-            raise measure.MeasurementFailed(f"a node was not taken ({self.case.title})")
+            raise MeasurementFailed(f"a node was not taken ({self.case.title})")
 
     def _prepare(self):
         if self.case.is_sender_off:
@@ -396,6 +397,6 @@ class Trial:
 
 def measure_case(laboratory, case):
     with laboratory.simulator(case.simulation(), laboratory.seed) as server:
-        outcome = Trial(case, int(server.port)).run()
+        outcome = Trial(case, server.port).run()
     laboratory.count(FRAMES, outcome.placed, not outcome.is_in_order)
     return outcome

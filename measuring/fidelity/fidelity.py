@@ -10,7 +10,6 @@ from __future__ import annotations
 import argparse
 import pathlib
 import pickle
-import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass, field
@@ -18,8 +17,8 @@ from dataclasses import dataclass, field
 import numpy
 
 from measuring.fidelity import analysis, cases, fidelitydocument, measure, replay, tables
+from measuring.lab.launcher import MeasurementFailed, find_program, progress
 from measuring.lab.makesimulation import LinkSettings
-from measuring.limit.run import find_program, progress
 
 RELIABILITIES = (1.0, 0.9999, 0.999, 0.99, 0.9, 0.5, 0.0)
 SIZES = (12, 64, 255, 1500)  # bytes
@@ -219,9 +218,9 @@ def kept_before(laboratory, file):
     try:
         kept = pickle.loads(file.read_bytes())
     except FileNotFoundError:
-        raise measure.MeasurementFailed(f"no earlier run has left {file}") from None
+        raise MeasurementFailed(f"no earlier run has left {file}") from None
     if kept.program != laboratory.program_digest():
-        raise measure.MeasurementFailed(f"{file} is of another build of the simulator")
+        raise MeasurementFailed(f"{file} is of another build of the simulator")
     laboratory.go_on_from(kept.counted, kept.timings)
     return kept
 
@@ -264,7 +263,7 @@ def main():
         laboratory = measure.Laboratory(options.program, options.client, folder, options.seed)
         try:
             rows, round_trips = measure_all(laboratory, options)
-        except (measure.MeasurementFailed, cases.bridge.Disconnected, subprocess.TimeoutExpired, OSError) as error:
+        except (MeasurementFailed, cases.bridge.Disconnected, OSError) as error:
             return progress.fail(error)
     progress.end()
     quiet = (laboratory.repeated, laboratory.disturbed, laboratory.most_runs())

@@ -4,22 +4,15 @@ from __future__ import annotations
 
 import dataclasses
 import hashlib
-import json
-import os
 import pathlib
 import random
-import subprocess
-import sys
 
 import numpy
 
 from measuring.fidelity import analysis, replay
-
-TOP_FOLDER = pathlib.Path(__file__).resolve().parents[2]
-
 from measuring.lab import disturbance, makesimulation
+from measuring.lab.launcher import TOP_FOLDER, Launcher
 from measuring.lab.makesimulation import CHECKED, LinkSettings, NodeSettings, Simulation
-from measuring.limit import run
 
 MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation
 PATIENCE = 600  # s, for one measurement
@@ -30,40 +23,21 @@ TOGETHER = {"runs": sum, "order_errors": sum, "earliest_us": min}  # what figure
 COUNTED = ("measurements", "frames_sent", "frames_placed", "order_errors")  # of a laboratory
 CONFIRMING = NodeSettings(confirms=CHECKED)  # what is lost is reported at once
 
-MeasurementFailed = run.MeasurementFailed
-
-
-class Simulator(run.Server):
-    """Ends with its log closed, which a run of many simulators needs."""
-
-    def __exit__(self, kind, error, trace):
-        try:
-            super().__exit__(kind, error, trace)
-        finally:
-            self.errors.close()
-
-
-def waited_for_processor(process):
-    """In s, of a process that has not been waited for."""
-    return int(pathlib.Path(f"/proc/{process.pid}/schedstat").read_text(encoding="ascii").split()[1]) / 1e9
-
 
 def together(runs):
     """Of the figures of all runs of a measurement."""
     return {name: combine(run[name] for run in runs) for name, combine in TOGETHER.items()}
 
 
-class Laboratory:
-    """Programs, processor cores and the folder for the files in between. Also what bench's Server asks for."""
+class Laboratory(Launcher):
+    """Knows its programs, draws their seeds and counts what came of all measurements."""
 
     def __init__(self, program, client, folder, seed):
+        super().__init__(folder)
         self.program = str(program)
         self.client = str(client)
-        self.folder = pathlib.Path(folder)
         self.seed = seed
         self.measurements = 0
-        self.client_core, self.server_core = run.choose_cores()
-        self.environment = dict(os.environ)
         self.frames_sent = 0  # of all measurements
         self.frames_placed = 0  # likewise: arrived, and their place could be told
         self.order_errors = 0  # likewise
@@ -98,10 +72,8 @@ class Laboratory:
         self.timings = timings
 
     def simulator(self, simulation, seed):
-        file = self.folder / "simulation.ltvo"
-        file.write_bytes(makesimulation.simulation_file(simulation))
         options = ["--listen", "0", "--identify-by", "address", "--seed", str(seed)]
-        return Simulator(self, [self.program, str(file)] + options)
+        return self.server([self.program, self.simulation_file(simulation), *options])
 
     def measure(self, simulation, what, **options):
         """Figures of the client, with the seed."""
@@ -127,14 +99,9 @@ class Laboratory:
         arguments = [text for name, value in options.items() for text in (f"--{name}", str(value))]
         with self.simulator(simulation, seed) as server:
             watch = disturbance.ProcessorWatch((self.client_core, self.server_core))
-            command = [self.client, what, "--port", server.port, "--seed", str(seed)] + arguments
-            client = subprocess.run(
-                run.pinned(command, self.client_core), capture_output=True, text=True, timeout=PATIENCE
-            )
-            waited = waited_for_processor(server.process)
-        if client.returncode != 0:
-            raise MeasurementFailed(f"{client.stderr.strip()} ({what} {' '.join(arguments)})")
-        figures = json.loads(client.stdout)
+            command = [self.client, what, "--port", str(server.port), "--seed", str(seed), *arguments]
+            figures = self.run(command, self.client_core, PATIENCE)
+            waited = server.waited()
         return {**figures, "seed": seed}, watch.disturbance(waited + figures.get("waited_ns", 0) / 1e9)
 
     def run_beside_timer(self, *what):

@@ -10,17 +10,14 @@ The exit code is 0 when every target is reached, 1 when one is missed and 2 when
 
 import argparse
 import json
-import os
 import pathlib
-import select
 import statistics
-import subprocess
 import sys
 import tempfile
 from dataclasses import dataclass
 
 from measuring.lab import disturbance, makesimulation
-from measuring.lab.progress import Progress
+from measuring.lab.launcher import TOP_FOLDER, Launcher, MeasurementFailed, find_program, progress
 
 LARGEST_P99_US = 40_000  # what a delayed acknowledgement of the kernel would cost
 NOISY = 0.9999  # per bit
@@ -35,9 +32,6 @@ FEW_IN_FLIGHT_DELAY = 4  # ms
 MANY_IN_FLIGHT_DELAY = 4000  # ms
 CAPTURE_SECTION = 100_000  # frames
 
-START_PATIENCE = 30  # s
-CLIENT_PATIENCE = 180  # s
-END_PATIENCE = 120  # s; a dump of a million frames is written meanwhile
 TRIES = 3  # at most, of a run that others disturb
 SEED = "1"
 
@@ -111,19 +105,10 @@ WORKLOADS = [
 GROWTH_KEYS = ["in-flight", "captured", "pairs-growth"]
 
 
-progress = Progress()  # of this process
-
-
-class MeasurementFailed(Exception):
-    pass
-
-
-class Bench:
+class Bench(Launcher):
     def __init__(self, options, folder):
+        super().__init__(folder)
         self.options = options
-        self.folder = pathlib.Path(folder)
-        self.client_core, self.server_core = choose_cores()
-        self.environment = {name: value for name, value in os.environ.items() if name != "TZ"}
         self.runs = 0
         self.disturbed_runs = 0
         self.lost_frames = 0  # on links of reliability 1, which lose none
@@ -138,9 +123,8 @@ class Bench:
     def simulator_command(self, workload):
         if self.options.self_check:
             return self.limit_command(workload, strict=True)
-        file = self.folder / "simulation.ltvo"
-        file.write_bytes(makesimulation.simulation_file(workload.simulation()))
-        command = [self.options.program, str(file), "--listen", "0", "--identify-by", "address", "--seed", SEED]
+        file = self.simulation_file(workload.simulation())
+        command = [self.options.program, file, "--listen", "0", "--identify-by", "address", "--seed", SEED]
         return command + (["--capture", str(self.folder / "dump.pcapdump")] if workload.captures else [])
 
     def measure_simulator(self, workload, arguments):
@@ -167,81 +151,16 @@ class Bench:
         return figures
 
     def _run(self, server_command, client_arguments):
-        with Server(self, server_command) as server:
-            arguments = ["--port", server.port, "--watch-pid", str(server.process.pid)]
-            command = pinned([self.options.client] + arguments + client_arguments, self.client_core)
-            watch = disturbance.ProcessorWatch((self.client_core, self.server_core))
-            client = subprocess.run(
-                command, capture_output=True, text=True, timeout=CLIENT_PATIENCE, env=self.environment
-            )
-            if client.returncode != 0:
-                raise MeasurementFailed(f"{client.stderr.strip()} (server: {server_command[0]})")
-        figures = json.loads(client.stdout)
+        with self.server(server_command) as server:
+            figures, disturbed = self.load(self.options.client, server, client_arguments)
         if figures["frames"] == 0:
             raise MeasurementFailed(f"no frame arrived (server: {server_command[0]})")
-        return figures, watch.disturbance(max(figures["server_wait_seconds"], figures["client_wait_seconds"]))
+        return figures, disturbed
 
     def note_disturbance(self, figures, disturbed):
         figures["disturbed"] = disturbed.exceeds(disturbance.USUAL)
         self.runs += 1
         self.disturbed_runs += figures["disturbed"]
-
-
-class Server:
-    """A server process from its first line of output to its orderly end."""
-
-    def __init__(self, bench, command):
-        self.command = command
-        self.last_output = b""  # what it prints at its end
-        self.errors = open(bench.folder / "server.log", "w+")
-        self.process = subprocess.Popen(
-            pinned(command, bench.server_core), stdout=subprocess.PIPE, stderr=self.errors, env=bench.environment
-        )
-
-    def __enter__(self):
-        try:
-            self.port = self._read_port()
-        except MeasurementFailed:
-            self._end()
-            raise
-        return self
-
-    def __exit__(self, kind, error, trace):
-        return_code = self._end()
-        if kind is None and return_code != 0:
-            raise MeasurementFailed(f"{self.command[0]} ended with code {return_code}: {self._last_words()}")
-
-    def _read_port(self):
-        ready, _, _ = select.select([self.process.stdout], [], [], START_PATIENCE)
-        line = self.process.stdout.readline().decode() if ready else ""
-        if not line.startswith("listening on port "):
-            raise MeasurementFailed(f"{self.command[0]} does not listen: {line.strip()} {self._last_words()}")
-        return line.split()[-1]
-
-    def _end(self):
-        self.process.terminate()
-        try:
-            self.last_output, _ = self.process.communicate(timeout=END_PATIENCE)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.communicate()
-        return self.process.returncode
-
-    def _last_words(self):
-        self.errors.seek(0)
-        return self.errors.read()[-500:].strip()
-
-
-def choose_cores():
-    cores = sorted(os.sched_getaffinity(0))
-    if len(cores) < 2:
-        print("only one processor core: client and server share it, the figures mean little", file=sys.stderr)
-        return cores[0], cores[0]
-    return cores[0], cores[-1]
-
-
-def pinned(command, core):
-    return ["taskset", "--cpu-list", str(core)] + command
 
 
 def cpu_per_frame(figures):
@@ -467,16 +386,10 @@ def report_disturbance(bench):
         print(f"{bench.disturbed_runs} of {bench.runs} runs were disturbed {TRIES} times: {disturbance.MEANING}")
 
 
-def find_program(folder, name):
-    found = [path for path in sorted(folder.rglob(name)) if path.is_file() and os.access(path, os.X_OK)]
-    return str(found[0]) if found else None
-
-
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    top_folder = pathlib.Path(__file__).resolve().parents[2]
     keys = [workload.key for workload in WORKLOADS] + GROWTH_KEYS
-    parser.add_argument("--build-dir", type=pathlib.Path, default=top_folder / "build" / "release")
+    parser.add_argument("--build-dir", type=pathlib.Path, default=TOP_FOLDER / "build" / "release")
     parser.add_argument("--program", help="the headless simulator (from the build folder)")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--duration", type=float, default=2.0, help="of a measurement, in seconds")
@@ -519,7 +432,7 @@ def main():
         bench = Bench(options, folder)
         try:
             rows = rows_of(bench, wanted)
-        except (MeasurementFailed, subprocess.TimeoutExpired) as error:
+        except MeasurementFailed as error:
             return progress.fail(error)
     progress.end()
     report(bench, rows)

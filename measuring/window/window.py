@@ -17,10 +17,12 @@ import subprocess
 import sys
 import tempfile
 import time
+from concurrent.futures import ThreadPoolExecutor
 
-from measuring.lab import disturbance, makesimulation
+from measuring.lab import makesimulation
+from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, find_program, pinned, processor_wait, progress
 from measuring.limit import run
-from measuring.limit.run import MeasurementFailed, Workload
+from measuring.limit.run import Workload
 
 SCREEN = "1920x1080x24"
 WORKLOADS = [
@@ -59,25 +61,21 @@ class WindowBench(run.Bench):
 
     def simulator_command(self, workload):
         switches = ["--capture", "--follow"] if workload.captures else []
-        return [self.options.window_server, self._simulation(workload.simulation()), "--seed", run.SEED] + switches
+        return [self.options.window_server, self.simulation_file(workload.simulation()), "--seed", run.SEED] + switches
 
     def limit_command(self, workload, strict=False):
-        simulation = self._simulation(workload.simulation())
+        simulation = self.simulation_file(workload.simulation())
         return [self.options.program, simulation, "--listen", "0", "--identify-by", "address", "--seed", run.SEED]
 
     def measure_inside(self, arguments):
         """The figures that the process prints."""
-        command = run.pinned([self.options.window_server] + arguments, self.server_core)
-        result = subprocess.run(command, capture_output=True, text=True, timeout=MEASURE_PATIENCE, env=self.environment)
-        if result.returncode != 0:
-            raise MeasurementFailed(f"{' '.join(arguments)}: {result.stderr.strip()[-500:]}")
-        return json.loads(result.stdout)
+        return self.run([self.options.window_server] + arguments, self.server_core, MEASURE_PATIENCE)
 
     def files(self):
         saved = self.folder / "saved.ltvo"
         saved.unlink(missing_ok=True)
         simulation = makesimulation.Simulation(pairs=LARGE_PAIRS, ring_steps=(1,))
-        return self.measure_inside([self._simulation(simulation), "--measure-files", str(saved)])
+        return self.measure_inside([self.simulation_file(simulation), "--measure-files", str(saved)])
 
     def capture(self):
         return self.measure_inside(["--measure-capture", str(self.options.captured_frames)])
@@ -87,35 +85,23 @@ class WindowBench(run.Bench):
         simulation = makesimulation.Simulation(
             pairs=DRAG_PAIRS, ring_steps=DRAG_RING_STEPS, delay=DRAG_DELAY, layout=DRAG_LAYOUT
         )
-        window = [self.options.window_server, self._simulation(simulation), "--fill-screen", "--watch", DRAG_NODE]
-        with run.Server(self, window) as server:
-            place = [int(word) for word in server.process.stdout.readline().split()[-2:]]
-            with self._traffic(server):
-                time.sleep(DRAG_WARM_UP)
-                moves = self._move_pointer(place, server.process.pid)
+        window = [self.options.window_server, self.simulation_file(simulation), "--fill-screen", "--watch", DRAG_NODE]
+        with self.server(window) as server, ThreadPoolExecutor() as others:
+            place = [int(word) for word in server.read_line().split()[-2:]]
+            traffic = others.submit(self._traffic, server)
+            time.sleep(DRAG_WARM_UP)
+            moves = self._move_pointer(place, server.process.pid)
+            traffic.result()
         pictures = json.loads(server.last_output)["pictures"]
         return [answer_time(move, pictures) for move in moves]
 
-    @contextlib.contextmanager
     def _traffic(self, server):
         """Half of the nodes send all the time."""
         workload = Workload("drag", "", pairs=DRAG_PAIRS).client_arguments()
         seconds = DRAG_WARM_UP + DRAG_MOVES * DRAG_PAUSE + DRAG_PATIENCE
         speed = ["--rate", str(DRAG_RATE), "--duration", str(seconds), "--loss-timeout", "5000"]
-        ends = ["--port", server.port, "--watch-pid", str(server.process.pid)]
-        command = run.pinned([self.options.client] + ends + workload + speed, self.client_core)
-        client = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=self.environment)
-        watch = disturbance.ProcessorWatch((self.client_core, self.server_core))
-        try:
-            yield
-            output, errors = client.communicate(timeout=run.CLIENT_PATIENCE)
-        finally:
-            client.kill()
-        if client.returncode != 0:
-            raise MeasurementFailed(f"no traffic: {errors.decode().strip()}")
-        figures = json.loads(output)
-        waited = max(figures["server_wait_seconds"], figures["client_wait_seconds"])
-        self.note_disturbance(figures, watch.disturbance(waited))
+        figures, disturbed = self.load(self.options.client, server, workload + speed)
+        self.note_disturbance(figures, disturbed)
         sent = figures["frames_per_second"]
         if sent < 0.9 * DRAG_RATE:
             raise MeasurementFailed(f"only {sent:.0f} of {DRAG_RATE} frames/s during the drag")
@@ -123,7 +109,7 @@ class WindowBench(run.Bench):
     def _move_pointer(self, place, pid):
         """Drags to the right; of each move the time (ns), what the window's process has waited so far, the place."""
         pointer = subprocess.Popen(
-            run.pinned(["xdotool", "-"], self.client_core), stdin=subprocess.PIPE, text=True, env=self.environment
+            pinned(["xdotool", "-"], self.client_core), stdin=subprocess.PIPE, text=True, env=self.environment
         )
         moves = []
 
@@ -144,16 +130,6 @@ class WindowBench(run.Bench):
         pointer.wait(timeout=DRAG_PATIENCE)
         return moves
 
-    def _simulation(self, simulation):
-        file = self.folder / "simulation.ltvo"
-        file.write_bytes(makesimulation.simulation_file(simulation))
-        return str(file)
-
-
-def processor_wait(pid):
-    """How long the process has had to wait so far while other programs had its core, in ns."""
-    return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[1])
-
 
 def answer_time(move, pictures):
     """The pointer goes to the right: a picture with the node further on shows the move too."""
@@ -173,7 +149,7 @@ def virtual_display(core):
     """The name of a display on a number of its own."""
     read_end, write_end = os.pipe()
     command = ["Xvfb", "-displayfd", str(write_end), "-screen", "0", SCREEN, "-nolisten", "tcp"]
-    server = subprocess.Popen(run.pinned(command, core), pass_fds=[write_end], stderr=subprocess.DEVNULL)
+    server = subprocess.Popen(pinned(command, core), pass_fds=[write_end], stderr=subprocess.DEVNULL)
     os.close(write_end)
     try:
         with os.fdopen(read_end) as answer:
@@ -198,7 +174,7 @@ def single_row(key, title, quantity, values, target, figure=statistics.median):
 def rounds(bench, title, measure):
     results = []
     for number in range(bench.options.rounds):
-        run.progress.begin(f"round {number + 1} of {bench.options.rounds}: {title}")
+        progress.begin(f"round {number + 1} of {bench.options.rounds}: {title}")
         results.append(measure())
     return results
 
@@ -269,18 +245,17 @@ def report(bench, rows, growth, alone):
 
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    top_folder = pathlib.Path(__file__).resolve().parents[2]
     keys = [workload.key for workload in WORKLOADS] + OTHER_KEYS
-    parser.add_argument("--build-dir", type=pathlib.Path, default=top_folder / "build" / "release")
+    parser.add_argument("--build-dir", type=pathlib.Path, default=TOP_FOLDER / "build" / "release")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--duration", type=float, default=2.0, help="of a measurement under load, in seconds")
     parser.add_argument("--quick", action="store_true", help="one short round: a look, not a result")
     parser.add_argument("--only", action="append", choices=keys, metavar="WORKLOAD", help=", ".join(keys))
     parser.add_argument("--json", type=pathlib.Path, metavar="FILE", help="write the rows there too")
     options = parser.parse_args()
-    options.client = run.find_program(options.build_dir, "lattivo_loadclient")
-    options.program = run.find_program(options.build_dir, "lattivo-headless")
-    options.window_server = run.find_program(options.build_dir, "lattivo_windowserver")
+    options.client = find_program(options.build_dir, "lattivo_loadclient")
+    options.program = find_program(options.build_dir, "lattivo-headless")
+    options.window_server = find_program(options.build_dir, "lattivo_windowserver")
     options.wanted = options.only or keys
     options.captured_frames = 1_000_000
     if options.quick:
@@ -298,9 +273,9 @@ def main():
             with virtual_display(bench.client_core) as display:
                 bench.environment.update(DISPLAY=display, QT_QPA_PLATFORM="xcb")
                 results = measure(bench, options.wanted)
-        except (MeasurementFailed, subprocess.TimeoutExpired, FileNotFoundError) as error:
-            return run.progress.fail(error)
-    run.progress.end()
+        except (MeasurementFailed, FileNotFoundError) as error:
+            return progress.fail(error)
+    progress.end()
     report(bench, *results)
     rows = [result for table in results for result in table]
     if options.json:

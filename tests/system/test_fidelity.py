@@ -21,6 +21,7 @@ import numpy
 from measuring.fidelity import analysis, cases, fidelity, fidelitydocument, measure, replay, tables
 from measuring.lab import disturbance
 from measuring.lab.disturbance import USUAL, Disturbance
+from measuring.lab.launcher import MeasurementFailed
 from measuring.lab.makesimulation import LinkSettings
 
 TESTS = 200  # in the family that a row is judged in
@@ -428,12 +429,12 @@ class TestMeasuring(unittest.TestCase):
         self.assertEqual(self.laboratory.next_seed(), first.next_seed())
 
     def test_times_alone_need_an_earlier_run(self) -> None:
-        with self.assertRaises(measure.MeasurementFailed):
+        with self.assertRaises(MeasurementFailed):
             fidelity.kept_before(self.laboratory, self.kept_file)
 
     def test_times_of_another_build_of_the_simulator_are_not_gone_on_with(self) -> None:
         fidelity.Kept("another", {}, self.laboratory.counted(), {}).save(self.kept_file)
-        with self.assertRaises(measure.MeasurementFailed):
+        with self.assertRaises(MeasurementFailed):
             fidelity.kept_before(self.laboratory, self.kept_file)
 
     def test_detection_other_than_claimed_fails(self) -> None:

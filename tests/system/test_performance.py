@@ -23,6 +23,7 @@ TOP_FOLDER = Path(__file__).resolve().parents[2]
 
 from measuring.compare import compare
 from measuring.lab import makesimulation
+from measuring.lab.launcher import MeasurementFailed, find_program
 from measuring.limit import document, run
 
 PATIENCE = 200.0  # seconds; only a failing test waits that long
@@ -171,7 +172,7 @@ class VerdictTest(unittest.TestCase):
 
     def test_a_tool_that_corrupts_too_few_frames_is_not_measured(self):
         few = compare.Figures(100_000, 1_000, 1.0, 0.5, 0.5, 0.0, 0.5)
-        with self.assertRaises(run.MeasurementFailed):
+        with self.assertRaises(MeasurementFailed):
             compare.check_corruption(compare.TOOLS[0], 64, few)
 
 
@@ -185,7 +186,7 @@ class FailingTool:
     def measure(self, _current: compare.Run, size: int) -> compare.Figures:
         self.left -= 1
         if self.left >= 0:
-            raise run.MeasurementFailed("stalled")
+            raise MeasurementFailed("stalled")
         frames = 1_000_000
         return compare.Figures(frames, round(frames * compare.expected_share(size)), 1.0, 0.5, 0.5, 0.0, 0.5)
 
@@ -202,11 +203,11 @@ class FailureTest(unittest.TestCase):
         self.assertEqual(self.bench.failures, 2 * ["Tool: stalled"])
 
     def test_another_tool_that_always_fails_is_not_measured(self):
-        with self.assertRaises(run.MeasurementFailed):
+        with self.assertRaises(MeasurementFailed):
             self.measure(FailingTool("vde", failures=100))
 
     def test_a_failure_of_our_own_is_not_made_good(self):
-        with self.assertRaises(run.MeasurementFailed):
+        with self.assertRaises(MeasurementFailed):
             self.measure(FailingTool("lattivo", failures=1))
         self.assertEqual(self.bench.failures, [])
 
@@ -216,7 +217,7 @@ def build_folder() -> Path:
 
 
 def tools_are_there() -> bool:
-    built = [run.find_program(build_folder(), name) for name in ("lattivo_frameload", "lattivo_ns3link")]
+    built = [find_program(build_folder(), name) for name in ("lattivo_frameload", "lattivo_ns3link")]
     return None not in built and None not in [shutil.which(name) for name in ("vde_switch", "wirefilter")]
 
 
@@ -228,7 +229,7 @@ class ProgramTest(unittest.TestCase):
         return process
 
     def start_client(self, port: int | str, *arguments: str) -> subprocess.Popen:
-        client = run.find_program(build_folder(), "lattivo_loadclient")
+        client = find_program(build_folder(), "lattivo_loadclient")
         return self.start(client, "--port", str(port), *arguments)
 
     def figures(self, client: subprocess.Popen) -> dict:
@@ -332,7 +333,7 @@ class LimitTest(ProgramTest):
         self.assertEqual({"small"}, {row["key"] for row in rows if row["against"] == "floor"})
 
     def test_the_floor_relays_every_frame(self):
-        limit_server = run.find_program(build_folder(), "lattivo_limitserver")
+        limit_server = find_program(build_folder(), "lattivo_limitserver")
         floor = self.start(limit_server, "--star", "3", "--reliability", "0", "--no-draws")
         port = floor.stdout.readline().split()[-1]
         figures = self.figures(self.start_client(port, "--star", "3", "--window", "1", "--frames", "1000"))
