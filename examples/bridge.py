@@ -1,6 +1,6 @@
 """The bridge between a program and the simulator: the messages and the connection that carries them.
 
-The one place that knows the wire format; docs/formats.md describes it byte by byte. Every message is a type byte, a
+The one place that knows the wire format; docs/protocol.md describes it byte by byte. Every message is a type byte, a
 32-bit big-endian length and that many bytes.
 """
 

@@ -31,7 +31,7 @@ def identification(by_name, name, node_address):
 
 
 class Program:
-    """A connection that is read when asked and written to only when all before has arrived: see docs/formats.md."""
+    """A connection that is read when asked and written to only when all before has arrived: see docs/protocol.md."""
 
     def __init__(self, port, receive_buffer=None):
         self.socket = socket.socket()

@@ -43,7 +43,7 @@ Fuzz::Goal switchedOn("a node that was switched on again sends");
 Fuzz::Goal gotFirstAddress("a node gets its first address");
 Fuzz::Goal detachedByError("an error detaches a program");
 
-/// As in docs/formats.md: 02:00:00:00:00 and the number.
+/// As in docs/protocol.md: 02:00:00:00:00 and the number.
 QByteArray address(int number, int length)
 {
     return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
@@ -66,7 +66,7 @@ struct SentFrame {
     QByteArray senderAddress;  // when it was sent
 };
 
-/// What docs/formats.md says of messages from a program, told anew: which frames a piece makes the node send.
+/// What docs/protocol.md says of messages from a program, told anew: which frames a piece makes the node send.
 class ExpectedSender
 {
 public:

@@ -52,7 +52,7 @@ void accept(QTcpServer& server, Fuzz::Program& program)
     Fuzz::passEvents();
 }
 
-/// What docs/formats.md says of the first bytes, told anew.
+/// What docs/protocol.md says of the first bytes, told anew.
 struct Expectation {
     Expectation(const Network& network, const QByteArray& bytes)
     {

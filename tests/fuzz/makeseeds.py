@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-*, from the examples in docs/formats.md."""
+"""Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-*, from the examples in the documents."""
 
 import pathlib
 import re
@@ -29,7 +29,7 @@ SHORT_ADDRESSES, NO_ADDRESS, CLOSES = 0x20, 0x40, 0x80
 
 
 def examples():
-    text = (ROOT / "docs" / "formats.md").read_text(encoding="utf-8")
+    text = "".join((ROOT / "docs" / name).read_text(encoding="utf-8") for name in ("protocol.md", "files.md"))
     return {name: bytes.fromhex(re.sub("#.*", "", block)) for name, block in EXAMPLE.findall(text)}
 
 

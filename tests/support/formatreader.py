@@ -1,4 +1,4 @@
-"""Reads the simulation file and the dump byte by byte, as docs/formats.md describes them."""
+"""Reads the simulation file and the dump byte by byte, as docs/files.md describes them."""
 
 from __future__ import annotations
 

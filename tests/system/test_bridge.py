@@ -32,8 +32,8 @@ PATIENCE = 10.0  # seconds; only a failing test waits that long
 
 
 def documented_examples() -> dict[str, bytes]:
-    """Return the worked examples of docs/formats.md by name."""
-    text = (TOP_FOLDER / "docs" / "formats.md").read_text(encoding="utf-8")
+    """Return the worked examples of docs/protocol.md by name."""
+    text = (TOP_FOLDER / "docs" / "protocol.md").read_text(encoding="utf-8")
     blocks = re.findall(r"<!-- example: (\S+) -->\n```\n(.*?)```", text, re.DOTALL)
     return {name: bytes.fromhex(" ".join(line.split("#")[0] for line in block.splitlines())) for name, block in blocks}
 

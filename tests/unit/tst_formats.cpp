@@ -80,7 +80,7 @@ QByteArray contentsOf(const QString& path)
 
 }  // namespace
 
-/// Every worked example of docs/formats.md against the program.
+/// Compares every worked example of docs/protocol.md and docs/files.md with the program.
 class TestFormats : public QObject
 {
     Q_OBJECT
@@ -131,16 +131,17 @@ private:
 void TestFormats::initTestCase()
 {
     QVERIFY(_folder.isValid());
-    const QString document = QString::fromUtf8(contentsOf(LATTIVO_FORMATS));
+    const QString documents
+        = QString::fromUtf8(contentsOf(LATTIVO_DOCS "/protocol.md") + contentsOf(LATTIVO_DOCS "/files.md"));
     const QRegularExpression block("<!-- example: (\\S+) -->\n```\n(.*?)```",
                                    QRegularExpression::DotMatchesEverythingOption);
-    QRegularExpressionMatchIterator blocks = block.globalMatch(document);
+    QRegularExpressionMatchIterator blocks = block.globalMatch(documents);
     while (blocks.hasNext()) {
         const QRegularExpressionMatch found = blocks.next();
         QVERIFY2(!_examples.contains(found.captured(1)), qPrintable(found.captured(1)));
         _examples.insert(found.captured(1), exampleOf(found.captured(2)));
     }
-    QCOMPARE(_examples.size(), document.count("<!-- example:"));
+    QCOMPARE(_examples.size(), documents.count("<!-- example:"));
 }
 
 QByteArray TestFormats::saved() const
@@ -156,7 +157,7 @@ QByteArray TestFormats::dumped() const
     return NetworkSimulation::instance()->exportPcapDump(path) ? contentsOf(path) : QByteArray();
 }
 
-/// One that is added to the document wants a test here, and a name here.
+/// An example that is added to a document needs a test and its name here.
 void TestFormats::everyExampleHasATest()
 {
     const QStringList tested = {
