@@ -1,4 +1,4 @@
-"""The frames that sender.py and receiver.py exchange: numbered, and with a checksum of their own.
+"""Builds and checks the frames that sender.py and receiver.py exchange: numbered, with a checksum of their own.
 
     destination (6)  source (6)  number (4)  filler  CRC-32 of all before it (4)
 

@@ -12,7 +12,7 @@ import time
 
 import numbered
 import program
-from bridge import Bridge, Command, Frame, Message
+from lattivo import Client, DebugCommand, Frame, Message
 
 LISTED_NUMBERS = 20  # of the missing ones; the rest is only counted
 
@@ -28,13 +28,11 @@ class Receiver:
         self._first_arrival: float | None = None
         self._last_event = 0.0
 
-    def work(self, bridge: Bridge) -> None:
+    def work(self, client: Client) -> None:
         """Receive until the count is reached or nothing comes any more."""
-        messages = bridge.identify(name=self._options.name, address=self._options.address)
         self._last_event = time.monotonic()
-        self._take(messages)
         while not self._is_done():
-            self._take(program.receive(bridge, self._pause()))
+            self._take(program.receive(client, self._pause()))
 
     def report(self) -> str:
         """Return the figures, one a line."""
@@ -77,7 +75,7 @@ class Receiver:
         for message in messages:
             if isinstance(message, Frame):
                 self._take_frame(message.payload)
-            elif isinstance(message, Command):
+            elif isinstance(message, DebugCommand):
                 program.obey(message)
 
     def _take_frame(self, frame: bytes) -> None:

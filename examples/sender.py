@@ -15,7 +15,9 @@ import time
 
 import numbered
 import program
-from bridge import POLL_PAUSE, Bridge, Command, Confirmation, Message, Outcome, encode_frame
+from lattivo import Client, Confirmation, DebugCommand, Message, Outcome
+
+RETRY_PAUSE = 0.001  # seconds, while the simulator has no room for the next frame
 
 
 class Sender:
@@ -29,16 +31,12 @@ class Sender:
         self._sent = 0
         self._outcomes = {Outcome.DELIVERED: 0, Outcome.LOST: 0}
 
-    def work(self, bridge: Bridge) -> None:
+    def work(self, client: Client) -> None:
         """Send all frames and wait for their outcomes."""
-        self._take(bridge.identify(name=self._options.name, address=self._options.address))
         self._started = self._last_event = time.monotonic()
         while not self._is_done():
-            if self._is_due() and bridge.can_send():
-                self._send_next(bridge)
-                self._take(program.receive(bridge, 0.0))
-            else:
-                self._take(program.receive(bridge, self._pause()))
+            has_sent = self._is_due() and self._send_next(client)
+            self._take(program.receive(client, 0.0 if has_sent else self._pause()))
 
     def report(self) -> str:
         """Return the figures, one a line."""
@@ -71,21 +69,23 @@ class Sender:
         if self._sent == self._options.count:
             timeout: float = self._options.timeout
             return self._last_event + timeout - time.monotonic()
-        return max(self._due_time() - time.monotonic(), POLL_PAUSE)
+        return max(self._due_time() - time.monotonic(), RETRY_PAUSE)
 
-    def _send_next(self, bridge: Bridge) -> None:
+    def _send_next(self, client: Client) -> bool:
         options = self._options
         frame = numbered.build_frame(options.destination, self._source, self._sent + 1, options.size)
-        bridge.send(encode_frame(frame))
+        if not client.try_send(frame):
+            return False
         self._sent += 1
         self._last_event = time.monotonic()
+        return True
 
     def _take(self, messages: list[Message]) -> None:
         for message in messages:
             if isinstance(message, Confirmation):
                 self._outcomes[message.outcome] += 1
                 self._last_event = time.monotonic()
-            elif isinstance(message, Command):
+            elif isinstance(message, DebugCommand):
                 program.obey(message)
 
 

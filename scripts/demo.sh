@@ -6,6 +6,7 @@ cd "$(dirname "$0")/.."
 runner=$1
 simulation=examples/lossy-link.ltvo
 frames=500
+export PYTHONPATH=client/python # the kit that the examples are built on
 work=$(mktemp -d)
 pids=""
 

@@ -11,7 +11,7 @@ from pathlib import Path
 
 TOP_FOLDER = Path(__file__).resolve().parents[1]
 
-import bridge
+import lattivo
 import numbered
 
 from tests.support import desktop, lattivowindow
@@ -74,8 +74,7 @@ class Program(threading.Thread):
         super().__init__(daemon=True)
         self._address = address(name)
         self._destinations, self._pause = CONVERSATIONS[name]
-        self._bridge = bridge.Bridge("127.0.0.1", port, desktop.PATIENCE)
-        self._bridge.identify(address=self._address)
+        self._client = lattivo.Client.connect(port=port, address=self._address, timeout=desktop.PATIENCE)
 
     def run(self) -> None:
         """Go on until the simulator closes the connection."""
@@ -84,10 +83,10 @@ class Program(threading.Thread):
             while True:
                 for _ in range(FRAMES_OF_BURST):
                     number += 1
-                    self._bridge.send(bridge.encode_frame(self._frame(number)))
+                    self._client.send_frame(self._frame(number))
                     self._read_for(PAUSE_IN_BURST)
                 self._read_for(self._pause)
-        except bridge.Disconnected:
+        except lattivo.Disconnected:
             pass
 
     def _frame(self, number: int) -> bytes:
@@ -98,7 +97,7 @@ class Program(threading.Thread):
     def _read_for(self, seconds: float) -> None:
         end = time.monotonic() + seconds
         while (left := end - time.monotonic()) > 0:
-            self._bridge.receive(left)
+            self._client.receive(left)
 
 
 def set_network_up(window: lattivowindow.LattivoWindow, port: int) -> None:

@@ -10,4 +10,4 @@ install_packages $build_packages fonts-dejavu-core openbox python3 xdotool xvfb
 
 cmake --preset release >&2
 cmake --build --preset release --target lattivo >&2
-PYTHONPATH=.:examples exec python3 -B scripts/screenshot.py build/release/lattivo docs/screenshot.png
+PYTHONPATH=.:client/python:examples exec python3 -B scripts/screenshot.py build/release/lattivo docs/screenshot.png

@@ -18,7 +18,7 @@ from pathlib import Path
 TOP_FOLDER = Path(__file__).resolve().parents[2]
 EXAMPLES = TOP_FOLDER / "examples"
 
-import bridge
+import lattivo
 import numbered
 import program
 
@@ -83,15 +83,14 @@ class ExampleTest(unittest.TestCase):
 
     def wait_for_receiver(self, **identity: object) -> None:
         """Return when frames reach the second node's program: it has got one then, and that is frame 1."""
-        probe = bridge.Bridge("127.0.0.1", self.port, PATIENCE)
-        probe.identify(**identity)
-        outcome = bridge.Outcome.LOST
-        while outcome == bridge.Outcome.LOST:
-            probe.send(bridge.encode_frame(numbered.build_frame(self.addresses[1], self.addresses[0], 1, 64)))
-            messages = probe.receive(PATIENCE)
-            self.assertEqual(len(messages), 1)
-            outcome = messages[0].outcome
-        probe.close()
+        frame = numbered.build_frame(self.addresses[1], self.addresses[0], 1, 64)
+        outcome = None
+        with lattivo.Client.connect(port=self.port, **identity) as probe:
+            while outcome != lattivo.Outcome.DELIVERED:
+                probe.send_frame(frame)
+                confirmation = probe.receive(PATIENCE)
+                self.assertIsInstance(confirmation, lattivo.Confirmation)
+                outcome = confirmation.outcome
 
     def finish(self, process: subprocess.Popen[str], code: int = program.EXIT_DONE, error: str = "") -> dict[str, int]:
         """Wait for the end of an example and return the whole numbers of its report."""
@@ -179,6 +178,10 @@ class TestRefusal(ExampleTest):
 
     CLOSED = "error: the simulator closed the connection\n"
 
+    def refused(self) -> str:
+        """Return what a program says that identifies by name in vain."""
+        return f"error: the simulator at 127.0.0.1 port {self.port} does not take the identification\n"
+
     def test_an_unknown_address_is_refused(self) -> None:
         self.start_clean()
         receiver = self.start_example("receiver.py", "--address", "0A0A0A0A0A0A", "--idle", str(PATIENCE))
@@ -187,12 +190,12 @@ class TestRefusal(ExampleTest):
     def test_an_unknown_name_is_refused(self) -> None:
         self.start_clean("--identify-by", "name")
         receiver = self.start_example("receiver.py", "--name", "nobody", "--idle", str(PATIENCE))
-        self.finish(receiver, program.EXIT_DROPPED, self.CLOSED)
+        self.finish(receiver, program.EXIT_DROPPED, self.refused())
 
     def test_the_other_kind_of_identification_is_refused(self) -> None:
         self.start_clean()
         sender = self.start_sender("--name", self.names[0], "--source", self.addresses[0].hex())
-        self.assertEqual(self.finish(sender, program.EXIT_DROPPED, self.CLOSED)["sent"], 0)
+        self.assertEqual(self.finish(sender, program.EXIT_DROPPED, self.refused()), {})
 
     def test_another_program_takes_the_node_over(self) -> None:
         simulator = self.start_clean()

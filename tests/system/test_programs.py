@@ -1,18 +1,13 @@
-"""Tests of the examples: the message codec, the numbered frames and the connection.
-
-Run from the top folder: PYTHONPATH=examples python3 -m unittest tests.system.test_bridge
-"""
+"""Tests of the example programs: the numbered frames, and both programs against a simulator that the test plays."""
 
 from __future__ import annotations
 
 import argparse
-import re
 import signal
 import socket
+import struct
 import subprocess
 import sys
-import threading
-import time
 import unittest
 from pathlib import Path
 from unittest import mock
@@ -20,7 +15,7 @@ from unittest import mock
 TOP_FOLDER = Path(__file__).resolve().parents[2]
 EXAMPLES = TOP_FOLDER / "examples"
 
-import bridge
+import lattivo
 import numbered
 import program
 import receiver
@@ -28,91 +23,8 @@ import sender
 
 LEFT = bytes.fromhex("020000000001")
 RIGHT = bytes.fromhex("020000000002")
+IDENTIFICATION = bytes.fromhex("03 00000007 01") + LEFT
 PATIENCE = 10.0  # seconds; only a failing test waits that long
-
-
-def documented_examples() -> dict[str, bytes]:
-    """Return the worked examples of docs/protocol.md by name."""
-    text = (TOP_FOLDER / "docs" / "protocol.md").read_text(encoding="utf-8")
-    blocks = re.findall(r"<!-- example: (\S+) -->\n```\n(.*?)```", text, re.DOTALL)
-    return {name: bytes.fromhex(" ".join(line.split("#")[0] for line in block.splitlines())) for name, block in blocks}
-
-
-class TestEncoding(unittest.TestCase):
-    """Messages from the program to the simulator, against the documented bytes."""
-
-    def test_every_message_has_the_documented_bytes(self) -> None:
-        messages = {
-            "identify-address": bridge.encode_address(LEFT),
-            "identify-name": bridge.encode_name("Right"),
-            "frame-from-program": bridge.encode_frame(RIGHT + LEFT + b"AB"),
-            "dropped-message": bridge.encode_message(bridge.MessageType.DISCARDED, b"\xab\xcd"),
-            "closing-message": bridge.encode_message(bridge.MessageType.CLOSE, b""),
-            "control-address": bridge.encode_address(bytes.fromhex("020000000003")),
-            "control-activate": bridge.encode_activation(True),
-            "control-deactivate": bridge.encode_activation(False),
-            "control-color": bridge.encode_color(64, 128, 32),
-            "control-name": bridge.encode_name("Left"),
-        }
-        documented = documented_examples()
-        for name, message in messages.items():
-            with self.subTest(name):
-                self.assertEqual(message, documented[name])
-
-    def test_the_length_of_a_name_counts_utf8_bytes_and_the_subtype(self) -> None:
-        self.assertEqual(bridge.encode_name("é"), bytes.fromhex("03 00000003 05 C3A9"))
-
-    def test_an_empty_name_leaves_the_subtype_alone(self) -> None:
-        self.assertEqual(bridge.encode_name(""), bytes.fromhex("03 00000001 05"))
-
-    def test_a_colour_out_of_range_is_refused(self) -> None:
-        with self.assertRaises(ValueError):
-            bridge.encode_color(0, 256, 0)
-
-
-class TestDecoding(unittest.TestCase):
-    """Messages from the simulator to the program."""
-
-    DELIVERED = bridge.Confirmation(bridge.Outcome.DELIVERED)
-    LOST = bridge.Confirmation(bridge.Outcome.LOST)
-    STEP = bridge.Command(bridge.DebugCommand.STEP)
-    FRAME = bridge.Frame(RIGHT + LEFT + b"AB")
-
-    def test_the_documented_messages_are_understood(self) -> None:
-        expected = {
-            "frame-to-program": self.FRAME,
-            "confirmation-delivered": self.DELIVERED,
-            "confirmation-lost": self.LOST,
-            "debug-command-step": self.STEP,
-        }
-        documented = documented_examples()
-        for name, message in expected.items():
-            with self.subTest(name):
-                self.assertEqual(bridge.Decoder().feed(documented[name]), [message])
-
-    def test_a_stream_cut_anywhere_gives_the_same_messages(self) -> None:
-        documented = documented_examples()
-        names = ("frame-to-program", "confirmation-lost", "debug-command-step", "confirmation-delivered")
-        stream = b"".join(documented[name] for name in names)
-        for cut in range(len(stream) + 1):
-            with self.subTest(cut=cut):
-                decoder = bridge.Decoder()
-                messages = decoder.feed(stream[:cut]) + decoder.feed(stream[cut:])
-                self.assertEqual(messages, [self.FRAME, self.LOST, self.STEP, self.DELIVERED])
-
-    def test_a_message_is_out_with_its_last_byte_and_not_before(self) -> None:
-        decoder = bridge.Decoder()
-        self.assertEqual(decoder.feed(bytes.fromhex("02 00000001")), [])
-        self.assertEqual(decoder.feed(b"\x02"), [self.LOST])
-
-    def test_a_null_frame_is_an_empty_one(self) -> None:
-        messages = bridge.Decoder().feed(bytes.fromhex("01 FFFFFFFF 02 00000001 01"))
-        self.assertEqual(messages, [bridge.Frame(b""), self.DELIVERED])
-
-    def test_what_is_no_message_is_refused(self) -> None:
-        for text in ("00 00000000", "03 00000001 02", "02 00000001 00", "02 00000002 0101", "05 00000001 07"):
-            with self.subTest(text), self.assertRaises(bridge.ProtocolError):
-                bridge.Decoder().feed(bytes.fromhex(text))
 
 
 class TestNumberedFrames(unittest.TestCase):
@@ -174,6 +86,11 @@ class Simulator:
         return connection
 
 
+def frame_message(number: int, size: int) -> bytes:
+    """Return the message with a frame of the sender."""
+    return struct.pack(">BI", 1, size) + numbered.build_frame(RIGHT, LEFT, number, size)
+
+
 def read_exactly(connection: socket.socket, size: int) -> bytes:
     """Return size bytes, or fewer when the peer has closed."""
     data = b""
@@ -182,82 +99,13 @@ def read_exactly(connection: socket.socket, size: int) -> bytes:
     return data
 
 
-class TestBridge(unittest.TestCase):
-    """The connection, on real sockets."""
-
-    def setUp(self) -> None:
-        self.simulator = self.enterContext(Simulator())
-        self.bridge = bridge.Bridge("127.0.0.1", self.simulator.port, PATIENCE)
-        self.addCleanup(self.bridge._socket.close)
-        self.peer = self.simulator.accept()
-        self.addCleanup(self.peer.close)
-
-    def test_small_messages_are_not_held_back(self) -> None:
-        self.assertNotEqual(self.bridge._socket.getsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY), 0)
-
-    def test_after_an_address_the_program_goes_on_at_once(self) -> None:
-        with mock.patch.object(bridge, "ATTACH_PAUSE", 3600.0):  # a pause would show
-            self.bridge.identify(address=LEFT)
-        self.assertEqual(read_exactly(self.peer, 12), bridge.encode_address(LEFT))
-
-    def test_after_a_name_the_program_is_silent_for_a_moment(self) -> None:
-        started = time.monotonic()
-        self.bridge.identify(name="Left")
-        self.assertGreaterEqual(time.monotonic() - started, bridge.ATTACH_PAUSE)
-        self.assertEqual(read_exactly(self.peer, 10), bridge.encode_name("Left"))
-
-    def test_messages_that_come_right_after_a_name_are_kept(self) -> None:
-        self.peer.sendall(bytes.fromhex("02 00000001 01"))
-        self.assertEqual(self.bridge.identify(name="Left"), [bridge.Confirmation(bridge.Outcome.DELIVERED)])
-
-    def test_a_refused_name_shows_as_a_lost_connection(self) -> None:
-        self.peer.close()
-        with self.assertRaises(bridge.Disconnected):
-            self.bridge.identify(name="nobody")
-
-    def test_the_next_message_waits_until_nothing_of_the_last_is_under_way(self) -> None:
-        with mock.patch.object(self.bridge, "can_send", side_effect=[False, False, True]) as can_send:
-            self.bridge.send(b"\x04\x00\x00\x00\x00")
-        self.assertEqual(can_send.call_count, 3)
-        self.assertEqual(read_exactly(self.peer, 5), b"\x04\x00\x00\x00\x00")
-
-    def test_bytes_that_the_peer_has_no_room_for_forbid_sending(self) -> None:
-        self.assertTrue(self.bridge.can_send())
-        self.bridge._socket.setblocking(False)
-        with self.assertRaises(BlockingIOError):
-            while True:
-                self.bridge._socket.send(bytes(65536))
-        self.assertFalse(self.bridge.can_send())
-
-    def test_a_closed_connection_is_reported(self) -> None:
-        self.peer.close()
-        with self.assertRaises(bridge.Disconnected):
-            self.bridge.receive(PATIENCE)
-
-    def test_nothing_to_read_is_no_message(self) -> None:
-        self.assertEqual(self.bridge.receive(0.0), [])
-
-    def test_closing_waits_until_the_simulator_has_read_all(self) -> None:
-        self.peer.sendall(bytes.fromhex("02 00000001 01"))  # unread on the program's side
-        self.bridge.send(bridge.encode_frame(b"last"))
-        closing = threading.Thread(target=self.bridge.close)
-        self.enterContext(mock.patch.object(bridge, "CLOSE_PATIENCE", PATIENCE))
-        closing.start()
-        self.assertEqual(read_exactly(self.peer, 9), bytes.fromhex("01 00000004") + b"last")
-        self.assertEqual(self.peer.recv(1), b"")  # ended in order; a reset would raise
-        self.assertTrue(closing.is_alive())
-        self.peer.close()
-        closing.join(PATIENCE)
-        self.assertFalse(closing.is_alive())
-
-
 class TestReceiver(unittest.TestCase):
     """What the receiver makes of the frames."""
 
     def receive(self, frames: list[bytes], *arguments: str) -> list[str]:
         """Return the report on these frames."""
         under_test = receiver.Receiver(receiver.parse_options(["--name", "Right", *arguments]))
-        under_test._take([bridge.Frame(frame) for frame in frames])
+        under_test._take([lattivo.Frame(frame) for frame in frames])
         return under_test.report().splitlines()
 
     def frame(self, number: int) -> bytes:
@@ -312,8 +160,8 @@ class TestPrograms(unittest.TestCase):
                 received = read_exactly(peer, 12 + 3 * 25)
                 peer.sendall(bytes.fromhex("0200000001 01 0200000001 02 0200000001 01"))
                 output, errors = process.communicate(timeout=PATIENCE)
-        frames = [bridge.encode_frame(numbered.build_frame(RIGHT, LEFT, number, 20)) for number in (1, 2, 3)]
-        self.assertEqual(received, bridge.encode_address(LEFT) + b"".join(frames))
+        frames = [frame_message(number, 20) for number in (1, 2, 3)]
+        self.assertEqual(received, IDENTIFICATION + b"".join(frames))
         self.assertEqual(output.splitlines()[:4], ["sent: 3", "confirmed: 2", "lost: 1", "unanswered: 0"])
         self.assertEqual((errors, process.returncode), ("", program.EXIT_DONE))
 
@@ -353,7 +201,7 @@ class TestPrograms(unittest.TestCase):
             with simulator.accept() as peer:
                 read_exactly(peer, 12)
                 for number in (1, 2):
-                    peer.sendall(bridge.encode_frame(numbered.build_frame(RIGHT, LEFT, number, 32)))
+                    peer.sendall(frame_message(number, 32))
                 self.assertEqual(peer.recv(1), b"")
             output, _ = process.communicate(timeout=PATIENCE)
         self.assertIn("intact: 2", output.splitlines())
