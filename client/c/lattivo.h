@@ -21,8 +21,7 @@
 extern "C" {
 #endif
 
-/* What every function answers. lattivo_error() adds a text with the host, the limit or the system's reason.
- */
+/* What every function answers. lattivo_error() names the host, the limit or the system's reason. */
 typedef enum lattivo_result {
     LATTIVO_OK = 0,
     LATTIVO_AGAIN,     /* not within the given time: nothing has arrived, or there is no room yet */
@@ -31,7 +30,7 @@ typedef enum lattivo_result {
     LATTIVO_OUT_OF_MEMORY,
     /* From here on the connection is over, and only lattivo_close() is left. */
     LATTIVO_UNKNOWN_HOST,
-    LATTIVO_NO_CONNECTION,   /* the simulator cannot be reached */
+    LATTIVO_NO_CONNECTION,   /* the simulator cannot be reached, or does not answer in time */
     LATTIVO_REFUSED,         /* the simulator does not take the identification */
     LATTIVO_CLOSED,          /* the simulator has closed the connection, or the network has lost it */
     LATTIVO_FRAME_TOO_LARGE, /* a frame arrives that is larger than the client's largest frame */
@@ -56,9 +55,7 @@ typedef struct lattivo_message {
 
 typedef struct lattivo_client lattivo_client;
 
-/* Life
- * -----------------------------------------------------------------------------------------------------------
- */
+/* Life */
 
 /* Connects to a simulator by TCP. Host is a name or an address, IPv4 or IPv6; options may be NULL. The client
  * is made on failure too, so that lattivo_error() can tell why; it is NULL only when there is no memory. */
@@ -80,8 +77,7 @@ LATTIVO_API lattivo_result lattivo_identify_by_name(lattivo_client* client, cons
  * still arrive are dropped. Gives all memory back whatever it returns. NULL is allowed. */
 LATTIVO_API lattivo_result lattivo_close(lattivo_client* client);
 
-/* Sending
- * -------------------------------------------------------------------------------------------------------- */
+/* Sending */
 
 /* Each of these queues one message. What is queued leaves with lattivo_flush(), with lattivo_receive(), or
  * when the queue is full. LATTIVO_AGAIN: the message did not find room within timeout ms, and is not queued.
@@ -102,15 +98,13 @@ LATTIVO_API lattivo_result lattivo_flush(lattivo_client* client, int timeout);
 /* Returns how many bytes a frame may have to be sent over the present path. */
 LATTIVO_API size_t lattivo_largest_frame(lattivo_client* client);
 
-/* Receiving
- * ------------------------------------------------------------------------------------------------------ */
+/* Receiving */
 
 /* Sends what is queued, then gives the next message, for which it waits up to timeout ms. Receive often: the
  * simulator drops a program when 64 MiB wait for it. */
 LATTIVO_API lattivo_result lattivo_receive(lattivo_client* client, lattivo_message* message, int timeout);
 
-/* A poll() loop of the program's own
- * ----------------------------------------------------------------------------- */
+/* A poll() loop of the program's own */
 
 /* Poll this for POLLIN, and call lattivo_receive() until it returns LATTIVO_AGAIN. -1: there is no
  * connection. */
@@ -122,12 +116,10 @@ LATTIVO_API bool lattivo_wants_write(const lattivo_client* client);
 /* True: a message is here already. Call lattivo_receive() before polling, which would not tell. */
 LATTIVO_API bool lattivo_has_more(const lattivo_client* client);
 
-/* Returns after how many ms lattivo_flush() is to be called whatever poll() says; -1: there is no need. */
+/* Returns after how many ms lattivo_flush() is to be called, whatever poll() says. -1: there is no need. */
 LATTIVO_API int lattivo_timeout(const lattivo_client* client);
 
-/* Texts
- * ----------------------------------------------------------------------------------------------------------
- */
+/* Texts */
 
 /* Returns what went wrong last with this client, as one line without a line end. Of NULL: that there is no
  * memory. */
