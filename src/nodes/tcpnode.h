@@ -1,5 +1,6 @@
 #pragma once
 
+#include "lattivo_protocol.h"
 #include "nodes/node.h"
 #include "protocol/messageoutput.h"
 #include "protocol/messagereader.h"
@@ -24,12 +25,12 @@ public:
     /// Sent to the program; the value is the byte on the wire.
     enum DebugCommand {
         InvalidDC = 0,
-        RunContDC = 1,
-        PauseDC = 2,
-        StepDC = 3,
-        ResetDC = 4,
-        QuitDC = 5,
-        IdentifyDC = 6,
+        RunContDC = LATTIVO_COMMAND_RUN,
+        PauseDC = LATTIVO_COMMAND_PAUSE,
+        StepDC = LATTIVO_COMMAND_STEP,
+        ResetDC = LATTIVO_COMMAND_RESET,
+        QuitDC = LATTIVO_COMMAND_QUIT,
+        IdentifyDC = LATTIVO_COMMAND_IDENTIFY,
     };
 
     /// \a socket as in setSocket().

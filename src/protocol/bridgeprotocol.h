@@ -1,5 +1,7 @@
 #pragma once
 
+#include "lattivo_protocol.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -8,32 +10,32 @@
 namespace Bridge {
 
 enum MessageType : quint8 {
-    Frame = 1,         ///< both ways
-    Confirmation = 2,  ///< to the program
-    NodeControl = 3,   ///< from the program
-    Ignored = 4,       ///< from the program; read and discarded
-    Debug = 5,         ///< to the program
-    Goodbye = 7,       ///< from the program; read and discarded, then the connection is closed
+    Frame = LATTIVO_MESSAGE_FRAME,                ///< both ways
+    Confirmation = LATTIVO_MESSAGE_CONFIRMATION,  ///< to the program
+    NodeControl = LATTIVO_MESSAGE_NODE_CONTROL,   ///< from the program
+    Ignored = LATTIVO_MESSAGE_DISCARDED,          ///< from the program; read and discarded
+    Debug = LATTIVO_MESSAGE_DEBUG_COMMAND,        ///< to the program
+    Goodbye = LATTIVO_MESSAGE_CLOSE,  ///< from the program; read and discarded, then the connection is closed
 };
 
 /// The first byte of a NodeControl message's body.
 enum NodeControlType : quint8 {
-    SetAddress = 1,
-    Enable = 2,
-    Disable = 3,
-    SetColor = 4,
-    SetName = 5,
+    SetAddress = LATTIVO_CONTROL_ADDRESS,
+    Enable = LATTIVO_CONTROL_ACTIVATE,
+    Disable = LATTIVO_CONTROL_DEACTIVATE,
+    SetColor = LATTIVO_CONTROL_COLOUR,
+    SetName = LATTIVO_CONTROL_NAME,
 };
 
 /// The only byte of a Confirmation message's body.
 enum Outcome : quint8 {
-    FrameDelivered = 1,
-    FrameNotDelivered = 2,
+    FrameDelivered = LATTIVO_DELIVERED,
+    FrameNotDelivered = LATTIVO_LOST,
 };
 
-constexpr int headerSize = 5;             // type and length
-constexpr int nodeControlHeaderSize = 6;  // and the sub-type
-constexpr quint32 colorSize = 3;          // red, green, blue
+constexpr int headerSize = LATTIVO_HEADER_SIZE;                          // type and length
+constexpr int nodeControlHeaderSize = LATTIVO_NODE_CONTROL_HEADER_SIZE;  // and the sub-type
+constexpr quint32 colorSize = LATTIVO_COLOUR_SIZE;                       // red, green, blue
 
 /// UTF-8 up to the first zero byte.
 inline QString nameFromBytes(const QByteArray& bytes)
