@@ -29,6 +29,89 @@ class TestNodeMenu : public QObject
 {
     Q_OBJECT
 
+private:
+    static Network& network() { return *NetworkSimulation::instance()->network(); }
+    QWindow* window() const { return _view->windowHandle(); }
+
+    static TcpNode* addNode(const QPointF& position)
+    {
+        auto* node = new TcpNode(QByteArray(), nullptr);
+        network().addItem(node);
+        node->setPos(position);
+        return node;
+    }
+
+    QPoint point(const QPointF& position) const { return _view->mapFromScene(position); }
+
+    void click(const QPointF& position)
+    {
+        QTest::mouseMove(window(), point(position));
+        QTest::mouseClick(window(), Qt::LeftButton, {}, point(position));
+    }
+
+    /// With a button down.
+    void moveMouse(const QPointF& from, const QPointF& to)
+    {
+        for (const double way : {0.3, 0.7, 1.0}) {
+            const QPoint local = point(from + (to - from) * way);
+            QMouseEvent event(QEvent::MouseMove, local, _view->viewport()->mapToGlobal(local), Qt::NoButton,
+                              Qt::LeftButton, Qt::NoModifier);
+            QCoreApplication::sendEvent(_view->viewport(), &event);
+        }
+    }
+
+    void drag(const QPointF& from, const QPointF& to)
+    {
+        QTest::mousePress(window(), Qt::LeftButton, {}, point(from));
+        moveMouse(from, to);
+        QTest::mouseRelease(window(), Qt::LeftButton, {}, point(to));
+    }
+
+    static void endings()
+    {
+        QTest::addColumn<QByteArray>("ending");
+        for (const char* ending : {"choice", "Escape", "press on the ground", "press on the other node"})
+            QTest::newRow(ending) << QByteArray(ending);
+    }
+
+    /// Once the menu is open.
+    void answerMenu(const std::function<void(QMenu*)>& answer)
+    {
+        QTimer::singleShot(0, this, [this, answer] {
+            if (auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget()))
+                answer(menu);
+            else
+                answerMenu(answer);
+        });
+    }
+
+    /// Returns when the menu is closed.
+    void openMenu(const std::function<void(QMenu*)>& answer)
+    {
+        answerMenu(answer);
+        QTest::mouseMove(window(), point(nodePlace));
+        QTest::mousePress(window(), Qt::RightButton, {}, point(nodePlace));
+    }
+
+    void openMenuAndEndIt(const QByteArray& ending)
+    {
+        const QPointF elsewhere = ending.endsWith("node") ? otherPlace : ground;
+        openMenu([&](QMenu* menu) {
+            QTest::mouseRelease(window(), Qt::RightButton, {}, point(nodePlace));
+            if (!menu->isVisible())
+                return;
+            if (ending == "choice")
+                QTest::mouseClick(menu, Qt::LeftButton, {}, underCursor);
+            else if (ending == "Escape")
+                QTest::keyClick(menu, Qt::Key_Escape);
+            else
+                QTest::mousePress(window(), Qt::LeftButton, {}, point(elsewhere));
+        });
+        QCoreApplication::processEvents();  // a press that has closed the menu goes on to what is there
+        QTest::mouseRelease(window(), Qt::LeftButton, {}, point(elsewhere));
+        QVERIFY(!QApplication::activePopupWidget());
+    }
+
 private slots:
     void init()
     {
@@ -146,88 +229,6 @@ private slots:
     }
 
 private:
-    static Network& network() { return *NetworkSimulation::instance()->network(); }
-    QWindow* window() const { return _view->windowHandle(); }
-
-    static TcpNode* addNode(const QPointF& position)
-    {
-        auto* node = new TcpNode(QByteArray(), nullptr);
-        network().addItem(node);
-        node->setPos(position);
-        return node;
-    }
-
-    QPoint point(const QPointF& position) const { return _view->mapFromScene(position); }
-
-    void click(const QPointF& position)
-    {
-        QTest::mouseMove(window(), point(position));
-        QTest::mouseClick(window(), Qt::LeftButton, {}, point(position));
-    }
-
-    /// With a button down.
-    void moveMouse(const QPointF& from, const QPointF& to)
-    {
-        for (const double way : {0.3, 0.7, 1.0}) {
-            const QPoint local = point(from + (to - from) * way);
-            QMouseEvent event(QEvent::MouseMove, local, _view->viewport()->mapToGlobal(local), Qt::NoButton,
-                              Qt::LeftButton, Qt::NoModifier);
-            QCoreApplication::sendEvent(_view->viewport(), &event);
-        }
-    }
-
-    void drag(const QPointF& from, const QPointF& to)
-    {
-        QTest::mousePress(window(), Qt::LeftButton, {}, point(from));
-        moveMouse(from, to);
-        QTest::mouseRelease(window(), Qt::LeftButton, {}, point(to));
-    }
-
-    static void endings()
-    {
-        QTest::addColumn<QByteArray>("ending");
-        for (const char* ending : {"choice", "Escape", "press on the ground", "press on the other node"})
-            QTest::newRow(ending) << QByteArray(ending);
-    }
-
-    /// Once the menu is open.
-    void answerMenu(const std::function<void(QMenu*)>& answer)
-    {
-        QTimer::singleShot(0, this, [this, answer] {
-            if (auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget()))
-                answer(menu);
-            else
-                answerMenu(answer);
-        });
-    }
-
-    /// Returns when the menu is closed.
-    void openMenu(const std::function<void(QMenu*)>& answer)
-    {
-        answerMenu(answer);
-        QTest::mouseMove(window(), point(nodePlace));
-        QTest::mousePress(window(), Qt::RightButton, {}, point(nodePlace));
-    }
-
-    void openMenuAndEndIt(const QByteArray& ending)
-    {
-        const QPointF elsewhere = ending.endsWith("node") ? otherPlace : ground;
-        openMenu([&](QMenu* menu) {
-            QTest::mouseRelease(window(), Qt::RightButton, {}, point(nodePlace));
-            if (!menu->isVisible())
-                return;
-            if (ending == "choice")
-                QTest::mouseClick(menu, Qt::LeftButton, {}, underCursor);
-            else if (ending == "Escape")
-                QTest::keyClick(menu, Qt::Key_Escape);
-            else
-                QTest::mousePress(window(), Qt::LeftButton, {}, point(elsewhere));
-        });
-        QCoreApplication::processEvents();  // a press that has closed the menu goes on to what is there
-        QTest::mouseRelease(window(), Qt::LeftButton, {}, point(elsewhere));
-        QVERIFY(!QApplication::activePopupWidget());
-    }
-
     TcpNode* _node = nullptr;   // the network's
     TcpNode* _other = nullptr;  // likewise
     std::unique_ptr<QGraphicsView> _view;

@@ -247,1528 +247,1417 @@ class TestTcpNode : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
+    void init()
+    {
+        qsrand(1);
+        NetworkSimulation::newNetworkSimulation();
+    }
+
+    void cleanup()
+    {
+        NetworkSimulation::deleteNetworkSimulation();
+        QVERIFY(TestAccess::allTcpNodes().isEmpty());
+    }
 
     // Attaching and detaching
-    void aNodeWithoutASocketIsUnattachedAndInactive();
-    void aNodeIsAttachedAtItsConstruction();
-    void itsKindIsThatOfTcpNodesInFiles();
-    void livingNodesAreListedInOrderOfConstruction();
-    void aConnectedSocketMakesTheNodeActive();
-    void anUnconnectedSocketIsNeitherAdoptedNorDeleted();
-    void anUnconnectedSocketStillEndsTheOldConnection();
-    void attachingLeavesADisabledNodeInactive();
-    void itsSocketSendsWithoutDelay();
-    void theSameSocketAgainIsClosed();
-    void theSameSocketAgainWithUnsentBytesIsDeletedAtOnce();
-    void aNewSocketReplacesTheOldOne();
-    void replacingASocketTellsOfBothChanges();
-    void settingNoSocketDetaches();
-    void anOldSocketWithUnsentBytesIsDeletedAtOnce();
-    void theEndOfTheProgramDetaches();
-    void aKilledProgramDetaches();
-    void aDetachedNodeCanBeAttachedAgain();
-    void deletingTheNodeClosesItsSocket();
-    void deletingTheNetworkClosesItsSockets();
+
+    void aNodeWithoutASocketIsUnattachedAndInactive()
+    {
+        TcpNode* node = addTcpNode(QStringLiteral("Left"));
+
+        QCOMPARE(node->name(), QStringLiteral("Left"));
+        QVERIFY(node->address().isEmpty());
+        QVERIFY(!node->socket());
+        QVERIFY(!node->active());
+        QCOMPARE(TestAccess::flags(*node), 0);
+    }
+
+    void aNodeIsAttachedAtItsConstruction()
+    {
+        SocketPair named;
+        SocketPair addressed;
+        TcpNode* byName = addTcpNode(QStringLiteral("Left"), named.nodeEnd);
+        TcpNode* byAddress = addTcpNode(hex("0102"), addressed.nodeEnd);
+
+        QCOMPARE(byName->name(), QStringLiteral("Left"));
+        QVERIFY(byName->address().isEmpty());
+        QCOMPARE(byName->socket(), named.nodeEnd.data());
+        QVERIFY(byAddress->name().isEmpty());
+        QCOMPARE(byAddress->address(), hex("0102"));
+        QCOMPARE(byAddress->socket(), addressed.nodeEnd.data());
+    }
+
+    void itsKindIsThatOfTcpNodesInFiles()
+    {
+        const TcpNode node(QByteArray(), nullptr);
+
+        QCOMPARE(node.type(), 65536);
+        QCOMPARE(node.nodeType(), 1);
+    }
+
+    void livingNodesAreListedInOrderOfConstruction()
+    {
+        const auto first = std::make_unique<TcpNode>(QStringLiteral("1"), nullptr);
+        auto second = std::make_unique<TcpNode>(QByteArray("2"), nullptr);
+        const auto third = std::make_unique<TcpNode>(QStringLiteral("3"), nullptr);
+        QCOMPARE(TestAccess::allTcpNodes(), (QList<TcpNode*>{first.get(), second.get(), third.get()}));
+
+        second.reset();
+        QCOMPARE(TestAccess::allTcpNodes(), (QList<TcpNode*>{first.get(), third.get()}));
+    }
+
+    void aConnectedSocketMakesTheNodeActive()
+    {
+        SocketPair pair;
+        TcpNode* node = addTcpNode(QByteArray());
+        QSignalSpy changes(node, SIGNAL(connectionStateChanged()));
+        node->setSocket(pair.nodeEnd);
+
+        QCOMPARE(node->socket(), pair.nodeEnd.data());
+        QCOMPARE(pair.nodeEnd->parent(), node);
+        QVERIFY(node->active());
+        QCOMPARE(TestAccess::flags(*node), connectedBit);
+        QCOMPARE(changes.count(), 1);
+    }
+
+    void anUnconnectedSocketIsNeitherAdoptedNorDeleted()
+    {
+        const QPointer<QTcpSocket> socket = new QTcpSocket(network());
+        TcpNode* node = addTcpNode(QByteArray());
+        QSignalSpy changes(node, SIGNAL(connectionStateChanged()));
+        node->setSocket(socket);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
+        QVERIFY(socket);
+        QCOMPARE(socket->parent(), network());
+        QVERIFY(!node->socket());
+        QVERIFY(!node->active());
+        QCOMPARE(changes.count(), 0);
+    }
+
+    void anUnconnectedSocketStillEndsTheOldConnection()
+    {
+        AttachedNode attached;
+        QTcpSocket unconnected;
+        attached.node->setSocket(&unconnected);
+
+        QVERIFY(!attached.node->socket());
+        QVERIFY(attached.program.waitForEnd());
+    }
+
+    void attachingLeavesADisabledNodeInactive()
+    {
+        SocketPair pair;
+        TcpNode* node = addTcpNode(QByteArray());
+        node->setActive(false, true);
+        node->setSocket(pair.nodeEnd);
+
+        QVERIFY(!node->active());
+        QCOMPARE(TestAccess::flags(*node), connectedBit | disabledBit);
+    }
+
+    void itsSocketSendsWithoutDelay()
+    {
+        const AttachedNode attached;
+
+        int noDelay = 0;
+        socklen_t size = sizeof noDelay;
+        const auto descriptor = static_cast<int>(attached.nodeEnd->socketDescriptor());
+        QCOMPARE(getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), 0);
+        QVERIFY(noDelay != 0);
+    }
+
+    void theSameSocketAgainIsClosed()
+    {
+        AttachedNode attached;
+        attached.node->setSocket(attached.nodeEnd);
+
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QVERIFY(attached.program.waitForEnd());
+        QTRY_VERIFY(!attached.nodeEnd);
+    }
+
+    void theSameSocketAgainWithUnsentBytesIsDeletedAtOnce()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        attached.node->setSocket(attached.nodeEnd);
+
+        QVERIFY(!attached.nodeEnd);
+        QVERIFY(!attached.node->socket());
+    }
+
+    void aNewSocketReplacesTheOldOne()
+    {
+        AttachedNode attached;
+        SocketPair other;
+        attached.node->setSocket(other.nodeEnd);
+
+        QVERIFY(attached.program.waitForEnd());
+        QTRY_VERIFY(!attached.nodeEnd);
+        QCOMPARE(attached.node->socket(), other.nodeEnd.data());
+        QVERIFY(attached.node->active());
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+        QCOMPARE(other.program.receive(marker.size()), marker);
+    }
+
+    void replacingASocketTellsOfBothChanges()
+    {
+        AttachedNode attached;
+        SocketPair other;
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.node->setSocket(other.nodeEnd);
+
+        QCOMPARE(changes.count(), 2);
+    }
+
+    void settingNoSocketDetaches()
+    {
+        AttachedNode attached;
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.node->setSocket(nullptr);
+
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QCOMPARE(changes.count(), 1);
+        QVERIFY(attached.program.waitForEnd());
+        QTRY_VERIFY(!attached.nodeEnd);
+    }
+
+    void anOldSocketWithUnsentBytesIsDeletedAtOnce()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.node->setSocket(nullptr);
+
+        QVERIFY(!attached.nodeEnd);
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QCOMPARE(changes.count(), 1);
+    }
+
+    void theEndOfTheProgramDetaches()
+    {
+        AttachedNode attached;
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.program.close();
+
+        QVERIFY(changes.wait(patience));
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QCOMPARE(changes.count(), 1);
+        QTRY_VERIFY(!attached.nodeEnd);
+    }
+
+    void aKilledProgramDetaches()
+    {
+        AttachedNode attached;
+        attached.node->sendDebugCommand(TcpNode::RunContDC);  // unread: the kernel answers with a reset
+        attached.program.abort();
+
+        QVERIFY(attached.waitUntilDetached());
+        QTRY_VERIFY(!attached.nodeEnd);
+    }
+
+    void aDetachedNodeCanBeAttachedAgain()
+    {
+        AttachedNode attached;
+        attached.program.close();
+        QVERIFY(attached.waitUntilDetached());
+        SocketPair other;
+        attached.node->setSocket(other.nodeEnd);
+
+        QVERIFY(attached.node->active());
+        other.program.send(control(5, "again"));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("again"));
+    }
+
+    void deletingTheNodeClosesItsSocket()
+    {
+        AttachedNode attached;
+        delete attached.node;
+
+        QVERIFY(!attached.nodeEnd);
+        QVERIFY(attached.program.waitForEnd());
+    }
+
+    void deletingTheNetworkClosesItsSockets()
+    {
+        AttachedNode idle;
+        AttachedNode busy;
+        QVERIFY(!writeMoreThanTheKernelTakes(busy).isEmpty());
+        NetworkSimulation::deleteNetworkSimulation();
+
+        QVERIFY(!idle.nodeEnd);
+        QVERIFY(!busy.nodeEnd);
+        QVERIFY(idle.program.waitForEnd());
+    }
 
     // To the program
-    void aFrameIsWrittenWithItsLength();
-    void anEmptyFrameIsNotWritten();
-    void confirmationsAreWritten_data();
-    void confirmationsAreWritten();
-    void debugCommandsAreWritten_data();
-    void debugCommandsAreWritten();
-    void nothingIsKeptForALaterProgram();
-    void messagesArriveInOrder();
-    void exactly64MiBOfUnsentBytesAreKept();
-    void moreThan64MiBOfUnsentBytesCloseTheSocket();
 
-    // Within a pass of deliveries
-    void messagesOfOnePassArriveInOrder();
-    void messagesOfManyPassesArriveInOrder();
-    void aPassThatTheKernelTakesInPartArrivesWhole();
-    void aPassFollowsWhatWaitsInTheSocket();
-    void moreThan64MiBInOnePassCloseTheSocket();
-    void messagesFromAnEventLoopWithinAPassKeepTheirPlace();
-    void aProgramThatGoesWithinAPassDetaches_data();
-    void aProgramThatGoesWithinAPassDetaches();
-    void aProgramThatIsGoneBeforeItsMessagesAreSentDetaches();
-    void aNodeMayGoWhileMessagesWaitForTheEndOfAPass();
-    void aNewProgramGetsNothingOfItsPredecessorsPass();
-    void aProtocolErrorWithinAPassLosesNoMessageBeforeIt();
-
-    // From the program
-    void aFrameIsSent();
-    void aLargeFrameIsReadWhole();
-    void writesThatFollowOneAnotherAreAllRead();
-    void aFrameReachesTheProgramAtTheOtherEnd();
-    void aBurstReachesTheProgramAtTheOtherEndInOrder();
-    void confirmationsReachTheSender();
-    void eachFrameOfABurstIsConfirmed();
-    void aProgramThatSendsMuchLetsTheOthersIn();
-    void allThatAProgramSendsBeforeItGoesIsHandled();
-    void allThatAProgramSendsBeforeItResetsTheConnectionIsHandled();
-    void aProtocolErrorFarBehindClosesTheConnection();
-    void aProtocolErrorFarBehindLosesNothingWrittenBefore();
-    void largeMessagesLetTheOthersInSooner();
-    void aNewProgramIsReadFromItsOwnBeginning();
-    void nothingIsReadWhileAProgramHasMessagesToBeHandled();
-    void anEmptyFrameIsARequestToo_data();
-    void anEmptyFrameIsARequestToo();
-    void messagesInOneWriteAreAllHandled();
-    void anAddressOfTheSameLengthReplacesThePresentOne();
-    void aNodeWithoutAddressTakesOneOfTheNetworksLength();
-    void anAddressOfAnotherLengthIsReadAndDropped_data();
-    void anAddressOfAnotherLengthIsReadAndDropped();
-    void theProgramDisablesAndEnablesTheNode();
-    void dataAnnouncedBehindAnActivationIsTheNextMessage_data();
-    void dataAnnouncedBehindAnActivationIsTheNextMessage();
-    void anActivationOfLengthZeroIsUnderstood();
-    void aColorSetsTheActiveAndAPalerInactiveOne_data();
-    void aColorSetsTheActiveAndAPalerInactiveOne();
-    void aBrightColorLeavesTheInactiveOneUndecided_data();
-    void aBrightColorLeavesTheInactiveOneUndecided();
-    void aColorOfAnotherLengthIsTheNextMessage();
-    void aNameIsTakenAsUtf8UpToAZeroByte_data();
-    void aNameIsTakenAsUtf8UpToAZeroByte();
-    void anIgnoredMessageLeavesTheConnectionOpen_data();
-    void anIgnoredMessageLeavesTheConnectionOpen();
-    void goodbyeClosesTheConnection_data();
-    void goodbyeClosesTheConnection();
-    void unknownMessageTypesCloseTheConnection();
-    void unknownControlTypesCloseTheConnection();
-    void nothingBehindAProtocolErrorIsActedUpon();
-
-    // Damage
-    void anIncompleteMessageIsNotActedUpon_data();
-    void anIncompleteMessageIsNotActedUpon();
-    void theRestOfAnIncompleteMessageComesTooLate();
-    void whatCameBeforeAnIncompleteMessageIsActedUpon();
-    void aHostileLengthClosesTheConnectionAndTakesNoMemory_data();
-    void aHostileLengthClosesTheConnectionAndTakesNoMemory();
-
-    // Closing with unsent bytes
-    void aProtocolErrorDetachesAtOnceWhileThePeerDoesNotRead();
-    void whatWasWrittenBeforeAProtocolErrorIsStillSent();
-    void aPeerThatStillWritesGetsWhatWasWrittenBefore();
-    void aLingeringSocketIsDroppedAfterThreeSeconds();
-    void aLingeringSocketLeavesAReattachedNodeAlone();
-    void aLingeringSocketOutlivesItsNode();
-    void aLingeringSocketGoesWithTheNetwork();
-
-    // Debug commands by the user
-    void aCommandGoesToAllNodesWhenNothingIsSelected();
-    void aCommandGoesToTheSelectedNodeOnly();
-    void aCommandGoesNowhereWhenAPlainNodeIsSelected();
-    void aCommandGoesNowhereWhenAConnectionIsSelected();
-    void theContextMenuListsTheCommands();
-    void theContextMenuOpensAtTheEventsPosition();
-    void theContextMenuBelongsToTheFocusWidget();
-    void theContextMenuSelectsItsNodeAlone();
-    void aContextMenuEntrySendsItsCommand_data();
-    void aContextMenuEntrySendsItsCommand();
-    void aContextMenuEntryGoesToItsNodeOnly();
-    void dismissingTheContextMenuSendsNothing();
-    void theNodeMayGoWhileItsContextMenuIsOpen();
-    void aRightClickInAViewOpensTheContextMenu();
-
-    void itsPropertiesWidgetIsThatOfTcpNodes();
-};
-
-void TestTcpNode::init()
-{
-    qsrand(1);
-    NetworkSimulation::newNetworkSimulation();
-}
-
-void TestTcpNode::cleanup()
-{
-    NetworkSimulation::deleteNetworkSimulation();
-    QVERIFY(TestAccess::allTcpNodes().isEmpty());
-}
-
-void TestTcpNode::aNodeWithoutASocketIsUnattachedAndInactive()
-{
-    TcpNode* node = addTcpNode(QStringLiteral("Left"));
-
-    QCOMPARE(node->name(), QStringLiteral("Left"));
-    QVERIFY(node->address().isEmpty());
-    QVERIFY(!node->socket());
-    QVERIFY(!node->active());
-    QCOMPARE(TestAccess::flags(*node), 0);
-}
-
-void TestTcpNode::aNodeIsAttachedAtItsConstruction()
-{
-    SocketPair named;
-    SocketPair addressed;
-    TcpNode* byName = addTcpNode(QStringLiteral("Left"), named.nodeEnd);
-    TcpNode* byAddress = addTcpNode(hex("0102"), addressed.nodeEnd);
-
-    QCOMPARE(byName->name(), QStringLiteral("Left"));
-    QVERIFY(byName->address().isEmpty());
-    QCOMPARE(byName->socket(), named.nodeEnd.data());
-    QVERIFY(byAddress->name().isEmpty());
-    QCOMPARE(byAddress->address(), hex("0102"));
-    QCOMPARE(byAddress->socket(), addressed.nodeEnd.data());
-}
-
-void TestTcpNode::itsKindIsThatOfTcpNodesInFiles()
-{
-    const TcpNode node(QByteArray(), nullptr);
-
-    QCOMPARE(node.type(), 65536);
-    QCOMPARE(node.nodeType(), 1);
-}
-
-void TestTcpNode::livingNodesAreListedInOrderOfConstruction()
-{
-    const auto first = std::make_unique<TcpNode>(QStringLiteral("1"), nullptr);
-    auto second = std::make_unique<TcpNode>(QByteArray("2"), nullptr);
-    const auto third = std::make_unique<TcpNode>(QStringLiteral("3"), nullptr);
-    QCOMPARE(TestAccess::allTcpNodes(), (QList<TcpNode*>{first.get(), second.get(), third.get()}));
-
-    second.reset();
-    QCOMPARE(TestAccess::allTcpNodes(), (QList<TcpNode*>{first.get(), third.get()}));
-}
-
-void TestTcpNode::aConnectedSocketMakesTheNodeActive()
-{
-    SocketPair pair;
-    TcpNode* node = addTcpNode(QByteArray());
-    QSignalSpy changes(node, SIGNAL(connectionStateChanged()));
-    node->setSocket(pair.nodeEnd);
-
-    QCOMPARE(node->socket(), pair.nodeEnd.data());
-    QCOMPARE(pair.nodeEnd->parent(), node);
-    QVERIFY(node->active());
-    QCOMPARE(TestAccess::flags(*node), connectedBit);
-    QCOMPARE(changes.count(), 1);
-}
-
-void TestTcpNode::anUnconnectedSocketIsNeitherAdoptedNorDeleted()
-{
-    const QPointer<QTcpSocket> socket = new QTcpSocket(network());
-    TcpNode* node = addTcpNode(QByteArray());
-    QSignalSpy changes(node, SIGNAL(connectionStateChanged()));
-    node->setSocket(socket);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-
-    QVERIFY(socket);
-    QCOMPARE(socket->parent(), network());
-    QVERIFY(!node->socket());
-    QVERIFY(!node->active());
-    QCOMPARE(changes.count(), 0);
-}
-
-void TestTcpNode::anUnconnectedSocketStillEndsTheOldConnection()
-{
-    AttachedNode attached;
-    QTcpSocket unconnected;
-    attached.node->setSocket(&unconnected);
-
-    QVERIFY(!attached.node->socket());
-    QVERIFY(attached.program.waitForEnd());
-}
-
-void TestTcpNode::attachingLeavesADisabledNodeInactive()
-{
-    SocketPair pair;
-    TcpNode* node = addTcpNode(QByteArray());
-    node->setActive(false, true);
-    node->setSocket(pair.nodeEnd);
-
-    QVERIFY(!node->active());
-    QCOMPARE(TestAccess::flags(*node), connectedBit | disabledBit);
-}
-
-void TestTcpNode::itsSocketSendsWithoutDelay()
-{
-    const AttachedNode attached;
-
-    int noDelay = 0;
-    socklen_t size = sizeof noDelay;
-    const auto descriptor = static_cast<int>(attached.nodeEnd->socketDescriptor());
-    QCOMPARE(getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), 0);
-    QVERIFY(noDelay != 0);
-}
-
-void TestTcpNode::theSameSocketAgainIsClosed()
-{
-    AttachedNode attached;
-    attached.node->setSocket(attached.nodeEnd);
-
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QVERIFY(attached.program.waitForEnd());
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::theSameSocketAgainWithUnsentBytesIsDeletedAtOnce()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    attached.node->setSocket(attached.nodeEnd);
-
-    QVERIFY(!attached.nodeEnd);
-    QVERIFY(!attached.node->socket());
-}
-
-void TestTcpNode::aNewSocketReplacesTheOldOne()
-{
-    AttachedNode attached;
-    SocketPair other;
-    attached.node->setSocket(other.nodeEnd);
-
-    QVERIFY(attached.program.waitForEnd());
-    QTRY_VERIFY(!attached.nodeEnd);
-    QCOMPARE(attached.node->socket(), other.nodeEnd.data());
-    QVERIFY(attached.node->active());
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-    QCOMPARE(other.program.receive(marker.size()), marker);
-}
-
-void TestTcpNode::replacingASocketTellsOfBothChanges()
-{
-    AttachedNode attached;
-    SocketPair other;
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.node->setSocket(other.nodeEnd);
-
-    QCOMPARE(changes.count(), 2);
-}
-
-void TestTcpNode::settingNoSocketDetaches()
-{
-    AttachedNode attached;
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.node->setSocket(nullptr);
-
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QCOMPARE(changes.count(), 1);
-    QVERIFY(attached.program.waitForEnd());
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::anOldSocketWithUnsentBytesIsDeletedAtOnce()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.node->setSocket(nullptr);
-
-    QVERIFY(!attached.nodeEnd);
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QCOMPARE(changes.count(), 1);
-}
-
-void TestTcpNode::theEndOfTheProgramDetaches()
-{
-    AttachedNode attached;
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.program.close();
-
-    QVERIFY(changes.wait(patience));
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QCOMPARE(changes.count(), 1);
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::aKilledProgramDetaches()
-{
-    AttachedNode attached;
-    attached.node->sendDebugCommand(TcpNode::RunContDC);  // unread: the kernel answers with a reset
-    attached.program.abort();
-
-    QVERIFY(attached.waitUntilDetached());
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::aDetachedNodeCanBeAttachedAgain()
-{
-    AttachedNode attached;
-    attached.program.close();
-    QVERIFY(attached.waitUntilDetached());
-    SocketPair other;
-    attached.node->setSocket(other.nodeEnd);
-
-    QVERIFY(attached.node->active());
-    other.program.send(control(5, "again"));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("again"));
-}
-
-void TestTcpNode::deletingTheNodeClosesItsSocket()
-{
-    AttachedNode attached;
-    delete attached.node;
-
-    QVERIFY(!attached.nodeEnd);
-    QVERIFY(attached.program.waitForEnd());
-}
-
-void TestTcpNode::deletingTheNetworkClosesItsSockets()
-{
-    AttachedNode idle;
-    AttachedNode busy;
-    QVERIFY(!writeMoreThanTheKernelTakes(busy).isEmpty());
-    NetworkSimulation::deleteNetworkSimulation();
-
-    QVERIFY(!idle.nodeEnd);
-    QVERIFY(!busy.nodeEnd);
-    QVERIFY(idle.program.waitForEnd());
-}
-
-void TestTcpNode::aFrameIsWrittenWithItsLength()
-{
-    AttachedNode attached;
-    attached.node->dataIndication(hex("AABBCC"));
-    attached.node->dataIndication(QByteArray(0x1234, 'x'));
-
-    QCOMPARE(attached.program.receive(8), hex("01 00000003 AABBCC"));
-    QCOMPARE(attached.program.receive(5 + 0x1234), hex("01 00001234") + QByteArray(0x1234, 'x'));
-}
-
-void TestTcpNode::anEmptyFrameIsNotWritten()
-{
-    AttachedNode attached;
-    attached.node->dataIndication(QByteArray());
-    attached.node->dataIndication(QByteArray(""));
-    attached.node->dataIndication(QByteArray(1, '\0'));
-
-    QCOMPARE(attached.program.receive(6), hex("01 00000001 00"));
-}
-
-void TestTcpNode::confirmationsAreWritten_data()
-{
-    QTest::addColumn<bool>("delivered");
-    QTest::addColumn<QByteArray>("bytes");
-
-    QTest::newRow("delivered") << true << hex("02 00000001 01");
-    QTest::newRow("not delivered") << false << hex("02 00000001 02");
-}
-
-void TestTcpNode::confirmationsAreWritten()
-{
-    QFETCH(bool, delivered);
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    attached.node->dataConfirmation(delivered);
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-    QCOMPARE(attached.program.receive(bytes.size() + marker.size()), bytes + marker);
-}
-
-void TestTcpNode::debugCommandsAreWritten_data()
-{
-    QTest::addColumn<int>("command");
-    QTest::addColumn<QByteArray>("bytes");
-
-    QTest::newRow("invalid") << int{TcpNode::InvalidDC} << hex("05 00000001 00");
-    QTest::newRow("run/continue") << int{TcpNode::RunContDC} << hex("05 00000001 01");
-    QTest::newRow("pause") << int{TcpNode::PauseDC} << hex("05 00000001 02");
-    QTest::newRow("step") << int{TcpNode::StepDC} << hex("05 00000001 03");
-    QTest::newRow("reset") << int{TcpNode::ResetDC} << hex("05 00000001 04");
-    QTest::newRow("quit") << int{TcpNode::QuitDC} << hex("05 00000001 05");
-    QTest::newRow("identify") << int{TcpNode::IdentifyDC} << hex("05 00000001 06");
-}
-
-void TestTcpNode::debugCommandsAreWritten()
-{
-    QFETCH(int, command);
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    attached.node->sendDebugCommand(static_cast<TcpNode::DebugCommand>(command));
-    QCOMPARE(attached.program.receive(bytes.size()), bytes);
-}
-
-void TestTcpNode::nothingIsKeptForALaterProgram()
-{
-    SocketPair pair;
-    TcpNode* node = addTcpNode(QByteArray());
-    node->dataIndication(hex("AABBCC"));
-    node->dataConfirmation(true);
-    node->sendDebugCommand(TcpNode::QuitDC);
-    node->setSocket(pair.nodeEnd);
-    node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(pair.program.receive(marker.size()), marker);
-}
-
-void TestTcpNode::messagesArriveInOrder()
-{
-    AttachedNode attached;
-    const QByteArray expected = writeEachKindOfMessage(attached.node);
-    QCOMPARE(attached.program.receive(expected.size()), expected);
-}
-
-void TestTcpNode::exactly64MiBOfUnsentBytesAreKept()
-{
-    AttachedNode attached;
-    const QByteArray frame(megabyte - 5, 'x');  // a mebibyte with type and length
-    for (int i = 0; i < 64; ++i)
-        attached.node->dataIndication(frame);
-
-    QCOMPARE(attached.nodeEnd->bytesToWrite(), qint64{64} * megabyte);
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::moreThan64MiBOfUnsentBytesCloseTheSocket()
-{
-    AttachedNode attached;
-    attached.program.stopReading();
-    const QByteArray frame(megabyte - 5, 'x');
-    for (int i = 0; i < 64; ++i)
-        attached.node->dataIndication(frame);
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QCOMPARE(changes.count(), 1);
-    QCOMPARE(attached.nodeEnd->bytesToWrite(), qint64{0});
-    QTRY_VERIFY(!attached.nodeEnd);
-    QVERIFY(attached.program.waitForEnd());
-}
-
-void TestTcpNode::messagesOfOnePassArriveInOrder()
-{
-    AttachedNode attached;
-    QByteArray expected;
-    QVERIFY(runInPass([&] { expected = writeEachKindOfMessage(attached.node); }));
-    QCOMPARE(attached.program.receive(expected.size()), expected);
-}
-
-/// Some small enough for the memory that the node keeps from one to the next, some not.
-void TestTcpNode::messagesOfManyPassesArriveInOrder()
-{
-    AttachedNode attached;
-    QByteArray expected;
-    for (int i = 0; i < 60; ++i) {
-        const QByteArray frame(1 << i % 20, static_cast<char>('A' + i));
-        const auto deliver = [&] { attached.node->dataIndication(frame); };
-        QVERIFY(runInPass(deliver));
-        deliver();  // and some outside of any
-        expected += message(1, frame) + message(1, frame);
+    void aFrameIsWrittenWithItsLength()
+    {
+        AttachedNode attached;
+        attached.node->dataIndication(hex("AABBCC"));
+        attached.node->dataIndication(QByteArray(0x1234, 'x'));
+
+        QCOMPARE(attached.program.receive(8), hex("01 00000003 AABBCC"));
+        QCOMPARE(attached.program.receive(5 + 0x1234), hex("01 00001234") + QByteArray(0x1234, 'x'));
     }
 
-    QVERIFY(attached.program.receive(expected.size()) == expected);
-}
+    void anEmptyFrameIsNotWritten()
+    {
+        AttachedNode attached;
+        attached.node->dataIndication(QByteArray());
+        attached.node->dataIndication(QByteArray(""));
+        attached.node->dataIndication(QByteArray(1, '\0'));
 
-void TestTcpNode::aPassThatTheKernelTakesInPartArrivesWhole()
-{
-    AttachedNode attached;
-    attached.program.stopReading();
-    const QByteArray first = deliverInOnePass(attached.node, 32);
-    const qint64 unsent = attached.nodeEnd->bytesToWrite();
-    QVERIFY(unsent > 0);
-    QVERIFY(unsent < first.size());
-    const QByteArray second = deliverInOnePass(attached.node, 4);
-    QVERIFY(!second.isEmpty());
-    attached.program.resumeReading();
+        QCOMPARE(attached.program.receive(6), hex("01 00000001 00"));
+    }
 
-    QVERIFY(attached.program.receive(first.size()) == first);
-    QVERIFY(attached.program.receive(second.size()) == second);
-}
+    void confirmationsAreWritten_data()
+    {
+        QTest::addColumn<bool>("delivered");
+        QTest::addColumn<QByteArray>("bytes");
 
-void TestTcpNode::aPassFollowsWhatWaitsInTheSocket()
-{
-    AttachedNode attached;
-    const QByteArray before = writeMoreThanTheKernelTakes(attached);
-    QVERIFY(!before.isEmpty());
-    const QByteArray pass = deliverInOnePass(attached.node, 2);
-    QVERIFY(!pass.isEmpty());
-    attached.program.resumeReading();
+        QTest::newRow("delivered") << true << hex("02 00000001 01");
+        QTest::newRow("not delivered") << false << hex("02 00000001 02");
+    }
 
-    QVERIFY(attached.program.receive(before.size()) == before);
-    QVERIFY(attached.program.receive(pass.size()) == pass);
-}
+    void confirmationsAreWritten()
+    {
+        QFETCH(bool, delivered);
+        QFETCH(QByteArray, bytes);
 
-void TestTcpNode::moreThan64MiBInOnePassCloseTheSocket()
-{
-    AttachedNode attached;
-    const QByteArray frame(megabyte - 5, 'x');  // a mebibyte with type and length
-    bool isKept = false;
-    QVERIFY(runInPass([&] {
+        AttachedNode attached;
+        attached.node->dataConfirmation(delivered);
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+        QCOMPARE(attached.program.receive(bytes.size() + marker.size()), bytes + marker);
+    }
+
+    void debugCommandsAreWritten_data()
+    {
+        QTest::addColumn<int>("command");
+        QTest::addColumn<QByteArray>("bytes");
+
+        QTest::newRow("invalid") << int{TcpNode::InvalidDC} << hex("05 00000001 00");
+        QTest::newRow("run/continue") << int{TcpNode::RunContDC} << hex("05 00000001 01");
+        QTest::newRow("pause") << int{TcpNode::PauseDC} << hex("05 00000001 02");
+        QTest::newRow("step") << int{TcpNode::StepDC} << hex("05 00000001 03");
+        QTest::newRow("reset") << int{TcpNode::ResetDC} << hex("05 00000001 04");
+        QTest::newRow("quit") << int{TcpNode::QuitDC} << hex("05 00000001 05");
+        QTest::newRow("identify") << int{TcpNode::IdentifyDC} << hex("05 00000001 06");
+    }
+
+    void debugCommandsAreWritten()
+    {
+        QFETCH(int, command);
+        QFETCH(QByteArray, bytes);
+
+        AttachedNode attached;
+        attached.node->sendDebugCommand(static_cast<TcpNode::DebugCommand>(command));
+        QCOMPARE(attached.program.receive(bytes.size()), bytes);
+    }
+
+    void nothingIsKeptForALaterProgram()
+    {
+        SocketPair pair;
+        TcpNode* node = addTcpNode(QByteArray());
+        node->dataIndication(hex("AABBCC"));
+        node->dataConfirmation(true);
+        node->sendDebugCommand(TcpNode::QuitDC);
+        node->setSocket(pair.nodeEnd);
+        node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(pair.program.receive(marker.size()), marker);
+    }
+
+    void messagesArriveInOrder()
+    {
+        AttachedNode attached;
+        const QByteArray expected = writeEachKindOfMessage(attached.node);
+        QCOMPARE(attached.program.receive(expected.size()), expected);
+    }
+
+    void exactly64MiBOfUnsentBytesAreKept()
+    {
+        AttachedNode attached;
+        const QByteArray frame(megabyte - 5, 'x');  // a mebibyte with type and length
         for (int i = 0; i < 64; ++i)
             attached.node->dataIndication(frame);
-        isKept = attached.node->socket() != nullptr;
+
+        QCOMPARE(attached.nodeEnd->bytesToWrite(), qint64{64} * megabyte);
+        QVERIFY(attached.node->active());
+    }
+
+    void moreThan64MiBOfUnsentBytesCloseTheSocket()
+    {
+        AttachedNode attached;
+        attached.program.stopReading();
+        const QByteArray frame(megabyte - 5, 'x');
+        for (int i = 0; i < 64; ++i)
+            attached.node->dataIndication(frame);
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
         attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-        attached.node->dataIndication(frame);
-    }));
 
-    QVERIFY(isKept);
-    QVERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QCOMPARE(attached.program.receiveAll(), QByteArray());
-}
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QCOMPARE(changes.count(), 1);
+        QCOMPARE(attached.nodeEnd->bytesToWrite(), qint64{0});
+        QTRY_VERIFY(!attached.nodeEnd);
+        QVERIFY(attached.program.waitForEnd());
+    }
 
-void TestTcpNode::messagesFromAnEventLoopWithinAPassKeepTheirPlace()
-{
-    AttachedNode attached;
-    bool isSent = false;
-    const auto sendCommand = [&] {
-        attached.node->sendDebugCommand(TcpNode::StepDC);
-        isSent = true;
-    };
-    QVERIFY(runInPass([&] {
-        attached.node->dataIndication(hex("AA"));
-        QTimer::singleShot(0, attached.node, sendCommand);
-        if (QTest::qWaitFor([&] { return isSent; }, patience))
-            attached.node->dataIndication(hex("BB"));
-    }));
+    // Within a pass of deliveries
 
-    const QByteArray expected = hex("01 00000001 AA  05 00000001 03  01 00000001 BB");
-    QCOMPARE(attached.program.receive(expected.size()), expected);
-}
+    void messagesOfOnePassArriveInOrder()
+    {
+        AttachedNode attached;
+        QByteArray expected;
+        QVERIFY(runInPass([&] { expected = writeEachKindOfMessage(attached.node); }));
+        QCOMPARE(attached.program.receive(expected.size()), expected);
+    }
 
-void TestTcpNode::aProgramThatGoesWithinAPassDetaches_data()
-{
-    QTest::addColumn<bool>("isKilled");
+    /// Some small enough for the memory that the node keeps from one to the next, some not.
+    void messagesOfManyPassesArriveInOrder()
+    {
+        AttachedNode attached;
+        QByteArray expected;
+        for (int i = 0; i < 60; ++i) {
+            const QByteArray frame(1 << i % 20, static_cast<char>('A' + i));
+            const auto deliver = [&] { attached.node->dataIndication(frame); };
+            QVERIFY(runInPass(deliver));
+            deliver();  // and some outside of any
+            expected += message(1, frame) + message(1, frame);
+        }
 
-    QTest::newRow("closed") << false;
-    QTest::newRow("killed") << true;
-}
+        QVERIFY(attached.program.receive(expected.size()) == expected);
+    }
 
-void TestTcpNode::aProgramThatGoesWithinAPassDetaches()
-{
-    QFETCH(bool, isKilled);
+    void aPassThatTheKernelTakesInPartArrivesWhole()
+    {
+        AttachedNode attached;
+        attached.program.stopReading();
+        const QByteArray first = deliverInOnePass(attached.node, 32);
+        const qint64 unsent = attached.nodeEnd->bytesToWrite();
+        QVERIFY(unsent > 0);
+        QVERIFY(unsent < first.size());
+        const QByteArray second = deliverInOnePass(attached.node, 4);
+        QVERIFY(!second.isEmpty());
+        attached.program.resumeReading();
 
-    AttachedNode attached;
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    const auto deliver = [&] { attached.node->dataIndication(QByteArray(1000, 'x')); };
-    QVERIFY(runInPass([&] {
-        deliver();
-        if (isKilled)
+        QVERIFY(attached.program.receive(first.size()) == first);
+        QVERIFY(attached.program.receive(second.size()) == second);
+    }
+
+    void aPassFollowsWhatWaitsInTheSocket()
+    {
+        AttachedNode attached;
+        const QByteArray before = writeMoreThanTheKernelTakes(attached);
+        QVERIFY(!before.isEmpty());
+        const QByteArray pass = deliverInOnePass(attached.node, 2);
+        QVERIFY(!pass.isEmpty());
+        attached.program.resumeReading();
+
+        QVERIFY(attached.program.receive(before.size()) == before);
+        QVERIFY(attached.program.receive(pass.size()) == pass);
+    }
+
+    void moreThan64MiBInOnePassCloseTheSocket()
+    {
+        AttachedNode attached;
+        const QByteArray frame(megabyte - 5, 'x');  // a mebibyte with type and length
+        bool isKept = false;
+        QVERIFY(runInPass([&] {
+            for (int i = 0; i < 64; ++i)
+                attached.node->dataIndication(frame);
+            isKept = attached.node->socket() != nullptr;
+            attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+            attached.node->dataIndication(frame);
+        }));
+
+        QVERIFY(isKept);
+        QVERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QCOMPARE(attached.program.receiveAll(), QByteArray());
+    }
+
+    void messagesFromAnEventLoopWithinAPassKeepTheirPlace()
+    {
+        AttachedNode attached;
+        bool isSent = false;
+        const auto sendCommand = [&] {
+            attached.node->sendDebugCommand(TcpNode::StepDC);
+            isSent = true;
+        };
+        QVERIFY(runInPass([&] {
+            attached.node->dataIndication(hex("AA"));
+            QTimer::singleShot(0, attached.node, sendCommand);
+            if (QTest::qWaitFor([&] { return isSent; }, patience))
+                attached.node->dataIndication(hex("BB"));
+        }));
+
+        const QByteArray expected = hex("01 00000001 AA  05 00000001 03  01 00000001 BB");
+        QCOMPARE(attached.program.receive(expected.size()), expected);
+    }
+
+    void aProgramThatGoesWithinAPassDetaches_data()
+    {
+        QTest::addColumn<bool>("isKilled");
+
+        QTest::newRow("closed") << false;
+        QTest::newRow("killed") << true;
+    }
+
+    void aProgramThatGoesWithinAPassDetaches()
+    {
+        QFETCH(bool, isKilled);
+
+        AttachedNode attached;
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        const auto deliver = [&] { attached.node->dataIndication(QByteArray(1000, 'x')); };
+        QVERIFY(runInPass([&] {
+            deliver();
+            if (isKilled)
+                attached.program.abort();
+            else
+                attached.program.close();
+            deliver();
+        }));
+        QVERIFY(runInPass(deliver));
+
+        QTRY_VERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QTRY_VERIFY(!attached.nodeEnd);
+        QCOMPARE(changes.count(), 1);
+    }
+
+    /// With bytes that it has not read the program's end is reset, and sending fails at once.
+    void aProgramThatIsGoneBeforeItsMessagesAreSentDetaches()
+    {
+        AttachedNode attached;
+        attached.program.stopReading();
+        QVERIFY(!deliverInOnePass(attached.node, 1).isEmpty());
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        QVERIFY(runInPass([&] {
             attached.program.abort();
-        else
-            attached.program.close();
-        deliver();
-    }));
-    QVERIFY(runInPass(deliver));
+            attached.node->dataIndication(hex("AA"));
+            attached.node->dataIndication(hex("BB"));
+        }));
 
-    QTRY_VERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QTRY_VERIFY(!attached.nodeEnd);
-    QCOMPARE(changes.count(), 1);
-}
+        QTRY_VERIFY(!attached.node->socket());
+        QVERIFY(!attached.node->active());
+        QTRY_VERIFY(!attached.nodeEnd);
+        QCOMPARE(changes.count(), 1);
+    }
 
-/// With bytes that it has not read the program's end is reset, and sending fails at once.
-void TestTcpNode::aProgramThatIsGoneBeforeItsMessagesAreSentDetaches()
-{
-    AttachedNode attached;
-    attached.program.stopReading();
-    QVERIFY(!deliverInOnePass(attached.node, 1).isEmpty());
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    QVERIFY(runInPass([&] {
-        attached.program.abort();
+    void aNodeMayGoWhileMessagesWaitForTheEndOfAPass()
+    {
+        AttachedNode attached;
+        QVERIFY(runInPass([&] {
+            attached.node->dataIndication(hex("AA"));
+            delete attached.node;
+        }));
+
+        QVERIFY(!attached.nodeEnd);
+        QVERIFY(attached.program.waitForEnd());
+    }
+
+    void aNewProgramGetsNothingOfItsPredecessorsPass()
+    {
+        AttachedNode attached;
+        SocketPair other;
+        QVERIFY(runInPass([&] {
+            attached.node->dataIndication(hex("AA"));
+            attached.node->setSocket(other.nodeEnd);
+            attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+        }));
+
+        QCOMPARE(other.program.receive(marker.size()), marker);
+        QVERIFY(attached.program.waitForEnd());
+    }
+
+    void aProtocolErrorWithinAPassLosesNoMessageBeforeIt()
+    {
+        AttachedNode attached;
+        bool isDetached = false;
+        QVERIFY(runInPass([&] {
+            attached.node->dataIndication(hex("AA"));
+            attached.program.send(hex("06"));
+            isDetached = attached.waitUntilDetached();
+            attached.node->dataIndication(hex("BB"));
+        }));
+
+        QVERIFY(isDetached);
+        QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
+    }
+
+    // From the program
+
+    void aFrameIsSent()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("01 00000003 AABBCC"));
+
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+        QVERIFY(attached.node->active());
+    }
+
+    void aLargeFrameIsReadWhole()
+    {
+        AttachedNode attached;
+        const QByteArray frame(40000, 'x');
+        attached.program.send(message(1, frame));
+
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{frame.size()});
+        QVERIFY(attached.node->active());
+    }
+
+    void writesThatFollowOneAnotherAreAllRead()
+    {
+        AttachedNode attached;
+        for (int count = 1; count <= 50; ++count) {
+            attached.program.send(message(1, QByteArray(count, 'x')));
+            QTRY_COMPARE(attached.node->sendFramesCount(), qint64{count});
+        }
+        QVERIFY(attached.node->active());
+    }
+
+    void aFrameReachesTheProgramAtTheOtherEnd()
+    {
+        useOneByteAddresses();
+        AttachedNode left(hex("BB"));
+        AttachedNode right(hex("AA"));
+        network()->addItem(new Connection(left.node, right.node));
+        left.program.send(hex("01 00000003 AABBCC"));
+
+        QCOMPARE(right.program.receive(8), hex("01 00000003 AABBCC"));
+    }
+
+    void aBurstReachesTheProgramAtTheOtherEndInOrder()
+    {
+        useOneByteAddresses();
+        AttachedNode left(hex("BB"));
+        AttachedNode right(hex("AA"));
+        network()->addItem(new Connection(left.node, right.node));
+        const QByteArray burst = burstOfFrames();
+        left.program.send(burst);
+
+        QVERIFY(right.program.receive(burst.size()) == burst);
+    }
+
+    void confirmationsReachTheSender()
+    {
+        useOneByteAddresses();
+        AttachedNode left(hex("BB"));
+        AttachedNode right(hex("AA"));
+        network()->addItem(new Connection(left.node, right.node));
+        TestAccess::framesAcknowledged(*left.node) = Qt::Checked;
+        TestAccess::acknowledgeTimeout(*left.node) = 50;
+        left.program.send(hex("01 00000003 AABBCC"));
+        QCOMPARE(left.program.receive(6), hex("02 00000001 01"));
+
+        left.program.send(hex("01 00000003 DDBBCC"));  // an address that no node has
+        QCOMPARE(left.program.receive(6), hex("02 00000001 02"));
+    }
+
+    void eachFrameOfABurstIsConfirmed()
+    {
+        useOneByteAddresses();
+        AttachedNode left(hex("BB"));
+        AttachedNode right(hex("AA"));
+        network()->addItem(new Connection(left.node, right.node));
+        TestAccess::framesAcknowledged(*left.node) = Qt::Checked;
+        TestAccess::acknowledgeTimeout(*left.node) = patience;
+        left.program.send(burstOfFrames());
+
+        const QByteArray expected = hex("02 00000001 01").repeated(burstSize);
+        QCOMPARE(left.program.receive(expected.size()), expected);
+    }
+
+    void aProgramThatSendsMuchLetsTheOthersIn()
+    {
+        AttachedNode busy;
+        AttachedNode other;
+        busy.program.send(hex("01 00000001 AA").repeated(muchInput));
+        other.program.send(hex("01 00000001 BB"));
+        QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
+
+        QVERIFY(sendings.wait(patience));
+        QVERIFY(busy.node->sendFramesCount() < muchInput);
+        QTRY_COMPARE(busy.node->sendFramesCount(), qint64{muchInput});
+    }
+
+    void allThatAProgramSendsBeforeItGoesIsHandled()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("01 00000001 AA").repeated(muchInput));
+        attached.program.close();
+
+        QVERIFY(attached.waitUntilDetached());
+        QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+    }
+
+    /// Confirmations that nobody takes make the kernel reset the connection.
+    void allThatAProgramSendsBeforeItResetsTheConnectionIsHandled()
+    {
+        useOneByteAddresses();
+        AttachedNode attached;
+        TestAccess::framesAcknowledged(*attached.node) = Qt::Checked;
+        attached.program.send(hex("01 00000002 FFBB").repeated(muchInput));
+        attached.program.close();
+
+        QVERIFY(attached.waitUntilDetached());
+        QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+    }
+
+    void aProtocolErrorFarBehindClosesTheConnection()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06") + hex("01 00000001 BB"));
+
+        QVERIFY(attached.waitUntilDetached());
+        QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
+    }
+
+    /// The socket reads on while it lingers, although it has stopped before: its input would hold it up for 3
+    /// s.
+    void aProtocolErrorFarBehindLosesNothingWrittenBefore()
+    {
+        AttachedNode attached;
         attached.node->dataIndication(hex("AA"));
-        attached.node->dataIndication(hex("BB"));
-    }));
+        attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        attached.program.send(QByteArray(megabyte, 'x'));
 
-    QTRY_VERIFY(!attached.node->socket());
-    QVERIFY(!attached.node->active());
-    QTRY_VERIFY(!attached.nodeEnd);
-    QCOMPARE(changes.count(), 1);
-}
+        QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
+        QTRY_VERIFY_WITH_TIMEOUT(!attached.nodeEnd, 1000);
+    }
 
-void TestTcpNode::aNodeMayGoWhileMessagesWaitForTheEndOfAPass()
-{
-    AttachedNode attached;
-    QVERIFY(runInPass([&] {
-        attached.node->dataIndication(hex("AA"));
-        delete attached.node;
-    }));
+    void largeMessagesLetTheOthersInSooner()
+    {
+        constexpr int size = 10000;
+        constexpr int count = 9;
+        AttachedNode busy;
+        AttachedNode other;
+        busy.program.send(message(1, QByteArray(size, 'x')).repeated(count));
+        other.program.send(hex("01 00000001 BB"));
+        QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
 
-    QVERIFY(!attached.nodeEnd);
-    QVERIFY(attached.program.waitForEnd());
-}
+        QVERIFY(sendings.wait(patience));
+        QVERIFY(busy.node->sendFramesCount() < count);
+        QTRY_COMPARE(busy.node->sendFramesCount(), qint64{count});
+    }
 
-void TestTcpNode::aNewProgramGetsNothingOfItsPredecessorsPass()
-{
-    AttachedNode attached;
-    SocketPair other;
-    QVERIFY(runInPass([&] {
-        attached.node->dataIndication(hex("AA"));
+    void aNewProgramIsReadFromItsOwnBeginning()
+    {
+        AttachedNode attached;
+        SocketPair other;
+        QSignalSpy sendings(attached.node, SIGNAL(sendStatisticsChanged(int, int)));
+        attached.program.send(hex("01 00000001 AA").repeated(muchInput));
+        QVERIFY(sendings.wait(patience));
         attached.node->setSocket(other.nodeEnd);
-        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-    }));
+        attached.node->resetStatistics();
+        other.program.send(hex("01 00000003 AABBCC"));
 
-    QCOMPARE(other.program.receive(marker.size()), marker);
-    QVERIFY(attached.program.waitForEnd());
-}
-
-void TestTcpNode::aProtocolErrorWithinAPassLosesNoMessageBeforeIt()
-{
-    AttachedNode attached;
-    bool isDetached = false;
-    QVERIFY(runInPass([&] {
-        attached.node->dataIndication(hex("AA"));
-        attached.program.send(hex("06"));
-        isDetached = attached.waitUntilDetached();
-        attached.node->dataIndication(hex("BB"));
-    }));
-
-    QVERIFY(isDetached);
-    QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
-}
-
-void TestTcpNode::aFrameIsSent()
-{
-    AttachedNode attached;
-    attached.program.send(hex("01 00000003 AABBCC"));
-
-    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{3});
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::aLargeFrameIsReadWhole()
-{
-    AttachedNode attached;
-    const QByteArray frame(40000, 'x');
-    attached.program.send(message(1, frame));
-
-    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{frame.size()});
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::writesThatFollowOneAnotherAreAllRead()
-{
-    AttachedNode attached;
-    for (int count = 1; count <= 50; ++count) {
-        attached.program.send(message(1, QByteArray(count, 'x')));
-        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{count});
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+        QVERIFY(attached.node->active());
     }
-    QVERIFY(attached.node->active());
-}
 
-void TestTcpNode::aFrameReachesTheProgramAtTheOtherEnd()
-{
-    useOneByteAddresses();
-    AttachedNode left(hex("BB"));
-    AttachedNode right(hex("AA"));
-    network()->addItem(new Connection(left.node, right.node));
-    left.program.send(hex("01 00000003 AABBCC"));
-
-    QCOMPARE(right.program.receive(8), hex("01 00000003 AABBCC"));
-}
-
-void TestTcpNode::aBurstReachesTheProgramAtTheOtherEndInOrder()
-{
-    useOneByteAddresses();
-    AttachedNode left(hex("BB"));
-    AttachedNode right(hex("AA"));
-    network()->addItem(new Connection(left.node, right.node));
-    const QByteArray burst = burstOfFrames();
-    left.program.send(burst);
-
-    QVERIFY(right.program.receive(burst.size()) == burst);
-}
-
-void TestTcpNode::confirmationsReachTheSender()
-{
-    useOneByteAddresses();
-    AttachedNode left(hex("BB"));
-    AttachedNode right(hex("AA"));
-    network()->addItem(new Connection(left.node, right.node));
-    TestAccess::framesAcknowledged(*left.node) = Qt::Checked;
-    TestAccess::acknowledgeTimeout(*left.node) = 50;
-    left.program.send(hex("01 00000003 AABBCC"));
-    QCOMPARE(left.program.receive(6), hex("02 00000001 01"));
-
-    left.program.send(hex("01 00000003 DDBBCC"));  // an address that no node has
-    QCOMPARE(left.program.receive(6), hex("02 00000001 02"));
-}
-
-void TestTcpNode::eachFrameOfABurstIsConfirmed()
-{
-    useOneByteAddresses();
-    AttachedNode left(hex("BB"));
-    AttachedNode right(hex("AA"));
-    network()->addItem(new Connection(left.node, right.node));
-    TestAccess::framesAcknowledged(*left.node) = Qt::Checked;
-    TestAccess::acknowledgeTimeout(*left.node) = patience;
-    left.program.send(burstOfFrames());
-
-    const QByteArray expected = hex("02 00000001 01").repeated(burstSize);
-    QCOMPARE(left.program.receive(expected.size()), expected);
-}
-
-void TestTcpNode::aProgramThatSendsMuchLetsTheOthersIn()
-{
-    AttachedNode busy;
-    AttachedNode other;
-    busy.program.send(hex("01 00000001 AA").repeated(muchInput));
-    other.program.send(hex("01 00000001 BB"));
-    QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
-
-    QVERIFY(sendings.wait(patience));
-    QVERIFY(busy.node->sendFramesCount() < muchInput);
-    QTRY_COMPARE(busy.node->sendFramesCount(), qint64{muchInput});
-}
-
-void TestTcpNode::allThatAProgramSendsBeforeItGoesIsHandled()
-{
-    AttachedNode attached;
-    attached.program.send(hex("01 00000001 AA").repeated(muchInput));
-    attached.program.close();
-
-    QVERIFY(attached.waitUntilDetached());
-    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
-}
-
-/// Confirmations that nobody takes make the kernel reset the connection.
-void TestTcpNode::allThatAProgramSendsBeforeItResetsTheConnectionIsHandled()
-{
-    useOneByteAddresses();
-    AttachedNode attached;
-    TestAccess::framesAcknowledged(*attached.node) = Qt::Checked;
-    attached.program.send(hex("01 00000002 FFBB").repeated(muchInput));
-    attached.program.close();
-
-    QVERIFY(attached.waitUntilDetached());
-    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
-}
-
-void TestTcpNode::aProtocolErrorFarBehindClosesTheConnection()
-{
-    AttachedNode attached;
-    attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06") + hex("01 00000001 BB"));
-
-    QVERIFY(attached.waitUntilDetached());
-    QCOMPARE(attached.node->sendFramesCount(), qint64{muchInput});
-}
-
-/// The socket reads on while it lingers, although it has stopped before: its input would hold it up for 3 s.
-void TestTcpNode::aProtocolErrorFarBehindLosesNothingWrittenBefore()
-{
-    AttachedNode attached;
-    attached.node->dataIndication(hex("AA"));
-    attached.program.send(hex("01 00000001 AA").repeated(muchInput) + hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    attached.program.send(QByteArray(megabyte, 'x'));
-
-    QCOMPARE(attached.program.receiveAll(), hex("01 00000001 AA"));
-    QTRY_VERIFY_WITH_TIMEOUT(!attached.nodeEnd, 1000);
-}
-
-void TestTcpNode::largeMessagesLetTheOthersInSooner()
-{
-    constexpr int size = 10000;
-    constexpr int count = 9;
-    AttachedNode busy;
-    AttachedNode other;
-    busy.program.send(message(1, QByteArray(size, 'x')).repeated(count));
-    other.program.send(hex("01 00000001 BB"));
-    QSignalSpy sendings(other.node, SIGNAL(sendStatisticsChanged(int, int)));
-
-    QVERIFY(sendings.wait(patience));
-    QVERIFY(busy.node->sendFramesCount() < count);
-    QTRY_COMPARE(busy.node->sendFramesCount(), qint64{count});
-}
-
-void TestTcpNode::aNewProgramIsReadFromItsOwnBeginning()
-{
-    AttachedNode attached;
-    SocketPair other;
-    QSignalSpy sendings(attached.node, SIGNAL(sendStatisticsChanged(int, int)));
-    attached.program.send(hex("01 00000001 AA").repeated(muchInput));
-    QVERIFY(sendings.wait(patience));
-    attached.node->setSocket(other.nodeEnd);
-    attached.node->resetStatistics();
-    other.program.send(hex("01 00000003 AABBCC"));
-
-    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{1});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{3});
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::nothingIsReadWhileAProgramHasMessagesToBeHandled()
-{
-    AttachedNode attached;
-    const QByteArray input = hex("01 00000001 AA").repeated(muchInput);
-    qint64 mostUnread = 0;
-    bool isFirst = true;
-    connect(attached.node, &Node::sendStatisticsChanged, this, [&] {
-        if (isFirst)
-            attached.program.send(input);
-        isFirst = false;
-        mostUnread = std::max(mostUnread, attached.nodeEnd->bytesAvailable());
-    });
-    attached.program.send(input);
-
-    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{2} * muchInput);
-    QCOMPARE(mostUnread, qint64{input.size()});
-}
-
-void TestTcpNode::anEmptyFrameIsARequestToo_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-
-    addRow(hex("01 00000000"));
-    addRow(hex("01 FFFFFFFF"));  // the length of a null array
-}
-
-void TestTcpNode::anEmptyFrameIsARequestToo()
-{
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    attached.program.send(bytes + hex("01 00000001 AA"));
-    QTRY_COMPARE(attached.node->sendFramesCount(), qint64{2});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{1});
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::messagesInOneWriteAreAllHandled()
-{
-    AttachedNode attached;
-    attached.program.send(hex("01 00000002 AABB") + control(5, "Left") + hex("04 00000002 0707")
-                          + hex("01 00000001 CC") + control(3, QByteArray()));
-
-    QTRY_COMPARE(TestAccess::flags(*attached.node) & disabledBit, disabledBit);
-    QCOMPARE(attached.node->sendFramesCount(), qint64{2});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{3});
-    QCOMPARE(attached.node->name(), QStringLiteral("Left"));
-    QVERIFY(attached.node->socket());
-}
-
-void TestTcpNode::anAddressOfTheSameLengthReplacesThePresentOne()
-{
-    AttachedNode attached(hex("0102"));  // not the network's length
-    attached.program.send(hex("03 00000003 01 0A0B"));
-
-    QTRY_COMPARE(attached.node->address(), hex("0A0B"));
-}
-
-void TestTcpNode::aNodeWithoutAddressTakesOneOfTheNetworksLength()
-{
-    AttachedNode attached;
-    attached.program.send(hex("03 00000007 01 020000000005"));
-
-    QTRY_COMPARE(attached.node->address(), hex("020000000005"));
-}
-
-void TestTcpNode::anAddressOfAnotherLengthIsReadAndDropped_data()
-{
-    QTest::addColumn<QByteArray>("present");
-    QTest::addColumn<QByteArray>("sent");
-
-    QTest::newRow("shorter") << hex("0102") << hex("0A");
-    QTest::newRow("longer") << hex("0102") << hex("0A0B0C");
-    QTest::newRow("the network's") << hex("0102") << hex("020000000005");
-    QTest::newRow("none") << hex("0102") << QByteArray();
-    QTest::newRow("no address yet, too short") << QByteArray() << hex("0200000000");
-    QTest::newRow("no address yet, too long") << QByteArray() << hex("02000000000506");
-}
-
-void TestTcpNode::anAddressOfAnotherLengthIsReadAndDropped()
-{
-    QFETCH(QByteArray, present);
-    QFETCH(QByteArray, sent);
-
-    AttachedNode attached(present);
-    attached.program.send(control(1, sent) + control(5, "next"));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
-    QCOMPARE(attached.node->address(), present);
-    QVERIFY(attached.node->socket());
-}
-
-void TestTcpNode::theProgramDisablesAndEnablesTheNode()
-{
-    AttachedNode attached;
-    attached.program.send(hex("03 00000001 03"));
-    QTRY_COMPARE(TestAccess::flags(*attached.node), connectedBit | disabledBit);
-    QVERIFY(!attached.node->active());
-
-    attached.program.send(hex("03 00000001 02"));
-    QTRY_COMPARE(TestAccess::flags(*attached.node), connectedBit);
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::dataAnnouncedBehindAnActivationIsTheNextMessage_data()
-{
-    QTest::addColumn<int>("subType");
-
-    QTest::newRow("enable") << 2;
-    QTest::newRow("disable") << 3;
-}
-
-void TestTcpNode::dataAnnouncedBehindAnActivationIsTheNextMessage()
-{
-    QFETCH(int, subType);
-
-    AttachedNode attached;
-    attached.program.send(control(subType, control(5, "data")));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("data"));
-    QVERIFY(attached.node->socket());
-}
-
-void TestTcpNode::anActivationOfLengthZeroIsUnderstood()
-{
-    AttachedNode attached;
-    attached.program.send(hex("03 00000000 03") + control(5, "next"));
-
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
-    QCOMPARE(TestAccess::flags(*attached.node), connectedBit | disabledBit);
-}
-
-void TestTcpNode::aColorSetsTheActiveAndAPalerInactiveOne_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QColor>("active");
-    QTest::addColumn<QColor>("inactive");
-
-    QTest::newRow("even") << hex("03 00000004 04 408020") << QColor(64, 128, 32) << QColor(182, 214, 166);
-    QTest::newRow("odd") << hex("03 00000004 04 010305") << QColor(1, 3, 5) << QColor(150, 151, 152);
-    QTest::newRow("black") << hex("03 00000004 04 000000") << QColor(0, 0, 0) << QColor(150, 150, 150);
-    QTest::newRow("brightest") << hex("03 00000004 04 D3D3D3") << QColor(211, 211, 211)
-                               << QColor(255, 255, 255);
-}
-
-void TestTcpNode::aColorSetsTheActiveAndAPalerInactiveOne()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QColor, active);
-    QFETCH(QColor, inactive);
-
-    AttachedNode attached;
-    attached.program.send(bytes);
-    QTRY_COMPARE(TestAccess::activeColor(*attached.node), active);
-    QCOMPARE(TestAccess::inactiveColor(*attached.node), inactive);
-}
-
-void TestTcpNode::aBrightColorLeavesTheInactiveOneUndecided_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QColor>("active");
-
-    QTest::newRow("orange") << hex("03 00000004 04 FF8000") << QColor(255, 128, 0);
-    QTest::newRow("red just too bright") << hex("03 00000004 04 D40000") << QColor(212, 0, 0);
-    QTest::newRow("green just too bright") << hex("03 00000004 04 00D400") << QColor(0, 212, 0);
-    QTest::newRow("blue just too bright") << hex("03 00000004 04 0000D4") << QColor(0, 0, 212);
-}
-
-void TestTcpNode::aBrightColorLeavesTheInactiveOneUndecided()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QColor, active);
-
-    AttachedNode attached;
-    attached.node->setInactiveColor(Qt::red);
-    attached.program.send(bytes);
-    QTRY_COMPARE(TestAccess::activeColor(*attached.node), active);
-    QVERIFY(!TestAccess::inactiveColor(*attached.node).isValid());
-}
-
-void TestTcpNode::aColorOfAnotherLengthIsTheNextMessage()
-{
-    AttachedNode attached;
-    attached.program.send(control(4, control(5, "data")));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("data"));
-    attached.program.send(controlOfLength(0, 4, control(5, "more")));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("more"));
-
-    QVERIFY(!TestAccess::activeColor(*attached.node).isValid());
-    QVERIFY(attached.node->socket());
-}
-
-void TestTcpNode::aNameIsTakenAsUtf8UpToAZeroByte_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("name");
-
-    QTest::newRow("ASCII") << hex("03 00000006 05 4C696E6B73") << QStringLiteral("Links");
-    QTest::newRow("UTF-8") << hex("03 00000006 05 5AC3BC6765") << QString::fromUtf8("Z\xC3\xBCge");
-    QTest::newRow("zero byte within") << hex("03 00000006 05 4142004344") << QStringLiteral("AB");
-    QTest::newRow("zero byte first") << hex("03 00000003 05 0041") << QString();
-    QTest::newRow("empty") << hex("03 00000001 05") << QString();
-}
-
-void TestTcpNode::aNameIsTakenAsUtf8UpToAZeroByte()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, name);
-
-    AttachedNode attached;
-    attached.node->setName(QStringLiteral("before"));
-    attached.program.send(bytes);
-    QTRY_COMPARE(attached.node->name(), name);
-    QVERIFY(attached.node->socket());
-}
-
-void TestTcpNode::anIgnoredMessageLeavesTheConnectionOpen_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-
-    addRow(hex("04 00000000"));
-    addRow(hex("04 FFFFFFFF"));
-    addRow(hex("04 00000003 070707"));  // whose body would close the connection
-}
-
-void TestTcpNode::anIgnoredMessageLeavesTheConnectionOpen()
-{
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    attached.program.send(bytes + control(5, "next"));
-    QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
-    QVERIFY(attached.node->active());
-}
-
-void TestTcpNode::goodbyeClosesTheConnection_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-
-    addRow(hex("07 00000000"));
-    addRow(hex("07 FFFFFFFF"));
-    addRow(hex("07 00000002 ABCD"));
-    addRow(hex("07 00000006 03 00000001 03"));  // whose body would disable the node
-}
-
-void TestTcpNode::goodbyeClosesTheConnection()
-{
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.program.send(bytes);
-    QVERIFY(attached.program.waitForEnd());
-    QVERIFY(!attached.node->socket());
-    QCOMPARE(TestAccess::flags(*attached.node), 0);
-    QCOMPARE(changes.count(), 1);
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::unknownMessageTypesCloseTheConnection()
-{
-    for (int type = 0; type <= 255; ++type) {
-        if (type == 1 || type == 3 || type == 4 || type == 7)
-            continue;
+    void nothingIsReadWhileAProgramHasMessagesToBeHandled()
+    {
         AttachedNode attached;
-        attached.program.send(QByteArray(1, static_cast<char>(type)));
-        QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(type)));
-        QVERIFY2(!attached.node->socket() && !attached.node->active(), qPrintable(QString::number(type)));
-    }
-}
+        const QByteArray input = hex("01 00000001 AA").repeated(muchInput);
+        qint64 mostUnread = 0;
+        bool isFirst = true;
+        connect(attached.node, &Node::sendStatisticsChanged, this, [&] {
+            if (isFirst)
+                attached.program.send(input);
+            isFirst = false;
+            mostUnread = std::max(mostUnread, attached.nodeEnd->bytesAvailable());
+        });
+        attached.program.send(input);
 
-void TestTcpNode::unknownControlTypesCloseTheConnection()
-{
-    for (int subType = 0; subType <= 255; ++subType) {
-        if (subType >= 1 && subType <= 5)
-            continue;
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{2} * muchInput);
+        QCOMPARE(mostUnread, qint64{input.size()});
+    }
+
+    void anEmptyFrameIsARequestToo_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+
+        addRow(hex("01 00000000"));
+        addRow(hex("01 FFFFFFFF"));  // the length of a null array
+    }
+
+    void anEmptyFrameIsARequestToo()
+    {
+        QFETCH(QByteArray, bytes);
+
         AttachedNode attached;
-        attached.program.send(control(subType, QByteArray()));
-        QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(subType)));
-        QVERIFY2(!attached.node->socket() && !attached.node->active(), qPrintable(QString::number(subType)));
+        attached.program.send(bytes + hex("01 00000001 AA"));
+        QTRY_COMPARE(attached.node->sendFramesCount(), qint64{2});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{1});
+        QVERIFY(attached.node->active());
     }
-}
 
-void TestTcpNode::nothingBehindAProtocolErrorIsActedUpon()
-{
-    AttachedNode attached;
-    attached.program.send(hex("06") + control(5, "too late") + hex("01 00000001 AA"));
+    void messagesInOneWriteAreAllHandled()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("01 00000002 AABB") + control(5, "Left") + hex("04 00000002 0707")
+                              + hex("01 00000001 CC") + control(3, QByteArray()));
 
-    QVERIFY(attached.program.waitForEnd());
-    QVERIFY(attached.node->name().isEmpty());
-    QCOMPARE(attached.node->sendFramesCount(), qint64{0});
-}
+        QTRY_COMPARE(TestAccess::flags(*attached.node) & disabledBit, disabledBit);
+        QCOMPARE(attached.node->sendFramesCount(), qint64{2});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+        QCOMPARE(attached.node->name(), QStringLiteral("Left"));
+        QVERIFY(attached.node->socket());
+    }
 
-void TestTcpNode::anIncompleteMessageIsNotActedUpon_data()
-{
-    QTest::addColumn<QByteArray>("whole");
+    void anAddressOfTheSameLengthReplacesThePresentOne()
+    {
+        AttachedNode attached(hex("0102"));  // not the network's length
+        attached.program.send(hex("03 00000003 01 0A0B"));
 
-    QTest::newRow("frame") << hex("01 00000003 AABBCC");
-    QTest::newRow("address") << hex("03 00000007 01 020000000005");
-    QTest::newRow("enable") << hex("03 00000001 02");
-    QTest::newRow("disable") << hex("03 00000001 03");
-    QTest::newRow("colour") << hex("03 00000004 04 408020");
-    QTest::newRow("name") << hex("03 00000006 05 4C696E6B73");
-    QTest::newRow("ignored") << hex("04 00000003 AABBCC");
-    QTest::newRow("goodbye") << hex("07 00000003 AABBCC");
-}
+        QTRY_COMPARE(attached.node->address(), hex("0A0B"));
+    }
 
-void TestTcpNode::anIncompleteMessageIsNotActedUpon()
-{
-    QFETCH(QByteArray, whole);
+    void aNodeWithoutAddressTakesOneOfTheNetworksLength()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("03 00000007 01 020000000005"));
 
-    for (int length = 1; length < whole.size(); ++length) {
+        QTRY_COMPARE(attached.node->address(), hex("020000000005"));
+    }
+
+    void anAddressOfAnotherLengthIsReadAndDropped_data()
+    {
+        QTest::addColumn<QByteArray>("present");
+        QTest::addColumn<QByteArray>("sent");
+
+        QTest::newRow("shorter") << hex("0102") << hex("0A");
+        QTest::newRow("longer") << hex("0102") << hex("0A0B0C");
+        QTest::newRow("the network's") << hex("0102") << hex("020000000005");
+        QTest::newRow("none") << hex("0102") << QByteArray();
+        QTest::newRow("no address yet, too short") << QByteArray() << hex("0200000000");
+        QTest::newRow("no address yet, too long") << QByteArray() << hex("02000000000506");
+    }
+
+    void anAddressOfAnotherLengthIsReadAndDropped()
+    {
+        QFETCH(QByteArray, present);
+        QFETCH(QByteArray, sent);
+
+        AttachedNode attached(present);
+        attached.program.send(control(1, sent) + control(5, "next"));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
+        QCOMPARE(attached.node->address(), present);
+        QVERIFY(attached.node->socket());
+    }
+
+    void theProgramDisablesAndEnablesTheNode()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("03 00000001 03"));
+        QTRY_COMPARE(TestAccess::flags(*attached.node), connectedBit | disabledBit);
+        QVERIFY(!attached.node->active());
+
+        attached.program.send(hex("03 00000001 02"));
+        QTRY_COMPARE(TestAccess::flags(*attached.node), connectedBit);
+        QVERIFY(attached.node->active());
+    }
+
+    void dataAnnouncedBehindAnActivationIsTheNextMessage_data()
+    {
+        QTest::addColumn<int>("subType");
+
+        QTest::newRow("enable") << 2;
+        QTest::newRow("disable") << 3;
+    }
+
+    void dataAnnouncedBehindAnActivationIsTheNextMessage()
+    {
+        QFETCH(int, subType);
+
+        AttachedNode attached;
+        attached.program.send(control(subType, control(5, "data")));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("data"));
+        QVERIFY(attached.node->socket());
+    }
+
+    void anActivationOfLengthZeroIsUnderstood()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("03 00000000 03") + control(5, "next"));
+
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
+        QCOMPARE(TestAccess::flags(*attached.node), connectedBit | disabledBit);
+    }
+
+    void aColorSetsTheActiveAndAPalerInactiveOne_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QColor>("active");
+        QTest::addColumn<QColor>("inactive");
+
+        QTest::newRow("even") << hex("03 00000004 04 408020") << QColor(64, 128, 32) << QColor(182, 214, 166);
+        QTest::newRow("odd") << hex("03 00000004 04 010305") << QColor(1, 3, 5) << QColor(150, 151, 152);
+        QTest::newRow("black") << hex("03 00000004 04 000000") << QColor(0, 0, 0) << QColor(150, 150, 150);
+        QTest::newRow("brightest") << hex("03 00000004 04 D3D3D3") << QColor(211, 211, 211)
+                                   << QColor(255, 255, 255);
+    }
+
+    void aColorSetsTheActiveAndAPalerInactiveOne()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QColor, active);
+        QFETCH(QColor, inactive);
+
+        AttachedNode attached;
+        attached.program.send(bytes);
+        QTRY_COMPARE(TestAccess::activeColor(*attached.node), active);
+        QCOMPARE(TestAccess::inactiveColor(*attached.node), inactive);
+    }
+
+    void aBrightColorLeavesTheInactiveOneUndecided_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QColor>("active");
+
+        QTest::newRow("orange") << hex("03 00000004 04 FF8000") << QColor(255, 128, 0);
+        QTest::newRow("red just too bright") << hex("03 00000004 04 D40000") << QColor(212, 0, 0);
+        QTest::newRow("green just too bright") << hex("03 00000004 04 00D400") << QColor(0, 212, 0);
+        QTest::newRow("blue just too bright") << hex("03 00000004 04 0000D4") << QColor(0, 0, 212);
+    }
+
+    void aBrightColorLeavesTheInactiveOneUndecided()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QColor, active);
+
+        AttachedNode attached;
+        attached.node->setInactiveColor(Qt::red);
+        attached.program.send(bytes);
+        QTRY_COMPARE(TestAccess::activeColor(*attached.node), active);
+        QVERIFY(!TestAccess::inactiveColor(*attached.node).isValid());
+    }
+
+    void aColorOfAnotherLengthIsTheNextMessage()
+    {
+        AttachedNode attached;
+        attached.program.send(control(4, control(5, "data")));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("data"));
+        attached.program.send(controlOfLength(0, 4, control(5, "more")));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("more"));
+
+        QVERIFY(!TestAccess::activeColor(*attached.node).isValid());
+        QVERIFY(attached.node->socket());
+    }
+
+    void aNameIsTakenAsUtf8UpToAZeroByte_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QString>("name");
+
+        QTest::newRow("ASCII") << hex("03 00000006 05 4C696E6B73") << QStringLiteral("Links");
+        QTest::newRow("UTF-8") << hex("03 00000006 05 5AC3BC6765") << QString::fromUtf8("Z\xC3\xBCge");
+        QTest::newRow("zero byte within") << hex("03 00000006 05 4142004344") << QStringLiteral("AB");
+        QTest::newRow("zero byte first") << hex("03 00000003 05 0041") << QString();
+        QTest::newRow("empty") << hex("03 00000001 05") << QString();
+    }
+
+    void aNameIsTakenAsUtf8UpToAZeroByte()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QString, name);
+
+        AttachedNode attached;
+        attached.node->setName(QStringLiteral("before"));
+        attached.program.send(bytes);
+        QTRY_COMPARE(attached.node->name(), name);
+        QVERIFY(attached.node->socket());
+    }
+
+    void anIgnoredMessageLeavesTheConnectionOpen_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+
+        addRow(hex("04 00000000"));
+        addRow(hex("04 FFFFFFFF"));
+        addRow(hex("04 00000003 070707"));  // whose body would close the connection
+    }
+
+    void anIgnoredMessageLeavesTheConnectionOpen()
+    {
+        QFETCH(QByteArray, bytes);
+
+        AttachedNode attached;
+        attached.program.send(bytes + control(5, "next"));
+        QTRY_COMPARE(attached.node->name(), QStringLiteral("next"));
+        QVERIFY(attached.node->active());
+    }
+
+    void goodbyeClosesTheConnection_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+
+        addRow(hex("07 00000000"));
+        addRow(hex("07 FFFFFFFF"));
+        addRow(hex("07 00000002 ABCD"));
+        addRow(hex("07 00000006 03 00000001 03"));  // whose body would disable the node
+    }
+
+    void goodbyeClosesTheConnection()
+    {
+        QFETCH(QByteArray, bytes);
+
+        AttachedNode attached;
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.program.send(bytes);
+        QVERIFY(attached.program.waitForEnd());
+        QVERIFY(!attached.node->socket());
+        QCOMPARE(TestAccess::flags(*attached.node), 0);
+        QCOMPARE(changes.count(), 1);
+        QTRY_VERIFY(!attached.nodeEnd);
+    }
+
+    void unknownMessageTypesCloseTheConnection()
+    {
+        for (int type = 0; type <= 255; ++type) {
+            if (type == 1 || type == 3 || type == 4 || type == 7)
+                continue;
+            AttachedNode attached;
+            attached.program.send(QByteArray(1, static_cast<char>(type)));
+            QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(type)));
+            QVERIFY2(!attached.node->socket() && !attached.node->active(), qPrintable(QString::number(type)));
+        }
+    }
+
+    void unknownControlTypesCloseTheConnection()
+    {
+        for (int subType = 0; subType <= 255; ++subType) {
+            if (subType >= 1 && subType <= 5)
+                continue;
+            AttachedNode attached;
+            attached.program.send(control(subType, QByteArray()));
+            QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(subType)));
+            QVERIFY2(!attached.node->socket() && !attached.node->active(),
+                     qPrintable(QString::number(subType)));
+        }
+    }
+
+    void nothingBehindAProtocolErrorIsActedUpon()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("06") + control(5, "too late") + hex("01 00000001 AA"));
+
+        QVERIFY(attached.program.waitForEnd());
+        QVERIFY(attached.node->name().isEmpty());
+        QCOMPARE(attached.node->sendFramesCount(), qint64{0});
+    }
+
+    // Damage
+
+    void anIncompleteMessageIsNotActedUpon_data()
+    {
+        QTest::addColumn<QByteArray>("whole");
+
+        QTest::newRow("frame") << hex("01 00000003 AABBCC");
+        QTest::newRow("address") << hex("03 00000007 01 020000000005");
+        QTest::newRow("enable") << hex("03 00000001 02");
+        QTest::newRow("disable") << hex("03 00000001 03");
+        QTest::newRow("colour") << hex("03 00000004 04 408020");
+        QTest::newRow("name") << hex("03 00000006 05 4C696E6B73");
+        QTest::newRow("ignored") << hex("04 00000003 AABBCC");
+        QTest::newRow("goodbye") << hex("07 00000003 AABBCC");
+    }
+
+    void anIncompleteMessageIsNotActedUpon()
+    {
+        QFETCH(QByteArray, whole);
+
+        for (int length = 1; length < whole.size(); ++length) {
+            AttachedNode attached;
+            const NodeState before(*attached.node);
+            attached.program.send(whole.left(length));
+            QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(length)));
+            QVERIFY2(!attached.node->socket(), qPrintable(QString::number(length)));
+            QVERIFY2(NodeState(*attached.node) == before, qPrintable(QString::number(length)));
+        }
+    }
+
+    void theRestOfAnIncompleteMessageComesTooLate()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("03 00000006 05 4C69"));
+        QVERIFY(attached.waitUntilDetached());
+        attached.program.send(hex("6E6B73"));
+
+        QVERIFY(attached.program.waitForEnd());
+        QVERIFY(attached.node->name().isEmpty());
+    }
+
+    void whatCameBeforeAnIncompleteMessageIsActedUpon()
+    {
+        AttachedNode attached;
+        attached.program.send(hex("01 00000003 AABBCC  01 00000003 AABB"));
+
+        QVERIFY(attached.program.waitForEnd());
+        QCOMPARE(attached.node->sendFramesCount(), qint64{1});
+        QCOMPARE(attached.node->sendBytesCount(), qint64{3});
+    }
+
+    void aHostileLengthClosesTheConnectionAndTakesNoMemory_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+
+        const char* const lengths[]
+            = {"FFFFFFFE", "80000001", "80000000", "7FFFFFFF", "7FFFFFF0", "40000000"};
+        for (const char* length : lengths) {
+            for (const char* type : {"01", "04", "07"})
+                addRow(hex(type) + hex(length) + QByteArray(20, 'x'));
+            for (const char* subType : {"01", "05"})
+                addRow(hex("03") + hex(length) + hex(subType) + QByteArray(20, 'x'));
+        }
+        for (const char* subType : {"01", "05"}) {
+            addRow(hex("03 FFFFFFFF") + hex(subType) + QByteArray(20, 'x'));
+            addRow(hex("03 00000000") + hex(subType) + QByteArray(20, 'x'));  // one byte less than nothing
+        }
+    }
+
+    void aHostileLengthClosesTheConnectionAndTakesNoMemory()
+    {
+        QFETCH(QByteArray, bytes);
+
         AttachedNode attached;
         const NodeState before(*attached.node);
-        attached.program.send(whole.left(length));
-        QVERIFY2(attached.program.waitForEnd(), qPrintable(QString::number(length)));
-        QVERIFY2(!attached.node->socket(), qPrintable(QString::number(length)));
-        QVERIFY2(NodeState(*attached.node) == before, qPrintable(QString::number(length)));
+        const qint64 memoryBefore = peakMemory();
+        QVERIFY(memoryBefore > 0);
+        attached.program.send(bytes);
+
+        QVERIFY(attached.program.waitForEnd());
+        QVERIFY(NodeState(*attached.node) == before);
+        QVERIFY(peakMemory() - memoryBefore < unremarkableMemory);
     }
-}
 
-void TestTcpNode::theRestOfAnIncompleteMessageComesTooLate()
-{
-    AttachedNode attached;
-    attached.program.send(hex("03 00000006 05 4C69"));
-    QVERIFY(attached.waitUntilDetached());
-    attached.program.send(hex("6E6B73"));
+    // Closing with unsent bytes
 
-    QVERIFY(attached.program.waitForEnd());
-    QVERIFY(attached.node->name().isEmpty());
-}
+    void aProtocolErrorDetachesAtOnceWhileThePeerDoesNotRead()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        attached.program.send(hex("06"));
 
-void TestTcpNode::whatCameBeforeAnIncompleteMessageIsActedUpon()
-{
-    AttachedNode attached;
-    attached.program.send(hex("01 00000003 AABBCC  01 00000003 AABB"));
-
-    QVERIFY(attached.program.waitForEnd());
-    QCOMPARE(attached.node->sendFramesCount(), qint64{1});
-    QCOMPARE(attached.node->sendBytesCount(), qint64{3});
-}
-
-void TestTcpNode::aHostileLengthClosesTheConnectionAndTakesNoMemory_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-
-    const char* const lengths[] = {"FFFFFFFE", "80000001", "80000000", "7FFFFFFF", "7FFFFFF0", "40000000"};
-    for (const char* length : lengths) {
-        for (const char* type : {"01", "04", "07"})
-            addRow(hex(type) + hex(length) + QByteArray(20, 'x'));
-        for (const char* subType : {"01", "05"})
-            addRow(hex("03") + hex(length) + hex(subType) + QByteArray(20, 'x'));
+        QVERIFY(changes.wait(lingerTime / 3));
+        QVERIFY(!attached.node->socket());
+        QCOMPARE(TestAccess::flags(*attached.node), 0);
+        QVERIFY(attached.nodeEnd);  // still has bytes to send
     }
-    for (const char* subType : {"01", "05"}) {
-        addRow(hex("03 FFFFFFFF") + hex(subType) + QByteArray(20, 'x'));
-        addRow(hex("03 00000000") + hex(subType) + QByteArray(20, 'x'));  // one byte less than nothing
+
+    void whatWasWrittenBeforeAProtocolErrorIsStillSent()
+    {
+        AttachedNode attached;
+        const QByteArray written = writeMoreThanTheKernelTakes(attached);
+        QVERIFY(!written.isEmpty());
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        attached.program.resumeReading();
+
+        QVERIFY(attached.program.receiveAll() == written);
+        QTRY_VERIFY(!attached.nodeEnd);
     }
-}
 
-void TestTcpNode::aHostileLengthClosesTheConnectionAndTakesNoMemory()
-{
-    QFETCH(QByteArray, bytes);
+    void aPeerThatStillWritesGetsWhatWasWrittenBefore()
+    {
+        AttachedNode attached;
+        const QByteArray written = writeLittleMoreThanTheKernelTakes(attached);
+        QVERIFY(!written.isEmpty());
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        attached.program.send(hex("01 00000003 AABBCC"));
 
-    AttachedNode attached;
-    const NodeState before(*attached.node);
-    const qint64 memoryBefore = peakMemory();
-    QVERIFY(memoryBefore > 0);
-    attached.program.send(bytes);
+        // Enough for the rest to move into the kernel, not enough to reach the peer
+        attached.program.resumeReading(written.size() / 2);
+        QTRY_VERIFY(!attached.nodeEnd || attached.nodeEnd->bytesToWrite() == 0);
+        attached.program.send(hex("01 00000003 AABBCC"));
+        attached.program.resumeReading();
+        QVERIFY(attached.program.receiveAll() == written);
+        QCOMPARE(attached.node->sendFramesCount(), qint64{0});
+    }
 
-    QVERIFY(attached.program.waitForEnd());
-    QVERIFY(NodeState(*attached.node) == before);
-    QVERIFY(peakMemory() - memoryBefore < unremarkableMemory);
-}
+    void aLingeringSocketIsDroppedAfterThreeSeconds()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        QSignalSpy endOfSocket(attached.nodeEnd, SIGNAL(destroyed()));
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        QElapsedTimer sinceDetached;
+        sinceDetached.start();
 
-void TestTcpNode::aProtocolErrorDetachesAtOnceWhileThePeerDoesNotRead()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    attached.program.send(hex("06"));
+        QVERIFY(endOfSocket.wait(2 * lingerTime));
+        QVERIFY(sinceDetached.elapsed() > lingerTime - 500);
+    }
 
-    QVERIFY(changes.wait(lingerTime / 3));
-    QVERIFY(!attached.node->socket());
-    QCOMPARE(TestAccess::flags(*attached.node), 0);
-    QVERIFY(attached.nodeEnd);  // still has bytes to send
-}
+    void aLingeringSocketLeavesAReattachedNodeAlone()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        SocketPair other;
+        attached.node->setSocket(other.nodeEnd);
+        QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
+        QSignalSpy endOfSocket(attached.nodeEnd, SIGNAL(destroyed()));
+        attached.program.send(control(5, "late"));
+        attached.program.abort();
 
-void TestTcpNode::whatWasWrittenBeforeAProtocolErrorIsStillSent()
-{
-    AttachedNode attached;
-    const QByteArray written = writeMoreThanTheKernelTakes(attached);
-    QVERIFY(!written.isEmpty());
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    attached.program.resumeReading();
+        QVERIFY(endOfSocket.wait(2 * lingerTime));
+        QCOMPARE(attached.node->socket(), other.nodeEnd.data());
+        QVERIFY(attached.node->active());
+        QVERIFY(attached.node->name().isEmpty());
+        QCOMPARE(changes.count(), 0);
+    }
 
-    QVERIFY(attached.program.receiveAll() == written);
-    QTRY_VERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::aPeerThatStillWritesGetsWhatWasWrittenBefore()
-{
-    AttachedNode attached;
-    const QByteArray written = writeLittleMoreThanTheKernelTakes(attached);
-    QVERIFY(!written.isEmpty());
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    attached.program.send(hex("01 00000003 AABBCC"));
-
-    // Enough for the rest to move into the kernel, not enough to reach the peer
-    attached.program.resumeReading(written.size() / 2);
-    QTRY_VERIFY(!attached.nodeEnd || attached.nodeEnd->bytesToWrite() == 0);
-    attached.program.send(hex("01 00000003 AABBCC"));
-    attached.program.resumeReading();
-    QVERIFY(attached.program.receiveAll() == written);
-    QCOMPARE(attached.node->sendFramesCount(), qint64{0});
-}
-
-void TestTcpNode::aLingeringSocketIsDroppedAfterThreeSeconds()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    QSignalSpy endOfSocket(attached.nodeEnd, SIGNAL(destroyed()));
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    QElapsedTimer sinceDetached;
-    sinceDetached.start();
-
-    QVERIFY(endOfSocket.wait(2 * lingerTime));
-    QVERIFY(sinceDetached.elapsed() > lingerTime - 500);
-}
-
-void TestTcpNode::aLingeringSocketLeavesAReattachedNodeAlone()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    SocketPair other;
-    attached.node->setSocket(other.nodeEnd);
-    QSignalSpy changes(attached.node, SIGNAL(connectionStateChanged()));
-    QSignalSpy endOfSocket(attached.nodeEnd, SIGNAL(destroyed()));
-    attached.program.send(control(5, "late"));
-    attached.program.abort();
-
-    QVERIFY(endOfSocket.wait(2 * lingerTime));
-    QCOMPARE(attached.node->socket(), other.nodeEnd.data());
-    QVERIFY(attached.node->active());
-    QVERIFY(attached.node->name().isEmpty());
-    QCOMPARE(changes.count(), 0);
-}
-
-void TestTcpNode::aLingeringSocketOutlivesItsNode()
-{
-    AttachedNode attached;
-    const QByteArray written = writeMoreThanTheKernelTakes(attached);
-    QVERIFY(!written.isEmpty());
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    delete attached.node;
-    attached.program.resumeReading();
-
-    QVERIFY(attached.program.receiveAll() == written);
-}
-
-void TestTcpNode::aLingeringSocketGoesWithTheNetwork()
-{
-    AttachedNode attached;
-    QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
-    attached.program.send(hex("06"));
-    QVERIFY(attached.waitUntilDetached());
-    QVERIFY(attached.nodeEnd);
-    NetworkSimulation::deleteNetworkSimulation();
-
-    QVERIFY(!attached.nodeEnd);
-}
-
-void TestTcpNode::aCommandGoesToAllNodesWhenNothingIsSelected()
-{
-    AttachedNode first;
-    addTcpNode(QByteArray());  // has no program and is passed over
-    AttachedNode second;
-    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::StepDC);
-
-    QCOMPARE(first.program.receive(6), hex("05 00000001 03"));
-    QCOMPARE(second.program.receive(6), hex("05 00000001 03"));
-}
-
-void TestTcpNode::aCommandGoesToTheSelectedNodeOnly()
-{
-    AttachedNode first;
-    AttachedNode second;
-    second.node->setSelected(true);
-    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
-    first.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(second.program.receive(6), hex("05 00000001 02"));
-    QCOMPARE(first.program.receive(6), marker);
-}
-
-void TestTcpNode::aCommandGoesNowhereWhenAPlainNodeIsSelected()
-{
-    AttachedNode attached;
-    auto* plain = new Node(QByteArray());
-    network()->addItem(plain);
-    plain->setSelected(true);
-    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(attached.program.receive(6), marker);
-}
-
-void TestTcpNode::aCommandGoesNowhereWhenAConnectionIsSelected()
-{
-    AttachedNode first;
-    AttachedNode second;
-    auto* connection = new Connection(first.node, second.node);
-    network()->addItem(connection);
-    connection->setSelected(true);
-    QCOMPARE(network()->selectedNetworkItem(), connection);
-    TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
-    first.node->sendDebugCommand(TcpNode::IdentifyDC);
-    second.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(first.program.receive(6), marker);
-    QCOMPARE(second.program.receive(6), marker);
-}
-
-void TestTcpNode::theContextMenuListsTheCommands()
-{
-    QStringList entries;
-    QStringList withoutIcon;
-    const MenuUser user([&](QMenu* menu) {
-        const QList<QAction*> actions = menu->actions();
-        for (const QAction* action : actions) {
-            entries.append(action->isSeparator() ? QStringLiteral("-") : action->text());
-            if (!action->isSeparator() && action->icon().availableSizes().isEmpty())
-                withoutIcon.append(action->text());
-        }
-        dismiss(menu);
-    });
-    requestContextMenu(addTcpNode(QByteArray()));
-
-    QVERIFY(user.hasAnswered());
-    const QStringList expected = {"Identify", "-", "Run/Continue", "Pause", "Step", "Reset", "Quit"};
-    QCOMPARE(entries, expected);
-    QCOMPARE(withoutIcon, QStringList());
-}
-
-void TestTcpNode::theContextMenuOpensAtTheEventsPosition()
-{
-    QPoint position;
-    const MenuUser user([&](QMenu* menu) {
-        position = menu->pos();
-        dismiss(menu);
-    });
-    requestContextMenu(addTcpNode(QByteArray()));
-
-    QCOMPARE(position, QPoint(100, 100));
-}
-
-void TestTcpNode::theContextMenuBelongsToTheFocusWidget()
-{
-    QWidget window;
-    window.setFocusPolicy(Qt::StrongFocus);
-    window.show();
-    window.activateWindow();
-    window.setFocus();
-    QTRY_COMPARE(QApplication::focusWidget(), &window);
-
-    const QWidget* parent = nullptr;
-    QPointer<QMenu> shown;
-    const MenuUser user([&](QMenu* menu) {
-        shown = menu;
-        parent = menu->parentWidget();
-        dismiss(menu);
-    });
-    requestContextMenu(addTcpNode(QByteArray()));
-    QCOMPARE(parent, &window);
-    QVERIFY(user.hasAnswered());
-    QVERIFY(!shown);
-}
-
-void TestTcpNode::theContextMenuSelectsItsNodeAlone()
-{
-    TcpNode* other = addTcpNode(QByteArray());
-    other->setPos(500, 500);
-    other->setSelected(true);
-    TcpNode* node = addTcpNode(QByteArray());
-    const MenuUser user(dismiss);
-    requestContextMenu(node);
-
-    QVERIFY(user.hasAnswered());
-    QCOMPARE(network()->selectedItems(), QList<QGraphicsItem*>{node});
-}
-
-void TestTcpNode::aContextMenuEntrySendsItsCommand_data()
-{
-    QTest::addColumn<QString>("entry");
-    QTest::addColumn<QByteArray>("bytes");
-
-    QTest::newRow("identify") << "Identify" << hex("05 00000001 06");
-    QTest::newRow("run/continue") << "Run/Continue" << hex("05 00000001 01");
-    QTest::newRow("pause") << "Pause" << hex("05 00000001 02");
-    QTest::newRow("step") << "Step" << hex("05 00000001 03");
-    QTest::newRow("reset") << "Reset" << hex("05 00000001 04");
-    QTest::newRow("quit") << "Quit" << hex("05 00000001 05");
-}
-
-void TestTcpNode::aContextMenuEntrySendsItsCommand()
-{
-    QFETCH(QString, entry);
-    QFETCH(QByteArray, bytes);
-
-    AttachedNode attached;
-    const MenuUser user(choose(entry));
-    requestContextMenu(attached.node);
-    QVERIFY(user.hasAnswered());
-    QCOMPARE(attached.program.receive(bytes.size()), bytes);
-}
-
-void TestTcpNode::aContextMenuEntryGoesToItsNodeOnly()
-{
-    AttachedNode other;
-    other.node->setPos(500, 500);
-    AttachedNode attached;
-    const MenuUser user(choose(QStringLiteral("Reset")));
-    requestContextMenu(attached.node);
-    other.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(attached.program.receive(6), hex("05 00000001 04"));
-    QCOMPARE(other.program.receive(6), marker);
-}
-
-void TestTcpNode::dismissingTheContextMenuSendsNothing()
-{
-    AttachedNode attached;
-    const MenuUser user(dismiss);
-    requestContextMenu(attached.node);
-    QVERIFY(user.hasAnswered());
-    attached.node->sendDebugCommand(TcpNode::IdentifyDC);
-
-    QCOMPARE(attached.program.receive(6), marker);
-}
-
-void TestTcpNode::theNodeMayGoWhileItsContextMenuIsOpen()
-{
-    AttachedNode attached;
-    const MenuUser user([&](QMenu* menu) {
+    void aLingeringSocketOutlivesItsNode()
+    {
+        AttachedNode attached;
+        const QByteArray written = writeMoreThanTheKernelTakes(attached);
+        QVERIFY(!written.isEmpty());
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
         delete attached.node;
-        choose(QStringLiteral("Quit"))(menu);
-    });
-    requestContextMenu(attached.node);
+        attached.program.resumeReading();
 
-    QVERIFY(user.hasAnswered());
-    QVERIFY(attached.program.receiveAll().isEmpty());
-}
+        QVERIFY(attached.program.receiveAll() == written);
+    }
 
-void TestTcpNode::aRightClickInAViewOpensTheContextMenu()
-{
-    AttachedNode attached;
-    QGraphicsView view(network());
-    view.resize(300, 300);
-    view.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&view));
+    void aLingeringSocketGoesWithTheNetwork()
+    {
+        AttachedNode attached;
+        QVERIFY(!writeMoreThanTheKernelTakes(attached).isEmpty());
+        attached.program.send(hex("06"));
+        QVERIFY(attached.waitUntilDetached());
+        QVERIFY(attached.nodeEnd);
+        NetworkSimulation::deleteNetworkSimulation();
 
-    const MenuUser user(choose(QStringLiteral("Step")));
-    const QPoint position = view.mapFromScene(attached.node->scenePos());
-    QContextMenuEvent event(QContextMenuEvent::Mouse, position, view.viewport()->mapToGlobal(position));
-    QApplication::sendEvent(view.viewport(), &event);
-    QVERIFY(user.hasAnswered());
-    QCOMPARE(attached.program.receive(6), hex("05 00000001 03"));
-}
+        QVERIFY(!attached.nodeEnd);
+    }
 
-void TestTcpNode::itsPropertiesWidgetIsThatOfTcpNodes()
-{
-    TcpNode* node = addTcpNode(QByteArray());
-    const std::unique_ptr<QWidget> widget(node->propertiesWidget());
+    // Debug commands by the user
 
-    QVERIFY(qobject_cast<TcpNodePropertiesWidget*>(widget.get()));
-    QVERIFY(!widget->parent());
-}
+    void aCommandGoesToAllNodesWhenNothingIsSelected()
+    {
+        AttachedNode first;
+        addTcpNode(QByteArray());  // has no program and is passed over
+        AttachedNode second;
+        TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::StepDC);
+
+        QCOMPARE(first.program.receive(6), hex("05 00000001 03"));
+        QCOMPARE(second.program.receive(6), hex("05 00000001 03"));
+    }
+
+    void aCommandGoesToTheSelectedNodeOnly()
+    {
+        AttachedNode first;
+        AttachedNode second;
+        second.node->setSelected(true);
+        TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
+        first.node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(second.program.receive(6), hex("05 00000001 02"));
+        QCOMPARE(first.program.receive(6), marker);
+    }
+
+    void aCommandGoesNowhereWhenAPlainNodeIsSelected()
+    {
+        AttachedNode attached;
+        auto* plain = new Node(QByteArray());
+        network()->addItem(plain);
+        plain->setSelected(true);
+        TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(attached.program.receive(6), marker);
+    }
+
+    void aCommandGoesNowhereWhenAConnectionIsSelected()
+    {
+        AttachedNode first;
+        AttachedNode second;
+        auto* connection = new Connection(first.node, second.node);
+        network()->addItem(connection);
+        connection->setSelected(true);
+        QCOMPARE(network()->selectedNetworkItem(), connection);
+        TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::PauseDC);
+        first.node->sendDebugCommand(TcpNode::IdentifyDC);
+        second.node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(first.program.receive(6), marker);
+        QCOMPARE(second.program.receive(6), marker);
+    }
+
+    void theContextMenuListsTheCommands()
+    {
+        QStringList entries;
+        QStringList withoutIcon;
+        const MenuUser user([&](QMenu* menu) {
+            const QList<QAction*> actions = menu->actions();
+            for (const QAction* action : actions) {
+                entries.append(action->isSeparator() ? QStringLiteral("-") : action->text());
+                if (!action->isSeparator() && action->icon().availableSizes().isEmpty())
+                    withoutIcon.append(action->text());
+            }
+            dismiss(menu);
+        });
+        requestContextMenu(addTcpNode(QByteArray()));
+
+        QVERIFY(user.hasAnswered());
+        const QStringList expected = {"Identify", "-", "Run/Continue", "Pause", "Step", "Reset", "Quit"};
+        QCOMPARE(entries, expected);
+        QCOMPARE(withoutIcon, QStringList());
+    }
+
+    void theContextMenuOpensAtTheEventsPosition()
+    {
+        QPoint position;
+        const MenuUser user([&](QMenu* menu) {
+            position = menu->pos();
+            dismiss(menu);
+        });
+        requestContextMenu(addTcpNode(QByteArray()));
+
+        QCOMPARE(position, QPoint(100, 100));
+    }
+
+    void theContextMenuBelongsToTheFocusWidget()
+    {
+        QWidget window;
+        window.setFocusPolicy(Qt::StrongFocus);
+        window.show();
+        window.activateWindow();
+        window.setFocus();
+        QTRY_COMPARE(QApplication::focusWidget(), &window);
+
+        const QWidget* parent = nullptr;
+        QPointer<QMenu> shown;
+        const MenuUser user([&](QMenu* menu) {
+            shown = menu;
+            parent = menu->parentWidget();
+            dismiss(menu);
+        });
+        requestContextMenu(addTcpNode(QByteArray()));
+        QCOMPARE(parent, &window);
+        QVERIFY(user.hasAnswered());
+        QVERIFY(!shown);
+    }
+
+    void theContextMenuSelectsItsNodeAlone()
+    {
+        TcpNode* other = addTcpNode(QByteArray());
+        other->setPos(500, 500);
+        other->setSelected(true);
+        TcpNode* node = addTcpNode(QByteArray());
+        const MenuUser user(dismiss);
+        requestContextMenu(node);
+
+        QVERIFY(user.hasAnswered());
+        QCOMPARE(network()->selectedItems(), QList<QGraphicsItem*>{node});
+    }
+
+    void aContextMenuEntrySendsItsCommand_data()
+    {
+        QTest::addColumn<QString>("entry");
+        QTest::addColumn<QByteArray>("bytes");
+
+        QTest::newRow("identify") << "Identify" << hex("05 00000001 06");
+        QTest::newRow("run/continue") << "Run/Continue" << hex("05 00000001 01");
+        QTest::newRow("pause") << "Pause" << hex("05 00000001 02");
+        QTest::newRow("step") << "Step" << hex("05 00000001 03");
+        QTest::newRow("reset") << "Reset" << hex("05 00000001 04");
+        QTest::newRow("quit") << "Quit" << hex("05 00000001 05");
+    }
+
+    void aContextMenuEntrySendsItsCommand()
+    {
+        QFETCH(QString, entry);
+        QFETCH(QByteArray, bytes);
+
+        AttachedNode attached;
+        const MenuUser user(choose(entry));
+        requestContextMenu(attached.node);
+        QVERIFY(user.hasAnswered());
+        QCOMPARE(attached.program.receive(bytes.size()), bytes);
+    }
+
+    void aContextMenuEntryGoesToItsNodeOnly()
+    {
+        AttachedNode other;
+        other.node->setPos(500, 500);
+        AttachedNode attached;
+        const MenuUser user(choose(QStringLiteral("Reset")));
+        requestContextMenu(attached.node);
+        other.node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(attached.program.receive(6), hex("05 00000001 04"));
+        QCOMPARE(other.program.receive(6), marker);
+    }
+
+    void dismissingTheContextMenuSendsNothing()
+    {
+        AttachedNode attached;
+        const MenuUser user(dismiss);
+        requestContextMenu(attached.node);
+        QVERIFY(user.hasAnswered());
+        attached.node->sendDebugCommand(TcpNode::IdentifyDC);
+
+        QCOMPARE(attached.program.receive(6), marker);
+    }
+
+    void theNodeMayGoWhileItsContextMenuIsOpen()
+    {
+        AttachedNode attached;
+        const MenuUser user([&](QMenu* menu) {
+            delete attached.node;
+            choose(QStringLiteral("Quit"))(menu);
+        });
+        requestContextMenu(attached.node);
+
+        QVERIFY(user.hasAnswered());
+        QVERIFY(attached.program.receiveAll().isEmpty());
+    }
+
+    void aRightClickInAViewOpensTheContextMenu()
+    {
+        AttachedNode attached;
+        QGraphicsView view(network());
+        view.resize(300, 300);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+
+        const MenuUser user(choose(QStringLiteral("Step")));
+        const QPoint position = view.mapFromScene(attached.node->scenePos());
+        QContextMenuEvent event(QContextMenuEvent::Mouse, position, view.viewport()->mapToGlobal(position));
+        QApplication::sendEvent(view.viewport(), &event);
+        QVERIFY(user.hasAnswered());
+        QCOMPARE(attached.program.receive(6), hex("05 00000001 03"));
+    }
+
+    void itsPropertiesWidgetIsThatOfTcpNodes()
+    {
+        TcpNode* node = addTcpNode(QByteArray());
+        const std::unique_ptr<QWidget> widget(node->propertiesWidget());
+
+        QVERIFY(qobject_cast<TcpNodePropertiesWidget*>(widget.get()));
+        QVERIFY(!widget->parent());
+    }
+};
 
 QTEST_MAIN(TestTcpNode)
 #include "tst_tcpnode.moc"
