@@ -13,6 +13,7 @@
 #include <QStringList>
 #include <QtTest>
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 
@@ -24,6 +25,11 @@ constexpr int smallestInt = std::numeric_limits<int>::min();
 constexpr int addressSize = 6;  // of a new network
 constexpr int smallestFrame = 2 * addressSize;
 constexpr int largestFrame = 255;
+
+constexpr int connectedBit = 1;  // of a node's state
+constexpr int disabledBit = 2;
+constexpr int transmittingBit = 4;
+constexpr int receivingBit = 8;
 
 inline Network* network()
 {
@@ -115,7 +121,7 @@ inline void requestConfirmations(Node* node, int timeout = -1)
     TestAccess::acknowledgeTimeout(*node) = timeout;
 }
 
-/// Returns once everything that was started before with a delay of at most \a delay ms has run: timeouts run
+/// Returns when everything has run that was started before with a delay of at most \a delay ms: timeouts run
 /// in the order in which they fall due.
 inline bool passTimeouts(int delay = 0)
 {
@@ -152,5 +158,16 @@ struct LinkedPair {
     RecordingNode* receiver;
     Connection* link;
 };
+
+/// Counts how often \a place was repainted. The scene also announces changes that have no place.
+inline int repaints(const QSignalSpy& changed, const QPointF& place)
+{
+    int count = 0;
+    for (const QList<QVariant>& arguments : changed) {
+        const auto areas = arguments.first().value<QList<QRectF>>();
+        count += std::any_of(areas.begin(), areas.end(), [&](const QRectF& a) { return a.contains(place); });
+    }
+    return count;
+}
 
 }  // namespace TestHelpers

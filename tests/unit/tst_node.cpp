@@ -2,29 +2,19 @@
 
 #include "testhelpers.h"
 
-#include <QElapsedTimer>
-#include <QEventLoop>
-#include <QGraphicsView>
-#include <QLoggingCategory>
 #include <QPointer>
 #include <QSignalSpy>
 
+#include <functional>
 #include <memory>
 
 using namespace TestHelpers;
 
 namespace {
 
-constexpr int connected = 1;  // bits of the node's state
-constexpr int disabled = 2;
-constexpr int transmitting = 4;
-constexpr int receiving = 8;
-constexpr int flashDuration = 500;  // ms
-constexpr qint64 generous = 2000;   // ms that a busy machine may be late
-constexpr int farAway = 100000;     // ms, longer than any test runs
 constexpr qint64 twoTo31 = 2147483648;
 
-/// A signal's two numbers of each emission.
+/// Lists the two numbers of each emission.
 QList<QPair<int, int>> emissions(const QSignalSpy& spy)
 {
     QList<QPair<int, int>> result;
@@ -33,35 +23,6 @@ QList<QPair<int, int>> emissions(const QSignalSpy& spy)
     return result;
 }
 
-bool hasChanged(const QSignalSpy& changed, const QPointF& place)
-{
-    for (const QList<QVariant>& arguments : changed) {
-        for (const QRectF& area : arguments.first().value<QList<QRectF>>()) {
-            if (area.contains(place))
-                return true;
-        }
-    }
-    return false;
-}
-
-/// A node that knows how it was painted last.
-class PaintedNode : public Node
-{
-public:
-    PaintedNode()
-        : Node(nodeAddress(7))
-    {
-    }
-
-    void paint(QPainter* painter, const QStyleOptionGraphicsItem* option, QWidget* widget) override
-    {
-        paintedFlags = TestAccess::flags(*this);
-        Node::paint(painter, option, widget);
-    }
-
-    int paintedFlags = -1;
-};
-
 }  // namespace
 
 class TestNode : public QObject
@@ -69,9 +30,6 @@ class TestNode : public QObject
     Q_OBJECT
 
 private slots:
-    /// The "*" of corrupted bits would fill pages.
-    void initTestCase() { QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false")); }
-
     void init()
     {
         _pair = std::make_unique<LinkedPair>();
@@ -79,6 +37,8 @@ private slots:
     }
 
     void cleanup() { _pair.reset(); }
+
+    // Identity and settings
 
     void aNewNodeHasItsAddressOrItsName()
     {
@@ -144,11 +104,11 @@ private slots:
         QTest::addColumn<int>("flags");
         QTest::addColumn<bool>("active");
         QTest::newRow("neither") << 0 << false;
-        QTest::newRow("connected") << connected << true;
-        QTest::newRow("disabled") << disabled << false;
-        QTest::newRow("connected but disabled") << (connected | disabled) << false;
-        QTest::newRow("connected with traffic") << (connected | transmitting | receiving) << true;
-        QTest::newRow("traffic alone") << (transmitting | receiving) << false;
+        QTest::newRow("connected") << connectedBit << true;
+        QTest::newRow("disabled") << disabledBit << false;
+        QTest::newRow("connected but disabled") << (connectedBit | disabledBit) << false;
+        QTest::newRow("connected with traffic") << (connectedBit | transmittingBit | receivingBit) << true;
+        QTest::newRow("traffic alone") << (transmittingBit | receivingBit) << false;
     }
 
     void connectedAndNotDisabledIsActive()
@@ -165,14 +125,15 @@ private slots:
         QTest::addColumn<bool>("disabling");
         QTest::addColumn<int>("before");
         QTest::addColumn<int>("after");
-        const int all = connected | disabled | transmitting | receiving;
-        QTest::newRow("connects") << true << false << 0 << connected;
-        QTest::newRow("connects what is disabled") << true << false << disabled << (connected | disabled);
-        QTest::newRow("disconnects") << false << false << all << (all & ~connected);
-        QTest::newRow("enables") << true << true << all << (all & ~disabled);
-        QTest::newRow("enabling connects nothing") << true << true << disabled << 0;
-        QTest::newRow("disables") << false << true << connected << (connected | disabled);
-        QTest::newRow("disables again") << false << true << disabled << disabled;
+        const int all = connectedBit | disabledBit | transmittingBit | receivingBit;
+        QTest::newRow("connects") << true << false << 0 << connectedBit;
+        QTest::newRow("connects what is disabled")
+            << true << false << disabledBit << (connectedBit | disabledBit);
+        QTest::newRow("disconnects") << false << false << all << (all & ~connectedBit);
+        QTest::newRow("enables") << true << true << all << (all & ~disabledBit);
+        QTest::newRow("enabling connects nothing") << true << true << disabledBit << 0;
+        QTest::newRow("disables") << false << true << connectedBit << (connectedBit | disabledBit);
+        QTest::newRow("disables again") << false << true << disabledBit << disabledBit;
     }
 
     void settingActiveSwitchesTheMeantBitOnly()
@@ -208,6 +169,8 @@ private slots:
         QCOMPARE(_pair->sender->isInPromiscuousMode(), promiscuous);
     }
 
+    // Links
+
     void connectionsAreKeptInOrderOfAttachment()
     {
         Connection* second = addLink(addNode(3), _pair->sender);
@@ -235,6 +198,8 @@ private slots:
         _pair->sender->addConnection(_pair->link);  // so that it is deleted with the node
     }
 
+    // Repaints and labels
+
     void aNodesOwnChangesRepaintIt_data()
     {
         QTest::addColumn<int>("change");
@@ -260,7 +225,7 @@ private slots:
         QTRY_VERIFY(changed.count() > 0);
         changed.clear();
         changes[change]();
-        QTRY_VERIFY(hasChanged(changed, node->pos()));
+        QTRY_VERIFY(repaints(changed, node->pos()) > 0);
     }
 
     void trafficColoursDoNotRepaint()
@@ -284,7 +249,7 @@ private slots:
         changed.clear();
         _pair->sender->setName(QStringLiteral("Ann"));
         QCOMPARE(_pair->sender->name(), QStringLiteral("Ann"));
-        QTRY_VERIFY(hasChanged(changed, QPointF(900, 900)));
+        QTRY_VERIFY(repaints(changed, QPointF(900, 900)) > 0);
 
         Node outside{QByteArray()};
         outside.setName(QStringLiteral("Bob"));
@@ -330,32 +295,7 @@ private slots:
         QVERIFY(TestAccess::widthForText(node) < addressWidth);
     }
 
-    void anInactiveNodeFlashesButSendsNothing_data()
-    {
-        QTest::addColumn<int>("flags");
-        QTest::newRow("not connected") << 0;
-        QTest::newRow("connected but disabled") << (connected | disabled);
-        QTest::newRow("disabled") << disabled;
-    }
-
-    void anInactiveNodeFlashesButSendsNothing()
-    {
-        QFETCH(int, flags);
-        requestConfirmations(_pair->sender, 1);
-        TestAccess::flags(*_pair->sender) = flags;
-        QSignalSpy statistics(_pair->sender, SIGNAL(sendStatisticsChanged(int,int)));
-        _pair->sender->dataRequest(_pair->unicast());
-        _pair->sender->dataRequest(_pair->broadcast());
-        _pair->sender->dataRequest(_pair->toNobody());
-        QCOMPARE(TestAccess::flags(*_pair->sender), flags | transmitting);
-        QCOMPARE(statistics.count(), 0);
-        QCOMPARE(_pair->sender->sendFramesCount(), qint64{0});
-        QCOMPARE(_pair->sender->sendBytesCount(), qint64{0});
-        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-        QVERIFY(passTimeouts(2));
-        QVERIFY(_pair->sender->log.isEmpty());
-        QVERIFY(_pair->receiver->log.isEmpty());
-    }
+    // Counters
 
     void sendingCountsAndAnnounces()
     {
@@ -381,7 +321,7 @@ private slots:
         QCOMPARE(emissions(statistics), (QList<QPair<int, int>>{{1, 3}, {2, 3}}));
         QCOMPARE(node.receivedFramesCount(), qint64{2});
         QCOMPARE(node.receivedBytesCount(), qint64{3});
-        QCOMPARE(TestAccess::flags(node), receiving);
+        QCOMPARE(TestAccess::flags(node), receivingBit);
         QCOMPARE(node.sendFramesCount(), qint64{0});
     }
 
@@ -442,163 +382,7 @@ private slots:
         QCOMPARE(received.count(), 1);
     }
 
-    void aLoneNodesBroadcastIsConfirmedAtOnce()
-    {
-        delete _pair->link;
-        requestConfirmations(_pair->sender, 1);
-        _pair->sender->dataRequest(_pair->broadcast());
-        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-        QCOMPARE(_pair->sender->sendFramesCount(), qint64{1});
-        QCOMPARE(_pair->sender->sendBytesCount(), qint64{smallestFrame});
-        QVERIFY(passTimeouts(5));
-        QCOMPARE(_pair->sender->confirmations.size(), 1);
-    }
-
-    void aLoneNodesBroadcastWithoutConfirmationIsOnlyCounted()
-    {
-        delete _pair->link;
-        _pair->sender->dataRequest(_pair->broadcast());
-        QVERIFY(passTimeouts(1));
-        QVERIFY(_pair->sender->log.isEmpty());
-        QCOMPARE(_pair->sender->sendFramesCount(), qint64{1});
-    }
-
-    void aLoneNodesUnicastIsReportedLost()
-    {
-        delete _pair->link;
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(_pair->unicast());
-        QVERIFY(_pair->sender->log.isEmpty());
-        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{false});
-        QVERIFY(passTimeouts(10));
-        QCOMPARE(_pair->sender->confirmations.size(), 1);
-    }
-
-    void aMalformedFrameIsReportedLost()
-    {
-        requestConfirmations(_pair->sender, 1);
-        _pair->sender->dataRequest(QByteArray(smallestFrame - 1, '\xFF'));
-        _pair->sender->dataRequest(QByteArray(largestFrame + 1, '\xFF'));
-        QCOMPARE(_pair->sender->sendFramesCount(), qint64{2});
-        QTRY_COMPARE(_pair->sender->confirmations, (QList<bool>{false, false}));
-    }
-
-    void theLossComesAfterTheTimeout_data()
-    {
-        QTest::addColumn<int>("own");
-        QTest::addColumn<int>("inherited");
-        QTest::addColumn<int>("expected");
-        QTest::newRow("own") << 60 << farAway << 60;
-        QTest::newRow("smallest own") << 1 << farAway << 1;
-        QTest::newRow("own of zero is undecided") << 0 << 50 << 50;
-        QTest::newRow("own of -1 is undecided") << -1 << 40 << 40;
-        QTest::newRow("any negative is undecided") << smallestInt << 30 << 30;
-    }
-
-    void theLossComesAfterTheTimeout()
-    {
-        QFETCH(int, own);
-        QFETCH(int, inherited);
-        QFETCH(int, expected);
-        requestConfirmations(_pair->sender, own);
-        TestAccess::acknowledgeTimeout(*network()->defaultNode()) = inherited;
-        QElapsedTimer clock;
-        qint64 elapsed = -1;
-        _pair->sender->onConfirmation = [&] { elapsed = clock.elapsed(); };
-        clock.start();
-        _pair->sender->dataRequest(_pair->toNobody());
-        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{false});
-        QVERIFY(elapsed >= expected);
-        QVERIFY(elapsed < expected + generous);
-    }
-
-    void withoutAnyTimeoutTheLossComesOnTheNextPass()
-    {
-        requestConfirmations(_pair->sender, 0);
-        _pair->sender->dataRequest(_pair->toNobody());
-        QVERIFY(_pair->sender->log.isEmpty());
-        QVERIFY(passTimeouts());
-        QCOMPARE(_pair->sender->confirmations, QList<bool>{false});
-
-        TestAccess::acknowledgeTimeout(*network()->defaultNode()) = smallestInt;
-        _pair->sender->dataRequest(_pair->toNobody());
-        QVERIFY(passTimeouts());
-        QCOMPARE(_pair->sender->confirmations.size(), 2);
-    }
-
-    void confirmationsAreWantedAsSet_data()
-    {
-        QTest::addColumn<Qt::CheckState>("own");
-        QTest::addColumn<Qt::CheckState>("inherited");
-        QTest::addColumn<bool>("wanted");
-        QTest::newRow("own on") << Qt::Checked << Qt::Unchecked << true;
-        QTest::newRow("own off") << Qt::Unchecked << Qt::Checked << false;
-        QTest::newRow("inherited on") << Qt::PartiallyChecked << Qt::Checked << true;
-        QTest::newRow("inherited off") << Qt::PartiallyChecked << Qt::Unchecked << false;
-        QTest::newRow("undecided everywhere") << Qt::PartiallyChecked << Qt::PartiallyChecked << false;
-    }
-
-    void confirmationsAreWantedAsSet()
-    {
-        QFETCH(Qt::CheckState, own);
-        QFETCH(Qt::CheckState, inherited);
-        QFETCH(bool, wanted);
-        TestAccess::framesAcknowledged(*_pair->sender) = own;
-        TestAccess::framesAcknowledged(*network()->defaultNode()) = inherited;
-        _pair->sender->dataRequest(_pair->unicast());
-        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-        QVERIFY(passTimeouts());
-        _pair->sender->dataRequest(_pair->toNobody());
-        QVERIFY(passTimeouts());
-        const QStringList both{QStringLiteral("confirmed"), QStringLiteral("lost")};
-        QCOMPARE(_pair->sender->log, wanted ? both : QStringList());
-
-        _pair->sender->log.clear();
-        _pair->sender->_dataConfirmation(true);
-        _pair->sender->_dataConfirmation(false);
-        QCOMPARE(_pair->sender->log, wanted ? both : QStringList());
-    }
-
-    void withoutAcknowledgementNothingIsEverConfirmed()
-    {
-        TestAccess::framesAcknowledged(*_pair->sender) = Qt::Unchecked;
-        TestAccess::acknowledgeTimeout(*_pair->sender) = 1;
-        _pair->sender->dataRequest(_pair->unicast());
-        _pair->sender->dataRequest(_pair->broadcast());
-        _pair->sender->dataRequest(_pair->toNobody());
-        QTRY_COMPARE(_pair->receiver->indications.size(), 2);
-        QVERIFY(passTimeouts(5));
-        delete _pair->link;
-        _pair->sender->dataRequest(_pair->broadcast());
-        _pair->sender->dataRequest(_pair->unicast());
-        QVERIFY(passTimeouts(5));
-        QVERIFY(_pair->sender->log.isEmpty());
-    }
-
-    void aLossIsReportedAfterAcknowledgementWasSwitchedOff()
-    {
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(_pair->toNobody());
-        TestAccess::framesAcknowledged(*_pair->sender) = Qt::Unchecked;
-        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{false});
-    }
-
-    void aConfirmationOnTheWayIsDroppedWhenSwitchedOff()
-    {
-        requestConfirmations(_pair->sender, 5000);
-        _pair->sender->dataRequest(_pair->unicast());
-        TestAccess::framesAcknowledged(*_pair->sender) = Qt::Unchecked;
-        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-        QVERIFY(passTimeouts());
-        QVERIFY(_pair->sender->log.isEmpty());
-    }
-
-    void frameLostReportsWithoutAsking()
-    {
-        RecordingNode node;
-        QVERIFY(QMetaObject::invokeMethod(&node, "frameLost"));
-        QCOMPARE(node.confirmations, QList<bool>{false});
-    }
+    // Frames
 
     void everyConnectionCarriesTheFrame()
     {
@@ -617,64 +401,6 @@ private slots:
         QVERIFY(_pair->sender->indications.isEmpty());
     }
 
-    void theTimeoutIsTheLinksDeadlineOnlyWhenConfirmationsAreWanted()
-    {
-        TestAccess::delay(*_pair->link) = 5;
-        TestAccess::acknowledgeTimeout(*_pair->sender) = 4;
-        const auto isInTime = [this] {
-            _pair->sender->dataRequest(_pair->unicast());
-            return TestAccess::framesInFlight(*_pair->link).last().wasDelivered(true);
-        };
-        QVERIFY(isInTime());
-        TestAccess::framesAcknowledged(*_pair->sender) = Qt::Checked;
-        QVERIFY(!isInTime());
-        TestAccess::acknowledgeTimeout(*_pair->sender) = 5;
-        QVERIFY(isInTime());
-        TestAccess::acknowledgeTimeout(*_pair->sender) = 0;  // the default node's: no time at all
-        QVERIFY(!isInTime());
-    }
-
-    void oneDeliveringLinkIsEnough_data()
-    {
-        QTest::addColumn<bool>("delivererIsLast");
-        QTest::newRow("first") << false;
-        QTest::newRow("last") << true;
-    }
-
-    void oneDeliveringLinkIsEnough()
-    {
-        QFETCH(bool, delivererIsLast);
-        addLink(_pair->sender, addNode(3));
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(frameBytes(nodeAddress(delivererIsLast ? 3 : 2), nodeAddress(1)));
-        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
-        QVERIFY(passTimeouts(10));
-        QCOMPARE(_pair->sender->confirmations.size(), 1);
-    }
-
-    void aFrameThatNoLinkDeliversIsLost()
-    {
-        Connection* second = addLink(_pair->sender, addNode(3));
-        TestAccess::broken(*second) = true;
-        _pair->receiver->setActive(false, true);
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(_pair->unicast());
-        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{false});
-    }
-
-    /// Two outcomes for one send, on purpose: the link confirms a broadcast without asking whether it
-    /// arrives.
-    void anUndeliveredBroadcastIsConfirmedAndLost()
-    {
-        TestAccess::reliability(*_pair->link) = 0.0;
-        TestAccess::errorDetection(*_pair->link) = 1.0;
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(_pair->broadcast());
-        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-        QTRY_COMPARE(_pair->sender->confirmations, (QList<bool>{true, false}));
-        QVERIFY(_pair->receiver->log.isEmpty());
-    }
-
     void aNodeMaySendFromItsIndication()
     {
         constexpr int rounds = 50;
@@ -689,140 +415,7 @@ private slots:
         QCOMPARE(_pair->receiver->indications.size(), rounds);
     }
 
-    void flashesEndAfterHalfASecond_data()
-    {
-        QTest::addColumn<bool>("transmit");
-        QTest::newRow("transmit") << true;
-        QTest::newRow("receive") << false;
-    }
-
-    void flashesEndAfterHalfASecond()
-    {
-        QFETCH(bool, transmit);
-        const int bit = transmit ? transmitting : receiving;
-        RecordingNode* node = _pair->sender;
-        QElapsedTimer clock;
-        clock.start();
-        if (transmit)
-            node->dataRequest(_pair->toNobody());
-        else
-            node->_dataIndication("abc");
-        QCOMPARE(TestAccess::flags(*node), connected | bit);
-        QTRY_COMPARE_WITH_TIMEOUT(TestAccess::flags(*node), connected, flashDuration + int(generous));
-        QVERIFY(clock.elapsed() >= flashDuration);
-    }
-
-    void theFirstTimerClearsTheFlash_data() { flashesEndAfterHalfASecond_data(); }
-
-    void theFirstTimerClearsTheFlash()
-    {
-        QFETCH(bool, transmit);
-        const int bit = transmit ? transmitting : receiving;
-        RecordingNode* node = _pair->sender;
-        const auto traffic = [&] {
-            if (transmit)
-                node->dataRequest(_pair->toNobody());
-            else
-                node->_dataIndication("abc");
-        };
-        QElapsedTimer clock;
-        clock.start();
-        traffic();
-        QVERIFY(passTimeouts(flashDuration / 2));
-        const qint64 second = clock.elapsed();
-        if (second >= flashDuration)
-            QSKIP("the machine is too slow to tell the two flashes apart");
-        traffic();
-        QTRY_VERIFY(!(TestAccess::flags(*node) & bit));
-        QVERIFY(clock.elapsed() >= flashDuration);
-
-        // The second timer still runs, and clears what a third frame sets
-        if (clock.elapsed() >= second + flashDuration)
-            QSKIP("the machine is too slow to tell the two flashes apart");
-        const qint64 third = clock.elapsed();
-        traffic();
-        QVERIFY(TestAccess::flags(*node) & bit);
-        QTRY_VERIFY(!(TestAccess::flags(*node) & bit));
-        QVERIFY(clock.elapsed() >= second + flashDuration);
-        if (clock.elapsed() >= third + flashDuration)
-            QSKIP("the machine is too slow to tell which timer it was");
-    }
-
-    void framesSoonAfterOneAnotherHaveTimersOfTheirOwn_data() { flashesEndAfterHalfASecond_data(); }
-
-    /// Timeouts run in the order of their due times, however busy the machine is: a timeout of the test's
-    /// own, due 2 ms behind a frame's, looks at what that one has left.
-    void framesSoonAfterOneAnotherHaveTimersOfTheirOwn()
-    {
-        QFETCH(bool, transmit);
-        RecordingNode* node = _pair->sender;
-        const auto traffic = [&] {
-            if (transmit)
-                node->dataRequest(_pair->toNobody());
-            else
-                node->_dataIndication("abc");
-        };
-        int flagsAfterFirst = -1;
-        int flagsAfterSecond = -1;
-        QEventLoop loop;  // of its own, since QTest's functions look at the timers every 10 ms only
-        Timeouts behindFirst([&] {
-            flagsAfterFirst = TestAccess::flags(*node);
-            traffic();  // the flash that it begins is the second frame's to end
-        });
-        Timeouts behindSecond([&] {
-            flagsAfterSecond = TestAccess::flags(*node);
-            loop.quit();
-        });
-        Timeouts second([&] {
-            traffic();
-            behindSecond.start(flashDuration + 2);
-        });
-        traffic();
-        behindFirst.start(flashDuration + 2);
-        second.start(6);
-        loop.exec();
-        QCOMPARE(flagsAfterFirst, connected);
-        QCOMPARE(flagsAfterSecond, connected);
-    }
-
-    void flashesRepaintTheNode()
-    {
-        _pair->sender->setPos(500, 500);
-        QSignalSpy changed(network(), SIGNAL(changed(QList<QRectF>)));
-        QTRY_VERIFY(changed.count() > 0);
-        QVERIFY(passTimeouts(50));
-        changed.clear();
-        _pair->sender->_dataIndication("abc");
-        QTRY_VERIFY(hasChanged(changed, _pair->sender->pos()));
-        QVERIFY(passTimeouts(50));
-        changed.clear();
-        QTRY_VERIFY(hasChanged(changed, _pair->sender->pos()));  // the end of the flash
-    }
-
-    void flashesRepaintAViewThatComesLate()
-    {
-        auto* node = new PaintedNode;
-        network()->addItem(node);
-        node->dataRequest("abc");
-        QGraphicsView view(network());
-        view.show();
-        QTRY_VERIFY(node->paintedFlags >= 0);
-        QTRY_COMPARE(node->paintedFlags, 0);  // the end of the flash that had begun before
-        node->dataRequest("abc");
-        QTRY_COMPARE(node->paintedFlags, transmitting);
-    }
-
-    /// What had been asked for before would be told to a listener that comes before the toolkit has seen to
-    /// it.
-    void flashesAskForNoRepaintWhileNobodyWatches()
-    {
-        _pair->sender->setPos(500, 500);
-        QVERIFY(passTimeouts(50));
-        _pair->sender->_dataIndication("abc");
-        QSignalSpy changed(network(), SIGNAL(changed(QList<QRectF>)));
-        QVERIFY(passTimeouts(50));
-        QVERIFY(!hasChanged(changed, _pair->sender->pos()));
-    }
+    // Deleting
 
     void deletingANodeDeletesItsLinks()
     {
@@ -838,39 +431,7 @@ private slots:
         QCOMPARE(network()->items().size(), 3);
     }
 
-    void aDeletedNodeLosesItsTimers()
-    {
-        requestConfirmations(_pair->sender, 5);
-        _pair->sender->dataRequest(_pair->toNobody());
-        _pair->sender->_dataIndication("abc");
-        delete _pair->sender;
-        QVERIFY(passTimeouts(flashDuration + 5));  // nothing of the node is touched
-        QCOMPARE(network()->items().size(), 1);
-    }
-
-    void aNodeMayDeleteItselfWhenAFrameIsLost()
-    {
-        const QPointer<RecordingNode> sender = _pair->sender;
-        requestConfirmations(sender, 5);
-        sender->onConfirmation = [&sender] { delete sender.data(); };
-        sender->dataRequest(_pair->toNobody());
-        sender->dataRequest(_pair->toNobody());
-        QTRY_VERIFY(!sender);
-        QVERIFY(passTimeouts(10));
-        QVERIFY(_pair->receiver->log.isEmpty());
-    }
-
-    void manyPendingLossesAllArrive()
-    {
-        constexpr int frameCount = 50000;
-        capture()->setEnabled(false);
-        requestConfirmations(_pair->sender, 300);
-        for (int i = 0; i < frameCount; ++i)
-            _pair->sender->dataRequest(_pair->toNobody());
-        QTRY_COMPARE_WITH_TIMEOUT(_pair->sender->confirmations.size(), frameCount, 60000);
-        QVERIFY(!_pair->sender->confirmations.contains(true));
-        QCOMPARE(_pair->sender->sendFramesCount(), qint64{frameCount});
-    }
+    // Places in the scene
 
     void aRenamedNodeLeavesNoStaleEntry_data()
     {

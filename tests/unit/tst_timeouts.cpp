@@ -1,13 +1,9 @@
 #include "core/timeouts.h"
 
-#include "core/throttledupdate.h"
 #include "testhelpers.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>
-#include <QGraphicsRectItem>
-#include <QGraphicsScene>
-#include <QSignalSpy>
 
 #include <sys/resource.h>
 
@@ -22,30 +18,10 @@ namespace {
 
 constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr qint64 generous = 2000;  // ms that a busy machine may be late
-constexpr int framePeriod = 16;    // ms between gathered repaints
-constexpr int quietTime = 40;      // ms, more than two of them
 constexpr int patience = 60000;    // ms
 constexpr int manyTimeouts = 100000;
 
-/// Runs what the event loop would, without any timer. A repaint takes two rounds through the scene.
-void sendPostedEvents()
-{
-    for (int round = 0; round < 3; ++round)
-        QCoreApplication::sendPostedEvents();
-}
-
-/// How often \a place was repainted. The scene also announces changes that have no place.
-int repaints(const QSignalSpy& changed, const QPointF& place)
-{
-    int count = 0;
-    for (const QList<QVariant>& arguments : changed) {
-        const auto areas = arguments.first().value<QList<QRectF>>();
-        count += std::any_of(areas.begin(), areas.end(), [&](const QRectF& a) { return a.contains(place); });
-    }
-    return count;
-}
-
-/// The next timeout gets a new one. Nothing may be pending that matters to anybody.
+/// Makes the next timeout build a new scheduler. Nothing may be pending that matters to anybody.
 void deleteScheduler()
 {
     const QObjectList children = qApp->children();
@@ -74,25 +50,6 @@ private:
     rlimit _before{};
 };
 
-/// A scene of one item, which is drawn only when it is asked for.
-struct RepaintedItem {
-    RepaintedItem()
-        : item(scene.addRect(0, 0, 10, 10))
-        , changed(&scene, SIGNAL(changed(QList<QRectF>)))
-    {
-        passTimeouts(quietTime);
-        sendPostedEvents();
-        changed.clear();
-    }
-
-    int count() const { return repaints(changed, QPointF(5, 5)); }
-
-    QGraphicsScene scene;
-    QGraphicsItem* item;
-    QSignalSpy changed;
-    ThrottledUpdate traffic{item};
-};
-
 }  // namespace
 
 class TestTimeouts : public QObject
@@ -100,6 +57,8 @@ class TestTimeouts : public QObject
     Q_OBJECT
 
 private slots:
+    // Due times
+
     void theHandlerRunsOnceForEachStart()
     {
         int runs = 0;
@@ -129,7 +88,7 @@ private slots:
         Timeouts timeouts([&] { ++runs; });
         timeouts.start(delay);
         QCOMPARE(runs, 0);
-        sendPostedEvents();
+        QCoreApplication::sendPostedEvents();  // runs no timer
         QCOMPARE(runs, 0);
         QVERIFY(passTimeouts());
         QCOMPARE(runs, 1);
@@ -157,8 +116,8 @@ private slots:
         }
     }
 
-    /// The best of many tries counts, as a busy machine spoils some; it also makes them good when both are
-    /// late.
+    /// Counts the best of many tries: a busy machine spoils some. A try in which both are late counts as
+    /// good.
     void aTimeoutWaitsForNoWholeMillisecondOfAnother()
     {
         constexpr int tries = 50;
@@ -203,7 +162,7 @@ private slots:
         QVERIFY(clock.elapsed() >= delay);
         timeouts.start(0);
         QTRY_COMPARE(runs, 2);
-        deleteScheduler();  // the next one has the kernel's timer again
+        deleteScheduler();  // the next one gets the kernel's timer again
     }
 
     void timeoutsRunInOrderOfTheirDueTimes()
@@ -281,6 +240,8 @@ private slots:
                 QVERIFY(order[j] > order[i] || delays[order[j]] > delays[order[i]]);
         }
     }
+
+    // Owners that go
 
     void aDestroyedOwnerNeverRuns()
     {
@@ -363,6 +324,8 @@ private slots:
         QCOMPARE(replacementRuns, 1);
     }
 
+    // Room for events
+
     void aHandlerThatStartsAgainLeavesRoomForEvents()
     {
         constexpr int rounds = 1000;
@@ -420,6 +383,8 @@ private slots:
         QCOMPARE(otherRunsInside, 0);
     }
 
+    // Shared starts
+
     void aSharedTimeoutIsNeverEarly()
     {
         for (const int delay : {0, 1, 20}) {
@@ -456,7 +421,7 @@ private slots:
         constexpr int starts = 5;
         int started = 0;
         int runs = 0;
-        QEventLoop loop;  // of its own, since QTest's functions look at the timers every 10 ms only
+        QEventLoop loop;  // QTest's own loops look at the timers every 10 ms only
         Timeouts timeouts([&] { ++runs; });
         std::unique_ptr<Timeouts> starter;
         starter = std::make_unique<Timeouts>([&] {
@@ -504,7 +469,7 @@ private slots:
         timeouts.startShared(2);
         QElapsedTimer clock;
         clock.start();
-        while (clock.elapsed() < 3) { }  // the event loop is held up
+        while (clock.elapsed() < 3) { }  // holds the event loop up
         timeouts.startShared(2);
         QCOMPARE(runs, 1);
         QTRY_COMPARE(runs, 2);
@@ -567,7 +532,7 @@ private slots:
         punctual.start(3);
         QElapsedTimer clock;
         clock.start();
-        while (clock.elapsed() < 5) { }  // the event loop is held up
+        while (clock.elapsed() < 5) { }  // holds the event loop up
         QTRY_COMPARE(order.size(), 3);
         QCOMPARE(order.at(1), QStringLiteral("leisurely"));
     }
@@ -593,6 +558,8 @@ private slots:
         QVERIFY(passTimeouts(2 * delay));
         QVERIFY2(isOver(), qPrintable(QString::number(elapsed)));
     }
+
+    // The end of a pass
 
     void theEndOfAPassNeedsAPass()
     {
@@ -636,6 +603,8 @@ private slots:
         QCOMPARE(runs, 0);
     }
 
+    // Many
+
     void hundredThousandOfOneOwnerAllRun()
     {
         int runs = 0;
@@ -677,107 +646,6 @@ private slots:
         QTRY_COMPARE_WITH_TIMEOUT(runs, manyTimeouts / 2, patience);
         QVERIFY(passTimeouts(50));
         QCOMPARE(runs, manyTimeouts / 2);
-    }
-
-    void theFirstRequestRepaintsAtOnce()
-    {
-        RepaintedItem repainted;
-        repainted.traffic.request();
-        sendPostedEvents();  // runs no timer
-        QCOMPARE(repainted.count(), 1);
-        QVERIFY(passTimeouts(quietTime));
-        QCOMPARE(repainted.count(), 1);
-    }
-
-    void furtherRequestsAreGathered()
-    {
-        RepaintedItem repainted;
-        for (int i = 0; i < 1000; ++i) {
-            repainted.traffic.request();
-            sendPostedEvents();
-        }
-        QCOMPARE(repainted.count(), 1);
-        QVERIFY(passTimeouts(framePeriod));
-        sendPostedEvents();
-        QCOMPARE(repainted.count(), 2);  // the last request is shown, too
-
-        repainted.traffic.request();
-        sendPostedEvents();
-        QCOMPARE(repainted.count(), 2);  // no quiet time yet
-        QVERIFY(passTimeouts(quietTime));
-        QCOMPARE(repainted.count(), 3);
-    }
-
-    void aRequestAfterAQuietTimeRepaintsAtOnceAgain()
-    {
-        RepaintedItem repainted;
-        repainted.traffic.request();
-        repainted.traffic.request();
-        QVERIFY(passTimeouts(quietTime));
-        repainted.changed.clear();
-        repainted.traffic.request();
-        sendPostedEvents();
-        QCOMPARE(repainted.count(), 1);
-    }
-
-    void eachItemThatAskedIsRepainted()
-    {
-        RepaintedItem repainted;
-        QGraphicsItem* other = repainted.scene.addRect(500, 500, 10, 10);
-        QVERIFY(passTimeouts(quietTime));
-        repainted.changed.clear();
-        ThrottledUpdate otherTraffic(other);
-        repainted.traffic.request();
-        otherTraffic.request();
-        QVERIFY(passTimeouts(framePeriod));
-        sendPostedEvents();
-        QCOMPARE(repainted.count(), 1);
-        QCOMPARE(repaints(repainted.changed, QPointF(505, 505)), 1);
-    }
-
-    void steadyRequestsRepaintOnceAPeriod()
-    {
-        RepaintedItem repainted;
-        QElapsedTimer clock;
-        clock.start();
-        int requests = 0;
-        while (clock.elapsed() < 10 * framePeriod) {
-            repainted.traffic.request();
-            ++requests;
-            QCoreApplication::processEvents();
-        }
-        QVERIFY(passTimeouts(quietTime));
-        const qint64 periods = clock.elapsed() / framePeriod + 1;
-        QVERIFY(requests > periods);
-        QVERIFY(repainted.count() >= 2);
-        QVERIFY(repainted.count() <= periods + 1);
-    }
-
-    void anItemMayGoWhileItsRepaintIsPending()
-    {
-        RepaintedItem repainted;
-        auto first = std::make_unique<ThrottledUpdate>(repainted.item);
-        auto second = std::make_unique<ThrottledUpdate>(repainted.item);
-        repainted.traffic.request();  // the period runs
-        sendPostedEvents();
-        for (const auto& traffic : {first.get(), second.get()})
-            traffic->request();
-        first.reset();
-        repainted.changed.clear();
-        QVERIFY(passTimeouts(framePeriod));
-        sendPostedEvents();
-        QCOMPARE(repainted.count(), 1);
-        second.reset();
-
-        second = std::make_unique<ThrottledUpdate>(repainted.item);
-        QVERIFY(passTimeouts(quietTime));
-        repainted.traffic.request();
-        second->request();
-        second.reset();
-        sendPostedEvents();
-        repainted.changed.clear();
-        QVERIFY(passTimeouts(quietTime));
-        QCOMPARE(repainted.count(), 0);
     }
 };
 
