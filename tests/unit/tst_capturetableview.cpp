@@ -79,6 +79,63 @@ public:
     int paints = 0;
 };
 
+void click(QCheckBox* box)
+{
+    QStyleOptionButton option;
+    option.initFrom(box);
+    const QRect mark = box->style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, box);
+    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, mark.center());
+}
+
+constexpr int textColumns[]
+    = {Capture::DeltaTimeColumn,   Capture::SizeColumn,   Capture::TimeOnNetworkColumn,
+       Capture::DestinationColumn, Capture::SourceColumn, Capture::DataColumn};
+
+constexpr int wantedWidth = 120;
+constexpr int narrowWidth = 710;  // what the first window on a screen of 1024 pixels leaves the view
+
+int countOthers(const QImage& image, const QRect& area, const QColor& background)
+{
+    int pixels = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        for (int x = area.left(); x <= area.right(); ++x)
+            pixels += image.pixelColor(x, y) != background;
+    }
+    return pixels;
+}
+
+/// On that background, in the size that the table shows.
+QImage pictureOf(const QIcon& icon, const QColor& background)
+{
+    QImage picture(iconSize, iconSize, QImage::Format_RGB32);
+    picture.fill(background);
+    QPainter painter(&picture);
+    icon.paint(&painter, picture.rect());
+    return picture;
+}
+
+int countSame(const QImage& one, const QImage& other, const QRect& area)
+{
+    int pixels = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y) {
+        for (int x = area.left(); x <= area.right(); ++x)
+            pixels += one.pixelColor(x, y) == other.pixelColor(x, y);
+    }
+    return pixels;
+}
+
+/// Pixels that hide the row behind them.
+int countOpaque(const QIcon& icon)
+{
+    const QImage picture = icon.pixmap(iconSize, iconSize).toImage();
+    int pixels = 0;
+    for (int y = 0; y < picture.height(); ++y) {
+        for (int x = 0; x < picture.width(); ++x)
+            pixels += picture.pixelColor(x, y).alpha() == 255;
+    }
+    return pixels;
+}
+
 }  // namespace
 
 /// The view in a window of its own, worked with the mouse.
@@ -87,61 +144,523 @@ class TestCaptureTableView : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
+    void init()
+    {
+        messages().clear();
+        _capture = std::make_unique<Capture>();
+        _view = std::make_unique<CaptureTableView>(nullptr);
+        _view->resize(windowWidth, windowHeight);
+        _view->show();
+        QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
+        _view->setCaptureModel(_capture.get());
+    }
+
+    void cleanup()
+    {
+        qInstallMessageHandler(nullptr);
+        _view.reset();
+        _capture.reset();
+    }
 
     // Make-up
-    void theBarStandsBelowTheTableInItsOrder();
-    void theTableIsCompactAndSelectsOneRow();
-    void theBoxesShowTheFlagsOfAnAttachedModel();
-    void aNewModelUnchecksTheBoxes();
-    void theCounterShowsTheRowsOfAnAttachedModel();
-    void attachingAManyRowedModelAsksForFewCells();
+    void theBarStandsBelowTheTableInItsOrder()
+    {
+        QVERIFY(qobject_cast<QVBoxLayout*>(_view->layout()));
+        QCOMPARE(_view->layout()->itemAt(0)->widget(), _table());
+        QCOMPARE(_bar()->count(), 10);
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+        QCOMPARE(_inBar<QLabel>(1)->text(), QStringLiteral("Frames captured."));
+        QVERIFY(_bar()->itemAt(2)->spacerItem());
+        QCOMPARE(_bar()->stretch(2), 10);
+        QCOMPARE(_inBar<QLabel>(3)->text(), QStringLiteral("Cature enabled:"));
+        QCOMPARE(_enabled()->text(), QString());
+        QCOMPARE(_inBar<QLabel>(5)->text(), QStringLiteral("View follows frames:"));
+        QCOMPARE(_follows()->text(), QString());
+        QCOMPARE(_inBar<QLabel>(7)->text(), QStringLiteral("Hide addresses:"));
+        QCOMPARE(_hidesAddresses()->text(), QString());
+        QCOMPARE(_clear()->text(), QStringLiteral("Clear"));
+    }
+
+    void theTableIsCompactAndSelectsOneRow()
+    {
+        QCOMPARE(_table()->model(), _capture.get());
+        QCOMPARE(_table()->font().pixelSize(), 10);
+        QCOMPARE(_table()->font().family(), _view->font().family());
+        QVERIFY(!_table()->showGrid());
+        QVERIFY(_table()->alternatingRowColors());
+        QCOMPARE(_table()->selectionBehavior(), QAbstractItemView::SelectRows);
+        QCOMPARE(_table()->selectionMode(), QAbstractItemView::SingleSelection);
+        QVERIFY(_table()->tabKeyNavigation());
+        QCOMPARE(_table()->iconSize(), QSize(iconSize, iconSize));
+        QVERIFY(_table()->horizontalHeader()->stretchLastSection());
+    }
+
+    void theBoxesShowTheFlagsOfAnAttachedModel()
+    {
+        Capture other;
+        other.setEnabled(true);
+        other.setViewFollows(true);
+        _view->setCaptureModel(&other);
+        QVERIFY(_enabled()->isChecked());
+        QVERIFY(_follows()->isChecked());
+        QVERIFY(other.isEnabled());
+        QVERIFY(other.doesViewFollows());
+        _view->setCaptureModel(nullptr);
+    }
+
+    void aNewModelUnchecksTheBoxes()
+    {
+        _captureAndFollow();
+        Capture other;
+        _view->setCaptureModel(nullptr);
+        _view->setCaptureModel(&other);
+        QVERIFY(!_enabled()->isChecked());
+        QVERIFY(!_follows()->isChecked());
+        QVERIFY(!other.isEnabled());
+        QVERIFY(!other.doesViewFollows());
+        _view->setCaptureModel(nullptr);
+    }
+
+    void theCounterShowsTheRowsOfAnAttachedModel()
+    {
+        Capture other;
+        other.setEnabled(true);
+        add(other, 12);
+        _view->setCaptureModel(&other);
+        QCOMPARE(_counter()->text(), QStringLiteral("12"));
+        _view->setCaptureModel(_capture.get());
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+    }
+
+    void attachingAManyRowedModelAsksForFewCells()
+    {
+        constexpr int rows = 20000;
+        AskedCapture other;
+        other.setEnabled(true);
+        add(other, rows);
+        _view->setCaptureModel(&other);
+        QVERIFY(other.questions < rows);
+        _view->setCaptureModel(nullptr);
+    }
 
     // Without a model
-    void withoutAModelTheSwitchesDoNothing();
-    void withoutAModelTheAddressesCanBeHidden();
-    void aDetachedModelIsLeftAlone();
-    void aReplacedModelNoLongerCounts();
-    void aReplacedModelLeavesNothingBehind();
+    void withoutAModelTheSwitchesDoNothing()
+    {
+        _view->setCaptureModel(nullptr);
+        qInstallMessageHandler(keepMessage);
+        click(_enabled());
+        click(_follows());
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QCOMPARE(messages(), QStringList());
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+        QVERIFY(!_capture->isEnabled());
+        QVERIFY(!_capture->doesViewFollows());
+    }
+
+    void withoutAModelTheAddressesCanBeHidden()
+    {
+        _view->setCaptureModel(nullptr);
+        click(_hidesAddresses());
+        _view->setCaptureModel(_capture.get());
+        QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
+    }
+
+    void aDetachedModelIsLeftAlone()
+    {
+        _captureAndFollow();
+        add(*_capture, 2);
+        _view->setCaptureModel(nullptr);
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        click(_enabled());
+        QVERIFY(_capture->isEnabled());
+        add(*_capture, 1);
+        QCOMPARE(_capture->rowCount(), 3);
+        QVERIFY(!_table()->model());
+    }
+
+    void aReplacedModelNoLongerCounts()
+    {
+        Capture other;
+        other.setEnabled(true);
+        other.setViewFollows(true);
+        _captureAndFollow();
+        _view->setCaptureModel(&other);
+        add(*_capture, 3);
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+        add(other, 1);
+        QCOMPARE(_counter()->text(), QStringLiteral("1"));
+        _view->setCaptureModel(nullptr);
+    }
+
+    void aReplacedModelLeavesNothingBehind()
+    {
+        const int objects = _view->findChildren<QObject*>().size();
+        Capture other;
+        for (Capture* model : {static_cast<Capture*>(nullptr), &other, static_cast<Capture*>(nullptr)})
+            _view->setCaptureModel(model);
+        QCOMPARE(_view->findChildren<QObject*>().size(), objects);
+    }
 
     // Switches
-    void aBoxIsWrittenToTheModelAtOnce();
-    void theCounterStandsStillWhileFollowingIsOff();
-    void clearSetsTheCounterToZeroWhileFollowingIsOff();
-    void clearEmptiesTheModel();
-    void hidingTheAddressesHidesExactlyTheirColumns();
-    void showingTheAddressesAgainShowsTheirColumns();
-    void hiddenAddressesStayHiddenInANewModel();
-    void theLastColumnFillsTheTable();
-    void theLastColumnFillsTheTableAfterANewModelAndAfterClear();
-    void theLastColumnFillsTheTableWithTheAddressesHidden();
+    void aBoxIsWrittenToTheModelAtOnce()
+    {
+        click(_enabled());
+        QVERIFY(_capture->isEnabled());
+        QVERIFY(!_capture->doesViewFollows());
+        click(_follows());
+        QVERIFY(_capture->doesViewFollows());
+        click(_enabled());
+        QVERIFY(!_capture->isEnabled());
+        click(_follows());
+        QVERIFY(!_capture->doesViewFollows());
+    }
+
+    void theCounterStandsStillWhileFollowingIsOff()
+    {
+        click(_enabled());
+        add(*_capture, 3);
+        QCoreApplication::processEvents();
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+        click(_follows());
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+        add(*_capture, 1);
+        QCOMPARE(_counter()->text(), QStringLiteral("4"));
+    }
+
+    void clearSetsTheCounterToZeroWhileFollowingIsOff()
+    {
+        _captureAndFollow();
+        add(*_capture, 5);
+        click(_follows());
+        QCOMPARE(_counter()->text(), QStringLiteral("5"));
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QCOMPARE(_counter()->text(), QStringLiteral("0"));
+    }
+
+    void clearEmptiesTheModel()
+    {
+        _captureAndFollow();
+        add(*_capture, 5);
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QCOMPARE(_capture->rowCount(), 0);
+        QVERIFY(_capture->isEnabled());
+        QVERIFY(_capture->doesViewFollows());
+    }
+
+    void hidingTheAddressesHidesExactlyTheirColumns()
+    {
+        QCOMPARE(_hiddenColumns(), QList<int>());
+        click(_hidesAddresses());
+        QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
+    }
+
+    void showingTheAddressesAgainShowsTheirColumns()
+    {
+        click(_hidesAddresses());
+        click(_hidesAddresses());
+        QCOMPARE(_hiddenColumns(), QList<int>());
+    }
+
+    void hiddenAddressesStayHiddenInANewModel()
+    {
+        click(_hidesAddresses());
+        Capture other;
+        _view->setCaptureModel(nullptr);
+        _view->setCaptureModel(&other);
+        QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
+        QVERIFY(_hidesAddresses()->isChecked());
+        _view->setCaptureModel(nullptr);
+    }
+
+    void theLastColumnFillsTheTable()
+    {
+        click(_enabled());
+        add(*_capture, 1);
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+        _view->resize(windowWidth + 200, windowHeight);
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+    }
+
+    void theLastColumnFillsTheTableAfterANewModelAndAfterClear()
+    {
+        Capture other;
+        other.setEnabled(true);
+        add(other, 1);
+        _view->setCaptureModel(nullptr);
+        _view->setCaptureModel(&other);
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        add(other, 1);
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+        _view->setCaptureModel(nullptr);
+    }
+
+    void theLastColumnFillsTheTableWithTheAddressesHidden()
+    {
+        Capture other;
+        other.setEnabled(true);
+        add(other, 1);
+        click(_hidesAddresses());
+        _view->setCaptureModel(&other);
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+        click(_hidesAddresses());
+        QTRY_VERIFY(_lastColumnFillsTheTable());
+        _view->setCaptureModel(nullptr);
+    }
 
     // Widths
-    void atItsOwnSizeTheViewShowsAllColumnsAtTheirWidth();
-    void aNarrowViewShowsAllColumnsAndTheirTitles();
-    void aNarrowViewShowsAllColumnsOfANewModel();
+    void atItsOwnSizeTheViewShowsAllColumnsAtTheirWidth()
+    {
+        _showAnew(0);
+        QVERIFY(!_table()->horizontalScrollBar()->isVisible());
+        for (const int column : textColumns)
+            QVERIFY(_table()->columnWidth(column) >= wantedWidth);
+    }
+
+    void aNarrowViewShowsAllColumnsAndTheirTitles()
+    {
+        _showAnew(narrowWidth);
+        QVERIFY(!_table()->horizontalScrollBar()->isVisible());
+        for (const int column : textColumns)
+            QVERIFY2(_showsTheTitle(column), qPrintable(QString::number(column)));
+        QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
+    }
+
+    void aNarrowViewShowsAllColumnsOfANewModel()
+    {
+        _showAnew(narrowWidth);
+        Capture other;
+        _view->setCaptureModel(&other);
+        QTRY_VERIFY(!_table()->horizontalScrollBar()->isVisible());
+        QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
+        _view->setCaptureModel(nullptr);
+    }
 
     // Following
-    void theCounterIsTrueRightAfterEachFrame();
-    void theLastRowIsInViewAfterOneTurnOfTheEventLoop();
-    void withFollowingOffTheViewStaysWhereItIs();
-    void aUserWhoScrolledUpIsTakenToTheNextFrame();
-    void theTableTakesOverRowsInBursts();
-    void theTableIsPaintedSixtyTimesASecondAtMost();
-    void thePictureShownLastIsTrue();
-    void clearInTheMiddleOfABurstLeavesNoRows();
-    void theWindowKeepsItsSizeWhileTheCounterGrows();
-    void theCounterIsAsWideAsItsNumber();
+    void theCounterIsTrueRightAfterEachFrame()
+    {
+        _captureAndFollow();
+        for (int count = 1; count <= 200; ++count) {
+            add(*_capture, 1);
+            QCOMPARE(_counter()->text(), QString::number(count));
+        }
+    }
+
+    void theLastRowIsInViewAfterOneTurnOfTheEventLoop()
+    {
+        _captureAndFollow();
+        add(*_capture, 500);
+        QCoreApplication::processEvents();
+        QVERIFY(_lastRowIsInView());
+        QVERIFY(_table()->verticalScrollBar()->maximum() > 0);
+        QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
+    }
+
+    void withFollowingOffTheViewStaysWhereItIs()
+    {
+        click(_enabled());
+        add(*_capture, 500);
+        QTRY_VERIFY(_table()->verticalScrollBar()->maximum() > 0);
+        QCOMPARE(_table()->verticalScrollBar()->value(), 0);
+    }
+
+    void aUserWhoScrolledUpIsTakenToTheNextFrame()
+    {
+        _captureAndFollow();
+        add(*_capture, 500);
+        QCoreApplication::processEvents();
+        QTest::keyClick(_table(), Qt::Key_Home, Qt::ControlModifier);
+        QCOMPARE(_table()->verticalScrollBar()->value(), 0);
+        add(*_capture, 1);
+        QTRY_VERIFY(_lastRowIsInView());
+    }
+
+    void theTableTakesOverRowsInBursts()
+    {
+        _captureAndFollow();
+        QSignalSpy bursts(_table()->verticalHeader(), SIGNAL(sectionCountChanged(int,int)));
+        add(*_capture, 1000);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1000);
+        QCOMPARE(bursts.count(), 1);
+    }
+
+    void theTableIsPaintedSixtyTimesASecondAtMost()
+    {
+        constexpr int duration = 500;  // ms
+        _captureAndFollow();
+        const PaintCounter table(_table()->viewport());
+        const PaintCounter counter(_counter());
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < duration) {
+            add(*_capture, 1);
+            QCoreApplication::processEvents();
+        }
+        constexpr int expected = duration * 60 / 1000;
+        constexpr int allowance = 8;  // for what the layout repaints when the scroll bar and a digit come
+        QVERIFY(_capture->rowCount() > 2 * expected);
+        QVERIFY2(table.paints <= expected + allowance, qPrintable(QString::number(table.paints)));
+        QVERIFY2(counter.paints <= expected + allowance, qPrintable(QString::number(counter.paints)));
+        QVERIFY(table.paints > 1);
+    }
+
+    void thePictureShownLastIsTrue()
+    {
+        _captureAndFollow();
+        for (int i = 0; i < 50; ++i) {
+            add(*_capture, 10);
+            QCoreApplication::processEvents();
+        }
+        const PaintCounter painted(_table()->viewport());
+        add(*_capture, 1);
+        QTRY_VERIFY(_lastRowIsInView());
+        QTRY_VERIFY(painted.paints > 0);
+        QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
+        QCOMPARE(_table()->verticalHeader()->count(), 501);
+    }
+
+    void clearInTheMiddleOfABurstLeavesNoRows()
+    {
+        _captureAndFollow();
+        add(*_capture, 100);
+        QCoreApplication::processEvents();
+        add(*_capture, 100);
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QTest::qWait(50);
+        QCOMPARE(_table()->verticalHeader()->count(), 0);
+        add(*_capture, 1);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+    }
+
+    void theWindowKeepsItsSizeWhileTheCounterGrows()
+    {
+        _view->resize(_view->sizeHint());
+        const QSize before = _view->size();
+        _captureAndFollow();
+        add(*_capture, 100000);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 100000);
+        QCoreApplication::processEvents();
+        QCOMPARE(_view->size(), before);
+    }
+
+    void theCounterIsAsWideAsItsNumber()
+    {
+        const QLabel sample(QStringLiteral("1000"));
+        const int small = _counter()->width();
+        _captureAndFollow();
+        add(*_capture, 1000);
+        QTRY_COMPARE(_counter()->width(), sample.sizeHint().width());
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QTRY_COMPARE(_counter()->width(), small);
+    }
 
     // Picture
-    void theIconsAreSeen();
-    void theIconsOfTheSelectedRowKeepTheirColours();
-    void noCellShowsACheckBox();
-    void theCounterIsPainted();
-    void aCounterOfTheSameWidthIsPaintedToo();
-    void aHugeFrameIsPaintedQuickly();
-    void usingTheViewPrintsNothing();
+    void theIconsAreSeen()
+    {
+        click(_enabled());
+        Frame frame(
+            QByteArray(12, '\xFF'), 1, 2,
+            static_cast<Frame::FrameFlags>(Frame::DeliveredInTime | Frame::Broadcast | Frame::CRCError));
+        _capture->addFrame(frame);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+        const QImage table = _table()->viewport()->grab().toImage();
+        for (int column : {Capture::DeliveryColumn, Capture::BroadcastColumn, Capture::CrcColumn}) {
+            const QRect cell = _cell(0, column);
+            const QColor background = table.pixelColor(cell.topLeft());
+            const auto icon = _capture->data(_capture->index(0, column), Qt::DecorationRole).value<QIcon>();
+            const QImage expected = pictureOf(icon, background);
+            QVERIFY(countOthers(expected, expected.rect(), background) > 0);
+            QCOMPARE(countOthers(table, cell, background),
+                     countOthers(expected, expected.rect(), background));
+        }
+    }
+
+    void theIconsOfTheSelectedRowKeepTheirColours()
+    {
+        click(_enabled());
+        Frame frame(QByteArray(12, '\xFF'), 1, 2,
+                    static_cast<Frame::FrameFlags>(Frame::Broadcast | Frame::CRCError));
+        _capture->addFrame(frame);
+        add(*_capture, 1);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 2);
+        const QImage before = _table()->viewport()->grab().toImage();
+        for (int row : {0, 1}) {
+            QTest::mouseClick(_table()->viewport(), Qt::LeftButton, Qt::NoModifier,
+                              _cell(row, Capture::SizeColumn).center());
+            const QImage selected = _table()->viewport()->grab().toImage();
+            QCOMPARE(countSame(before, selected, _cell(row, Capture::DataColumn)), 0);
+            for (int column : {Capture::DeliveryColumn, Capture::BroadcastColumn, Capture::CrcColumn}) {
+                const auto icon
+                    = _capture->data(_capture->index(row, column), Qt::DecorationRole).value<QIcon>();
+                QVERIFY(icon.isNull() || countOpaque(icon) > 0);
+                QVERIFY(countSame(before, selected, _cell(row, column)) >= countOpaque(icon));
+            }
+        }
+    }
+
+    void noCellShowsACheckBox()
+    {
+        click(_enabled());
+        add(*_capture, 1);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+        const QImage picture = _table()->viewport()->grab().toImage();
+        for (int column : {Capture::DeltaTimeColumn, Capture::SizeColumn, Capture::TimeOnNetworkColumn}) {
+            QRect start = _cell(0, column);  // where the box would stand; the text is centred
+            start.setWidth(_table()->style()->pixelMetric(QStyle::PM_IndicatorWidth) + 4);
+            const QColor background = picture.pixelColor(start.topLeft());
+            QCOMPARE(countOthers(picture, start, background), 0);
+        }
+    }
+
+    void theCounterIsPainted()
+    {
+        _captureAndFollow();
+        const QImage zero = _counter()->grab().toImage();
+        add(*_capture, 8);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 8);
+        const QImage eight = _view->grab(_counter()->geometry()).toImage();
+        QVERIFY(eight != zero);
+        QVERIFY(countOthers(eight, eight.rect(), eight.pixelColor(0, 0)) > 0);
+    }
+
+    void aCounterOfTheSameWidthIsPaintedToo()
+    {
+        _captureAndFollow();
+        add(*_capture, 1);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+        QTest::qWait(50);
+        const PaintCounter painted(_counter());
+        add(*_capture, 1);
+        QTRY_VERIFY(painted.paints > 0);
+    }
+
+    void aHugeFrameIsPaintedQuickly()
+    {
+        constexpr int size = 4 * 1024 * 1024;
+        click(_enabled());
+        Frame frame = anyFrame(size);
+        _capture->addFrame(frame);
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(!_table()->viewport()->grab().isNull());
+        QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void usingTheViewPrintsNothing()
+    {
+        qInstallMessageHandler(keepMessage);
+        _captureAndFollow();
+        add(*_capture, 100);
+        click(_hidesAddresses());
+        QTRY_COMPARE(_table()->verticalHeader()->count(), 100);
+        QVERIFY(!_view->grab().isNull());
+        QTest::mouseClick(_table()->viewport(), Qt::LeftButton, Qt::NoModifier, _cell(99, 0).center());
+        QTest::mouseClick(_table()->horizontalHeader()->viewport(), Qt::LeftButton);
+        QTest::mouseClick(_clear(), Qt::LeftButton);
+        QVERIFY(!_view->grab().isNull());
+        QCOMPARE(messages(), QStringList());
+    }
 
 private:
     QTableView* _table() const { return _view->findChild<QTableView*>(); }
@@ -156,651 +675,66 @@ private:
     QCheckBox* _hidesAddresses() const { return _inBar<QCheckBox>(8); }
     QPushButton* _clear() const { return _inBar<QPushButton>(9); }
 
-    void _captureAndFollow();
-    QRect _cell(int row, int column) const;
-    bool _lastRowIsInView() const;
-    bool _lastColumnFillsTheTable() const;
-    QList<int> _hiddenColumns() const;
-    bool _showsTheTitle(int column) const;
-    void _showAnew(int width);
+    void _captureAndFollow()
+    {
+        click(_enabled());
+        click(_follows());
+    }
+
+    QRect _cell(int row, int column) const
+    {
+        return _table()->visualRect(_table()->model()->index(row, column));
+    }
+
+    bool _lastRowIsInView() const
+    {
+        return _table()->rowAt(_table()->viewport()->height() - 1) == _table()->model()->rowCount() - 1;
+    }
+
+    bool _lastColumnFillsTheTable() const
+    {
+        return _cell(0, Capture::DataColumn).right() == _table()->viewport()->rect().right();
+    }
+
+    QList<int> _hiddenColumns() const
+    {
+        QList<int> hidden;
+        for (int column = 0; column < Capture::ColumnCount; ++column) {
+            if (_table()->isColumnHidden(column))
+                hidden.append(column);
+        }
+        return hidden;
+    }
+
+    bool _showsTheTitle(int column) const
+    {
+        const QHeaderView* header = _table()->horizontalHeader();
+        const QString title = _capture->headerData(column, Qt::Horizontal, Qt::DisplayRole).toString();
+        const int right = header->sectionViewportPosition(column) + header->sectionSize(column);
+        return header->sectionSize(column) > header->fontMetrics().horizontalAdvance(title)
+            && right <= header->viewport()->width();
+    }
+
+    /// As a window does: the width stands before the view is shown. In small letters, so that the bar is not
+    /// wider than the table.
+    void _showAnew(int width)
+    {
+        QFont smallFont;
+        smallFont.setPixelSize(8);
+        _view = std::make_unique<CaptureTableView>(nullptr);
+        _view->setFont(smallFont);
+        _view->setCaptureModel(_capture.get());
+        _view->resize(width > 0 ? width : _view->sizeHint().width(), windowHeight);
+        _view->show();
+        QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
+        _capture->setEnabled(true);
+        add(*_capture, 100);
+        QTRY_VERIFY(_table()->verticalScrollBar()->isVisible());
+    }
 
     std::unique_ptr<Capture> _capture;
     std::unique_ptr<CaptureTableView> _view;
 };
-
-static void click(QCheckBox* box)
-{
-    QStyleOptionButton option;
-    option.initFrom(box);
-    const QRect mark = box->style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, box);
-    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, mark.center());
-}
-
-void TestCaptureTableView::init()
-{
-    messages().clear();
-    _capture = std::make_unique<Capture>();
-    _view = std::make_unique<CaptureTableView>(nullptr);
-    _view->resize(windowWidth, windowHeight);
-    _view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
-    _view->setCaptureModel(_capture.get());
-}
-
-void TestCaptureTableView::cleanup()
-{
-    qInstallMessageHandler(nullptr);
-    _view.reset();
-    _capture.reset();
-}
-
-void TestCaptureTableView::_captureAndFollow()
-{
-    click(_enabled());
-    click(_follows());
-}
-
-QRect TestCaptureTableView::_cell(int row, int column) const
-{
-    return _table()->visualRect(_table()->model()->index(row, column));
-}
-
-bool TestCaptureTableView::_lastRowIsInView() const
-{
-    return _table()->rowAt(_table()->viewport()->height() - 1) == _table()->model()->rowCount() - 1;
-}
-
-bool TestCaptureTableView::_lastColumnFillsTheTable() const
-{
-    return _cell(0, Capture::DataColumn).right() == _table()->viewport()->rect().right();
-}
-
-QList<int> TestCaptureTableView::_hiddenColumns() const
-{
-    QList<int> hidden;
-    for (int column = 0; column < Capture::ColumnCount; ++column) {
-        if (_table()->isColumnHidden(column))
-            hidden.append(column);
-    }
-    return hidden;
-}
-
-// Make-up
-
-void TestCaptureTableView::theBarStandsBelowTheTableInItsOrder()
-{
-    QVERIFY(qobject_cast<QVBoxLayout*>(_view->layout()));
-    QCOMPARE(_view->layout()->itemAt(0)->widget(), _table());
-    QCOMPARE(_bar()->count(), 10);
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-    QCOMPARE(_inBar<QLabel>(1)->text(), QStringLiteral("Frames captured."));
-    QVERIFY(_bar()->itemAt(2)->spacerItem());
-    QCOMPARE(_bar()->stretch(2), 10);
-    QCOMPARE(_inBar<QLabel>(3)->text(), QStringLiteral("Cature enabled:"));
-    QCOMPARE(_enabled()->text(), QString());
-    QCOMPARE(_inBar<QLabel>(5)->text(), QStringLiteral("View follows frames:"));
-    QCOMPARE(_follows()->text(), QString());
-    QCOMPARE(_inBar<QLabel>(7)->text(), QStringLiteral("Hide addresses:"));
-    QCOMPARE(_hidesAddresses()->text(), QString());
-    QCOMPARE(_clear()->text(), QStringLiteral("Clear"));
-}
-
-void TestCaptureTableView::theTableIsCompactAndSelectsOneRow()
-{
-    QCOMPARE(_table()->model(), _capture.get());
-    QCOMPARE(_table()->font().pixelSize(), 10);
-    QCOMPARE(_table()->font().family(), _view->font().family());
-    QVERIFY(!_table()->showGrid());
-    QVERIFY(_table()->alternatingRowColors());
-    QCOMPARE(_table()->selectionBehavior(), QAbstractItemView::SelectRows);
-    QCOMPARE(_table()->selectionMode(), QAbstractItemView::SingleSelection);
-    QVERIFY(_table()->tabKeyNavigation());
-    QCOMPARE(_table()->iconSize(), QSize(iconSize, iconSize));
-    QVERIFY(_table()->horizontalHeader()->stretchLastSection());
-}
-
-void TestCaptureTableView::theBoxesShowTheFlagsOfAnAttachedModel()
-{
-    Capture other;
-    other.setEnabled(true);
-    other.setViewFollows(true);
-    _view->setCaptureModel(&other);
-    QVERIFY(_enabled()->isChecked());
-    QVERIFY(_follows()->isChecked());
-    QVERIFY(other.isEnabled());
-    QVERIFY(other.doesViewFollows());
-    _view->setCaptureModel(nullptr);
-}
-
-void TestCaptureTableView::aNewModelUnchecksTheBoxes()
-{
-    _captureAndFollow();
-    Capture other;
-    _view->setCaptureModel(nullptr);
-    _view->setCaptureModel(&other);
-    QVERIFY(!_enabled()->isChecked());
-    QVERIFY(!_follows()->isChecked());
-    QVERIFY(!other.isEnabled());
-    QVERIFY(!other.doesViewFollows());
-    _view->setCaptureModel(nullptr);
-}
-
-void TestCaptureTableView::theCounterShowsTheRowsOfAnAttachedModel()
-{
-    Capture other;
-    other.setEnabled(true);
-    add(other, 12);
-    _view->setCaptureModel(&other);
-    QCOMPARE(_counter()->text(), QStringLiteral("12"));
-    _view->setCaptureModel(_capture.get());
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-}
-
-void TestCaptureTableView::attachingAManyRowedModelAsksForFewCells()
-{
-    constexpr int rows = 20000;
-    AskedCapture other;
-    other.setEnabled(true);
-    add(other, rows);
-    _view->setCaptureModel(&other);
-    QVERIFY(other.questions < rows);
-    _view->setCaptureModel(nullptr);
-}
-
-// Without a model
-
-void TestCaptureTableView::withoutAModelTheSwitchesDoNothing()
-{
-    _view->setCaptureModel(nullptr);
-    qInstallMessageHandler(keepMessage);
-    click(_enabled());
-    click(_follows());
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QCOMPARE(messages(), QStringList());
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-    QVERIFY(!_capture->isEnabled());
-    QVERIFY(!_capture->doesViewFollows());
-}
-
-void TestCaptureTableView::withoutAModelTheAddressesCanBeHidden()
-{
-    _view->setCaptureModel(nullptr);
-    click(_hidesAddresses());
-    _view->setCaptureModel(_capture.get());
-    QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
-}
-
-void TestCaptureTableView::aDetachedModelIsLeftAlone()
-{
-    _captureAndFollow();
-    add(*_capture, 2);
-    _view->setCaptureModel(nullptr);
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    click(_enabled());
-    QVERIFY(_capture->isEnabled());
-    add(*_capture, 1);
-    QCOMPARE(_capture->rowCount(), 3);
-    QVERIFY(!_table()->model());
-}
-
-void TestCaptureTableView::aReplacedModelNoLongerCounts()
-{
-    Capture other;
-    other.setEnabled(true);
-    other.setViewFollows(true);
-    _captureAndFollow();
-    _view->setCaptureModel(&other);
-    add(*_capture, 3);
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-    add(other, 1);
-    QCOMPARE(_counter()->text(), QStringLiteral("1"));
-    _view->setCaptureModel(nullptr);
-}
-
-void TestCaptureTableView::aReplacedModelLeavesNothingBehind()
-{
-    const int objects = _view->findChildren<QObject*>().size();
-    Capture other;
-    for (Capture* model : {static_cast<Capture*>(nullptr), &other, static_cast<Capture*>(nullptr)})
-        _view->setCaptureModel(model);
-    QCOMPARE(_view->findChildren<QObject*>().size(), objects);
-}
-
-// Switches
-
-void TestCaptureTableView::aBoxIsWrittenToTheModelAtOnce()
-{
-    click(_enabled());
-    QVERIFY(_capture->isEnabled());
-    QVERIFY(!_capture->doesViewFollows());
-    click(_follows());
-    QVERIFY(_capture->doesViewFollows());
-    click(_enabled());
-    QVERIFY(!_capture->isEnabled());
-    click(_follows());
-    QVERIFY(!_capture->doesViewFollows());
-}
-
-void TestCaptureTableView::theCounterStandsStillWhileFollowingIsOff()
-{
-    click(_enabled());
-    add(*_capture, 3);
-    QCoreApplication::processEvents();
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-    click(_follows());
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-    add(*_capture, 1);
-    QCOMPARE(_counter()->text(), QStringLiteral("4"));
-}
-
-void TestCaptureTableView::clearSetsTheCounterToZeroWhileFollowingIsOff()
-{
-    _captureAndFollow();
-    add(*_capture, 5);
-    click(_follows());
-    QCOMPARE(_counter()->text(), QStringLiteral("5"));
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QCOMPARE(_counter()->text(), QStringLiteral("0"));
-}
-
-void TestCaptureTableView::clearEmptiesTheModel()
-{
-    _captureAndFollow();
-    add(*_capture, 5);
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QCOMPARE(_capture->rowCount(), 0);
-    QVERIFY(_capture->isEnabled());
-    QVERIFY(_capture->doesViewFollows());
-}
-
-void TestCaptureTableView::hidingTheAddressesHidesExactlyTheirColumns()
-{
-    QCOMPARE(_hiddenColumns(), QList<int>());
-    click(_hidesAddresses());
-    QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
-}
-
-void TestCaptureTableView::showingTheAddressesAgainShowsTheirColumns()
-{
-    click(_hidesAddresses());
-    click(_hidesAddresses());
-    QCOMPARE(_hiddenColumns(), QList<int>());
-}
-
-void TestCaptureTableView::hiddenAddressesStayHiddenInANewModel()
-{
-    click(_hidesAddresses());
-    Capture other;
-    _view->setCaptureModel(nullptr);
-    _view->setCaptureModel(&other);
-    QCOMPARE(_hiddenColumns(), QList<int>({6, 7}));
-    QVERIFY(_hidesAddresses()->isChecked());
-    _view->setCaptureModel(nullptr);
-}
-
-void TestCaptureTableView::theLastColumnFillsTheTable()
-{
-    click(_enabled());
-    add(*_capture, 1);
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-    _view->resize(windowWidth + 200, windowHeight);
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-}
-
-void TestCaptureTableView::theLastColumnFillsTheTableAfterANewModelAndAfterClear()
-{
-    Capture other;
-    other.setEnabled(true);
-    add(other, 1);
-    _view->setCaptureModel(nullptr);
-    _view->setCaptureModel(&other);
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    add(other, 1);
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-    _view->setCaptureModel(nullptr);
-}
-
-void TestCaptureTableView::theLastColumnFillsTheTableWithTheAddressesHidden()
-{
-    Capture other;
-    other.setEnabled(true);
-    add(other, 1);
-    click(_hidesAddresses());
-    _view->setCaptureModel(&other);
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-    click(_hidesAddresses());
-    QTRY_VERIFY(_lastColumnFillsTheTable());
-    _view->setCaptureModel(nullptr);
-}
-
-// Widths
-
-constexpr int textColumns[]
-    = {Capture::DeltaTimeColumn,   Capture::SizeColumn,   Capture::TimeOnNetworkColumn,
-       Capture::DestinationColumn, Capture::SourceColumn, Capture::DataColumn};
-constexpr int wantedWidth = 120;
-constexpr int narrowWidth = 710;  // what the first window on a screen of 1024 pixels leaves the view
-
-/// As a window does: the width stands before the view is shown. In small letters, so that the bar is not
-/// wider than the table.
-void TestCaptureTableView::_showAnew(int width)
-{
-    QFont smallFont;
-    smallFont.setPixelSize(8);
-    _view = std::make_unique<CaptureTableView>(nullptr);
-    _view->setFont(smallFont);
-    _view->setCaptureModel(_capture.get());
-    _view->resize(width > 0 ? width : _view->sizeHint().width(), windowHeight);
-    _view->show();
-    QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
-    _capture->setEnabled(true);
-    add(*_capture, 100);
-    QTRY_VERIFY(_table()->verticalScrollBar()->isVisible());
-}
-
-bool TestCaptureTableView::_showsTheTitle(int column) const
-{
-    const QHeaderView* header = _table()->horizontalHeader();
-    const QString title = _capture->headerData(column, Qt::Horizontal, Qt::DisplayRole).toString();
-    const int right = header->sectionViewportPosition(column) + header->sectionSize(column);
-    return header->sectionSize(column) > header->fontMetrics().horizontalAdvance(title)
-        && right <= header->viewport()->width();
-}
-
-void TestCaptureTableView::atItsOwnSizeTheViewShowsAllColumnsAtTheirWidth()
-{
-    _showAnew(0);
-    QVERIFY(!_table()->horizontalScrollBar()->isVisible());
-    for (const int column : textColumns)
-        QVERIFY(_table()->columnWidth(column) >= wantedWidth);
-}
-
-void TestCaptureTableView::aNarrowViewShowsAllColumnsAndTheirTitles()
-{
-    _showAnew(narrowWidth);
-    QVERIFY(!_table()->horizontalScrollBar()->isVisible());
-    for (const int column : textColumns)
-        QVERIFY2(_showsTheTitle(column), qPrintable(QString::number(column)));
-    QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
-}
-
-void TestCaptureTableView::aNarrowViewShowsAllColumnsOfANewModel()
-{
-    _showAnew(narrowWidth);
-    Capture other;
-    _view->setCaptureModel(&other);
-    QTRY_VERIFY(!_table()->horizontalScrollBar()->isVisible());
-    QVERIFY(_table()->columnWidth(Capture::DataColumn) >= wantedWidth);
-    _view->setCaptureModel(nullptr);
-}
-
-// Following
-
-void TestCaptureTableView::theCounterIsTrueRightAfterEachFrame()
-{
-    _captureAndFollow();
-    for (int count = 1; count <= 200; ++count) {
-        add(*_capture, 1);
-        QCOMPARE(_counter()->text(), QString::number(count));
-    }
-}
-
-void TestCaptureTableView::theLastRowIsInViewAfterOneTurnOfTheEventLoop()
-{
-    _captureAndFollow();
-    add(*_capture, 500);
-    QCoreApplication::processEvents();
-    QVERIFY(_lastRowIsInView());
-    QVERIFY(_table()->verticalScrollBar()->maximum() > 0);
-    QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
-}
-
-void TestCaptureTableView::withFollowingOffTheViewStaysWhereItIs()
-{
-    click(_enabled());
-    add(*_capture, 500);
-    QTRY_VERIFY(_table()->verticalScrollBar()->maximum() > 0);
-    QCOMPARE(_table()->verticalScrollBar()->value(), 0);
-}
-
-void TestCaptureTableView::aUserWhoScrolledUpIsTakenToTheNextFrame()
-{
-    _captureAndFollow();
-    add(*_capture, 500);
-    QCoreApplication::processEvents();
-    QTest::keyClick(_table(), Qt::Key_Home, Qt::ControlModifier);
-    QCOMPARE(_table()->verticalScrollBar()->value(), 0);
-    add(*_capture, 1);
-    QTRY_VERIFY(_lastRowIsInView());
-}
-
-void TestCaptureTableView::theTableTakesOverRowsInBursts()
-{
-    _captureAndFollow();
-    QSignalSpy bursts(_table()->verticalHeader(), SIGNAL(sectionCountChanged(int,int)));
-    add(*_capture, 1000);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1000);
-    QCOMPARE(bursts.count(), 1);
-}
-
-void TestCaptureTableView::theTableIsPaintedSixtyTimesASecondAtMost()
-{
-    constexpr int duration = 500;  // ms
-    _captureAndFollow();
-    const PaintCounter table(_table()->viewport());
-    const PaintCounter counter(_counter());
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < duration) {
-        add(*_capture, 1);
-        QCoreApplication::processEvents();
-    }
-    constexpr int expected = duration * 60 / 1000;
-    constexpr int allowance = 8;  // for what the layout repaints when the scroll bar and a digit come
-    QVERIFY(_capture->rowCount() > 2 * expected);
-    QVERIFY2(table.paints <= expected + allowance, qPrintable(QString::number(table.paints)));
-    QVERIFY2(counter.paints <= expected + allowance, qPrintable(QString::number(counter.paints)));
-    QVERIFY(table.paints > 1);
-}
-
-void TestCaptureTableView::thePictureShownLastIsTrue()
-{
-    _captureAndFollow();
-    for (int i = 0; i < 50; ++i) {
-        add(*_capture, 10);
-        QCoreApplication::processEvents();
-    }
-    const PaintCounter painted(_table()->viewport());
-    add(*_capture, 1);
-    QTRY_VERIFY(_lastRowIsInView());
-    QTRY_VERIFY(painted.paints > 0);
-    QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
-    QCOMPARE(_table()->verticalHeader()->count(), 501);
-}
-
-void TestCaptureTableView::clearInTheMiddleOfABurstLeavesNoRows()
-{
-    _captureAndFollow();
-    add(*_capture, 100);
-    QCoreApplication::processEvents();
-    add(*_capture, 100);
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QTest::qWait(50);
-    QCOMPARE(_table()->verticalHeader()->count(), 0);
-    add(*_capture, 1);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-}
-
-void TestCaptureTableView::theWindowKeepsItsSizeWhileTheCounterGrows()
-{
-    _view->resize(_view->sizeHint());
-    const QSize before = _view->size();
-    _captureAndFollow();
-    add(*_capture, 100000);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 100000);
-    QCoreApplication::processEvents();
-    QCOMPARE(_view->size(), before);
-}
-
-void TestCaptureTableView::theCounterIsAsWideAsItsNumber()
-{
-    const QLabel sample(QStringLiteral("1000"));
-    const int small = _counter()->width();
-    _captureAndFollow();
-    add(*_capture, 1000);
-    QTRY_COMPARE(_counter()->width(), sample.sizeHint().width());
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QTRY_COMPARE(_counter()->width(), small);
-}
-
-// Picture
-
-static int countOthers(const QImage& image, const QRect& area, const QColor& background)
-{
-    int pixels = 0;
-    for (int y = area.top(); y <= area.bottom(); ++y) {
-        for (int x = area.left(); x <= area.right(); ++x)
-            pixels += image.pixelColor(x, y) != background;
-    }
-    return pixels;
-}
-
-/// On that background, in the size that the table shows.
-static QImage pictureOf(const QIcon& icon, const QColor& background)
-{
-    QImage picture(iconSize, iconSize, QImage::Format_RGB32);
-    picture.fill(background);
-    QPainter painter(&picture);
-    icon.paint(&painter, picture.rect());
-    return picture;
-}
-
-void TestCaptureTableView::theIconsAreSeen()
-{
-    click(_enabled());
-    Frame frame(QByteArray(12, '\xFF'), 1, 2,
-                static_cast<Frame::FrameFlags>(Frame::DeliveredInTime | Frame::Broadcast | Frame::CRCError));
-    _capture->addFrame(frame);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-    const QImage table = _table()->viewport()->grab().toImage();
-    for (int column : {Capture::DeliveryColumn, Capture::BroadcastColumn, Capture::CrcColumn}) {
-        const QRect cell = _cell(0, column);
-        const QColor background = table.pixelColor(cell.topLeft());
-        const auto icon = _capture->data(_capture->index(0, column), Qt::DecorationRole).value<QIcon>();
-        const QImage expected = pictureOf(icon, background);
-        QVERIFY(countOthers(expected, expected.rect(), background) > 0);
-        QCOMPARE(countOthers(table, cell, background), countOthers(expected, expected.rect(), background));
-    }
-}
-
-static int countSame(const QImage& one, const QImage& other, const QRect& area)
-{
-    int pixels = 0;
-    for (int y = area.top(); y <= area.bottom(); ++y) {
-        for (int x = area.left(); x <= area.right(); ++x)
-            pixels += one.pixelColor(x, y) == other.pixelColor(x, y);
-    }
-    return pixels;
-}
-
-/// Pixels that hide the row behind them.
-static int countOpaque(const QIcon& icon)
-{
-    const QImage picture = icon.pixmap(iconSize, iconSize).toImage();
-    int pixels = 0;
-    for (int y = 0; y < picture.height(); ++y) {
-        for (int x = 0; x < picture.width(); ++x)
-            pixels += picture.pixelColor(x, y).alpha() == 255;
-    }
-    return pixels;
-}
-
-void TestCaptureTableView::theIconsOfTheSelectedRowKeepTheirColours()
-{
-    click(_enabled());
-    Frame frame(QByteArray(12, '\xFF'), 1, 2,
-                static_cast<Frame::FrameFlags>(Frame::Broadcast | Frame::CRCError));
-    _capture->addFrame(frame);
-    add(*_capture, 1);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 2);
-    const QImage before = _table()->viewport()->grab().toImage();
-    for (int row : {0, 1}) {
-        QTest::mouseClick(_table()->viewport(), Qt::LeftButton, Qt::NoModifier,
-                          _cell(row, Capture::SizeColumn).center());
-        const QImage selected = _table()->viewport()->grab().toImage();
-        QCOMPARE(countSame(before, selected, _cell(row, Capture::DataColumn)), 0);
-        for (int column : {Capture::DeliveryColumn, Capture::BroadcastColumn, Capture::CrcColumn}) {
-            const auto icon = _capture->data(_capture->index(row, column), Qt::DecorationRole).value<QIcon>();
-            QVERIFY(icon.isNull() || countOpaque(icon) > 0);
-            QVERIFY(countSame(before, selected, _cell(row, column)) >= countOpaque(icon));
-        }
-    }
-}
-
-void TestCaptureTableView::noCellShowsACheckBox()
-{
-    click(_enabled());
-    add(*_capture, 1);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-    const QImage picture = _table()->viewport()->grab().toImage();
-    for (int column : {Capture::DeltaTimeColumn, Capture::SizeColumn, Capture::TimeOnNetworkColumn}) {
-        QRect start = _cell(0, column);  // where the box would stand; the text is centred
-        start.setWidth(_table()->style()->pixelMetric(QStyle::PM_IndicatorWidth) + 4);
-        const QColor background = picture.pixelColor(start.topLeft());
-        QCOMPARE(countOthers(picture, start, background), 0);
-    }
-}
-
-void TestCaptureTableView::theCounterIsPainted()
-{
-    _captureAndFollow();
-    const QImage zero = _counter()->grab().toImage();
-    add(*_capture, 8);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 8);
-    const QImage eight = _view->grab(_counter()->geometry()).toImage();
-    QVERIFY(eight != zero);
-    QVERIFY(countOthers(eight, eight.rect(), eight.pixelColor(0, 0)) > 0);
-}
-
-void TestCaptureTableView::aCounterOfTheSameWidthIsPaintedToo()
-{
-    _captureAndFollow();
-    add(*_capture, 1);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-    QTest::qWait(50);
-    const PaintCounter painted(_counter());
-    add(*_capture, 1);
-    QTRY_VERIFY(painted.paints > 0);
-}
-
-void TestCaptureTableView::aHugeFrameIsPaintedQuickly()
-{
-    constexpr int size = 4 * 1024 * 1024;
-    click(_enabled());
-    Frame frame = anyFrame(size);
-    _capture->addFrame(frame);
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-    QElapsedTimer timer;
-    timer.start();
-    QVERIFY(!_table()->viewport()->grab().isNull());
-    QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
-}
-
-void TestCaptureTableView::usingTheViewPrintsNothing()
-{
-    qInstallMessageHandler(keepMessage);
-    _captureAndFollow();
-    add(*_capture, 100);
-    click(_hidesAddresses());
-    QTRY_COMPARE(_table()->verticalHeader()->count(), 100);
-    QVERIFY(!_view->grab().isNull());
-    QTest::mouseClick(_table()->viewport(), Qt::LeftButton, Qt::NoModifier, _cell(99, 0).center());
-    QTest::mouseClick(_table()->horizontalHeader()->viewport(), Qt::LeftButton);
-    QTest::mouseClick(_clear(), Qt::LeftButton);
-    QVERIFY(!_view->grab().isNull());
-    QCOMPARE(messages(), QStringList());
-}
 
 QTEST_MAIN(TestCaptureTableView)
 #include "tst_capturetableview.moc"

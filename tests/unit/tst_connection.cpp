@@ -41,749 +41,684 @@ class TestConnection : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    /// The "*" of corrupted bits would fill pages.
+    void initTestCase() { QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false")); }
 
-    void aNewLinkLeavesAllSettingsUndecided();
-    void aNewLinkIsASelectableItemAboveTheGround();
-    void theDefaultLinkDecidesAllSettings();
-    void constructionRegistersWithBothNodes();
-    void aLinkMayLackItsNodes();
-    void destructionUnregistersFromBothNodes();
-    void nodesAreReachedByTheirIndex();
-    void settingANodeReplacesOneEnd();
-    void settingANodeLeavesRegistrationsAlone();
-    void settingANodeBeyondTheEndsChangesNothing();
-    void theOtherNodeIsTheOppositeEnd();
-    void aStrangersFrameIsRefused();
-    void involvedAreTheTwoEnds();
-    void statisticsStayAtZero();
-    void thePropertiesWidgetHasNoParent();
+    void init()
+    {
+        _pair = std::make_unique<LinkedPair>();
+        qsrand(1);
+    }
 
-    void deliveryWaitsForTheNextPass();
-    void framesTravelInBothDirections();
-    void aRefusedFrameLeavesNoTrace_data();
-    void aRefusedFrameLeavesNoTrace();
-    void aFrameForNobodyTravelsAndIsCapturedAsLost();
-    void aDetectedErrorTravelsAndIsCapturedAsLost();
-    void anUndetectedErrorIsDeliveredAndConfirmed();
+    void cleanup() { _pair.reset(); }
 
-    void aUnicastFrameIsConfirmedAfterItsIndicationAndCapture();
-    void aLateFrameIsDeliveredButNeitherConfirmedNorLost();
-    void aFrameWithinTheDeadlineIsConfirmed();
-    void aPromiscuouslyTakenFrameIsNotConfirmed();
-    void aBroadcastIsConfirmedAtOnceByTheLastLinkOnly();
-    void aBroadcastIsNotConfirmedAgainByANodeOfThatAddress();
-    void aBroadcastOverABrokenLastLinkIsNotConfirmed();
-    void aBrokenLastLinkLeavesNoCapture();
-    void eachSendIsCapturedOnceOnTheLastLink();
-    void aLostFrameIsCapturedWithItsTime();
-    void everyFrameThatLeavesIsAnnounced();
+    void aNewLinkLeavesAllSettingsUndecided()
+    {
+        Connection& link = *_pair->link;
+        QVERIFY(!link.isBroken());
+        QCOMPARE(link.reliability(), -1.0);
+        QCOMPARE(link.errorDetectionReliability(), -1.0);
+        QCOMPARE(link.delayMs(), -1);
+        QCOMPARE(link.delayDeviationMs(), -1);
+        QVERIFY(!TestAccess::color(link).isValid());
+        QCOMPARE(TestAccess::strokeWidth(link), -1.0);
+        QVERIFY(TestAccess::framesInFlight(link).isEmpty());
+        QCOMPARE(link.totalFrames(), qint64{0});
+        QCOMPARE(link.lostFrames(), qint64{0});
+        QCOMPARE(link.crcErrors(), qint64{0});
+    }
 
-    void framesArriveInSendingOrderAtTheTimersTimes();
-    void whicheverTimerFiresTheOldestFrameLeaves();
-    void noFrameIsEverEarly();
-    void deliveryWithoutFramesDoesNothing();
-    void discardedFramesReachNobody();
-    void timersOfDiscardedFramesTakeLaterOnes();
-    void hundredThousandFramesArriveInOrder();
+    void aNewLinkIsASelectableItemAboveTheGround()
+    {
+        QCOMPARE(_pair->link->zValue(), 1.0);
+        QVERIFY(_pair->link->flags() & QGraphicsItem::ItemIsSelectable);
+        QVERIFY(!(_pair->link->flags() & QGraphicsItem::ItemIsMovable));
+        QCOMPARE(_pair->link->type(), 65537);
+    }
 
-    void aDeletedLinkTakesItsFramesAlong();
-    void aDeletedReceiverTakesItsFramesAlong();
-    void aDeletedSenderTakesItsFramesAlong();
-    void aReceiverMayDeleteTheLink();
-    void aSenderMayDeleteItselfWhenConfirmed();
-    void aSimulationMayEndWithFramesInFlight();
+    void theDefaultLinkDecidesAllSettings()
+    {
+        Connection& link = *network()->defaultConnection();
+        QVERIFY(!link.isBroken());
+        QCOMPARE(link.reliability(), 1.0);
+        QCOMPARE(link.errorDetectionReliability(), 1.0);
+        QCOMPARE(link.delayMs(), 0);
+        QCOMPARE(link.delayDeviationMs(), 0);
+        QCOMPARE(TestAccess::color(link), QColor(Qt::darkBlue));
+        QCOMPARE(TestAccess::strokeWidth(link), 2.0);
+        QVERIFY(!link.node(0));
+        QVERIFY(!link.node(1));
+    }
 
-    void trafficRepaintsTheLink();
-    void aMovedNodeLeavesNoStaleEntryOfItsLink_data();
-    void aMovedNodeLeavesNoStaleEntryOfItsLink();
-    void anExchangedNodeLeavesNoStaleEntry();
+    void constructionRegistersWithBothNodes()
+    {
+        RecordingNode* third = addNode(3);
+        Connection* link = addLink(_pair->sender, third);
+        QCOMPARE(_pair->sender->connections(), (QList<Connection*>{_pair->link, link}));
+        QCOMPARE(third->connections(), QList<Connection*>{link});
+    }
+
+    void aLinkMayLackItsNodes()
+    {
+        auto half = std::make_unique<Connection>(_pair->sender, nullptr);
+        QCOMPARE(_pair->sender->connectionCount(), 2);
+        QVERIFY(!half->carryFrame(_pair->unicast(), -1, true, _pair->sender));
+        QVERIFY(half->boundingRect().isNull());
+        QVERIFY(half->shape().isEmpty());
+        half.reset();
+        QCOMPARE(_pair->sender->connectionCount(), 1);
+
+        Connection none(nullptr, nullptr);
+        QVERIFY(!none.otherNode(nullptr));
+        QVERIFY(!none.carryFrame(_pair->unicast(), -1, true, nullptr));
+    }
+
+    void destructionUnregistersFromBothNodes()
+    {
+        delete _pair->link;
+        QCOMPARE(_pair->sender->connectionCount(), 0);
+        QCOMPARE(_pair->receiver->connectionCount(), 0);
+    }
+
+    void nodesAreReachedByTheirIndex()
+    {
+        QCOMPARE(_pair->link->node(0), static_cast<Node*>(_pair->sender));
+        QCOMPARE(_pair->link->node(1), static_cast<Node*>(_pair->receiver));
+        QVERIFY(!_pair->link->node(2));
+        QVERIFY(!_pair->link->node(-1));
+        QVERIFY(!_pair->link->node(largestInt));
+        QVERIFY(!_pair->link->node(smallestInt));
+    }
+
+    void settingANodeReplacesOneEnd()
+    {
+        RecordingNode third(nodeAddress(3));
+        Connection link(nullptr, nullptr);
+        link.setNode(0, &third);
+        QCOMPARE(link.node(0), static_cast<Node*>(&third));
+        QVERIFY(!link.node(1));
+        link.setNode(1, &third);
+        link.setNode(0, nullptr);
+        QVERIFY(!link.node(0));
+        QCOMPARE(link.node(1), static_cast<Node*>(&third));
+    }
+
+    void settingANodeLeavesRegistrationsAlone()
+    {
+        RecordingNode* third = addNode(3);
+        _pair->link->setNode(1, third);
+        QCOMPARE(third->connectionCount(), 0);
+        QCOMPARE(_pair->receiver->connectionCount(), 1);
+        _pair->link->setNode(1, _pair->receiver);  // so that both ends know of the link's deletion
+    }
+
+    void settingANodeBeyondTheEndsChangesNothing()
+    {
+        RecordingNode* third = addNode(3);
+        for (const int index : {2, -1, largestInt, smallestInt})
+            _pair->link->setNode(index, third);
+        QCOMPARE(_pair->link->node(0), static_cast<Node*>(_pair->sender));
+        QCOMPARE(_pair->link->node(1), static_cast<Node*>(_pair->receiver));
+    }
+
+    void theOtherNodeIsTheOppositeEnd()
+    {
+        QCOMPARE(_pair->link->otherNode(_pair->sender), static_cast<Node*>(_pair->receiver));
+        QCOMPARE(_pair->link->otherNode(_pair->receiver), static_cast<Node*>(_pair->sender));
+        QVERIFY(!_pair->link->otherNode(addNode(3)));
+        QVERIFY(!_pair->link->otherNode(nullptr));
+    }
+
+    void aStrangersFrameIsRefused()
+    {
+        RecordingNode* stranger = addNode(3);
+        requestConfirmations(stranger);
+        QVERIFY(!_pair->link->carryFrame(_pair->broadcast(), -1, true, stranger));
+        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
+        QVERIFY(stranger->log.isEmpty());
+    }
+
+    void involvedAreTheTwoEnds()
+    {
+        QVERIFY(_pair->link->isNodeInvolved(_pair->sender));
+        QVERIFY(_pair->link->isNodeInvolved(_pair->receiver));
+        QVERIFY(!_pair->link->isNodeInvolved(addNode(3)));
+        QVERIFY(!_pair->link->isNodeInvolved(nullptr));
+    }
+
+    void statisticsStayAtZero()
+    {
+        _pair->sender->dataRequest(_pair->unicast());
+        _pair->sender->dataRequest(_pair->toNobody());
+        QVERIFY(passTimeouts());
+        QCOMPARE(_pair->link->totalFrames(), qint64{0});
+        QCOMPARE(_pair->link->lostFrames(), qint64{0});
+        QCOMPARE(_pair->link->crcErrors(), qint64{0});
+
+        TestAccess::totalFrames(*_pair->link) = 5000000000;
+        TestAccess::lostFrames(*_pair->link) = 6000000000;
+        TestAccess::crcErrors(*_pair->link) = 7000000000;
+        QCOMPARE(_pair->link->totalFrames(), qint64{5000000000});
+        QCOMPARE(_pair->link->lostFrames(), qint64{6000000000});
+        QCOMPARE(_pair->link->crcErrors(), qint64{7000000000});
+        _pair->link->resetStatistics();
+        QCOMPARE(_pair->link->totalFrames(), qint64{0});
+        QCOMPARE(_pair->link->lostFrames(), qint64{0});
+        QCOMPARE(_pair->link->crcErrors(), qint64{0});
+    }
+
+    void thePropertiesWidgetHasNoParent()
+    {
+        const std::unique_ptr<QWidget> first(_pair->link->propertiesWidget());
+        const std::unique_ptr<QWidget> second(_pair->link->propertiesWidget());
+        QVERIFY(first && !first->parent());
+        QVERIFY(first != second);
+    }
+
+    void deliveryWaitsForTheNextPass()
+    {
+        QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
+        QVERIFY(_pair->receiver->indications.isEmpty());
+        QVERIFY(capturedFrames().isEmpty());
+        QTRY_COMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->unicast()});
+        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
+    }
+
+    void framesTravelInBothDirections()
+    {
+        const QByteArray answer = frameBytes(nodeAddress(1), nodeAddress(2));
+        QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
+        QVERIFY(_pair->link->carryFrame(answer, -1, true, _pair->receiver));
+        QTRY_COMPARE(_pair->sender->indications, QList<QByteArray>{answer});
+        QCOMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->unicast()});
+    }
+
+    void aRefusedFrameLeavesNoTrace_data()
+    {
+        QTest::addColumn<bool>("broken");
+        QTest::addColumn<int>("size");
+        QTest::newRow("broken link") << true << smallestFrame;
+        QTest::newRow("one byte too short") << false << smallestFrame - 1;
+        QTest::newRow("one byte too long") << false << largestFrame + 1;
+    }
+
+    void aRefusedFrameLeavesNoTrace()
+    {
+        QFETCH(bool, broken);
+        QFETCH(int, size);
+        TestAccess::broken(*_pair->link) = broken;
+        requestConfirmations(_pair->sender);
+        QSignalSpy left(network(), SIGNAL(frameLeftLink()));
+        const QByteArray bytes = frameBytes(broadcastAddress(), nodeAddress(1), largestFrame + 1).left(size);
+        QVERIFY(!_pair->link->carryFrame(bytes, 100, true, _pair->sender));
+        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
+        QVERIFY(passTimeouts());
+        QVERIFY(capturedFrames().isEmpty());
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(_pair->receiver->log.isEmpty());
+        QCOMPARE(left.count(), 0);
+    }
+
+    void aFrameForNobodyTravelsAndIsCapturedAsLost()
+    {
+        requestConfirmations(_pair->sender);
+        QVERIFY(!_pair->link->carryFrame(_pair->toNobody(), 100, true, _pair->sender));
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
+        QTRY_COMPARE(capturedFrames().size(), 1);
+        QVERIFY(!capturedFrames().first().wasDelivered(false));
+        QCOMPARE(capturedFrames().first().payload(), _pair->toNobody());
+        QVERIFY(_pair->receiver->log.isEmpty());
+        QVERIFY(_pair->sender->log.isEmpty());  // the link tells the sender nothing
+        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
+    }
+
+    void aDetectedErrorTravelsAndIsCapturedAsLost()
+    {
+        TestAccess::reliability(*_pair->link) = 0.5;
+        TestAccess::errorDetection(*_pair->link) = 1.0;
+        QVERIFY(!_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
+        QTRY_COMPARE(capturedFrames().size(), 1);
+        QVERIFY(!capturedFrames().first().isCRCCorrect());
+        QVERIFY(!capturedFrames().first().wasDelivered(false));
+        QCOMPARE(capturedFrames().first().payload(), _pair->unicast());
+        QVERIFY(_pair->receiver->log.isEmpty());
+    }
+
+    void anUndetectedErrorIsDeliveredAndConfirmed()
+    {
+        TestAccess::reliability(*_pair->link) = 0.5;
+        TestAccess::errorDetection(*_pair->link) = 0.0;
+        requestConfirmations(_pair->sender);
+        QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
+        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QCOMPARE(_pair->receiver->indications.size(), 1);
+        QVERIFY(_pair->receiver->indications.first() != _pair->unicast());
+        QCOMPARE(capturedFrames().first().payload(), _pair->receiver->indications.first());
+        QVERIFY(!capturedFrames().first().isCRCCorrect());
+    }
+
+    void aUnicastFrameIsConfirmedAfterItsIndicationAndCapture()
+    {
+        requestConfirmations(_pair->sender);
+        int capturedAtIndication = -1;
+        int capturedAtConfirmation = -1;
+        _pair->receiver->onIndication = [&] { capturedAtIndication = capturedFrames().size(); };
+        _pair->sender->onConfirmation = [&] {
+            capturedAtConfirmation = capturedFrames().size();
+            QCOMPARE(_pair->receiver->indications.size(), 1);
+        };
+        QVERIFY(_pair->link->carryFrame(_pair->unicast(), 100, true, _pair->sender));
+        QVERIFY(_pair->sender->confirmations.isEmpty());
+        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QCOMPARE(capturedAtIndication, 0);
+        QCOMPARE(capturedAtConfirmation, 1);
+    }
+
+    void aLateFrameIsDeliveredButNeitherConfirmedNorLost()
+    {
+        constexpr int deadline = 5;
+        TestAccess::delay(*_pair->link) = deadline + 1;
+        requestConfirmations(_pair->sender, deadline);
+        _pair->sender->dataRequest(_pair->unicast());
+        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+        QVERIFY(passTimeouts(2 * deadline));
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(capturedFrames().first().wasDelivered(false));
+        QVERIFY(!capturedFrames().first().wasDelivered(true));
+        QVERIFY(_pair->link->carryFrame(_pair->unicast(), deadline, true, _pair->sender));
+    }
+
+    void aFrameWithinTheDeadlineIsConfirmed()
+    {
+        constexpr int deadline = 5;
+        TestAccess::delay(*_pair->link) = deadline;
+        requestConfirmations(_pair->sender, deadline);
+        _pair->sender->dataRequest(_pair->unicast());
+        QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QVERIFY(passTimeouts(2 * deadline));
+        QCOMPARE(_pair->sender->confirmations.size(), 1);
+    }
+
+    void aPromiscuouslyTakenFrameIsNotConfirmed()
+    {
+        requestConfirmations(_pair->sender);
+        TestAccess::promiscuousMode(*_pair->receiver) = Qt::Checked;
+        QVERIFY(_pair->link->carryFrame(_pair->toNobody(), -1, true, _pair->sender));
+        QTRY_COMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->toNobody()});
+        QVERIFY(passTimeouts());
+        QVERIFY(_pair->sender->log.isEmpty());
+    }
+
+    void aBroadcastIsConfirmedAtOnceByTheLastLinkOnly()
+    {
+        requestConfirmations(_pair->sender);
+        QVERIFY(_pair->link->carryFrame(_pair->broadcast(), 100, false, _pair->sender));
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(passTimeouts());
+        QVERIFY(_pair->sender->log.isEmpty());
+
+        bool wasQueued = true;
+        _pair->sender->onConfirmation
+            = [&] { wasQueued = !TestAccess::framesInFlight(*_pair->link).isEmpty(); };
+        QVERIFY(_pair->link->carryFrame(_pair->broadcast(), 100, true, _pair->sender));
+        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QVERIFY(!wasQueued);
+        QTRY_COMPARE(_pair->receiver->indications.size(), 2);
+        QCOMPARE(_pair->sender->confirmations.size(), 1);
+    }
+
+    void aBroadcastIsNotConfirmedAgainByANodeOfThatAddress()
+    {
+        requestConfirmations(_pair->sender);
+        _pair->receiver->setAddress(broadcastAddress());
+        _pair->sender->dataRequest(_pair->broadcast());
+        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+        QVERIFY(!capturedFrames().first().promiscuousReceive());
+        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
+    }
+
+    void aBroadcastOverABrokenLastLinkIsNotConfirmed()
+    {
+        RecordingNode* third = addNode(3);
+        Connection* last = addLink(_pair->sender, third);
+        requestConfirmations(_pair->sender, 5);
+        _pair->sender->dataRequest(_pair->broadcast());
+        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QTRY_COMPARE(third->indications.size(), 1);
+
+        TestAccess::broken(*last) = true;
+        _pair->sender->dataRequest(_pair->broadcast());
+        QTRY_COMPARE(_pair->receiver->indications.size(), 2);
+        QVERIFY(passTimeouts(10));
+        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
+        QCOMPARE(third->indications.size(), 1);
+    }
+
+    void aBrokenLastLinkLeavesNoCapture()
+    {
+        Connection* last = addLink(_pair->sender, addNode(3));
+        TestAccess::broken(*last) = true;
+        _pair->sender->dataRequest(_pair->unicast());
+        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+        QVERIFY(passTimeouts());
+        QCOMPARE(capturedFrames().size(), 0);
+    }
+
+    void eachSendIsCapturedOnceOnTheLastLink()
+    {
+        RecordingNode* third = addNode(3);
+        RecordingNode* fourth = addNode(4);
+        addLink(third, _pair->sender);
+        addLink(_pair->sender, fourth);
+        _pair->sender->dataRequest(_pair->unicast());
+        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+        QVERIFY(passTimeouts());
+        QCOMPARE(capturedFrames().size(), 1);
+        QCOMPARE(capturedFrames().first().destinationNode(), static_cast<Node*>(fourth));
+        QVERIFY(!capturedFrames().first().wasDelivered(false));  // as seen on that link
+    }
+
+    void aLostFrameIsCapturedWithItsTime()
+    {
+        constexpr int delay = 30;
+        TestAccess::delay(*_pair->link) = delay;
+        _pair->link->carryFrame(_pair->toNobody(), -1, true, _pair->sender);
+        QTRY_COMPARE(capturedFrames().size(), 1);
+        const Frame& lost = capturedFrames().first();
+        const auto inFlight = static_cast<quint32>(lost.receiveTime() - lost.sendTime());
+        QVERIFY(inFlight >= delay - 1);  // both are cut to the millisecond
+        QVERIFY(inFlight < delay + generous);
+    }
+
+    void everyFrameThatLeavesIsAnnounced()
+    {
+        QSignalSpy left(network(), SIGNAL(frameLeftLink()));
+        _pair->link->carryFrame(_pair->toNobody(), -1, false, _pair->sender);
+        _pair->link->carryFrame(_pair->unicast(), -1, false, _pair->sender);
+        QCOMPARE(left.count(), 0);
+        QTRY_COMPARE(left.count(), 2);
+    }
+
+    void framesArriveInSendingOrderAtTheTimersTimes()
+    {
+        constexpr int base = 100;
+        constexpr int deviation = 50;
+        constexpr int pause = 10;
+        TestAccess::delay(*_pair->link) = base;
+        TestAccess::deviation(*_pair->link) = deviation;
+        const QList<QByteArray> frames = numberedFrames(2);
+        QList<qint64> arrivals;
+        QElapsedTimer clock;
+        _pair->receiver->onIndication = [&] { arrivals.append(clock.elapsed()); };
+
+        qsrand(2);
+        const int firstDelay = replayDelay(base, deviation, frames.at(0).size());
+        const int secondDelay = replayDelay(base, deviation, frames.at(1).size());
+        QVERIFY(firstDelay > secondDelay + pause);  // the second timer fires first
+        qsrand(2);
+        clock.start();
+        _pair->link->carryFrame(frames.at(0), -1, true, _pair->sender);
+        QVERIFY(passTimeouts(pause));
+        const qint64 sentSecond = clock.elapsed();
+        _pair->link->carryFrame(frames.at(1), -1, true, _pair->sender);
+
+        QTRY_COMPARE(arrivals.size(), 2);
+        QCOMPARE(_pair->receiver->indications, frames);
+        QVERIFY(arrivals.at(0) >= std::min<qint64>(firstDelay, sentSecond + secondDelay));
+        QVERIFY(arrivals.at(1) >= std::max<qint64>(firstDelay, sentSecond + secondDelay));
+        QVERIFY(arrivals.at(1) < firstDelay + secondDelay + generous);
+    }
+
+    void whicheverTimerFiresTheOldestFrameLeaves()
+    {
+        const QList<QByteArray> frames = numberedFrames(2);
+        TestAccess::delay(*_pair->link) = farAway;
+        _pair->link->carryFrame(frames.at(0), -1, true, _pair->sender);
+        TestAccess::delay(*_pair->link) = 5;
+        _pair->link->carryFrame(frames.at(1), -1, true, _pair->sender);
+        QVERIFY(passTimeouts(5));
+        QCOMPARE(_pair->receiver->indications, frames.mid(0, 1));
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
+    }
+
+    void noFrameIsEverEarly()
+    {
+        QElapsedTimer clock;
+        for (const int delay : {1, 2, 7, 20}) {
+            TestAccess::delay(*_pair->link) = delay;
+            _pair->receiver->indications.clear();
+            qint64 elapsed = 0;
+            _pair->receiver->onIndication = [&] { elapsed = clock.nsecsElapsed(); };
+            clock.start();
+            _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
+            QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+            QVERIFY(elapsed >= delay * qint64{1000000});
+            QVERIFY(elapsed < (delay + generous) * 1000000);
+        }
+    }
+
+    void deliveryWithoutFramesDoesNothing()
+    {
+        QSignalSpy left(network(), SIGNAL(frameLeftLink()));
+        QVERIFY(QMetaObject::invokeMethod(_pair->link, "deliverFrame"));
+        QCOMPARE(left.count(), 0);
+        QVERIFY(_pair->receiver->log.isEmpty());
+    }
+
+    void discardedFramesReachNobody()
+    {
+        constexpr int delay = 20;
+        TestAccess::delay(*_pair->link) = delay;
+        requestConfirmations(_pair->sender, delay);
+        for (int i = 0; i < 3; ++i)
+            _pair->sender->dataRequest(_pair->unicast());
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 3);
+        TestAccess::broken(*_pair->link) = true;
+        TestAccess::discardFramesInFlight(*_pair->link);
+        QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
+
+        QVERIFY(passTimeouts(3 * delay));
+        QVERIFY(_pair->receiver->log.isEmpty());
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(capturedFrames().isEmpty());
+    }
+
+    void timersOfDiscardedFramesTakeLaterOnes()
+    {
+        const QList<QByteArray> frames = numberedFrames(3);
+        TestAccess::delay(*_pair->link) = 20;
+        for (int i = 0; i < 2; ++i)
+            _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
+        TestAccess::discardFramesInFlight(*_pair->link);
+
+        TestAccess::delay(*_pair->link) = farAway;
+        for (const QByteArray& frame : frames)
+            _pair->link->carryFrame(frame, -1, true, _pair->sender);
+        QVERIFY(passTimeouts(20));
+        QCOMPARE(_pair->receiver->indications, frames.mid(0, 2));  // far earlier than their own delay
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
+    }
+
+    void hundredThousandFramesArriveInOrder()
+    {
+        constexpr int frameCount = 100000;
+        TestAccess::delay(*_pair->link) = 200;
+        TestAccess::deviation(*_pair->link) = 400;
+        capture()->setEnabled(false);
+        const QList<QByteArray> frames = numberedFrames(frameCount);
+        for (const QByteArray& frame : frames)
+            _pair->sender->dataRequest(frame);
+        QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), frameCount);
+        QTRY_COMPARE_WITH_TIMEOUT(_pair->receiver->indications.size(), frameCount, 60000);
+        QVERIFY(_pair->receiver->indications == frames);
+        QCOMPARE(_pair->receiver->receivedFramesCount(), qint64{frameCount});
+    }
+
+    void aDeletedLinkTakesItsFramesAlong()
+    {
+        TestAccess::delay(*_pair->link) = 10;
+        requestConfirmations(_pair->sender, 5000);
+        _pair->sender->dataRequest(_pair->unicast());
+        delete _pair->link;
+        QVERIFY(passTimeouts(10));
+        QVERIFY(_pair->receiver->log.isEmpty());
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(capturedFrames().isEmpty());
+    }
+
+    void aDeletedReceiverTakesItsFramesAlong()
+    {
+        TestAccess::delay(*_pair->link) = 10;
+        const QPointer<Connection> link = _pair->link;
+        requestConfirmations(_pair->sender, 5000);
+        _pair->sender->dataRequest(_pair->unicast());
+        delete _pair->receiver;
+        QVERIFY(!link);
+        QCOMPARE(_pair->sender->connectionCount(), 0);
+        QVERIFY(passTimeouts(10));
+        QVERIFY(_pair->sender->log.isEmpty());
+        QVERIFY(capturedFrames().isEmpty());
+    }
+
+    void aDeletedSenderTakesItsFramesAlong()
+    {
+        TestAccess::delay(*_pair->link) = 10;
+        const QPointer<Connection> link = _pair->link;
+        _pair->sender->dataRequest(_pair->unicast());
+        delete _pair->sender;
+        QVERIFY(!link);
+        QCOMPARE(_pair->receiver->connectionCount(), 0);
+        QVERIFY(passTimeouts(10));
+        QVERIFY(_pair->receiver->log.isEmpty());
+    }
+
+    void aReceiverMayDeleteTheLink()
+    {
+        const QPointer<Connection> link = _pair->link;
+        requestConfirmations(_pair->sender, 5000);
+        _pair->receiver->onIndication = [this] { delete _pair->link; };
+        _pair->sender->dataRequest(_pair->unicast());
+        _pair->sender->dataRequest(_pair->unicast());
+        QTRY_VERIFY(!link);
+        QVERIFY(passTimeouts());
+        QCOMPARE(_pair->receiver->indications.size(), 1);
+        QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
+    }
+
+    void aSenderMayDeleteItselfWhenConfirmed()
+    {
+        const QPointer<Connection> link = _pair->link;
+        requestConfirmations(_pair->sender, 5000);
+        RecordingNode* sender = _pair->sender;
+        sender->onConfirmation = [sender] { QTimer::singleShot(0, sender, SLOT(deleteLater())); };
+        sender->dataRequest(_pair->unicast());
+        TestAccess::delay(*_pair->link) = 20;
+        sender->dataRequest(_pair->unicast());
+        QTRY_VERIFY(!link);
+        QVERIFY(passTimeouts(20));
+        QCOMPARE(_pair->receiver->indications.size(), 1);
+    }
+
+    void aSimulationMayEndWithFramesInFlight()
+    {
+        TestAccess::delay(*_pair->link) = 10;
+        const QPointer<Connection> link = _pair->link;
+        requestConfirmations(_pair->sender, 5);
+        _pair->sender->dataRequest(_pair->unicast());
+        _pair->sender->dataRequest(_pair->toNobody());
+        NetworkSimulation::newNetworkSimulation();
+        QVERIFY(!link);
+        QVERIFY(passTimeouts(10));
+        QVERIFY(capturedFrames().isEmpty());
+    }
+
+    void trafficRepaintsTheLink()
+    {
+        _pair->receiver->setPos(300, 300);
+        TestAccess::delay(*_pair->link) = 500;
+        QSignalSpy changed(network(), SIGNAL(changed(QList<QRectF>)));
+        const auto middleChanged = [&changed] {
+            for (const QList<QVariant>& arguments : qAsConst(changed)) {
+                for (const QRectF& area : arguments.first().value<QList<QRectF>>()) {
+                    if (area.contains(150, 150))
+                        return true;
+                }
+            }
+            return false;
+        };
+        QTRY_VERIFY(changed.count() > 0);  // what construction has asked for
+        changed.clear();
+
+        _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
+        QTRY_VERIFY(middleChanged());
+        QVERIFY(_pair->receiver->indications.isEmpty());
+        QVERIFY(passTimeouts(50));
+        changed.clear();
+        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
+        QTRY_VERIFY(middleChanged());
+    }
+
+    void aMovedNodeLeavesNoStaleEntryOfItsLink_data()
+    {
+        QTest::addColumn<bool>("moveByPieces");
+        QTest::newRow("placed anew") << false;
+        QTest::newRow("dragged") << true;
+    }
+
+    void aMovedNodeLeavesNoStaleEntryOfItsLink()
+    {
+        QFETCH(bool, moveByPieces);
+        network()->setSceneRect(-2000, -2000, 4000, 4000);
+        TestAccess::strokeWidth(*_pair->link) = 4.0;
+        _pair->sender->setPos(-1800, -1800);
+        _pair->receiver->setPos(-900, -900);
+        const QRectF oldPlace(-1400, -1400, 100, 100);
+        QVERIFY(network()->items(oldPlace).contains(_pair->link));  // the index knows the link now
+
+        if (moveByPieces) {
+            for (int i = 0; i < 90; ++i)
+                _pair->sender->moveBy(40, 40);
+        } else {
+            _pair->sender->setPos(1800, 1800);
+        }
+        QVERIFY(!network()->items(oldPlace).contains(_pair->link));
+        QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).contains(_pair->link));
+
+        _pair->sender->setPos(1800, -1800);
+        network()->clearSelection();
+        _pair->link->setSelected(true);
+        network()->deleteSelectedNetworkItem();
+        QCOMPARE(_pair->sender->connectionCount(), 0);
+        QVERIFY(network()->items(oldPlace).isEmpty());
+        QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).isEmpty());
+        QCOMPARE(network()->items(network()->sceneRect()).size(), 2);
+    }
+
+    void anExchangedNodeLeavesNoStaleEntry()
+    {
+        network()->setSceneRect(-2000, -2000, 4000, 4000);
+        RecordingNode* third = addNode(3);
+        TestAccess::strokeWidth(*_pair->link) = 4.0;
+        _pair->sender->setPos(-1800, -1800);
+        _pair->receiver->setPos(-900, -900);
+        third->setPos(1800, 1800);
+        const QRectF oldPlace(-1000, -1000, 20, 20);
+        QVERIFY(network()->items(oldPlace).contains(_pair->link));
+
+        _pair->link->setNode(0, third);
+        QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).contains(_pair->link));
+        QVERIFY(!network()->items(QRectF(-1500, -1500, 100, 100)).contains(_pair->link));
+        _pair->link->setNode(0, _pair->sender);
+        network()->removeItem(_pair->link);
+        delete _pair->link;
+        QVERIFY(network()->items(QRectF(-1500, -1500, 100, 100)).isEmpty());
+        QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).isEmpty());
+    }
 
 private:
     std::unique_ptr<LinkedPair> _pair;
 };
-
-/// The "*" of corrupted bits would fill pages.
-void TestConnection::initTestCase()
-{
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-}
-
-void TestConnection::init()
-{
-    _pair = std::make_unique<LinkedPair>();
-    qsrand(1);
-}
-
-void TestConnection::cleanup()
-{
-    _pair.reset();
-}
-
-void TestConnection::aNewLinkLeavesAllSettingsUndecided()
-{
-    Connection& link = *_pair->link;
-    QVERIFY(!link.isBroken());
-    QCOMPARE(link.reliability(), -1.0);
-    QCOMPARE(link.errorDetectionReliability(), -1.0);
-    QCOMPARE(link.delayMs(), -1);
-    QCOMPARE(link.delayDeviationMs(), -1);
-    QVERIFY(!TestAccess::color(link).isValid());
-    QCOMPARE(TestAccess::strokeWidth(link), -1.0);
-    QVERIFY(TestAccess::framesInFlight(link).isEmpty());
-    QCOMPARE(link.totalFrames(), qint64{0});
-    QCOMPARE(link.lostFrames(), qint64{0});
-    QCOMPARE(link.crcErrors(), qint64{0});
-}
-
-void TestConnection::aNewLinkIsASelectableItemAboveTheGround()
-{
-    QCOMPARE(_pair->link->zValue(), 1.0);
-    QVERIFY(_pair->link->flags() & QGraphicsItem::ItemIsSelectable);
-    QVERIFY(!(_pair->link->flags() & QGraphicsItem::ItemIsMovable));
-    QCOMPARE(_pair->link->type(), 65537);
-}
-
-void TestConnection::theDefaultLinkDecidesAllSettings()
-{
-    Connection& link = *network()->defaultConnection();
-    QVERIFY(!link.isBroken());
-    QCOMPARE(link.reliability(), 1.0);
-    QCOMPARE(link.errorDetectionReliability(), 1.0);
-    QCOMPARE(link.delayMs(), 0);
-    QCOMPARE(link.delayDeviationMs(), 0);
-    QCOMPARE(TestAccess::color(link), QColor(Qt::darkBlue));
-    QCOMPARE(TestAccess::strokeWidth(link), 2.0);
-    QVERIFY(!link.node(0));
-    QVERIFY(!link.node(1));
-}
-
-void TestConnection::constructionRegistersWithBothNodes()
-{
-    RecordingNode* third = addNode(3);
-    Connection* link = addLink(_pair->sender, third);
-    QCOMPARE(_pair->sender->connections(), (QList<Connection*>{_pair->link, link}));
-    QCOMPARE(third->connections(), QList<Connection*>{link});
-}
-
-void TestConnection::aLinkMayLackItsNodes()
-{
-    auto half = std::make_unique<Connection>(_pair->sender, nullptr);
-    QCOMPARE(_pair->sender->connectionCount(), 2);
-    QVERIFY(!half->carryFrame(_pair->unicast(), -1, true, _pair->sender));
-    QVERIFY(half->boundingRect().isNull());
-    QVERIFY(half->shape().isEmpty());
-    half.reset();
-    QCOMPARE(_pair->sender->connectionCount(), 1);
-
-    Connection none(nullptr, nullptr);
-    QVERIFY(!none.otherNode(nullptr));
-    QVERIFY(!none.carryFrame(_pair->unicast(), -1, true, nullptr));
-}
-
-void TestConnection::destructionUnregistersFromBothNodes()
-{
-    delete _pair->link;
-    QCOMPARE(_pair->sender->connectionCount(), 0);
-    QCOMPARE(_pair->receiver->connectionCount(), 0);
-}
-
-void TestConnection::nodesAreReachedByTheirIndex()
-{
-    QCOMPARE(_pair->link->node(0), static_cast<Node*>(_pair->sender));
-    QCOMPARE(_pair->link->node(1), static_cast<Node*>(_pair->receiver));
-    QVERIFY(!_pair->link->node(2));
-    QVERIFY(!_pair->link->node(-1));
-    QVERIFY(!_pair->link->node(largestInt));
-    QVERIFY(!_pair->link->node(smallestInt));
-}
-
-void TestConnection::settingANodeReplacesOneEnd()
-{
-    RecordingNode third(nodeAddress(3));
-    Connection link(nullptr, nullptr);
-    link.setNode(0, &third);
-    QCOMPARE(link.node(0), static_cast<Node*>(&third));
-    QVERIFY(!link.node(1));
-    link.setNode(1, &third);
-    link.setNode(0, nullptr);
-    QVERIFY(!link.node(0));
-    QCOMPARE(link.node(1), static_cast<Node*>(&third));
-}
-
-void TestConnection::settingANodeLeavesRegistrationsAlone()
-{
-    RecordingNode* third = addNode(3);
-    _pair->link->setNode(1, third);
-    QCOMPARE(third->connectionCount(), 0);
-    QCOMPARE(_pair->receiver->connectionCount(), 1);
-    _pair->link->setNode(1, _pair->receiver);  // so that both ends know of the link's deletion
-}
-
-void TestConnection::settingANodeBeyondTheEndsChangesNothing()
-{
-    RecordingNode* third = addNode(3);
-    for (const int index : {2, -1, largestInt, smallestInt})
-        _pair->link->setNode(index, third);
-    QCOMPARE(_pair->link->node(0), static_cast<Node*>(_pair->sender));
-    QCOMPARE(_pair->link->node(1), static_cast<Node*>(_pair->receiver));
-}
-
-void TestConnection::theOtherNodeIsTheOppositeEnd()
-{
-    QCOMPARE(_pair->link->otherNode(_pair->sender), static_cast<Node*>(_pair->receiver));
-    QCOMPARE(_pair->link->otherNode(_pair->receiver), static_cast<Node*>(_pair->sender));
-    QVERIFY(!_pair->link->otherNode(addNode(3)));
-    QVERIFY(!_pair->link->otherNode(nullptr));
-}
-
-void TestConnection::aStrangersFrameIsRefused()
-{
-    RecordingNode* stranger = addNode(3);
-    requestConfirmations(stranger);
-    QVERIFY(!_pair->link->carryFrame(_pair->broadcast(), -1, true, stranger));
-    QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-    QVERIFY(stranger->log.isEmpty());
-}
-
-void TestConnection::involvedAreTheTwoEnds()
-{
-    QVERIFY(_pair->link->isNodeInvolved(_pair->sender));
-    QVERIFY(_pair->link->isNodeInvolved(_pair->receiver));
-    QVERIFY(!_pair->link->isNodeInvolved(addNode(3)));
-    QVERIFY(!_pair->link->isNodeInvolved(nullptr));
-}
-
-void TestConnection::statisticsStayAtZero()
-{
-    _pair->sender->dataRequest(_pair->unicast());
-    _pair->sender->dataRequest(_pair->toNobody());
-    QVERIFY(passTimeouts());
-    QCOMPARE(_pair->link->totalFrames(), qint64{0});
-    QCOMPARE(_pair->link->lostFrames(), qint64{0});
-    QCOMPARE(_pair->link->crcErrors(), qint64{0});
-
-    TestAccess::totalFrames(*_pair->link) = 5000000000;
-    TestAccess::lostFrames(*_pair->link) = 6000000000;
-    TestAccess::crcErrors(*_pair->link) = 7000000000;
-    QCOMPARE(_pair->link->totalFrames(), qint64{5000000000});
-    QCOMPARE(_pair->link->lostFrames(), qint64{6000000000});
-    QCOMPARE(_pair->link->crcErrors(), qint64{7000000000});
-    _pair->link->resetStatistics();
-    QCOMPARE(_pair->link->totalFrames(), qint64{0});
-    QCOMPARE(_pair->link->lostFrames(), qint64{0});
-    QCOMPARE(_pair->link->crcErrors(), qint64{0});
-}
-
-void TestConnection::thePropertiesWidgetHasNoParent()
-{
-    const std::unique_ptr<QWidget> first(_pair->link->propertiesWidget());
-    const std::unique_ptr<QWidget> second(_pair->link->propertiesWidget());
-    QVERIFY(first && !first->parent());
-    QVERIFY(first != second);
-}
-
-void TestConnection::deliveryWaitsForTheNextPass()
-{
-    QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
-    QVERIFY(_pair->receiver->indications.isEmpty());
-    QVERIFY(capturedFrames().isEmpty());
-    QTRY_COMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->unicast()});
-    QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-}
-
-void TestConnection::framesTravelInBothDirections()
-{
-    const QByteArray answer = frameBytes(nodeAddress(1), nodeAddress(2));
-    QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
-    QVERIFY(_pair->link->carryFrame(answer, -1, true, _pair->receiver));
-    QTRY_COMPARE(_pair->sender->indications, QList<QByteArray>{answer});
-    QCOMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->unicast()});
-}
-
-void TestConnection::aRefusedFrameLeavesNoTrace_data()
-{
-    QTest::addColumn<bool>("broken");
-    QTest::addColumn<int>("size");
-    QTest::newRow("broken link") << true << smallestFrame;
-    QTest::newRow("one byte too short") << false << smallestFrame - 1;
-    QTest::newRow("one byte too long") << false << largestFrame + 1;
-}
-
-void TestConnection::aRefusedFrameLeavesNoTrace()
-{
-    QFETCH(bool, broken);
-    QFETCH(int, size);
-    TestAccess::broken(*_pair->link) = broken;
-    requestConfirmations(_pair->sender);
-    QSignalSpy left(network(), SIGNAL(frameLeftLink()));
-    const QByteArray bytes = frameBytes(broadcastAddress(), nodeAddress(1), largestFrame + 1).left(size);
-    QVERIFY(!_pair->link->carryFrame(bytes, 100, true, _pair->sender));
-    QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-    QVERIFY(passTimeouts());
-    QVERIFY(capturedFrames().isEmpty());
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(_pair->receiver->log.isEmpty());
-    QCOMPARE(left.count(), 0);
-}
-
-void TestConnection::aFrameForNobodyTravelsAndIsCapturedAsLost()
-{
-    requestConfirmations(_pair->sender);
-    QVERIFY(!_pair->link->carryFrame(_pair->toNobody(), 100, true, _pair->sender));
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
-    QTRY_COMPARE(capturedFrames().size(), 1);
-    QVERIFY(!capturedFrames().first().wasDelivered(false));
-    QCOMPARE(capturedFrames().first().payload(), _pair->toNobody());
-    QVERIFY(_pair->receiver->log.isEmpty());
-    QVERIFY(_pair->sender->log.isEmpty());  // the link tells the sender nothing
-    QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-}
-
-void TestConnection::aDetectedErrorTravelsAndIsCapturedAsLost()
-{
-    TestAccess::reliability(*_pair->link) = 0.5;
-    TestAccess::errorDetection(*_pair->link) = 1.0;
-    QVERIFY(!_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
-    QTRY_COMPARE(capturedFrames().size(), 1);
-    QVERIFY(!capturedFrames().first().isCRCCorrect());
-    QVERIFY(!capturedFrames().first().wasDelivered(false));
-    QCOMPARE(capturedFrames().first().payload(), _pair->unicast());
-    QVERIFY(_pair->receiver->log.isEmpty());
-}
-
-void TestConnection::anUndetectedErrorIsDeliveredAndConfirmed()
-{
-    TestAccess::reliability(*_pair->link) = 0.5;
-    TestAccess::errorDetection(*_pair->link) = 0.0;
-    requestConfirmations(_pair->sender);
-    QVERIFY(_pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender));
-    QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QCOMPARE(_pair->receiver->indications.size(), 1);
-    QVERIFY(_pair->receiver->indications.first() != _pair->unicast());
-    QCOMPARE(capturedFrames().first().payload(), _pair->receiver->indications.first());
-    QVERIFY(!capturedFrames().first().isCRCCorrect());
-}
-
-void TestConnection::aUnicastFrameIsConfirmedAfterItsIndicationAndCapture()
-{
-    requestConfirmations(_pair->sender);
-    int capturedAtIndication = -1;
-    int capturedAtConfirmation = -1;
-    _pair->receiver->onIndication = [&] { capturedAtIndication = capturedFrames().size(); };
-    _pair->sender->onConfirmation = [&] {
-        capturedAtConfirmation = capturedFrames().size();
-        QCOMPARE(_pair->receiver->indications.size(), 1);
-    };
-    QVERIFY(_pair->link->carryFrame(_pair->unicast(), 100, true, _pair->sender));
-    QVERIFY(_pair->sender->confirmations.isEmpty());
-    QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QCOMPARE(capturedAtIndication, 0);
-    QCOMPARE(capturedAtConfirmation, 1);
-}
-
-void TestConnection::aLateFrameIsDeliveredButNeitherConfirmedNorLost()
-{
-    constexpr int deadline = 5;
-    TestAccess::delay(*_pair->link) = deadline + 1;
-    requestConfirmations(_pair->sender, deadline);
-    _pair->sender->dataRequest(_pair->unicast());
-    QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-    QVERIFY(passTimeouts(2 * deadline));
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(capturedFrames().first().wasDelivered(false));
-    QVERIFY(!capturedFrames().first().wasDelivered(true));
-    QVERIFY(_pair->link->carryFrame(_pair->unicast(), deadline, true, _pair->sender));
-}
-
-void TestConnection::aFrameWithinTheDeadlineIsConfirmed()
-{
-    constexpr int deadline = 5;
-    TestAccess::delay(*_pair->link) = deadline;
-    requestConfirmations(_pair->sender, deadline);
-    _pair->sender->dataRequest(_pair->unicast());
-    QTRY_COMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QVERIFY(passTimeouts(2 * deadline));
-    QCOMPARE(_pair->sender->confirmations.size(), 1);
-}
-
-void TestConnection::aPromiscuouslyTakenFrameIsNotConfirmed()
-{
-    requestConfirmations(_pair->sender);
-    TestAccess::promiscuousMode(*_pair->receiver) = Qt::Checked;
-    QVERIFY(_pair->link->carryFrame(_pair->toNobody(), -1, true, _pair->sender));
-    QTRY_COMPARE(_pair->receiver->indications, QList<QByteArray>{_pair->toNobody()});
-    QVERIFY(passTimeouts());
-    QVERIFY(_pair->sender->log.isEmpty());
-}
-
-void TestConnection::aBroadcastIsConfirmedAtOnceByTheLastLinkOnly()
-{
-    requestConfirmations(_pair->sender);
-    QVERIFY(_pair->link->carryFrame(_pair->broadcast(), 100, false, _pair->sender));
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(passTimeouts());
-    QVERIFY(_pair->sender->log.isEmpty());
-
-    bool wasQueued = true;
-    _pair->sender->onConfirmation = [&] { wasQueued = !TestAccess::framesInFlight(*_pair->link).isEmpty(); };
-    QVERIFY(_pair->link->carryFrame(_pair->broadcast(), 100, true, _pair->sender));
-    QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QVERIFY(!wasQueued);
-    QTRY_COMPARE(_pair->receiver->indications.size(), 2);
-    QCOMPARE(_pair->sender->confirmations.size(), 1);
-}
-
-void TestConnection::aBroadcastIsNotConfirmedAgainByANodeOfThatAddress()
-{
-    requestConfirmations(_pair->sender);
-    _pair->receiver->setAddress(broadcastAddress());
-    _pair->sender->dataRequest(_pair->broadcast());
-    QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-    QVERIFY(!capturedFrames().first().promiscuousReceive());
-    QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-}
-
-void TestConnection::aBroadcastOverABrokenLastLinkIsNotConfirmed()
-{
-    RecordingNode* third = addNode(3);
-    Connection* last = addLink(_pair->sender, third);
-    requestConfirmations(_pair->sender, 5);
-    _pair->sender->dataRequest(_pair->broadcast());
-    QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QTRY_COMPARE(third->indications.size(), 1);
-
-    TestAccess::broken(*last) = true;
-    _pair->sender->dataRequest(_pair->broadcast());
-    QTRY_COMPARE(_pair->receiver->indications.size(), 2);
-    QVERIFY(passTimeouts(10));
-    QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-    QCOMPARE(third->indications.size(), 1);
-}
-
-void TestConnection::aBrokenLastLinkLeavesNoCapture()
-{
-    Connection* last = addLink(_pair->sender, addNode(3));
-    TestAccess::broken(*last) = true;
-    _pair->sender->dataRequest(_pair->unicast());
-    QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-    QVERIFY(passTimeouts());
-    QCOMPARE(capturedFrames().size(), 0);
-}
-
-void TestConnection::eachSendIsCapturedOnceOnTheLastLink()
-{
-    RecordingNode* third = addNode(3);
-    RecordingNode* fourth = addNode(4);
-    addLink(third, _pair->sender);
-    addLink(_pair->sender, fourth);
-    _pair->sender->dataRequest(_pair->unicast());
-    QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-    QVERIFY(passTimeouts());
-    QCOMPARE(capturedFrames().size(), 1);
-    QCOMPARE(capturedFrames().first().destinationNode(), static_cast<Node*>(fourth));
-    QVERIFY(!capturedFrames().first().wasDelivered(false));  // as seen on that link
-}
-
-void TestConnection::aLostFrameIsCapturedWithItsTime()
-{
-    constexpr int delay = 30;
-    TestAccess::delay(*_pair->link) = delay;
-    _pair->link->carryFrame(_pair->toNobody(), -1, true, _pair->sender);
-    QTRY_COMPARE(capturedFrames().size(), 1);
-    const Frame& lost = capturedFrames().first();
-    const auto inFlight = static_cast<quint32>(lost.receiveTime() - lost.sendTime());
-    QVERIFY(inFlight >= delay - 1);  // both are cut to the millisecond
-    QVERIFY(inFlight < delay + generous);
-}
-
-void TestConnection::everyFrameThatLeavesIsAnnounced()
-{
-    QSignalSpy left(network(), SIGNAL(frameLeftLink()));
-    _pair->link->carryFrame(_pair->toNobody(), -1, false, _pair->sender);
-    _pair->link->carryFrame(_pair->unicast(), -1, false, _pair->sender);
-    QCOMPARE(left.count(), 0);
-    QTRY_COMPARE(left.count(), 2);
-}
-
-void TestConnection::framesArriveInSendingOrderAtTheTimersTimes()
-{
-    constexpr int base = 100;
-    constexpr int deviation = 50;
-    constexpr int pause = 10;
-    TestAccess::delay(*_pair->link) = base;
-    TestAccess::deviation(*_pair->link) = deviation;
-    const QList<QByteArray> frames = numberedFrames(2);
-    QList<qint64> arrivals;
-    QElapsedTimer clock;
-    _pair->receiver->onIndication = [&] { arrivals.append(clock.elapsed()); };
-
-    qsrand(2);
-    const int firstDelay = replayDelay(base, deviation, frames.at(0).size());
-    const int secondDelay = replayDelay(base, deviation, frames.at(1).size());
-    QVERIFY(firstDelay > secondDelay + pause);  // the second timer fires first
-    qsrand(2);
-    clock.start();
-    _pair->link->carryFrame(frames.at(0), -1, true, _pair->sender);
-    QVERIFY(passTimeouts(pause));
-    const qint64 sentSecond = clock.elapsed();
-    _pair->link->carryFrame(frames.at(1), -1, true, _pair->sender);
-
-    QTRY_COMPARE(arrivals.size(), 2);
-    QCOMPARE(_pair->receiver->indications, frames);
-    QVERIFY(arrivals.at(0) >= std::min<qint64>(firstDelay, sentSecond + secondDelay));
-    QVERIFY(arrivals.at(1) >= std::max<qint64>(firstDelay, sentSecond + secondDelay));
-    QVERIFY(arrivals.at(1) < firstDelay + secondDelay + generous);
-}
-
-void TestConnection::whicheverTimerFiresTheOldestFrameLeaves()
-{
-    const QList<QByteArray> frames = numberedFrames(2);
-    TestAccess::delay(*_pair->link) = farAway;
-    _pair->link->carryFrame(frames.at(0), -1, true, _pair->sender);
-    TestAccess::delay(*_pair->link) = 5;
-    _pair->link->carryFrame(frames.at(1), -1, true, _pair->sender);
-    QVERIFY(passTimeouts(5));
-    QCOMPARE(_pair->receiver->indications, frames.mid(0, 1));
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
-}
-
-void TestConnection::noFrameIsEverEarly()
-{
-    QElapsedTimer clock;
-    for (const int delay : {1, 2, 7, 20}) {
-        TestAccess::delay(*_pair->link) = delay;
-        _pair->receiver->indications.clear();
-        qint64 elapsed = 0;
-        _pair->receiver->onIndication = [&] { elapsed = clock.nsecsElapsed(); };
-        clock.start();
-        _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
-        QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-        QVERIFY(elapsed >= delay * qint64{1000000});
-        QVERIFY(elapsed < (delay + generous) * 1000000);
-    }
-}
-
-void TestConnection::deliveryWithoutFramesDoesNothing()
-{
-    QSignalSpy left(network(), SIGNAL(frameLeftLink()));
-    QVERIFY(QMetaObject::invokeMethod(_pair->link, "deliverFrame"));
-    QCOMPARE(left.count(), 0);
-    QVERIFY(_pair->receiver->log.isEmpty());
-}
-
-void TestConnection::discardedFramesReachNobody()
-{
-    constexpr int delay = 20;
-    TestAccess::delay(*_pair->link) = delay;
-    requestConfirmations(_pair->sender, delay);
-    for (int i = 0; i < 3; ++i)
-        _pair->sender->dataRequest(_pair->unicast());
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 3);
-    TestAccess::broken(*_pair->link) = true;
-    TestAccess::discardFramesInFlight(*_pair->link);
-    QVERIFY(TestAccess::framesInFlight(*_pair->link).isEmpty());
-
-    QVERIFY(passTimeouts(3 * delay));
-    QVERIFY(_pair->receiver->log.isEmpty());
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(capturedFrames().isEmpty());
-}
-
-void TestConnection::timersOfDiscardedFramesTakeLaterOnes()
-{
-    const QList<QByteArray> frames = numberedFrames(3);
-    TestAccess::delay(*_pair->link) = 20;
-    for (int i = 0; i < 2; ++i)
-        _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
-    TestAccess::discardFramesInFlight(*_pair->link);
-
-    TestAccess::delay(*_pair->link) = farAway;
-    for (const QByteArray& frame : frames)
-        _pair->link->carryFrame(frame, -1, true, _pair->sender);
-    QVERIFY(passTimeouts(20));
-    QCOMPARE(_pair->receiver->indications, frames.mid(0, 2));  // far earlier than their own delay
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), 1);
-}
-
-void TestConnection::hundredThousandFramesArriveInOrder()
-{
-    constexpr int frameCount = 100000;
-    TestAccess::delay(*_pair->link) = 200;
-    TestAccess::deviation(*_pair->link) = 400;
-    capture()->setEnabled(false);
-    const QList<QByteArray> frames = numberedFrames(frameCount);
-    for (const QByteArray& frame : frames)
-        _pair->sender->dataRequest(frame);
-    QCOMPARE(TestAccess::framesInFlight(*_pair->link).size(), frameCount);
-    QTRY_COMPARE_WITH_TIMEOUT(_pair->receiver->indications.size(), frameCount, 60000);
-    QVERIFY(_pair->receiver->indications == frames);
-    QCOMPARE(_pair->receiver->receivedFramesCount(), qint64{frameCount});
-}
-
-void TestConnection::aDeletedLinkTakesItsFramesAlong()
-{
-    TestAccess::delay(*_pair->link) = 10;
-    requestConfirmations(_pair->sender, 5000);
-    _pair->sender->dataRequest(_pair->unicast());
-    delete _pair->link;
-    QVERIFY(passTimeouts(10));
-    QVERIFY(_pair->receiver->log.isEmpty());
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(capturedFrames().isEmpty());
-}
-
-void TestConnection::aDeletedReceiverTakesItsFramesAlong()
-{
-    TestAccess::delay(*_pair->link) = 10;
-    const QPointer<Connection> link = _pair->link;
-    requestConfirmations(_pair->sender, 5000);
-    _pair->sender->dataRequest(_pair->unicast());
-    delete _pair->receiver;
-    QVERIFY(!link);
-    QCOMPARE(_pair->sender->connectionCount(), 0);
-    QVERIFY(passTimeouts(10));
-    QVERIFY(_pair->sender->log.isEmpty());
-    QVERIFY(capturedFrames().isEmpty());
-}
-
-void TestConnection::aDeletedSenderTakesItsFramesAlong()
-{
-    TestAccess::delay(*_pair->link) = 10;
-    const QPointer<Connection> link = _pair->link;
-    _pair->sender->dataRequest(_pair->unicast());
-    delete _pair->sender;
-    QVERIFY(!link);
-    QCOMPARE(_pair->receiver->connectionCount(), 0);
-    QVERIFY(passTimeouts(10));
-    QVERIFY(_pair->receiver->log.isEmpty());
-}
-
-void TestConnection::aReceiverMayDeleteTheLink()
-{
-    const QPointer<Connection> link = _pair->link;
-    requestConfirmations(_pair->sender, 5000);
-    _pair->receiver->onIndication = [this] { delete _pair->link; };
-    _pair->sender->dataRequest(_pair->unicast());
-    _pair->sender->dataRequest(_pair->unicast());
-    QTRY_VERIFY(!link);
-    QVERIFY(passTimeouts());
-    QCOMPARE(_pair->receiver->indications.size(), 1);
-    QCOMPARE(_pair->sender->confirmations, QList<bool>{true});
-}
-
-void TestConnection::aSenderMayDeleteItselfWhenConfirmed()
-{
-    const QPointer<Connection> link = _pair->link;
-    requestConfirmations(_pair->sender, 5000);
-    RecordingNode* sender = _pair->sender;
-    sender->onConfirmation = [sender] { QTimer::singleShot(0, sender, SLOT(deleteLater())); };
-    sender->dataRequest(_pair->unicast());
-    TestAccess::delay(*_pair->link) = 20;
-    sender->dataRequest(_pair->unicast());
-    QTRY_VERIFY(!link);
-    QVERIFY(passTimeouts(20));
-    QCOMPARE(_pair->receiver->indications.size(), 1);
-}
-
-void TestConnection::aSimulationMayEndWithFramesInFlight()
-{
-    TestAccess::delay(*_pair->link) = 10;
-    const QPointer<Connection> link = _pair->link;
-    requestConfirmations(_pair->sender, 5);
-    _pair->sender->dataRequest(_pair->unicast());
-    _pair->sender->dataRequest(_pair->toNobody());
-    NetworkSimulation::newNetworkSimulation();
-    QVERIFY(!link);
-    QVERIFY(passTimeouts(10));
-    QVERIFY(capturedFrames().isEmpty());
-}
-
-void TestConnection::trafficRepaintsTheLink()
-{
-    _pair->receiver->setPos(300, 300);
-    TestAccess::delay(*_pair->link) = 500;
-    QSignalSpy changed(network(), SIGNAL(changed(QList<QRectF>)));
-    const auto middleChanged = [&changed] {
-        for (const QList<QVariant>& arguments : qAsConst(changed)) {
-            for (const QRectF& area : arguments.first().value<QList<QRectF>>()) {
-                if (area.contains(150, 150))
-                    return true;
-            }
-        }
-        return false;
-    };
-    QTRY_VERIFY(changed.count() > 0);  // what construction has asked for
-    changed.clear();
-
-    _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
-    QTRY_VERIFY(middleChanged());
-    QVERIFY(_pair->receiver->indications.isEmpty());
-    QVERIFY(passTimeouts(50));
-    changed.clear();
-    QTRY_COMPARE(_pair->receiver->indications.size(), 1);
-    QTRY_VERIFY(middleChanged());
-}
-
-void TestConnection::aMovedNodeLeavesNoStaleEntryOfItsLink_data()
-{
-    QTest::addColumn<bool>("moveByPieces");
-    QTest::newRow("placed anew") << false;
-    QTest::newRow("dragged") << true;
-}
-
-void TestConnection::aMovedNodeLeavesNoStaleEntryOfItsLink()
-{
-    QFETCH(bool, moveByPieces);
-    network()->setSceneRect(-2000, -2000, 4000, 4000);
-    TestAccess::strokeWidth(*_pair->link) = 4.0;
-    _pair->sender->setPos(-1800, -1800);
-    _pair->receiver->setPos(-900, -900);
-    const QRectF oldPlace(-1400, -1400, 100, 100);
-    QVERIFY(network()->items(oldPlace).contains(_pair->link));  // the index knows the link now
-
-    if (moveByPieces) {
-        for (int i = 0; i < 90; ++i)
-            _pair->sender->moveBy(40, 40);
-    } else {
-        _pair->sender->setPos(1800, 1800);
-    }
-    QVERIFY(!network()->items(oldPlace).contains(_pair->link));
-    QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).contains(_pair->link));
-
-    _pair->sender->setPos(1800, -1800);
-    network()->clearSelection();
-    _pair->link->setSelected(true);
-    network()->deleteSelectedNetworkItem();
-    QCOMPARE(_pair->sender->connectionCount(), 0);
-    QVERIFY(network()->items(oldPlace).isEmpty());
-    QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).isEmpty());
-    QCOMPARE(network()->items(network()->sceneRect()).size(), 2);
-}
-
-void TestConnection::anExchangedNodeLeavesNoStaleEntry()
-{
-    network()->setSceneRect(-2000, -2000, 4000, 4000);
-    RecordingNode* third = addNode(3);
-    TestAccess::strokeWidth(*_pair->link) = 4.0;
-    _pair->sender->setPos(-1800, -1800);
-    _pair->receiver->setPos(-900, -900);
-    third->setPos(1800, 1800);
-    const QRectF oldPlace(-1000, -1000, 20, 20);
-    QVERIFY(network()->items(oldPlace).contains(_pair->link));
-
-    _pair->link->setNode(0, third);
-    QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).contains(_pair->link));
-    QVERIFY(!network()->items(QRectF(-1500, -1500, 100, 100)).contains(_pair->link));
-    _pair->link->setNode(0, _pair->sender);
-    network()->removeItem(_pair->link);
-    delete _pair->link;
-    QVERIFY(network()->items(QRectF(-1500, -1500, 100, 100)).isEmpty());
-    QVERIFY(network()->items(QRectF(1000, 1000, 100, 100)).isEmpty());
-}
 
 QTEST_MAIN(TestConnection)
 #include "tst_connection.moc"

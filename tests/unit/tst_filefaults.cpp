@@ -224,6 +224,10 @@ void replace(const QString& fileName, const QByteArray& contents)
         qFatal("cannot replace a file of the test");
 }
 
+#define SKIP_WITHOUT(disk)                                                                                   \
+    if (!(disk).isThere())                                                                                   \
+    QSKIP("no disk can be mounted here, which root may: a disk that is full or read-only was not tested")
+
 }  // namespace
 
 /// What the machine does to files while they are saved, exported and loaded.
@@ -232,283 +236,264 @@ class TestFileFaults : public QObject
     Q_OBJECT
 
 private slots:
-    void cleanup();
+    void cleanup()
+    {
+        NetworkSimulation::deleteNetworkSimulation();
+        QFile::remove(_file);
+        QFile::remove(_dump);
+    }
 
-    void savingAndExportingOntoADiskWithoutRoomForAFileFail();
-    void savingAndExportingOntoAReadOnlyDiskFail();
-    void aFileOnAReadOnlyDiskIsNotOpenedByItsName();
-    void savingAndExportingIntoAFolderWithoutPermissionFail();
-    void aFileThatIsThereIsSavedAgainOnAFullDisk();
-    void aDiskThatFillsUpWhileSavingHarmsOnlyTheNewFile();
-    void aDiskThatFillsUpWhileExportingHarmsOnlyTheNewFile();
-    void anOutputWrittenInPartOntoAFullDiskNamesTheReason_data();
-    void anOutputWrittenInPartOntoAFullDiskNamesTheReason();
-    void anOutputWrittenInPartHoldsThatPartAndNoMore();
+    void savingAndExportingOntoADiskWithoutRoomForAFileFail()
+    {
+        const Disk disk(diskOfOneFile);
+        SKIP_WITHOUT(disk);
+        QVERIFY(disk.fill());
+        makeSimulation(3, "kept");
+        QVERIFY(!save(disk.path("a.ltvo")));
+        QVERIFY(!exportDump(disk.path("a.pcapdump")));
+        QCOMPARE(nodeNames(), QStringList({"kept", "kept", "kept"}));
+        QVERIFY(save(_file));
+    }
+
+    void savingAndExportingOntoAReadOnlyDiskFail()
+    {
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        makeSimulation(1, "first");
+        QVERIFY(save(disk.path("a.ltvo")));
+        const QByteArray before = contentsOf(disk.path("a.ltvo"));
+        QVERIFY(disk.makeReadOnly());
+
+        addNodes(1, "second");
+        QVERIFY(!save(disk.path("a.ltvo")));
+        QVERIFY(!exportDump(disk.path("a.ltvo")));
+        QCOMPARE(contentsOf(disk.path("a.ltvo")), before);
+        QCOMPARE(nodeNames().size(), 2);
+    }
+
+    /// Loading wants write permission, on purpose.
+    void aFileOnAReadOnlyDiskIsNotOpenedByItsName()
+    {
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        makeSimulation(1, "first");
+        QVERIFY(save(disk.path("a.ltvo")));
+        QVERIFY(disk.makeReadOnly());
+        QVERIFY(!loads(disk.path("a.ltvo")));
+        QCOMPARE(nodeNames(), QStringList());
+
+        QFile file(disk.path("a.ltvo"));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(loads(file));
+        QCOMPARE(nodeNames(), QStringList("first"));
+    }
+
+    void savingAndExportingIntoAFolderWithoutPermissionFail()
+    {
+        const QTemporaryDir folder;  // its owner's alone
+        QVERIFY(QFile::setPermissions(folder.path(), QFileDevice::ReadOwner | QFileDevice::ExeOwner));
+        makeSimulation(1, "kept");
+        const WithoutRights rights;
+        if (!rights.isBound())
+            QSKIP("root cannot give up its rights here: a folder without permission was not tested");
+        QVERIFY(!save(folder.filePath("a.ltvo")));
+        QVERIFY(!exportDump(folder.filePath("a.pcapdump")));
+        QCOMPARE(nodeNames(), QStringList("kept"));
+    }
+
+    /// The file is not cut first, so its place on the disk is not given away.
+    void aFileThatIsThereIsSavedAgainOnAFullDisk()
+    {
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        makeSimulation(20, "before");
+        QVERIFY(save(disk.path("a.ltvo")));
+        QVERIFY(disk.fill());
+
+        makeSimulation(20, "behind");
+        QVERIFY(save(disk.path("a.ltvo")));
+        QVERIFY(loads(disk.path("a.ltvo")));
+        QCOMPARE(nodeNames().size(), 20);
+        QCOMPARE(nodeNames().count("behind"), 20);
+    }
+
+    /// That a write failed is not reported, on purpose; the file that was cut short is refused when it is
+    /// opened.
+    void aDiskThatFillsUpWhileSavingHarmsOnlyTheNewFile()
+    {
+        const Disk disk("size=256k");
+        SKIP_WITHOUT(disk);
+        QVERIFY(disk.fill());
+        QVERIFY(disk.makeRoom());
+        write(disk.path("filling"), QByteArray(128 * 1024, 'x'), QIODevice::WriteOnly);  // half of it is left
+
+        makeSimulation(manyNodes, "kept");
+        QVERIFY(save(disk.path("a.ltvo")));
+        QCOMPARE(nodeNames().size(), manyNodes);
+        QVERIFY(save(_file));
+        QVERIFY(contentsOf(disk.path("a.ltvo")).size() < contentsOf(_file).size());
+        QVERIFY(!loads(disk.path("a.ltvo")));
+        QCOMPARE(nodeNames(), QStringList());
+
+        QVERIFY(loads(_file));
+        QVERIFY(disk.makeRoom());
+        QVERIFY(save(disk.path("a.ltvo")));
+        QVERIFY(loads(disk.path("a.ltvo")));
+        QCOMPARE(nodeNames().size(), manyNodes);
+    }
+
+    void aDiskThatFillsUpWhileExportingHarmsOnlyTheNewFile()
+    {
+        constexpr int frames = 1000;
+        constexpr int frameSize = 200;
+        constexpr int dumpSize = 24 + frames * (16 + frameSize + 2);
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        NetworkSimulation::newNetworkSimulation();
+        capture(frames, frameSize);
+
+        QVERIFY(exportDump(disk.path("a.pcapdump")));
+        const QByteArray cut = contentsOf(disk.path("a.pcapdump"));
+        QVERIFY(cut.startsWith(pcapMagic) && cut.size() < dumpSize);
+        QCOMPARE(TestHelpers::capturedFrames().size(), frames);
+        QVERIFY(exportDump(_dump));
+        QCOMPARE(contentsOf(_dump).size(), dumpSize);
+        QVERIFY(contentsOf(_dump).startsWith(cut));
+    }
+
+    void anOutputWrittenInPartOntoAFullDiskNamesTheReason_data()
+    {
+        QTest::addColumn<int>("pieces");
+        QTest::newRow("in one piece") << 1;
+        QTest::newRow("in small pieces") << 20 * 1024;
+    }
+
+    void anOutputWrittenInPartOntoAFullDiskNamesTheReason()
+    {
+        QFETCH(int, pieces);
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        const QByteArray contents(100 * 1024, 'x');
+        const int pieceSize = contents.size() / pieces;
+        OutputFile file(disk.path("report"));
+        QVERIFY(file.open());
+        for (int i = 0; i < pieces; ++i)
+            file.write(contents.mid(i * pieceSize, pieceSize));
+        QVERIFY(!file.finish());
+        QCOMPARE(file.error(), QStringLiteral("No space left on device"));
+        QCOMPARE(contentsOf(disk.path("report")), contents.left(64 * 1024));
+    }
+
+    /// More room does not make up for the part that is missing.
+    void anOutputWrittenInPartHoldsThatPartAndNoMore()
+    {
+        const Disk disk(smallDisk);
+        SKIP_WITHOUT(disk);
+        write(disk.path("filling"), QByteArray(32 * 1024, 'x'), QIODevice::WriteOnly);
+        OutputFile file(disk.path("report"));
+        QVERIFY(file.open());
+        QCOMPARE(file.write(QByteArray(100 * 1024, 'x')), qint64{-1});
+        QVERIFY(disk.makeRoom());
+        QCOMPARE(file.write("end"), qint64{-1});
+        QVERIFY(!file.finish());
+        QCOMPARE(file.error(), QStringLiteral("No space left on device"));
+        QCOMPARE(contentsOf(disk.path("report")), QByteArray(32 * 1024, 'x'));
+    }
 
     void aFileThatIsCutWhileItLoadsIsNotLoaded_data() { places(); }
-    void aFileThatIsCutWhileItLoadsIsNotLoaded();
+
+    void aFileThatIsCutWhileItLoadsIsNotLoaded()
+    {
+        QFETCH(qint64, readBefore);
+        makeSimulation(manyNodes, "old");
+        QVERIFY(save(_file));
+        ChangingFile file(_file, readBefore, [&] { QFile::resize(_file, readBefore); });
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(!loads(file));
+        QVERIFY(file.hasChanged());
+        QCOMPARE(nodeNames(), QStringList());
+    }
+
     void aFileThatGrowsWhileItLoadsIsLoaded_data() { places(); }
-    void aFileThatGrowsWhileItLoadsIsLoaded();
+
+    void aFileThatGrowsWhileItLoadsIsLoaded()
+    {
+        QFETCH(qint64, readBefore);
+        makeSimulation(manyNodes, "old");
+        QVERIFY(save(_file));
+        const QByteArray more(1024 * 1024, '\xC1');
+        ChangingFile file(_file, readBefore, [&] { write(_file, more, QIODevice::Append); });
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(loads(file));
+        QVERIFY(file.hasChanged());
+        QCOMPARE(nodeNames().count("old"), manyNodes);
+    }
+
     void aFileThatIsReplacedWhileItLoadsIsLoadedAsItWas_data() { places(); }
-    void aFileThatIsReplacedWhileItLoadsIsLoadedAsItWas();
+
+    void aFileThatIsReplacedWhileItLoadsIsLoadedAsItWas()
+    {
+        QFETCH(qint64, readBefore);
+        makeSimulation(1, "new");
+        QVERIFY(save(_file));
+        const QByteArray other = contentsOf(_file);
+        makeSimulation(manyNodes, "old");
+        QVERIFY(save(_file));
+        ChangingFile file(_file, readBefore, [&] { replace(_file, other); });
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(loads(file));
+        QVERIFY(file.hasChanged());
+        QCOMPARE(nodeNames().count("old"), manyNodes);
+        QVERIFY(loads(_file));
+        QCOMPARE(nodeNames(), QStringList("new"));
+    }
+
     void aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot_data() { places(); }
-    void aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot();
+
+    /// A mixture of two files may be one too; what is none leaves nothing behind.
+    void aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot()
+    {
+        QFETCH(qint64, readBefore);
+        makeSimulation(manyNodes, "a name of another length");
+        QVERIFY(save(_file));
+        const QByteArray other = contentsOf(_file);
+        makeSimulation(manyNodes, "old");
+        QVERIFY(QFile::remove(_file) && save(_file));
+        ChangingFile file(_file, readBefore, [&] { write(_file, other, QIODevice::ReadWrite); });
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        if (!loads(file))
+            QCOMPARE(nodeNames(), QStringList());
+        QVERIFY(file.hasChanged());
+        QVERIFY(loads(_file));
+        QCOMPARE(nodeNames().count("a name of another length"), manyNodes);
+    }
+
     void aFileWhoseDiskFailsWhileItLoadsIsNotLoaded_data() { places(); }
-    void aFileWhoseDiskFailsWhileItLoadsIsNotLoaded();
+
+    void aFileWhoseDiskFailsWhileItLoadsIsNotLoaded()
+    {
+        QFETCH(qint64, readBefore);
+        makeSimulation(manyNodes, "old");
+        QVERIFY(save(_file));
+        FailingFile file(_file, readBefore);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(!loads(file));
+        QCOMPARE(nodeNames(), QStringList());
+    }
 
 private:
-    static void places();
+    /// How many bytes of the file have been read when it changes.
+    static void places()
+    {
+        QTest::addColumn<qint64>("readBefore");
+        for (const qint64 bytes : {0, 1, 4, 200, 16384, 16385, 100000})
+            QTest::addRow("%lld bytes", bytes) << bytes;
+    }
 
     QTemporaryDir _folder;
     QString _file = _folder.filePath(QStringLiteral("a.ltvo"));
     QString _dump = _folder.filePath(QStringLiteral("a.pcapdump"));
 };
-
-#define SKIP_WITHOUT(disk)                                                                                   \
-    if (!(disk).isThere())                                                                                   \
-    QSKIP("no disk can be mounted here, which root may: a disk that is full or read-only was not tested")
-
-void TestFileFaults::cleanup()
-{
-    NetworkSimulation::deleteNetworkSimulation();
-    QFile::remove(_file);
-    QFile::remove(_dump);
-}
-
-void TestFileFaults::savingAndExportingOntoADiskWithoutRoomForAFileFail()
-{
-    const Disk disk(diskOfOneFile);
-    SKIP_WITHOUT(disk);
-    QVERIFY(disk.fill());
-    makeSimulation(3, "kept");
-    QVERIFY(!save(disk.path("a.ltvo")));
-    QVERIFY(!exportDump(disk.path("a.pcapdump")));
-    QCOMPARE(nodeNames(), QStringList({"kept", "kept", "kept"}));
-    QVERIFY(save(_file));
-}
-
-void TestFileFaults::savingAndExportingOntoAReadOnlyDiskFail()
-{
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    makeSimulation(1, "first");
-    QVERIFY(save(disk.path("a.ltvo")));
-    const QByteArray before = contentsOf(disk.path("a.ltvo"));
-    QVERIFY(disk.makeReadOnly());
-
-    addNodes(1, "second");
-    QVERIFY(!save(disk.path("a.ltvo")));
-    QVERIFY(!exportDump(disk.path("a.ltvo")));
-    QCOMPARE(contentsOf(disk.path("a.ltvo")), before);
-    QCOMPARE(nodeNames().size(), 2);
-}
-
-/// Loading wants write permission, on purpose.
-void TestFileFaults::aFileOnAReadOnlyDiskIsNotOpenedByItsName()
-{
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    makeSimulation(1, "first");
-    QVERIFY(save(disk.path("a.ltvo")));
-    QVERIFY(disk.makeReadOnly());
-    QVERIFY(!loads(disk.path("a.ltvo")));
-    QCOMPARE(nodeNames(), QStringList());
-
-    QFile file(disk.path("a.ltvo"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(loads(file));
-    QCOMPARE(nodeNames(), QStringList("first"));
-}
-
-void TestFileFaults::savingAndExportingIntoAFolderWithoutPermissionFail()
-{
-    const QTemporaryDir folder;  // its owner's alone
-    QVERIFY(QFile::setPermissions(folder.path(), QFileDevice::ReadOwner | QFileDevice::ExeOwner));
-    makeSimulation(1, "kept");
-    const WithoutRights rights;
-    if (!rights.isBound())
-        QSKIP("root cannot give up its rights here: a folder without permission was not tested");
-    QVERIFY(!save(folder.filePath("a.ltvo")));
-    QVERIFY(!exportDump(folder.filePath("a.pcapdump")));
-    QCOMPARE(nodeNames(), QStringList("kept"));
-}
-
-/// The file is not cut first, so its place on the disk is not given away.
-void TestFileFaults::aFileThatIsThereIsSavedAgainOnAFullDisk()
-{
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    makeSimulation(20, "before");
-    QVERIFY(save(disk.path("a.ltvo")));
-    QVERIFY(disk.fill());
-
-    makeSimulation(20, "behind");
-    QVERIFY(save(disk.path("a.ltvo")));
-    QVERIFY(loads(disk.path("a.ltvo")));
-    QCOMPARE(nodeNames().size(), 20);
-    QCOMPARE(nodeNames().count("behind"), 20);
-}
-
-/// That a write failed is not reported, on purpose; the file that was cut short is refused when it is opened.
-void TestFileFaults::aDiskThatFillsUpWhileSavingHarmsOnlyTheNewFile()
-{
-    const Disk disk("size=256k");
-    SKIP_WITHOUT(disk);
-    QVERIFY(disk.fill());
-    QVERIFY(disk.makeRoom());
-    write(disk.path("filling"), QByteArray(128 * 1024, 'x'), QIODevice::WriteOnly);  // half of it is left
-
-    makeSimulation(manyNodes, "kept");
-    QVERIFY(save(disk.path("a.ltvo")));
-    QCOMPARE(nodeNames().size(), manyNodes);
-    QVERIFY(save(_file));
-    QVERIFY(contentsOf(disk.path("a.ltvo")).size() < contentsOf(_file).size());
-    QVERIFY(!loads(disk.path("a.ltvo")));
-    QCOMPARE(nodeNames(), QStringList());
-
-    QVERIFY(loads(_file));
-    QVERIFY(disk.makeRoom());
-    QVERIFY(save(disk.path("a.ltvo")));
-    QVERIFY(loads(disk.path("a.ltvo")));
-    QCOMPARE(nodeNames().size(), manyNodes);
-}
-
-void TestFileFaults::aDiskThatFillsUpWhileExportingHarmsOnlyTheNewFile()
-{
-    constexpr int frames = 1000;
-    constexpr int frameSize = 200;
-    constexpr int dumpSize = 24 + frames * (16 + frameSize + 2);
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    NetworkSimulation::newNetworkSimulation();
-    capture(frames, frameSize);
-
-    QVERIFY(exportDump(disk.path("a.pcapdump")));
-    const QByteArray cut = contentsOf(disk.path("a.pcapdump"));
-    QVERIFY(cut.startsWith(pcapMagic) && cut.size() < dumpSize);
-    QCOMPARE(TestHelpers::capturedFrames().size(), frames);
-    QVERIFY(exportDump(_dump));
-    QCOMPARE(contentsOf(_dump).size(), dumpSize);
-    QVERIFY(contentsOf(_dump).startsWith(cut));
-}
-
-void TestFileFaults::anOutputWrittenInPartOntoAFullDiskNamesTheReason_data()
-{
-    QTest::addColumn<int>("pieces");
-    QTest::newRow("in one piece") << 1;
-    QTest::newRow("in small pieces") << 20 * 1024;
-}
-
-void TestFileFaults::anOutputWrittenInPartOntoAFullDiskNamesTheReason()
-{
-    QFETCH(int, pieces);
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    const QByteArray contents(100 * 1024, 'x');
-    const int pieceSize = contents.size() / pieces;
-    OutputFile file(disk.path("report"));
-    QVERIFY(file.open());
-    for (int i = 0; i < pieces; ++i)
-        file.write(contents.mid(i * pieceSize, pieceSize));
-    QVERIFY(!file.finish());
-    QCOMPARE(file.error(), QStringLiteral("No space left on device"));
-    QCOMPARE(contentsOf(disk.path("report")), contents.left(64 * 1024));
-}
-
-/// More room does not make up for the part that is missing.
-void TestFileFaults::anOutputWrittenInPartHoldsThatPartAndNoMore()
-{
-    const Disk disk(smallDisk);
-    SKIP_WITHOUT(disk);
-    write(disk.path("filling"), QByteArray(32 * 1024, 'x'), QIODevice::WriteOnly);
-    OutputFile file(disk.path("report"));
-    QVERIFY(file.open());
-    QCOMPARE(file.write(QByteArray(100 * 1024, 'x')), qint64{-1});
-    QVERIFY(disk.makeRoom());
-    QCOMPARE(file.write("end"), qint64{-1});
-    QVERIFY(!file.finish());
-    QCOMPARE(file.error(), QStringLiteral("No space left on device"));
-    QCOMPARE(contentsOf(disk.path("report")), QByteArray(32 * 1024, 'x'));
-}
-
-/// How many bytes of the file have been read when it changes.
-void TestFileFaults::places()
-{
-    QTest::addColumn<qint64>("readBefore");
-    for (const qint64 bytes : {0, 1, 4, 200, 16384, 16385, 100000})
-        QTest::addRow("%lld bytes", bytes) << bytes;
-}
-
-void TestFileFaults::aFileThatIsCutWhileItLoadsIsNotLoaded()
-{
-    QFETCH(qint64, readBefore);
-    makeSimulation(manyNodes, "old");
-    QVERIFY(save(_file));
-    ChangingFile file(_file, readBefore, [&] { QFile::resize(_file, readBefore); });
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(!loads(file));
-    QVERIFY(file.hasChanged());
-    QCOMPARE(nodeNames(), QStringList());
-}
-
-void TestFileFaults::aFileThatGrowsWhileItLoadsIsLoaded()
-{
-    QFETCH(qint64, readBefore);
-    makeSimulation(manyNodes, "old");
-    QVERIFY(save(_file));
-    const QByteArray more(1024 * 1024, '\xC1');
-    ChangingFile file(_file, readBefore, [&] { write(_file, more, QIODevice::Append); });
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(loads(file));
-    QVERIFY(file.hasChanged());
-    QCOMPARE(nodeNames().count("old"), manyNodes);
-}
-
-void TestFileFaults::aFileThatIsReplacedWhileItLoadsIsLoadedAsItWas()
-{
-    QFETCH(qint64, readBefore);
-    makeSimulation(1, "new");
-    QVERIFY(save(_file));
-    const QByteArray other = contentsOf(_file);
-    makeSimulation(manyNodes, "old");
-    QVERIFY(save(_file));
-    ChangingFile file(_file, readBefore, [&] { replace(_file, other); });
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(loads(file));
-    QVERIFY(file.hasChanged());
-    QCOMPARE(nodeNames().count("old"), manyNodes);
-    QVERIFY(loads(_file));
-    QCOMPARE(nodeNames(), QStringList("new"));
-}
-
-/// A mixture of two files may be one too; what is none leaves nothing behind.
-void TestFileFaults::aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot()
-{
-    QFETCH(qint64, readBefore);
-    makeSimulation(manyNodes, "a name of another length");
-    QVERIFY(save(_file));
-    const QByteArray other = contentsOf(_file);
-    makeSimulation(manyNodes, "old");
-    QVERIFY(QFile::remove(_file) && save(_file));
-    ChangingFile file(_file, readBefore, [&] { write(_file, other, QIODevice::ReadWrite); });
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    if (!loads(file))
-        QCOMPARE(nodeNames(), QStringList());
-    QVERIFY(file.hasChanged());
-    QVERIFY(loads(_file));
-    QCOMPARE(nodeNames().count("a name of another length"), manyNodes);
-}
-
-void TestFileFaults::aFileWhoseDiskFailsWhileItLoadsIsNotLoaded()
-{
-    QFETCH(qint64, readBefore);
-    makeSimulation(manyNodes, "old");
-    QVERIFY(save(_file));
-    FailingFile file(_file, readBefore);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(!loads(file));
-    QCOMPARE(nodeNames(), QStringList());
-}
 
 QTEST_MAIN(TestFileFaults)
 #include "tst_filefaults.moc"

@@ -117,912 +117,830 @@ class TestFrame : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
+    void init()
+    {
+        _pair = std::make_unique<LinkedPair>();
+        qsrand(1);
+    }
 
-    void flagsHaveTheirFixedValues();
-    void aStoredFrameKeepsAllThatItIsGiven();
-    void aStoredFrameDrawsNothing();
-    void copiesCarryAllSixFields();
+    void cleanup() { _pair.reset(); }
 
-    void sizeDecidesOnValidity_data();
-    void sizeDecidesOnValidity();
-    void theLargerOffsetDecidesOnTheSmallestSize_data();
-    void theLargerOffsetDecidesOnTheSmallestSize();
-    void aFrameOfBadSizeHasTheInvalidFlagAlone();
-    void aMissingPartnerMakesTheFrameInvalid_data();
-    void aMissingPartnerMakesTheFrameInvalid();
-    void aBrokenConnectionMakesTheFrameInvalid();
-    void anInvalidFrameDrawsNothing();
-    void aFrameOnceInvalidStaysInvalid();
-    void validityFollowsTheParametersOfTheMoment();
-    void anInvalidFrameIsNotCaptured();
+    void flagsHaveTheirFixedValues()
+    {
+        QCOMPARE(int(Frame::Invalid), 1);
+        QCOMPARE(int(Frame::Broadcast), 2);
+        QCOMPARE(int(Frame::CRCError), 4);
+        QCOMPARE(int(Frame::DeliveredInTime), 8);
+        QCOMPARE(int(Frame::DeliveredLate), 16);
+        QCOMPARE(int(Frame::Delivered), 24);
+        QCOMPARE(int(Frame::ForceCapture), 32);
+        QCOMPARE(int(Frame::PromiscuousRx), 64);
+    }
 
-    void addressesAreCutFromThePayload();
-    void anAddressThatDoesNotFitIsEmpty();
-    void addressesFollowTheParametersOfTheMoment();
-    void rawBroadcastNeedsTheWholeAddress();
-    void rawBroadcastLooksAtTheDestinationOffset();
-    void hugeParametersDoNotOverflow_data();
-    void hugeParametersDoNotOverflow();
-    void negativeParametersFollowTheSameFormulas();
+    void aStoredFrameKeepsAllThatItIsGiven()
+    {
+        const auto flags = static_cast<Frame::FrameFlags>(Frame::Broadcast | Frame::CRCError
+                                                          | Frame::DeliveredLate | Frame::PromiscuousRx);
+        Frame frame("abc", 5000000000U, 6000000000U, flags);
+        QCOMPARE(frame.payload(), QByteArray("abc"));
+        QCOMPARE(frame.sendTime(), quint64{5000000000U});
+        QCOMPARE(frame.receiveTime(), quint64{6000000000U});
+        QCOMPARE(TestAccess::flags(frame), int(flags));
+        QVERIFY(!frame.sourceNode());
+        QVERIFY(!frame.destinationNode());
+        QVERIFY(frame.isBroadcast());
+        QVERIFY(!frame.isCRCCorrect());
+        QVERIFY(frame.wasDelivered(false));
+        QVERIFY(!frame.wasDelivered(true));
+        QVERIFY(frame.promiscuousReceive());
+    }
 
-    void sendTimeIsTheClockModulo32Bits();
-    void receiveTimeIsUnsetUntilTheFrameLeaves();
-    void leavingTheLinkStampsTheFrame_data();
-    void leavingTheLinkStampsTheFrame();
-    void onlyForcedFramesAreCaptured_data();
-    void onlyForcedFramesAreCaptured();
-    void nothingIsCapturedWhileTheCaptureIsOff();
-    void aCapturedFrameNeverChangesAgain();
-
-    void delaySpreadsAroundTheBase_data();
-    void delaySpreadsAroundTheBase();
-    void aDeviationOfOneDrawsButChangesNothing();
-    void aNegativeDelayIsRaisedToZero();
-    void withoutDeviationNoDelayIsDrawn();
-    void undecidedDelaysFallBack_data();
-    void undecidedDelaysFallBack();
-    void undecidedDeviationsFallBack_data();
-    void undecidedDeviationsFallBack();
-    void hugeDelaysAreClamped_data();
-    void hugeDelaysAreClamped();
-    void anUnwantedDelayIsNotReported();
-
-    void theReceiverDecidesWhatItTakes_data();
-    void theReceiverDecidesWhatItTakes();
-    void aFrameForNobodyDrawsItsDelayOnly();
-    void aBroadcastIsTakenByAnInactiveNode();
-    void aNodeWithTheBroadcastAddressTakesItAsItsOwn();
-    void undecidedPromiscuityIsTheDefaultNodes();
-    void theDeadlineDecidesOnLateness_data();
-    void theDeadlineDecidesOnLateness();
-
-    void eightDrawsAreMadePerByte_data();
-    void eightDrawsAreMadePerByte();
-    void anEmptyFrameDrawsNoBits();
-    void errorsAreThoseOfTheDrawSequence_data();
-    void errorsAreThoseOfTheDrawSequence();
-    void reliabilityZeroFlipsEveryBit();
-    void detectedErrorsKeepThePayloadAndTheFrame();
-    void anUndetectedLateFrameIsStillLate();
-    void undecidedReliabilitiesFallBack_data();
-    void undecidedReliabilitiesFallBack();
-    void undecidedDetectionsFallBack_data();
-    void undecidedDetectionsFallBack();
-    void eachFlippedBitIsLoggedOnce_data();
-    void eachFlippedBitIsLoggedOnce();
-    void aSilencedDebugOutputChangesNoDraw();
-
-private:
-    Frame _carry(const QByteArray& bytes, int maxDelay = noDeadline, int* delay = nullptr,
-                 bool forceCapture = false);
-    void _setLink(const LinkValues& values);
-
-    std::unique_ptr<LinkedPair> _pair;
-};
-
-void TestFrame::init()
-{
-    _pair = std::make_unique<LinkedPair>();
-    qsrand(1);
-}
-
-void TestFrame::cleanup()
-{
-    _pair.reset();
-}
-
-Frame TestFrame::_carry(const QByteArray& bytes, int maxDelay, int* delay, bool forceCapture)
-{
-    return Frame(bytes, _pair->sender, _pair->receiver, _pair->link, maxDelay, delay, forceCapture);
-}
-
-void TestFrame::_setLink(const LinkValues& values)
-{
-    TestAccess::delay(*_pair->link) = values.base;
-    TestAccess::deviation(*_pair->link) = values.deviation;
-    TestAccess::reliability(*_pair->link) = values.reliability;
-    TestAccess::errorDetection(*_pair->link) = values.detection;
-}
-
-void TestFrame::flagsHaveTheirFixedValues()
-{
-    QCOMPARE(int(Frame::Invalid), 1);
-    QCOMPARE(int(Frame::Broadcast), 2);
-    QCOMPARE(int(Frame::CRCError), 4);
-    QCOMPARE(int(Frame::DeliveredInTime), 8);
-    QCOMPARE(int(Frame::DeliveredLate), 16);
-    QCOMPARE(int(Frame::Delivered), 24);
-    QCOMPARE(int(Frame::ForceCapture), 32);
-    QCOMPARE(int(Frame::PromiscuousRx), 64);
-}
-
-void TestFrame::aStoredFrameKeepsAllThatItIsGiven()
-{
-    const auto flags = static_cast<Frame::FrameFlags>(Frame::Broadcast | Frame::CRCError
-                                                      | Frame::DeliveredLate | Frame::PromiscuousRx);
-    Frame frame("abc", 5000000000U, 6000000000U, flags);
-    QCOMPARE(frame.payload(), QByteArray("abc"));
-    QCOMPARE(frame.sendTime(), quint64{5000000000U});
-    QCOMPARE(frame.receiveTime(), quint64{6000000000U});
-    QCOMPARE(TestAccess::flags(frame), int(flags));
-    QVERIFY(!frame.sourceNode());
-    QVERIFY(!frame.destinationNode());
-    QVERIFY(frame.isBroadcast());
-    QVERIFY(!frame.isCRCCorrect());
-    QVERIFY(frame.wasDelivered(false));
-    QVERIFY(!frame.wasDelivered(true));
-    QVERIFY(frame.promiscuousReceive());
-}
-
-void TestFrame::aStoredFrameDrawsNothing()
-{
-    const int expected = drawAfter(4, 0);
-    qsrand(4);
-    const Frame frame(_pair->unicast(), 1, 2, Frame::DeliveredInTime);
-    QCOMPARE(qrand(), expected);
-    QVERIFY(frame.wasDelivered(true));
-}
-
-void TestFrame::copiesCarryAllSixFields()
-{
-    Frame frame = _carry(_pair->unicast(20), noDeadline, nullptr, true);
-    frame.nowReceived();
-    Frame copy(frame);
-    QCOMPARE(copy.sourceNode(), static_cast<Node*>(_pair->sender));
-    QCOMPARE(copy.destinationNode(), static_cast<Node*>(_pair->receiver));
-    QCOMPARE(copy.sendTime(), frame.sendTime());
-    QCOMPARE(copy.receiveTime(), frame.receiveTime());
-    QCOMPARE(copy.payload(), frame.payload());
-    QCOMPARE(TestAccess::flags(copy), TestAccess::flags(frame));
-}
-
-void TestFrame::sizeDecidesOnValidity_data()
-{
-    QTest::addColumn<int>("size");
-    QTest::addColumn<bool>("valid");
-    QTest::newRow("one byte short of both addresses") << smallestFrame - 1 << false;
-    QTest::newRow("just both addresses") << smallestFrame << true;
-    QTest::newRow("exactly the largest") << largestFrame << true;
-    QTest::newRow("one byte above the largest") << largestFrame + 1 << false;
-}
-
-void TestFrame::sizeDecidesOnValidity()
-{
-    QFETCH(int, size);
-    QFETCH(bool, valid);
-    const Frame frame = _carry(_pair->unicast(largestFrame + 1).left(size));
-    QCOMPARE(frame.isValid(), valid);
-    QCOMPARE(frame.wasDelivered(true), valid);
-}
-
-void TestFrame::theLargerOffsetDecidesOnTheSmallestSize_data()
-{
-    QTest::addColumn<int>("destinationOffset");
-    QTest::addColumn<int>("sourceOffset");
-    QTest::newRow("destination behind source") << 20 << 3;
-    QTest::newRow("source behind destination") << 3 << 20;
-}
-
-void TestFrame::theLargerOffsetDecidesOnTheSmallestSize()
-{
-    QFETCH(int, destinationOffset);
-    QFETCH(int, sourceOffset);
-    TestAccess::parameters(*network()).destinationAddressOffset = destinationOffset;
-    TestAccess::parameters(*network()).sourceAddressOffset = sourceOffset;
-    QVERIFY(!_carry(QByteArray(20 + addressSize - 1, '\0')).isValid());
-    QVERIFY(_carry(QByteArray(20 + addressSize, '\0')).isValid());
-}
-
-void TestFrame::aFrameOfBadSizeHasTheInvalidFlagAlone()
-{
-    Frame tooShort = _carry(_pair->broadcast().left(smallestFrame - 1), 0, nullptr, true);
-    QCOMPARE(TestAccess::flags(tooShort), int(Frame::Invalid));
-    QVERIFY(!tooShort.wasDelivered(false));
-    QVERIFY(!tooShort.isBroadcast());
-}
-
-void TestFrame::aMissingPartnerMakesTheFrameInvalid_data()
-{
-    QTest::addColumn<bool>("hasSource");
-    QTest::addColumn<bool>("hasDestination");
-    QTest::addColumn<bool>("hasConnection");
-    QTest::newRow("no source") << false << true << true;
-    QTest::newRow("no destination") << true << false << true;
-    QTest::newRow("no connection") << true << true << false;
-}
-
-void TestFrame::aMissingPartnerMakesTheFrameInvalid()
-{
-    QFETCH(bool, hasSource);
-    QFETCH(bool, hasDestination);
-    QFETCH(bool, hasConnection);
-    int delay = untouched;
-    Frame frame(_pair->unicast(), hasSource ? _pair->sender : nullptr,
-                hasDestination ? _pair->receiver : nullptr, hasConnection ? _pair->link : nullptr, noDeadline,
-                &delay, true);
-    QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
-    QVERIFY(!frame.isValid());
-    QCOMPARE(delay, untouched);
-    QCOMPARE(frame.payload(), _pair->unicast());
-    QCOMPARE(frame.receiveTime(), notReceivedYet);
-}
-
-void TestFrame::aBrokenConnectionMakesTheFrameInvalid()
-{
-    TestAccess::broken(*_pair->link) = true;
-    int delay = untouched;
-    Frame frame = _carry(_pair->broadcast(), noDeadline, &delay, true);
-    QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
-    QCOMPARE(delay, untouched);
-}
-
-void TestFrame::anInvalidFrameDrawsNothing()
-{
-    _setLink({100, 50, 0.5, 0.5});
-    const int expected = drawAfter(6, 0);
-    qsrand(6);
-    QVERIFY(!_carry(QByteArray(smallestFrame - 1, '\0')).isValid());
-    TestAccess::broken(*_pair->link) = true;
-    QVERIFY(!_carry(_pair->unicast()).isValid());
-    QCOMPARE(qrand(), expected);
-}
-
-void TestFrame::aFrameOnceInvalidStaysInvalid()
-{
-    const Frame frame = _carry(_pair->unicast(largestFrame));
-    QVERIFY(frame.isValid());
-    TestAccess::parameters(*network()).maximalTransferUnit = largestFrame - 1;
-    QVERIFY(!frame.isValid());
-    TestAccess::parameters(*network()).maximalTransferUnit = largestFrame;
-    QVERIFY(!frame.isValid());
-    QVERIFY(!frame.wasDelivered(false));
-}
-
-void TestFrame::validityFollowsTheParametersOfTheMoment()
-{
-    Frame frame = _carry(_pair->broadcast(), noDeadline, nullptr, true);
-    QVERIFY(frame.isValid());
-    TestAccess::parameters(*network()).sourceAddressOffset = 7;
-    QVERIFY(frame.isBroadcast());  // nothing has asked yet
-    QVERIFY(!frame.isValid());
-    QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
-}
-
-void TestFrame::anInvalidFrameIsNotCaptured()
-{
-    Frame frame = _carry(QByteArray(smallestFrame - 1, '\0'), noDeadline, nullptr, true);
-    frame.neverReceived();
-    QCOMPARE(capturedFrames().size(), 0);
-    QVERIFY(frame.receiveTime() != notReceivedYet);
-}
-
-void TestFrame::addressesAreCutFromThePayload()
-{
-    TestAccess::parameters(*network()).addressLength = 3;
-    TestAccess::parameters(*network()).destinationAddressOffset = 5;
-    TestAccess::parameters(*network()).sourceAddressOffset = 1;
-    const Frame frame("0123456789", 0, 0, Frame::Broadcast);
-    QCOMPARE(frame.destinationAddress(), QByteArray("567"));
-    QCOMPARE(frame.sourceAddress(), QByteArray("123"));
-}
-
-void TestFrame::anAddressThatDoesNotFitIsEmpty()
-{
-    const QByteArray bytes = _pair->unicast();
-    const Frame oneShort(bytes.left(smallestFrame - 1), 0, 0, Frame::Broadcast);
-    QCOMPARE(oneShort.sourceAddress(), QByteArray());
-    QCOMPARE(oneShort.destinationAddress(), nodeAddress(2));
-
-    const Frame five(bytes.left(addressSize - 1), 0, 0, Frame::Broadcast);
-    QCOMPARE(five.destinationAddress(), QByteArray());
-    const Frame whole(bytes, 0, 0, Frame::Broadcast);
-    QCOMPARE(whole.sourceAddress(), nodeAddress(1));
-}
-
-void TestFrame::addressesFollowTheParametersOfTheMoment()
-{
-    const Frame frame = _carry(_pair->unicast());
-    TestAccess::parameters(*network()).addressLength = 2;
-    TestAccess::parameters(*network()).destinationAddressOffset = 4;
-    QCOMPARE(frame.destinationAddress(), QByteArray("\0\2", 2));
-    QCOMPARE(frame.sourceAddress(), QByteArray("\0\0", 2));
-}
-
-void TestFrame::rawBroadcastNeedsTheWholeAddress()
-{
-    QVERIFY(Frame::isBroadcast(broadcastAddress()));  // no source needed
-    QVERIFY(!Frame::isBroadcast(broadcastAddress().left(addressSize - 1)));
-    QVERIFY(!Frame::isBroadcast(QByteArray()));
-    QVERIFY(!Frame::isBroadcast(nodeAddress(1) + broadcastAddress()));
-}
-
-void TestFrame::rawBroadcastLooksAtTheDestinationOffset()
-{
-    TestAccess::parameters(*network()).destinationAddressOffset = 6;
-    TestAccess::parameters(*network()).broadcastAddress = "BROADC";
-    QVERIFY(Frame::isBroadcast("......BROADC"));
-    QVERIFY(!Frame::isBroadcast("BROADC......"));
-    QVERIFY(!Frame::isBroadcast("......BROAD"));
-}
-
-void TestFrame::hugeParametersDoNotOverflow_data()
-{
-    QTest::addColumn<int>("length");
-    QTest::addColumn<int>("destinationOffset");
-    QTest::addColumn<int>("sourceOffset");
-    QTest::newRow("length") << largestInt << 0 << 6;
-    QTest::newRow("length of one frame less") << largestInt - 5 << 0 << 6;
-    QTest::newRow("destination offset") << 6 << largestInt << 6;
-    QTest::newRow("source offset") << 6 << 0 << largestInt;
-    QTest::newRow("all") << largestInt << largestInt << largestInt;
-}
-
-void TestFrame::hugeParametersDoNotOverflow()
-{
-    QFETCH(int, length);
-    QFETCH(int, destinationOffset);
-    QFETCH(int, sourceOffset);
-    auto& parameters = TestAccess::parameters(*network());
-    parameters.maximalTransferUnit = largestInt;
-    parameters.addressLength = length;
-    parameters.destinationAddressOffset = destinationOffset;
-    parameters.sourceAddressOffset = sourceOffset;
-    parameters.broadcastAddress.clear();
-
-    const Frame frame = _carry(_pair->unicast());
-    QVERIFY(!frame.isValid());
-    QCOMPARE(frame.sourceAddress().isEmpty() || frame.destinationAddress().isEmpty(), true);
-    QCOMPARE(Frame::isBroadcast(_pair->unicast()), false);
-    QCOMPARE(frame.payload(), _pair->unicast());
-}
-
-void TestFrame::negativeParametersFollowTheSameFormulas()
-{
-    auto& parameters = TestAccess::parameters(*network());
-    const QByteArray bytes("0123456789");
-
-    parameters.destinationAddressOffset = -2;
-    parameters.sourceAddressOffset = smallestInt;
-    const Frame cut(bytes, 0, 0, Frame::Broadcast);
-    QCOMPARE(cut.destinationAddress(), QByteArray("0123"));  // what lies before the frame is missing
-    QCOMPARE(cut.sourceAddress(), QByteArray());
-    QVERIFY(cut.isValid());
-
-    parameters.addressLength = smallestInt;
-    QVERIFY(_carry(QByteArray()).isValid());
-    parameters.maximalTransferUnit = -1;
-    QVERIFY(!_carry(QByteArray()).isValid());
-}
-
-void TestFrame::sendTimeIsTheClockModulo32Bits()
-{
-    const qint64 before = QDateTime::currentMSecsSinceEpoch();
-    const Frame frame = _carry(_pair->unicast());
-    const qint64 after = QDateTime::currentMSecsSinceEpoch();
-    QVERIFY(frame.sendTime() < timeStampRange);
-    QVERIFY(quint64(before) >= timeStampRange);  // else nothing was cut off
-    QVERIFY(isBetween(frame.sendTime(), before, after));
-}
-
-void TestFrame::receiveTimeIsUnsetUntilTheFrameLeaves()
-{
-    QCOMPARE(_carry(_pair->unicast()).receiveTime(), notReceivedYet);
-}
-
-void TestFrame::leavingTheLinkStampsTheFrame_data()
-{
-    QTest::addColumn<bool>("received");
-    QTest::newRow("received") << true;
-    QTest::newRow("never received") << false;
-}
-
-void TestFrame::leavingTheLinkStampsTheFrame()
-{
-    QFETCH(bool, received);
-    Frame frame(_pair->unicast(), 1, notReceivedYet, Frame::ForceCapture);
-    const qint64 before = QDateTime::currentMSecsSinceEpoch();
-    if (received)
-        frame.nowReceived();
-    else
-        frame.neverReceived();
-    const qint64 after = QDateTime::currentMSecsSinceEpoch();
-
-    QVERIFY(frame.receiveTime() < timeStampRange);
-    QVERIFY(isBetween(frame.receiveTime(), before, after));
-    QCOMPARE(frame.sendTime(), quint64{1});
-    QCOMPARE(TestAccess::flags(frame), int(Frame::ForceCapture));
-    QCOMPARE(capturedFrames().size(), 1);
-    QCOMPARE(capturedFrames().first().receiveTime(), frame.receiveTime());
-}
-
-void TestFrame::onlyForcedFramesAreCaptured_data()
-{
-    QTest::addColumn<bool>("forced");
-    QTest::newRow("forced") << true;
-    QTest::newRow("not forced") << false;
-}
-
-void TestFrame::onlyForcedFramesAreCaptured()
-{
-    QFETCH(bool, forced);
-    Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, forced);
-    QCOMPARE(bool(TestAccess::flags(frame) & Frame::ForceCapture), forced);
-    frame.nowReceived();
-    QCOMPARE(capturedFrames().size(), forced ? 1 : 0);
-}
-
-void TestFrame::nothingIsCapturedWhileTheCaptureIsOff()
-{
-    capture()->setEnabled(false);
-    Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, true);
-    frame.nowReceived();
-    QCOMPARE(capturedFrames().size(), 0);
-    QVERIFY(frame.receiveTime() != notReceivedYet);
-}
-
-void TestFrame::aCapturedFrameNeverChangesAgain()
-{
-    Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, true);
-    frame.nowReceived();
-    TestAccess::flags(frame) = Frame::Invalid;
-    QVERIFY(capturedFrames().first().wasDelivered(true));
-    QVERIFY(capturedFrames().first().isValid());
-}
-
-void TestFrame::delaySpreadsAroundTheBase_data()
-{
-    QTest::addColumn<int>("base");
-    QTest::addColumn<int>("deviation");
-    QTest::addColumn<int>("smallest");
-    QTest::addColumn<int>("largest");
-    QTest::newRow("even deviation") << 100 << 10 << 95 << 104;
-    QTest::newRow("odd deviation") << 100 << 5 << 98 << 102;
-    QTest::newRow("deviation of two") << 100 << 2 << 99 << 100;
-}
-
-void TestFrame::delaySpreadsAroundTheBase()
-{
-    QFETCH(int, base);
-    QFETCH(int, deviation);
-    QFETCH(int, smallest);
-    QFETCH(int, largest);
-    _setLink({base, deviation, 1.0, 1.0});
-    std::set<int> seen;
-    for (uint seed = 1; seed <= 200; ++seed) {
-        int delay = untouched;
-        qsrand(seed * 7919);
-        const Frame frame = _carry(_pair->unicast(), noDeadline, &delay);
+    void aStoredFrameDrawsNothing()
+    {
+        const int expected = drawAfter(4, 0);
+        qsrand(4);
+        const Frame frame(_pair->unicast(), 1, 2, Frame::DeliveredInTime);
+        QCOMPARE(qrand(), expected);
         QVERIFY(frame.wasDelivered(true));
-        QCOMPARE(delay, replay(seed * 7919, _pair->unicast(), {base, deviation, 1.0, 1.0}).delay);
-        seen.insert(delay);
     }
-    QCOMPARE(*seen.begin(), smallest);
-    QCOMPARE(*seen.rbegin(), largest);
-    QCOMPARE(int(seen.size()), deviation);
-}
 
-void TestFrame::aDeviationOfOneDrawsButChangesNothing()
-{
-    _setLink({100, 1, 1.0, 1.0});
-    const int expected = drawAfter(5, 1);
-    qsrand(5);
-    int delay = untouched;
-    QVERIFY(!_carry(_pair->toNobody(), noDeadline, &delay).wasDelivered(false));
-    QCOMPARE(delay, 100);
-    QCOMPARE(qrand(), expected);
-}
+    void copiesCarryAllSixFields()
+    {
+        Frame frame = _carry(_pair->unicast(20), noDeadline, nullptr, true);
+        frame.nowReceived();
+        Frame copy(frame);
+        QCOMPARE(copy.sourceNode(), static_cast<Node*>(_pair->sender));
+        QCOMPARE(copy.destinationNode(), static_cast<Node*>(_pair->receiver));
+        QCOMPARE(copy.sendTime(), frame.sendTime());
+        QCOMPARE(copy.receiveTime(), frame.receiveTime());
+        QCOMPARE(copy.payload(), frame.payload());
+        QCOMPARE(TestAccess::flags(copy), TestAccess::flags(frame));
+    }
 
-void TestFrame::aNegativeDelayIsRaisedToZero()
-{
-    _setLink({1, 100, 1.0, 1.0});
-    int zeroes = 0;
-    for (uint seed = 1; seed <= 100; ++seed) {
+    void sizeDecidesOnValidity_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<bool>("valid");
+        QTest::newRow("one byte short of both addresses") << smallestFrame - 1 << false;
+        QTest::newRow("just both addresses") << smallestFrame << true;
+        QTest::newRow("exactly the largest") << largestFrame << true;
+        QTest::newRow("one byte above the largest") << largestFrame + 1 << false;
+    }
+
+    void sizeDecidesOnValidity()
+    {
+        QFETCH(int, size);
+        QFETCH(bool, valid);
+        const Frame frame = _carry(_pair->unicast(largestFrame + 1).left(size));
+        QCOMPARE(frame.isValid(), valid);
+        QCOMPARE(frame.wasDelivered(true), valid);
+    }
+
+    void theLargerOffsetDecidesOnTheSmallestSize_data()
+    {
+        QTest::addColumn<int>("destinationOffset");
+        QTest::addColumn<int>("sourceOffset");
+        QTest::newRow("destination behind source") << 20 << 3;
+        QTest::newRow("source behind destination") << 3 << 20;
+    }
+
+    void theLargerOffsetDecidesOnTheSmallestSize()
+    {
+        QFETCH(int, destinationOffset);
+        QFETCH(int, sourceOffset);
+        TestAccess::parameters(*network()).destinationAddressOffset = destinationOffset;
+        TestAccess::parameters(*network()).sourceAddressOffset = sourceOffset;
+        QVERIFY(!_carry(QByteArray(20 + addressSize - 1, '\0')).isValid());
+        QVERIFY(_carry(QByteArray(20 + addressSize, '\0')).isValid());
+    }
+
+    void aFrameOfBadSizeHasTheInvalidFlagAlone()
+    {
+        Frame tooShort = _carry(_pair->broadcast().left(smallestFrame - 1), 0, nullptr, true);
+        QCOMPARE(TestAccess::flags(tooShort), int(Frame::Invalid));
+        QVERIFY(!tooShort.wasDelivered(false));
+        QVERIFY(!tooShort.isBroadcast());
+    }
+
+    void aMissingPartnerMakesTheFrameInvalid_data()
+    {
+        QTest::addColumn<bool>("hasSource");
+        QTest::addColumn<bool>("hasDestination");
+        QTest::addColumn<bool>("hasConnection");
+        QTest::newRow("no source") << false << true << true;
+        QTest::newRow("no destination") << true << false << true;
+        QTest::newRow("no connection") << true << true << false;
+    }
+
+    void aMissingPartnerMakesTheFrameInvalid()
+    {
+        QFETCH(bool, hasSource);
+        QFETCH(bool, hasDestination);
+        QFETCH(bool, hasConnection);
         int delay = untouched;
-        qsrand(seed * 7919);
-        _carry(_pair->unicast(), noDeadline, &delay);
-        QVERIFY(delay >= 0 && delay <= 50);
-        zeroes += delay == 0 ? 1 : 0;
+        Frame frame(_pair->unicast(), hasSource ? _pair->sender : nullptr,
+                    hasDestination ? _pair->receiver : nullptr, hasConnection ? _pair->link : nullptr,
+                    noDeadline, &delay, true);
+        QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
+        QVERIFY(!frame.isValid());
+        QCOMPARE(delay, untouched);
+        QCOMPARE(frame.payload(), _pair->unicast());
+        QCOMPARE(frame.receiveTime(), notReceivedYet);
     }
-    QVERIFY(zeroes > 20);
-    QVERIFY(zeroes < 80);
-}
 
-void TestFrame::withoutDeviationNoDelayIsDrawn()
-{
-    _setLink({100, 0, 1.0, 1.0});
-    const int expected = drawAfter(5, 0);
-    qsrand(5);
-    int delay = untouched;
-    _carry(_pair->toNobody(), noDeadline, &delay);
-    QCOMPARE(delay, 100);
-    QCOMPARE(qrand(), expected);
-}
-
-void TestFrame::undecidedDelaysFallBack_data()
-{
-    QTest::addColumn<int>("own");
-    QTest::addColumn<int>("expected");
-    QTest::newRow("negative") << -1 << 70;
-    QTest::newRow("zero is undecided too") << 0 << 70;
-    QTest::newRow("smallest decided") << 1 << 1;
-    QTest::newRow("smallest of all") << smallestInt << 70;
-}
-
-void TestFrame::undecidedDelaysFallBack()
-{
-    QFETCH(int, own);
-    QFETCH(int, expected);
-    TestAccess::delay(*network()->defaultConnection()) = 70;
-    TestAccess::delay(*_pair->link) = own;
-    int delay = untouched;
-    _carry(_pair->unicast(), noDeadline, &delay);
-    QCOMPARE(delay, expected);
-}
-
-void TestFrame::undecidedDeviationsFallBack_data()
-{
-    QTest::addColumn<int>("own");
-    QTest::addColumn<int>("inherited");
-    QTest::addColumn<int>("effective");
-    QTest::newRow("negative") << -1 << 30 << 30;
-    QTest::newRow("zero is undecided too") << 0 << 30 << 30;
-    QTest::newRow("own") << 50 << 30 << 50;
-    QTest::newRow("both zero") << 0 << 0 << 0;
-    QTest::newRow("both negative") << -1 << -5 << 0;
-}
-
-void TestFrame::undecidedDeviationsFallBack()
-{
-    QFETCH(int, own);
-    QFETCH(int, inherited);
-    QFETCH(int, effective);
-    _setLink({100, own, 1.0, 1.0});
-    TestAccess::deviation(*network()->defaultConnection()) = inherited;
-    const Replay expected = replay(77, _pair->unicast(), {100, effective, 1.0, 1.0});
-    qsrand(77);
-    int delay = untouched;
-    _carry(_pair->unicast(), noDeadline, &delay);
-    QCOMPARE(delay, expected.delay);
-    QCOMPARE(qrand(), expected.nextDraw);
-}
-
-void TestFrame::hugeDelaysAreClamped_data()
-{
-    QTest::addColumn<int>("base");
-    QTest::addColumn<int>("deviation");
-    QTest::addColumn<int>("smallest");
-    QTest::addColumn<int>("largest");
-    QTest::newRow("largest base") << largestInt << 0 << largestInt << largestInt;
-    QTest::newRow("largest base, some deviation") << largestInt << 10 << largestInt - 5 << largestInt;
-    QTest::newRow("both largest") << largestInt << largestInt << largestInt / 2 << largestInt;
-    QTest::newRow("largest deviation") << 1 << largestInt << 0 << largestInt / 2 + 1;
-    QTest::newRow("negative base") << smallestInt << largestInt << 0 << 0;
-}
-
-void TestFrame::hugeDelaysAreClamped()
-{
-    QFETCH(int, base);
-    QFETCH(int, deviation);
-    QFETCH(int, smallest);
-    QFETCH(int, largest);
-    Connection* defaults = network()->defaultConnection();
-    TestAccess::delay(*defaults) = base;  // a negative one counts only here
-    TestAccess::deviation(*defaults) = deviation;
-    bool isClamped = false;
-    for (uint seed = 1; seed <= 50; ++seed) {
+    void aBrokenConnectionMakesTheFrameInvalid()
+    {
+        TestAccess::broken(*_pair->link) = true;
         int delay = untouched;
-        qsrand(seed * 104729);
-        _carry(_pair->unicast(), noDeadline, &delay);
-        QVERIFY2(delay >= smallest && delay <= largest, qPrintable(QString::number(delay)));
-        isClamped = isClamped || delay == 0 || delay == largestInt;
+        Frame frame = _carry(_pair->broadcast(), noDeadline, &delay, true);
+        QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
+        QCOMPARE(delay, untouched);
     }
-    QVERIFY(isClamped);
-}
 
-void TestFrame::anUnwantedDelayIsNotReported()
-{
-    _setLink({100, 10, 1.0, 1.0});
-    const int expected = drawAfter(5, 1 + bitsPerByte * smallestFrame);
-    qsrand(5);
-    QVERIFY(_carry(_pair->unicast(), noDeadline, nullptr).wasDelivered(true));
-    QCOMPARE(qrand(), expected);
-}
+    void anInvalidFrameDrawsNothing()
+    {
+        _setLink({100, 50, 0.5, 0.5});
+        const int expected = drawAfter(6, 0);
+        qsrand(6);
+        QVERIFY(!_carry(QByteArray(smallestFrame - 1, '\0')).isValid());
+        TestAccess::broken(*_pair->link) = true;
+        QVERIFY(!_carry(_pair->unicast()).isValid());
+        QCOMPARE(qrand(), expected);
+    }
 
-void TestFrame::theReceiverDecidesWhatItTakes_data()
-{
-    constexpr int own = 2;
-    constexpr int foreign = 9;
-    QTest::addColumn<bool>("active");
-    QTest::addColumn<int>("destination");
-    QTest::addColumn<bool>("promiscuous");
-    QTest::addColumn<int>("flags");
-    QTest::newRow("own address") << true << own << false << int(Frame::DeliveredInTime);
-    QTest::newRow("own address, promiscuous") << true << own << true << int(Frame::DeliveredInTime);
-    QTest::newRow("foreign address") << true << foreign << false << 0;
-    QTest::newRow("foreign address, promiscuous")
-        << true << foreign << true << int(Frame::DeliveredInTime | Frame::PromiscuousRx);
-    QTest::newRow("own address, inactive") << false << own << false << 0;
-    QTest::newRow("foreign address, inactive, promiscuous") << false << foreign << true << 0;
-}
+    void aFrameOnceInvalidStaysInvalid()
+    {
+        const Frame frame = _carry(_pair->unicast(largestFrame));
+        QVERIFY(frame.isValid());
+        TestAccess::parameters(*network()).maximalTransferUnit = largestFrame - 1;
+        QVERIFY(!frame.isValid());
+        TestAccess::parameters(*network()).maximalTransferUnit = largestFrame;
+        QVERIFY(!frame.isValid());
+        QVERIFY(!frame.wasDelivered(false));
+    }
 
-void TestFrame::theReceiverDecidesWhatItTakes()
-{
-    QFETCH(bool, active);
-    QFETCH(int, destination);
-    QFETCH(bool, promiscuous);
-    QFETCH(int, flags);
-    _pair->receiver->setActive(active, false);
-    TestAccess::promiscuousMode(*_pair->receiver) = promiscuous ? Qt::Checked : Qt::Unchecked;
-    Frame frame = _carry(frameBytes(nodeAddress(destination), nodeAddress(1)));
-    QCOMPARE(TestAccess::flags(frame), flags);
-    QVERIFY(frame.isValid());
-}
+    void validityFollowsTheParametersOfTheMoment()
+    {
+        Frame frame = _carry(_pair->broadcast(), noDeadline, nullptr, true);
+        QVERIFY(frame.isValid());
+        TestAccess::parameters(*network()).sourceAddressOffset = 7;
+        QVERIFY(frame.isBroadcast());  // nothing has asked yet
+        QVERIFY(!frame.isValid());
+        QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
+    }
 
-void TestFrame::aFrameForNobodyDrawsItsDelayOnly()
-{
-    _setLink({100, 10, 0.0, 0.0});
-    const int expected = drawAfter(11, 1);
-    qsrand(11);
-    int delay = untouched;
-    Frame frame = _carry(_pair->toNobody(), noDeadline, &delay, true);
-    QCOMPARE(qrand(), expected);
-    QCOMPARE(delay, replay(11, _pair->toNobody(), {100, 10, 1.0, 1.0}).delay);
-    QCOMPARE(TestAccess::flags(frame), int(Frame::ForceCapture));
-    QCOMPARE(frame.payload(), _pair->toNobody());
-}
+    void anInvalidFrameIsNotCaptured()
+    {
+        Frame frame = _carry(QByteArray(smallestFrame - 1, '\0'), noDeadline, nullptr, true);
+        frame.neverReceived();
+        QCOMPARE(capturedFrames().size(), 0);
+        QVERIFY(frame.receiveTime() != notReceivedYet);
+    }
 
-void TestFrame::aBroadcastIsTakenByAnInactiveNode()
-{
-    _pair->receiver->setActive(false, false);
-    _pair->receiver->setActive(false, true);
-    Frame frame = _carry(_pair->broadcast());
-    QCOMPARE(TestAccess::flags(frame), int(Frame::Broadcast | Frame::PromiscuousRx | Frame::DeliveredInTime));
-}
+    void addressesAreCutFromThePayload()
+    {
+        TestAccess::parameters(*network()).addressLength = 3;
+        TestAccess::parameters(*network()).destinationAddressOffset = 5;
+        TestAccess::parameters(*network()).sourceAddressOffset = 1;
+        const Frame frame("0123456789", 0, 0, Frame::Broadcast);
+        QCOMPARE(frame.destinationAddress(), QByteArray("567"));
+        QCOMPARE(frame.sourceAddress(), QByteArray("123"));
+    }
 
-void TestFrame::aNodeWithTheBroadcastAddressTakesItAsItsOwn()
-{
-    _pair->receiver->setAddress(broadcastAddress());
-    Frame frame = _carry(_pair->broadcast());
-    QCOMPARE(TestAccess::flags(frame), int(Frame::Broadcast | Frame::DeliveredInTime));
-}
+    void anAddressThatDoesNotFitIsEmpty()
+    {
+        const QByteArray bytes = _pair->unicast();
+        const Frame oneShort(bytes.left(smallestFrame - 1), 0, 0, Frame::Broadcast);
+        QCOMPARE(oneShort.sourceAddress(), QByteArray());
+        QCOMPARE(oneShort.destinationAddress(), nodeAddress(2));
 
-void TestFrame::undecidedPromiscuityIsTheDefaultNodes()
-{
-    QVERIFY(!_carry(_pair->toNobody()).wasDelivered(false));
-    TestAccess::promiscuousMode(*network()->defaultNode()) = Qt::Checked;
-    QVERIFY(_carry(_pair->toNobody()).promiscuousReceive());
-}
+        const Frame five(bytes.left(addressSize - 1), 0, 0, Frame::Broadcast);
+        QCOMPARE(five.destinationAddress(), QByteArray());
+        const Frame whole(bytes, 0, 0, Frame::Broadcast);
+        QCOMPARE(whole.sourceAddress(), nodeAddress(1));
+    }
 
-void TestFrame::theDeadlineDecidesOnLateness_data()
-{
-    QTest::addColumn<int>("delay");
-    QTest::addColumn<int>("deadline");
-    QTest::addColumn<int>("delivered");
-    const int inTime = Frame::DeliveredInTime;
-    const int late = Frame::DeliveredLate;
-    QTest::newRow("no deadline") << 100000 << -1 << inTime;
-    QTest::newRow("any negative deadline") << 100000 << smallestInt << inTime;
-    QTest::newRow("deadline 0, no delay") << 0 << 0 << inTime;
-    QTest::newRow("deadline 0, some delay") << 1 << 0 << late;
-    QTest::newRow("delay equal to the deadline") << 50 << 50 << inTime;
-    QTest::newRow("delay one above the deadline") << 51 << 50 << late;
-}
+    void addressesFollowTheParametersOfTheMoment()
+    {
+        const Frame frame = _carry(_pair->unicast());
+        TestAccess::parameters(*network()).addressLength = 2;
+        TestAccess::parameters(*network()).destinationAddressOffset = 4;
+        QCOMPARE(frame.destinationAddress(), QByteArray("\0\2", 2));
+        QCOMPARE(frame.sourceAddress(), QByteArray("\0\0", 2));
+    }
 
-void TestFrame::theDeadlineDecidesOnLateness()
-{
-    QFETCH(int, delay);
-    QFETCH(int, deadline);
-    QFETCH(int, delivered);
-    TestAccess::delay(*_pair->link) = delay;
-    Frame frame = _carry(_pair->unicast(), deadline);
-    QCOMPARE(TestAccess::flags(frame), delivered);
-    QVERIFY(frame.wasDelivered(false));
-    QCOMPARE(frame.wasDelivered(true), delivered == Frame::DeliveredInTime);
-}
+    void rawBroadcastNeedsTheWholeAddress()
+    {
+        QVERIFY(Frame::isBroadcast(broadcastAddress()));  // no source needed
+        QVERIFY(!Frame::isBroadcast(broadcastAddress().left(addressSize - 1)));
+        QVERIFY(!Frame::isBroadcast(QByteArray()));
+        QVERIFY(!Frame::isBroadcast(nodeAddress(1) + broadcastAddress()));
+    }
 
-void TestFrame::eightDrawsAreMadePerByte_data()
-{
-    QTest::addColumn<int>("size");
-    QTest::addColumn<double>("reliability");
-    QTest::newRow("smallest frame") << smallestFrame << 1.0;
-    QTest::newRow("no multiple of eight") << 21 << 1.0;
-    QTest::newRow("largest frame") << largestFrame << 1.0;
-    QTest::newRow("above certainty") << smallestFrame << 2.0;
-}
+    void rawBroadcastLooksAtTheDestinationOffset()
+    {
+        TestAccess::parameters(*network()).destinationAddressOffset = 6;
+        TestAccess::parameters(*network()).broadcastAddress = "BROADC";
+        QVERIFY(Frame::isBroadcast("......BROADC"));
+        QVERIFY(!Frame::isBroadcast("BROADC......"));
+        QVERIFY(!Frame::isBroadcast("......BROAD"));
+    }
 
-void TestFrame::eightDrawsAreMadePerByte()
-{
-    QFETCH(int, size);
-    QFETCH(double, reliability);
-    _setLink({0, 0, reliability, 1.0});
-    const int expected = drawAfter(8, bitsPerByte * size);
-    qsrand(8);
-    Frame frame = _carry(_pair->unicast(size));
-    QCOMPARE(qrand(), expected);
-    QCOMPARE(TestAccess::flags(frame), int(Frame::DeliveredInTime));
-    QCOMPARE(frame.payload(), _pair->unicast(size));
-}
+    void hugeParametersDoNotOverflow_data()
+    {
+        QTest::addColumn<int>("length");
+        QTest::addColumn<int>("destinationOffset");
+        QTest::addColumn<int>("sourceOffset");
+        QTest::newRow("length") << largestInt << 0 << 6;
+        QTest::newRow("length of one frame less") << largestInt - 5 << 0 << 6;
+        QTest::newRow("destination offset") << 6 << largestInt << 6;
+        QTest::newRow("source offset") << 6 << 0 << largestInt;
+        QTest::newRow("all") << largestInt << largestInt << largestInt;
+    }
 
-void TestFrame::anEmptyFrameDrawsNoBits()
-{
-    auto& parameters = TestAccess::parameters(*network());
-    parameters.addressLength = 0;
-    parameters.sourceAddressOffset = 0;
-    _pair->receiver->setAddress(QByteArray());
-    _setLink({0, 0, 0.0, 1.0});
-    const int expected = drawAfter(8, 0);
-    qsrand(8);
-    Frame frame = _carry(QByteArray());
-    QCOMPARE(qrand(), expected);
-    QCOMPARE(TestAccess::flags(frame), int(Frame::DeliveredInTime));
-}
+    void hugeParametersDoNotOverflow()
+    {
+        QFETCH(int, length);
+        QFETCH(int, destinationOffset);
+        QFETCH(int, sourceOffset);
+        auto& parameters = TestAccess::parameters(*network());
+        parameters.maximalTransferUnit = largestInt;
+        parameters.addressLength = length;
+        parameters.destinationAddressOffset = destinationOffset;
+        parameters.sourceAddressOffset = sourceOffset;
+        parameters.broadcastAddress.clear();
 
-void TestFrame::errorsAreThoseOfTheDrawSequence_data()
-{
-    QTest::addColumn<int>("size");
-    QTest::addColumn<int>("deviation");
-    QTest::addColumn<double>("reliability");
-    QTest::addColumn<double>("detection");
-    for (const int size : {smallestFrame, 64, largestFrame}) {
-        for (const int deviation : {0, 20}) {
-            for (const double reliability : {0.0, 0.5, 0.99, 0.999, 0.99999, 1.0}) {
-                for (const double detection : {0.0, 0.5, 1.0})
-                    QTest::addRow("%d bytes, deviation %d, reliability %g, detection %g", size, deviation,
-                                  reliability, detection)
-                        << size << deviation << reliability << detection;
+        const Frame frame = _carry(_pair->unicast());
+        QVERIFY(!frame.isValid());
+        QCOMPARE(frame.sourceAddress().isEmpty() || frame.destinationAddress().isEmpty(), true);
+        QCOMPARE(Frame::isBroadcast(_pair->unicast()), false);
+        QCOMPARE(frame.payload(), _pair->unicast());
+    }
+
+    void negativeParametersFollowTheSameFormulas()
+    {
+        auto& parameters = TestAccess::parameters(*network());
+        const QByteArray bytes("0123456789");
+
+        parameters.destinationAddressOffset = -2;
+        parameters.sourceAddressOffset = smallestInt;
+        const Frame cut(bytes, 0, 0, Frame::Broadcast);
+        QCOMPARE(cut.destinationAddress(), QByteArray("0123"));  // what lies before the frame is missing
+        QCOMPARE(cut.sourceAddress(), QByteArray());
+        QVERIFY(cut.isValid());
+
+        parameters.addressLength = smallestInt;
+        QVERIFY(_carry(QByteArray()).isValid());
+        parameters.maximalTransferUnit = -1;
+        QVERIFY(!_carry(QByteArray()).isValid());
+    }
+
+    void sendTimeIsTheClockModulo32Bits()
+    {
+        const qint64 before = QDateTime::currentMSecsSinceEpoch();
+        const Frame frame = _carry(_pair->unicast());
+        const qint64 after = QDateTime::currentMSecsSinceEpoch();
+        QVERIFY(frame.sendTime() < timeStampRange);
+        QVERIFY(quint64(before) >= timeStampRange);  // else nothing was cut off
+        QVERIFY(isBetween(frame.sendTime(), before, after));
+    }
+
+    void receiveTimeIsUnsetUntilTheFrameLeaves()
+    {
+        QCOMPARE(_carry(_pair->unicast()).receiveTime(), notReceivedYet);
+    }
+
+    void leavingTheLinkStampsTheFrame_data()
+    {
+        QTest::addColumn<bool>("received");
+        QTest::newRow("received") << true;
+        QTest::newRow("never received") << false;
+    }
+
+    void leavingTheLinkStampsTheFrame()
+    {
+        QFETCH(bool, received);
+        Frame frame(_pair->unicast(), 1, notReceivedYet, Frame::ForceCapture);
+        const qint64 before = QDateTime::currentMSecsSinceEpoch();
+        if (received)
+            frame.nowReceived();
+        else
+            frame.neverReceived();
+        const qint64 after = QDateTime::currentMSecsSinceEpoch();
+
+        QVERIFY(frame.receiveTime() < timeStampRange);
+        QVERIFY(isBetween(frame.receiveTime(), before, after));
+        QCOMPARE(frame.sendTime(), quint64{1});
+        QCOMPARE(TestAccess::flags(frame), int(Frame::ForceCapture));
+        QCOMPARE(capturedFrames().size(), 1);
+        QCOMPARE(capturedFrames().first().receiveTime(), frame.receiveTime());
+    }
+
+    void onlyForcedFramesAreCaptured_data()
+    {
+        QTest::addColumn<bool>("forced");
+        QTest::newRow("forced") << true;
+        QTest::newRow("not forced") << false;
+    }
+
+    void onlyForcedFramesAreCaptured()
+    {
+        QFETCH(bool, forced);
+        Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, forced);
+        QCOMPARE(bool(TestAccess::flags(frame) & Frame::ForceCapture), forced);
+        frame.nowReceived();
+        QCOMPARE(capturedFrames().size(), forced ? 1 : 0);
+    }
+
+    void nothingIsCapturedWhileTheCaptureIsOff()
+    {
+        capture()->setEnabled(false);
+        Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, true);
+        frame.nowReceived();
+        QCOMPARE(capturedFrames().size(), 0);
+        QVERIFY(frame.receiveTime() != notReceivedYet);
+    }
+
+    void aCapturedFrameNeverChangesAgain()
+    {
+        Frame frame = _carry(_pair->unicast(), noDeadline, nullptr, true);
+        frame.nowReceived();
+        TestAccess::flags(frame) = Frame::Invalid;
+        QVERIFY(capturedFrames().first().wasDelivered(true));
+        QVERIFY(capturedFrames().first().isValid());
+    }
+
+    void delaySpreadsAroundTheBase_data()
+    {
+        QTest::addColumn<int>("base");
+        QTest::addColumn<int>("deviation");
+        QTest::addColumn<int>("smallest");
+        QTest::addColumn<int>("largest");
+        QTest::newRow("even deviation") << 100 << 10 << 95 << 104;
+        QTest::newRow("odd deviation") << 100 << 5 << 98 << 102;
+        QTest::newRow("deviation of two") << 100 << 2 << 99 << 100;
+    }
+
+    void delaySpreadsAroundTheBase()
+    {
+        QFETCH(int, base);
+        QFETCH(int, deviation);
+        QFETCH(int, smallest);
+        QFETCH(int, largest);
+        _setLink({base, deviation, 1.0, 1.0});
+        std::set<int> seen;
+        for (uint seed = 1; seed <= 200; ++seed) {
+            int delay = untouched;
+            qsrand(seed * 7919);
+            const Frame frame = _carry(_pair->unicast(), noDeadline, &delay);
+            QVERIFY(frame.wasDelivered(true));
+            QCOMPARE(delay, replay(seed * 7919, _pair->unicast(), {base, deviation, 1.0, 1.0}).delay);
+            seen.insert(delay);
+        }
+        QCOMPARE(*seen.begin(), smallest);
+        QCOMPARE(*seen.rbegin(), largest);
+        QCOMPARE(int(seen.size()), deviation);
+    }
+
+    void aDeviationOfOneDrawsButChangesNothing()
+    {
+        _setLink({100, 1, 1.0, 1.0});
+        const int expected = drawAfter(5, 1);
+        qsrand(5);
+        int delay = untouched;
+        QVERIFY(!_carry(_pair->toNobody(), noDeadline, &delay).wasDelivered(false));
+        QCOMPARE(delay, 100);
+        QCOMPARE(qrand(), expected);
+    }
+
+    void aNegativeDelayIsRaisedToZero()
+    {
+        _setLink({1, 100, 1.0, 1.0});
+        int zeroes = 0;
+        for (uint seed = 1; seed <= 100; ++seed) {
+            int delay = untouched;
+            qsrand(seed * 7919);
+            _carry(_pair->unicast(), noDeadline, &delay);
+            QVERIFY(delay >= 0 && delay <= 50);
+            zeroes += delay == 0 ? 1 : 0;
+        }
+        QVERIFY(zeroes > 20);
+        QVERIFY(zeroes < 80);
+    }
+
+    void withoutDeviationNoDelayIsDrawn()
+    {
+        _setLink({100, 0, 1.0, 1.0});
+        const int expected = drawAfter(5, 0);
+        qsrand(5);
+        int delay = untouched;
+        _carry(_pair->toNobody(), noDeadline, &delay);
+        QCOMPARE(delay, 100);
+        QCOMPARE(qrand(), expected);
+    }
+
+    void undecidedDelaysFallBack_data()
+    {
+        QTest::addColumn<int>("own");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("negative") << -1 << 70;
+        QTest::newRow("zero is undecided too") << 0 << 70;
+        QTest::newRow("smallest decided") << 1 << 1;
+        QTest::newRow("smallest of all") << smallestInt << 70;
+    }
+
+    void undecidedDelaysFallBack()
+    {
+        QFETCH(int, own);
+        QFETCH(int, expected);
+        TestAccess::delay(*network()->defaultConnection()) = 70;
+        TestAccess::delay(*_pair->link) = own;
+        int delay = untouched;
+        _carry(_pair->unicast(), noDeadline, &delay);
+        QCOMPARE(delay, expected);
+    }
+
+    void undecidedDeviationsFallBack_data()
+    {
+        QTest::addColumn<int>("own");
+        QTest::addColumn<int>("inherited");
+        QTest::addColumn<int>("effective");
+        QTest::newRow("negative") << -1 << 30 << 30;
+        QTest::newRow("zero is undecided too") << 0 << 30 << 30;
+        QTest::newRow("own") << 50 << 30 << 50;
+        QTest::newRow("both zero") << 0 << 0 << 0;
+        QTest::newRow("both negative") << -1 << -5 << 0;
+    }
+
+    void undecidedDeviationsFallBack()
+    {
+        QFETCH(int, own);
+        QFETCH(int, inherited);
+        QFETCH(int, effective);
+        _setLink({100, own, 1.0, 1.0});
+        TestAccess::deviation(*network()->defaultConnection()) = inherited;
+        const Replay expected = replay(77, _pair->unicast(), {100, effective, 1.0, 1.0});
+        qsrand(77);
+        int delay = untouched;
+        _carry(_pair->unicast(), noDeadline, &delay);
+        QCOMPARE(delay, expected.delay);
+        QCOMPARE(qrand(), expected.nextDraw);
+    }
+
+    void hugeDelaysAreClamped_data()
+    {
+        QTest::addColumn<int>("base");
+        QTest::addColumn<int>("deviation");
+        QTest::addColumn<int>("smallest");
+        QTest::addColumn<int>("largest");
+        QTest::newRow("largest base") << largestInt << 0 << largestInt << largestInt;
+        QTest::newRow("largest base, some deviation") << largestInt << 10 << largestInt - 5 << largestInt;
+        QTest::newRow("both largest") << largestInt << largestInt << largestInt / 2 << largestInt;
+        QTest::newRow("largest deviation") << 1 << largestInt << 0 << largestInt / 2 + 1;
+        QTest::newRow("negative base") << smallestInt << largestInt << 0 << 0;
+    }
+
+    void hugeDelaysAreClamped()
+    {
+        QFETCH(int, base);
+        QFETCH(int, deviation);
+        QFETCH(int, smallest);
+        QFETCH(int, largest);
+        Connection* defaults = network()->defaultConnection();
+        TestAccess::delay(*defaults) = base;  // a negative one counts only here
+        TestAccess::deviation(*defaults) = deviation;
+        bool isClamped = false;
+        for (uint seed = 1; seed <= 50; ++seed) {
+            int delay = untouched;
+            qsrand(seed * 104729);
+            _carry(_pair->unicast(), noDeadline, &delay);
+            QVERIFY2(delay >= smallest && delay <= largest, qPrintable(QString::number(delay)));
+            isClamped = isClamped || delay == 0 || delay == largestInt;
+        }
+        QVERIFY(isClamped);
+    }
+
+    void anUnwantedDelayIsNotReported()
+    {
+        _setLink({100, 10, 1.0, 1.0});
+        const int expected = drawAfter(5, 1 + bitsPerByte * smallestFrame);
+        qsrand(5);
+        QVERIFY(_carry(_pair->unicast(), noDeadline, nullptr).wasDelivered(true));
+        QCOMPARE(qrand(), expected);
+    }
+
+    void theReceiverDecidesWhatItTakes_data()
+    {
+        constexpr int own = 2;
+        constexpr int foreign = 9;
+        QTest::addColumn<bool>("active");
+        QTest::addColumn<int>("destination");
+        QTest::addColumn<bool>("promiscuous");
+        QTest::addColumn<int>("flags");
+        QTest::newRow("own address") << true << own << false << int(Frame::DeliveredInTime);
+        QTest::newRow("own address, promiscuous") << true << own << true << int(Frame::DeliveredInTime);
+        QTest::newRow("foreign address") << true << foreign << false << 0;
+        QTest::newRow("foreign address, promiscuous")
+            << true << foreign << true << int(Frame::DeliveredInTime | Frame::PromiscuousRx);
+        QTest::newRow("own address, inactive") << false << own << false << 0;
+        QTest::newRow("foreign address, inactive, promiscuous") << false << foreign << true << 0;
+    }
+
+    void theReceiverDecidesWhatItTakes()
+    {
+        QFETCH(bool, active);
+        QFETCH(int, destination);
+        QFETCH(bool, promiscuous);
+        QFETCH(int, flags);
+        _pair->receiver->setActive(active, false);
+        TestAccess::promiscuousMode(*_pair->receiver) = promiscuous ? Qt::Checked : Qt::Unchecked;
+        Frame frame = _carry(frameBytes(nodeAddress(destination), nodeAddress(1)));
+        QCOMPARE(TestAccess::flags(frame), flags);
+        QVERIFY(frame.isValid());
+    }
+
+    void aFrameForNobodyDrawsItsDelayOnly()
+    {
+        _setLink({100, 10, 0.0, 0.0});
+        const int expected = drawAfter(11, 1);
+        qsrand(11);
+        int delay = untouched;
+        Frame frame = _carry(_pair->toNobody(), noDeadline, &delay, true);
+        QCOMPARE(qrand(), expected);
+        QCOMPARE(delay, replay(11, _pair->toNobody(), {100, 10, 1.0, 1.0}).delay);
+        QCOMPARE(TestAccess::flags(frame), int(Frame::ForceCapture));
+        QCOMPARE(frame.payload(), _pair->toNobody());
+    }
+
+    void aBroadcastIsTakenByAnInactiveNode()
+    {
+        _pair->receiver->setActive(false, false);
+        _pair->receiver->setActive(false, true);
+        Frame frame = _carry(_pair->broadcast());
+        QCOMPARE(TestAccess::flags(frame),
+                 int(Frame::Broadcast | Frame::PromiscuousRx | Frame::DeliveredInTime));
+    }
+
+    void aNodeWithTheBroadcastAddressTakesItAsItsOwn()
+    {
+        _pair->receiver->setAddress(broadcastAddress());
+        Frame frame = _carry(_pair->broadcast());
+        QCOMPARE(TestAccess::flags(frame), int(Frame::Broadcast | Frame::DeliveredInTime));
+    }
+
+    void undecidedPromiscuityIsTheDefaultNodes()
+    {
+        QVERIFY(!_carry(_pair->toNobody()).wasDelivered(false));
+        TestAccess::promiscuousMode(*network()->defaultNode()) = Qt::Checked;
+        QVERIFY(_carry(_pair->toNobody()).promiscuousReceive());
+    }
+
+    void theDeadlineDecidesOnLateness_data()
+    {
+        QTest::addColumn<int>("delay");
+        QTest::addColumn<int>("deadline");
+        QTest::addColumn<int>("delivered");
+        const int inTime = Frame::DeliveredInTime;
+        const int late = Frame::DeliveredLate;
+        QTest::newRow("no deadline") << 100000 << -1 << inTime;
+        QTest::newRow("any negative deadline") << 100000 << smallestInt << inTime;
+        QTest::newRow("deadline 0, no delay") << 0 << 0 << inTime;
+        QTest::newRow("deadline 0, some delay") << 1 << 0 << late;
+        QTest::newRow("delay equal to the deadline") << 50 << 50 << inTime;
+        QTest::newRow("delay one above the deadline") << 51 << 50 << late;
+    }
+
+    void theDeadlineDecidesOnLateness()
+    {
+        QFETCH(int, delay);
+        QFETCH(int, deadline);
+        QFETCH(int, delivered);
+        TestAccess::delay(*_pair->link) = delay;
+        Frame frame = _carry(_pair->unicast(), deadline);
+        QCOMPARE(TestAccess::flags(frame), delivered);
+        QVERIFY(frame.wasDelivered(false));
+        QCOMPARE(frame.wasDelivered(true), delivered == Frame::DeliveredInTime);
+    }
+
+    void eightDrawsAreMadePerByte_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<double>("reliability");
+        QTest::newRow("smallest frame") << smallestFrame << 1.0;
+        QTest::newRow("no multiple of eight") << 21 << 1.0;
+        QTest::newRow("largest frame") << largestFrame << 1.0;
+        QTest::newRow("above certainty") << smallestFrame << 2.0;
+    }
+
+    void eightDrawsAreMadePerByte()
+    {
+        QFETCH(int, size);
+        QFETCH(double, reliability);
+        _setLink({0, 0, reliability, 1.0});
+        const int expected = drawAfter(8, bitsPerByte * size);
+        qsrand(8);
+        Frame frame = _carry(_pair->unicast(size));
+        QCOMPARE(qrand(), expected);
+        QCOMPARE(TestAccess::flags(frame), int(Frame::DeliveredInTime));
+        QCOMPARE(frame.payload(), _pair->unicast(size));
+    }
+
+    void anEmptyFrameDrawsNoBits()
+    {
+        auto& parameters = TestAccess::parameters(*network());
+        parameters.addressLength = 0;
+        parameters.sourceAddressOffset = 0;
+        _pair->receiver->setAddress(QByteArray());
+        _setLink({0, 0, 0.0, 1.0});
+        const int expected = drawAfter(8, 0);
+        qsrand(8);
+        Frame frame = _carry(QByteArray());
+        QCOMPARE(qrand(), expected);
+        QCOMPARE(TestAccess::flags(frame), int(Frame::DeliveredInTime));
+    }
+
+    void errorsAreThoseOfTheDrawSequence_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<int>("deviation");
+        QTest::addColumn<double>("reliability");
+        QTest::addColumn<double>("detection");
+        for (const int size : {smallestFrame, 64, largestFrame}) {
+            for (const int deviation : {0, 20}) {
+                for (const double reliability : {0.0, 0.5, 0.99, 0.999, 0.99999, 1.0}) {
+                    for (const double detection : {0.0, 0.5, 1.0})
+                        QTest::addRow("%d bytes, deviation %d, reliability %g, detection %g", size, deviation,
+                                      reliability, detection)
+                            << size << deviation << reliability << detection;
+                }
             }
         }
     }
-}
 
-void TestFrame::errorsAreThoseOfTheDrawSequence()
-{
-    QFETCH(int, size);
-    QFETCH(int, deviation);
-    QFETCH(double, reliability);
-    QFETCH(double, detection);
-    const LinkValues values{100, deviation, reliability, detection};
-    const QByteArray bytes = _pair->unicast(size);
-    _setLink(values);
-    asterisksDuring([&] {
-        for (uint seed = 1; seed <= 20; ++seed) {
-            const Replay expected = replay(seed, bytes, values);
-            qsrand(seed);
-            int delay = untouched;
-            const Frame frame = _carry(bytes, noDeadline, &delay);
+    void errorsAreThoseOfTheDrawSequence()
+    {
+        QFETCH(int, size);
+        QFETCH(int, deviation);
+        QFETCH(double, reliability);
+        QFETCH(double, detection);
+        const LinkValues values{100, deviation, reliability, detection};
+        const QByteArray bytes = _pair->unicast(size);
+        _setLink(values);
+        asterisksDuring([&] {
+            for (uint seed = 1; seed <= 20; ++seed) {
+                const Replay expected = replay(seed, bytes, values);
+                qsrand(seed);
+                int delay = untouched;
+                const Frame frame = _carry(bytes, noDeadline, &delay);
+                QCOMPARE(qrand(), expected.nextDraw);
+                QCOMPARE(delay, expected.delay);
+                QCOMPARE(frame.payload(), expected.payload);
+                QCOMPARE(frame.isCRCCorrect(), expected.flippedBits == 0);
+                QCOMPARE(frame.wasDelivered(true), !expected.isDetected);
+            }
+        });
+    }
+
+    void reliabilityZeroFlipsEveryBit()
+    {
+        _setLink({0, 0, 0.0, 0.0});
+        asterisksDuring([this] {
+            Frame frame = _carry(_pair->unicast(20));
+            QCOMPARE(frame.payload(), inverted(_pair->unicast(20)));
+            QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::DeliveredInTime));
+        });
+    }
+
+    void detectedErrorsKeepThePayloadAndTheFrame()
+    {
+        _setLink({0, 0, 0.0, 1.0});
+        asterisksDuring([this] {
+            Frame frame = _carry(_pair->broadcast(), noDeadline, nullptr, true);
+            QCOMPARE(frame.payload(), _pair->broadcast());
+            QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::Broadcast | Frame::ForceCapture));
+            QVERIFY(frame.isValid());
+        });
+    }
+
+    void anUndetectedLateFrameIsStillLate()
+    {
+        _setLink({10, 0, 0.0, 0.0});
+        asterisksDuring([this] {
+            Frame frame = _carry(_pair->unicast(), 5);
+            QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::DeliveredLate));
+        });
+    }
+
+    void undecidedReliabilitiesFallBack_data()
+    {
+        QTest::addColumn<double>("own");
+        QTest::addColumn<double>("inherited");
+        QTest::addColumn<bool>("correct");
+        QTest::newRow("own 1, inherited 0") << 1.0 << 0.0 << true;
+        QTest::newRow("own 0 is decided") << 0.0 << 1.0 << false;
+        QTest::newRow("undecided, inherited 0") << -1.0 << 0.0 << false;
+        QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << true;
+        QTest::newRow("any negative is undecided") << -0.001 << 1.0 << true;
+        QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << true;
+        QTest::newRow("infinity keeps") << infinity << 0.0 << true;
+        QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << true;
+        QTest::newRow("negative everywhere flips") << -1.0 << -1.0 << false;
+        QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << true;
+        QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << false;
+    }
+
+    void undecidedReliabilitiesFallBack()
+    {
+        QFETCH(double, own);
+        QFETCH(double, inherited);
+        QFETCH(bool, correct);
+        TestAccess::reliability(*_pair->link) = own;
+        TestAccess::reliability(*network()->defaultConnection()) = inherited;
+        asterisksDuring([&] { QCOMPARE(_carry(_pair->unicast()).isCRCCorrect(), correct); });
+    }
+
+    void undecidedDetectionsFallBack_data()
+    {
+        QTest::addColumn<double>("own");
+        QTest::addColumn<double>("inherited");
+        QTest::addColumn<bool>("delivered");
+        QTest::newRow("own 1, inherited 0") << 1.0 << 0.0 << false;
+        QTest::newRow("own 0 is decided") << 0.0 << 1.0 << true;
+        QTest::newRow("undecided, inherited 0") << -1.0 << 0.0 << true;
+        QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << false;
+        QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << false;
+        QTest::newRow("infinity detects") << infinity << 0.0 << false;
+        QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << false;
+        QTest::newRow("negative everywhere detects nothing") << -1.0 << -1.0 << true;
+        QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << false;
+        QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << true;
+    }
+
+    void undecidedDetectionsFallBack()
+    {
+        QFETCH(double, own);
+        QFETCH(double, inherited);
+        QFETCH(bool, delivered);
+        _setLink({0, 0, 0.0, own});
+        TestAccess::errorDetection(*network()->defaultConnection()) = inherited;
+        asterisksDuring([&] { QCOMPARE(_carry(_pair->unicast()).wasDelivered(false), delivered); });
+    }
+
+    void eachFlippedBitIsLoggedOnce_data()
+    {
+        QTest::addColumn<double>("reliability");
+        QTest::addColumn<double>("detection");
+        QTest::newRow("all bits, not detected") << 0.0 << 0.0;
+        QTest::newRow("all bits, detected") << 0.0 << 1.0;
+        QTest::newRow("some bits") << 0.9 << 0.0;
+        QTest::newRow("none") << 1.0 << 1.0;
+    }
+
+    void eachFlippedBitIsLoggedOnce()
+    {
+        QFETCH(double, reliability);
+        QFETCH(double, detection);
+        const LinkValues values{0, 0, reliability, detection};
+        _setLink(values);
+        const Replay expected = replay(3, _pair->unicast(64), values);
+        QCOMPARE(expected.flippedBits > 0, reliability < 1.0);
+        qsrand(3);
+        QCOMPARE(asterisksDuring([this] { _carry(_pair->unicast(64)); }), expected.flippedBits);
+    }
+
+    void aSilencedDebugOutputChangesNoDraw()
+    {
+        const LinkValues values{0, 0, 0.9, 0.0};
+        _setLink(values);
+        const Replay expected = replay(3, _pair->unicast(64), values);
+        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+        qsrand(3);
+        const int logged = asterisksDuring([&] {
+            const Frame frame = _carry(_pair->unicast(64));
             QCOMPARE(qrand(), expected.nextDraw);
-            QCOMPARE(delay, expected.delay);
             QCOMPARE(frame.payload(), expected.payload);
-            QCOMPARE(frame.isCRCCorrect(), expected.flippedBits == 0);
-            QCOMPARE(frame.wasDelivered(true), !expected.isDetected);
-        }
-    });
-}
+        });
+        QLoggingCategory::setFilterRules(QString());
+        QCOMPARE(logged, 0);
+    }
 
-void TestFrame::reliabilityZeroFlipsEveryBit()
-{
-    _setLink({0, 0, 0.0, 0.0});
-    asterisksDuring([this] {
-        Frame frame = _carry(_pair->unicast(20));
-        QCOMPARE(frame.payload(), inverted(_pair->unicast(20)));
-        QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::DeliveredInTime));
-    });
-}
+private:
+    Frame _carry(const QByteArray& bytes, int maxDelay = noDeadline, int* delay = nullptr,
+                 bool forceCapture = false)
+    {
+        return Frame(bytes, _pair->sender, _pair->receiver, _pair->link, maxDelay, delay, forceCapture);
+    }
 
-void TestFrame::detectedErrorsKeepThePayloadAndTheFrame()
-{
-    _setLink({0, 0, 0.0, 1.0});
-    asterisksDuring([this] {
-        Frame frame = _carry(_pair->broadcast(), noDeadline, nullptr, true);
-        QCOMPARE(frame.payload(), _pair->broadcast());
-        QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::Broadcast | Frame::ForceCapture));
-        QVERIFY(frame.isValid());
-    });
-}
+    void _setLink(const LinkValues& values)
+    {
+        TestAccess::delay(*_pair->link) = values.base;
+        TestAccess::deviation(*_pair->link) = values.deviation;
+        TestAccess::reliability(*_pair->link) = values.reliability;
+        TestAccess::errorDetection(*_pair->link) = values.detection;
+    }
 
-void TestFrame::anUndetectedLateFrameIsStillLate()
-{
-    _setLink({10, 0, 0.0, 0.0});
-    asterisksDuring([this] {
-        Frame frame = _carry(_pair->unicast(), 5);
-        QCOMPARE(TestAccess::flags(frame), int(Frame::CRCError | Frame::DeliveredLate));
-    });
-}
-
-void TestFrame::undecidedReliabilitiesFallBack_data()
-{
-    QTest::addColumn<double>("own");
-    QTest::addColumn<double>("inherited");
-    QTest::addColumn<bool>("correct");
-    QTest::newRow("own 1, inherited 0") << 1.0 << 0.0 << true;
-    QTest::newRow("own 0 is decided") << 0.0 << 1.0 << false;
-    QTest::newRow("undecided, inherited 0") << -1.0 << 0.0 << false;
-    QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << true;
-    QTest::newRow("any negative is undecided") << -0.001 << 1.0 << true;
-    QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << true;
-    QTest::newRow("infinity keeps") << infinity << 0.0 << true;
-    QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << true;
-    QTest::newRow("negative everywhere flips") << -1.0 << -1.0 << false;
-    QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << true;
-    QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << false;
-}
-
-void TestFrame::undecidedReliabilitiesFallBack()
-{
-    QFETCH(double, own);
-    QFETCH(double, inherited);
-    QFETCH(bool, correct);
-    TestAccess::reliability(*_pair->link) = own;
-    TestAccess::reliability(*network()->defaultConnection()) = inherited;
-    asterisksDuring([&] { QCOMPARE(_carry(_pair->unicast()).isCRCCorrect(), correct); });
-}
-
-void TestFrame::undecidedDetectionsFallBack_data()
-{
-    QTest::addColumn<double>("own");
-    QTest::addColumn<double>("inherited");
-    QTest::addColumn<bool>("delivered");
-    QTest::newRow("own 1, inherited 0") << 1.0 << 0.0 << false;
-    QTest::newRow("own 0 is decided") << 0.0 << 1.0 << true;
-    QTest::newRow("undecided, inherited 0") << -1.0 << 0.0 << true;
-    QTest::newRow("undecided, inherited 1") << -1.0 << 1.0 << false;
-    QTest::newRow("not a number is undecided") << std::nan("") << 1.0 << false;
-    QTest::newRow("infinity detects") << infinity << 0.0 << false;
-    QTest::newRow("negative infinity is undecided") << -infinity << 1.0 << false;
-    QTest::newRow("negative everywhere detects nothing") << -1.0 << -1.0 << true;
-    QTest::newRow("undecided, inherited infinity") << -1.0 << infinity << false;
-    QTest::newRow("undecided, inherited not a number") << -1.0 << std::nan("") << true;
-}
-
-void TestFrame::undecidedDetectionsFallBack()
-{
-    QFETCH(double, own);
-    QFETCH(double, inherited);
-    QFETCH(bool, delivered);
-    _setLink({0, 0, 0.0, own});
-    TestAccess::errorDetection(*network()->defaultConnection()) = inherited;
-    asterisksDuring([&] { QCOMPARE(_carry(_pair->unicast()).wasDelivered(false), delivered); });
-}
-
-void TestFrame::eachFlippedBitIsLoggedOnce_data()
-{
-    QTest::addColumn<double>("reliability");
-    QTest::addColumn<double>("detection");
-    QTest::newRow("all bits, not detected") << 0.0 << 0.0;
-    QTest::newRow("all bits, detected") << 0.0 << 1.0;
-    QTest::newRow("some bits") << 0.9 << 0.0;
-    QTest::newRow("none") << 1.0 << 1.0;
-}
-
-void TestFrame::eachFlippedBitIsLoggedOnce()
-{
-    QFETCH(double, reliability);
-    QFETCH(double, detection);
-    const LinkValues values{0, 0, reliability, detection};
-    _setLink(values);
-    const Replay expected = replay(3, _pair->unicast(64), values);
-    QCOMPARE(expected.flippedBits > 0, reliability < 1.0);
-    qsrand(3);
-    QCOMPARE(asterisksDuring([this] { _carry(_pair->unicast(64)); }), expected.flippedBits);
-}
-
-void TestFrame::aSilencedDebugOutputChangesNoDraw()
-{
-    const LinkValues values{0, 0, 0.9, 0.0};
-    _setLink(values);
-    const Replay expected = replay(3, _pair->unicast(64), values);
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-    qsrand(3);
-    const int logged = asterisksDuring([&] {
-        const Frame frame = _carry(_pair->unicast(64));
-        QCOMPARE(qrand(), expected.nextDraw);
-        QCOMPARE(frame.payload(), expected.payload);
-    });
-    QLoggingCategory::setFilterRules(QString());
-    QCOMPARE(logged, 0);
-}
+    std::unique_ptr<LinkedPair> _pair;
+};
 
 QTEST_MAIN(TestFrame)
 #include "tst_frame.moc"
