@@ -105,7 +105,7 @@ private slots:
     void init() { NetworkSimulation::newNetworkSimulation(); }
     void cleanup() { NetworkSimulation::deleteNetworkSimulation(); }
 
-    /// One that is added to the document wants a test here, and a name here.
+    /// An example that is added to a document needs a test and its name here.
     void everyExampleHasATest()
     {
         const QStringList tested = {
