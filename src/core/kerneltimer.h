@@ -11,6 +11,8 @@ public:
     ~KernelTimer();
     Q_DISABLE_COPY_MOVE(KernelTimer)
 
+    static constexpr qint64 millisecond = 1000000;  // ns
+
     static qint64 now();  // ns of the monotonic clock
 
     bool isValid() const { return _descriptor >= 0; }  // false: all descriptors of the process are in use

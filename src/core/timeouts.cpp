@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr size_t fewestReclaimed = 1024;  // due times that are over
 
 }  // namespace
@@ -35,7 +34,7 @@ void Timeouts::start(int delay)
     // Strictly after the present pass, so that two handlers that start each other leave room for the sockets.
     TimeoutScheduler& scheduler = TimeoutScheduler::instance();
     const qint64 now = std::max(scheduler.readClock(), scheduler.passTime() + 1);
-    _startAt(now + std::max(delay, 0) * nanosecondsPerMillisecond);
+    _startAt(now + std::max(delay, 0) * KernelTimer::millisecond);
 }
 
 void Timeouts::startShared(int delay)
@@ -45,9 +44,9 @@ void Timeouts::startShared(int delay)
     const qint64 now = isInPass ? scheduler.lastReading() : scheduler.readClock();
     if (!isInPass && !_isEmpty() && _nextDueTime() <= now)
         _runOverdue(now);
-    const qint64 dueTime = now + std::max(delay, 0) * nanosecondsPerMillisecond;
+    const qint64 dueTime = now + std::max(delay, 0) * KernelTimer::millisecond;
     const size_t pending = _ordered.size() - _firstOrdered;
-    if (pending >= 2 && _ordered[_ordered.size() - 2] > dueTime - nanosecondsPerMillisecond)
+    if (pending >= 2 && _ordered[_ordered.size() - 2] > dueTime - KernelTimer::millisecond)
         _ordered.back() = dueTime;
     else
         _startAt(dueTime);

@@ -10,15 +10,14 @@
 
 namespace {
 
-constexpr qint64 nanosecondsPerMillisecond = 1000000;
 constexpr qint64 wakePeriod = 100000;   // ns; what falls due within one shares a wake-up at its end
 constexpr int handlersPerReading = 64;  // of the clock; as many take a tenth of a millisecond or so
-constexpr qint64 longestLeisure = nanosecondsPerMillisecond;
+constexpr qint64 longestLeisure = KernelTimer::millisecond;
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a Qt timer
 
 qint64 roundedUpToMilliseconds(qint64 nanoseconds)
 {
-    return (nanoseconds + nanosecondsPerMillisecond - 1) / nanosecondsPerMillisecond;
+    return (nanoseconds + KernelTimer::millisecond - 1) / KernelTimer::millisecond;
 }
 
 qint64 endOfWakePeriod(qint64 nanoseconds)
