@@ -1,21 +1,13 @@
 #include "core/throttledupdate.h"
 
-#include "core/timeouts.h"
+#include "core/throttle.h"
 #include "network/network.h"
 
-#include <QElapsedTimer>
 #include <QGraphicsItem>
 
 #include <vector>
 
-namespace {
-
-constexpr int framePeriod = 16;  // ms, some 60 pictures a second
-constexpr qint64 nanosecondsPerMillisecond = 1000000;
-
-}  // namespace
-
-/// The updates that wait for the end of the present period, of all items of the process.
+/// The updates that wait for the end of the present pause, of all items of the process.
 class ThrottledUpdateQueue
 {
 public:
@@ -27,29 +19,22 @@ public:
 
     void append(ThrottledUpdate* update);
     void remove(ThrottledUpdate* update);
-    void notePainting(qint64 nanoseconds) { _paintingTime += nanoseconds; }
+
+    /// Lengthens the pause to twice the time that its pictures take.
+    void notePainting(qint64 nanoseconds) { _throttle.lengthenPause(2 * nanoseconds); }
 
 private:
-    void _startPeriod();
-    void _endPeriod();
     void _repaintPending();
 
     std::vector<ThrottledUpdate*> _pending;  // not owned
-    Timeouts _endOfPeriod{[this] { _endPeriod(); }};
-    bool _isPeriodRunning = false;
-    QElapsedTimer _period;     // since the begin of the present one
-    qint64 _paintingTime = 0;  // ns, within the present period
+    Throttle _throttle{[this] { _repaintPending(); }};
 };
 
 void ThrottledUpdateQueue::append(ThrottledUpdate* update)
 {
-    if (!_isPeriodRunning) {
-        _startPeriod();
-        update->_repaint();
-        return;
-    }
     update->_index = static_cast<int>(_pending.size());
     _pending.push_back(update);
+    _throttle.request();
 }
 
 void ThrottledUpdateQueue::remove(ThrottledUpdate* update)
@@ -61,30 +46,8 @@ void ThrottledUpdateQueue::remove(ThrottledUpdate* update)
     update->_index = -1;
 }
 
-void ThrottledUpdateQueue::_startPeriod()
-{
-    _isPeriodRunning = true;
-    _paintingTime = 0;
-    _period.start();
-    _endOfPeriod.start(framePeriod);
-}
-
-/// Pictures that take long lengthen the period to twice that time.
-void ThrottledUpdateQueue::_endPeriod()
-{
-    const qint64 missing = 2 * _paintingTime - _period.nsecsElapsed();
-    if (missing >= nanosecondsPerMillisecond) {
-        _endOfPeriod.start(static_cast<int>(missing / nanosecondsPerMillisecond));
-        return;
-    }
-    _isPeriodRunning = false;
-    if (!_pending.empty())
-        _repaintPending();
-}
-
 void ThrottledUpdateQueue::_repaintPending()
 {
-    _startPeriod();
     for (ThrottledUpdate* update : _pending) {
         update->_index = -1;
         update->_repaint();

@@ -5,23 +5,13 @@
 #include <QPaintEvent>
 #include <QPainter>
 #include <QStyleOptionHeader>
-#include <QTimerEvent>
 #include <QtMath>
 
 #include <algorithm>
 
 namespace {
 
-constexpr int shortestPause = 16;  // ms, some 60 pictures a second
-constexpr int pauseFactor = 20;    // placing new rows takes one part in so many of the time at most
-constexpr qint64 nanosecondsPerMillisecond = 1000000;
-
-/// In ms.
-int pauseAfter(qint64 placingTime)
-{
-    return static_cast<int>(
-        std::max<qint64>(shortestPause, pauseFactor * placingTime / nanosecondsPerMillisecond));
-}
+constexpr int pauseFactor = 20;  // placing new rows takes one part in so many of the time at most
 
 }  // namespace
 
@@ -100,21 +90,11 @@ void CaptureRowHeader::setModel(QAbstractItemModel* model)
 
 void CaptureRowHeader::_showRowsSoon()
 {
-    if (!_pause.isActive())
-        _pause.start(0, this);  // once all frames that are there have come in
-}
-
-void CaptureRowHeader::timerEvent(QTimerEvent* event)
-{
-    if (event->timerId() == _pause.timerId())
-        _showRows();
-    else
-        QHeaderView::timerEvent(event);
+    _showing.request();
 }
 
 void CaptureRowHeader::_showRows()
 {
-    _pause.stop();
     const int shownRows = count();
     const int rows = model() ? model()->rowCount() : 0;
     if (rows <= shownRows)
@@ -124,6 +104,6 @@ void CaptureRowHeader::_showRows()
     timer.start();
     sectionsInserted(QModelIndex(), shownRows, rows - 1);
     sectionPosition(rows - 1);  // places every row anew, which takes the longer the more there are
-    _pause.start(pauseAfter(timer.nsecsElapsed()), this);
+    _showing.lengthenPause(pauseFactor * timer.nsecsElapsed());
     emit rowsShown();
 }

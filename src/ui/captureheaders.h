@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QBasicTimer>
+#include "core/throttle.h"
+
 #include <QHeaderView>
 
 /// The column titles of the capture table. Paints them in the table's own font and does not ask the model for
@@ -43,14 +44,11 @@ signals:
     /// The table has taken over all rows of the model.
     void rowsShown();
 
-protected:
-    void timerEvent(QTimerEvent* event) override;
-
 private slots:
     void _showRowsSoon();
 
 private:
     void _showRows();
 
-    QBasicTimer _pause;  // runs from a new row on, until a pause has brought none
+    Throttle _showing{[this] { _showRows(); }, 0};  // not before all frames that are there have come in
 };

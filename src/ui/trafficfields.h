@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QBasicTimer>
+#include "core/throttle.h"
+
 #include <QObject>
 
 QT_BEGIN_NAMESPACE
@@ -20,9 +21,6 @@ public:
 
     void show(int frames, int bytes);
 
-protected:
-    void timerEvent(QTimerEvent* event) override;
-
 private:
     void _write();
 
@@ -30,7 +28,5 @@ private:
     QLineEdit* _bytesField;
     int _frames = 0;
     int _bytes = 0;
-    int _writingsLeft;        // before numbers wait for the end of the pause
-    bool _isWaiting = false;  // the numbers are newer than the fields
-    QBasicTimer _pause;       // runs after writing
+    Throttle _writing;
 };
