@@ -161,7 +161,7 @@ bool Connection::carryFrame(QByteArray frame, int atLeastUntil, bool lastConnect
 
     _frames.append(carried);  // also a frame that will not arrive: it travels visibly and is captured as lost
     _deliveries.start(delay);
-    _traffic.request();
+    _repaint.request();
     return carried.wasDelivered(false);
 }
 
@@ -171,7 +171,7 @@ void Connection::deliverFrame()
         return;
 
     Frame frame = _frames.takeFirst();
-    _traffic.request();
+    _repaint.request();
     if (frame.destinationNode() && frame.wasDelivered(false))
         handOver(frame);
     else

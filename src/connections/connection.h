@@ -104,7 +104,7 @@ private:
 
     // One a frame carried; they outlive frames that were discarded.
     Timeouts _deliveries{[this] { deliverFrame(); }};
-    ThrottledUpdate _traffic{this};
+    ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
 /// One connection record of the simulation file; reading starts behind the record's header.

@@ -1,9 +1,9 @@
 #include "core/throttledupdate.h"
 
 #include "core/throttle.h"
-#include "network/network.h"
 
 #include <QGraphicsItem>
+#include <QGraphicsScene>
 
 #include <vector>
 
@@ -55,13 +55,15 @@ void ThrottledUpdateQueue::_repaintPending()
     _pending.clear();
 }
 
-ThrottledUpdate::ThrottledUpdate(QGraphicsItem* item)
+ThrottledUpdate::ThrottledUpdate(QGraphicsItem* item, IsWatched isWatched)
     : _item(item)
+    , _isWatched(isWatched)
 {
 }
 
-ThrottledUpdate::ThrottledUpdate(QGraphicsScene* scene)
+ThrottledUpdate::ThrottledUpdate(QGraphicsScene* scene, IsWatched isWatched)
     : _scene(scene)
+    , _isWatched(isWatched)
 {
 }
 
@@ -81,13 +83,11 @@ void ThrottledUpdate::_enqueue()
     ThrottledUpdateQueue::instance().append(this);
 }
 
-/// Qt's bookkeeping for a repaint costs as much as some frames; for a network that nobody watches it is for
-/// nothing.
+/// Asks first whether anybody watches: Qt's bookkeeping for a repaint costs as much as some frames.
 void ThrottledUpdate::_repaint() const
 {
     QGraphicsScene* scene = _item ? _item->scene() : _scene;
-    const auto* network = qobject_cast<const Network*>(scene);
-    if (network && !network->isWatched())
+    if (scene && _isWatched && !_isWatched(*scene))
         return;
     if (_item)
         _item->update();

@@ -16,10 +16,13 @@ QT_END_NAMESPACE
 class ThrottledUpdate
 {
 public:
+    /// Says whether anybody sees a scene.
+    using IsWatched = bool (*)(const QGraphicsScene& scene);
+
     /// What is repainted is not owned and lives at least as long as this object, which is normally its
-    /// member.
-    explicit ThrottledUpdate(QGraphicsItem* item);
-    explicit ThrottledUpdate(QGraphicsScene* scene);
+    /// member. Nothing is repainted while \a isWatched, unless null, says no.
+    explicit ThrottledUpdate(QGraphicsItem* item, IsWatched isWatched = nullptr);
+    explicit ThrottledUpdate(QGraphicsScene* scene, IsWatched isWatched = nullptr);
     ~ThrottledUpdate();
     Q_DISABLE_COPY_MOVE(ThrottledUpdate)
 
@@ -42,5 +45,6 @@ private:
 
     QGraphicsItem* _item = nullptr;  // one of these two
     QGraphicsScene* _scene = nullptr;
+    IsWatched _isWatched;
     int _index = -1;  // place among those that wait; -1: does not wait
 };

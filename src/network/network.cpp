@@ -162,6 +162,12 @@ bool Network::isWatched() const
     return !views().isEmpty() || isSignalConnected(change);
 }
 
+bool isSceneWatched(const QGraphicsScene& scene)
+{
+    const auto* network = qobject_cast<const Network*>(&scene);
+    return !network || network->isWatched();
+}
+
 bool Network::isEmpty() const
 {
     return QGraphicsScene::items().isEmpty();

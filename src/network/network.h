@@ -168,7 +168,7 @@ private:
     NodeDirectory _directory;  // of the nodes in the scene, which keep it true
     QTimer _acceptRetry;       // runs while accepting has failed
     QElapsedTimer _painting;   // since a picture was begun
-    ThrottledUpdate _repaint{this};
+    ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
 /// The network record of the simulation file.

@@ -23,3 +23,6 @@ public:
     /// A newly made editor for this item, without a parent; the caller owns it.
     virtual QWidget* propertiesWidget() = 0;
 };
+
+/// Tells whether anybody sees what happens in \a scene; of one that is no network: always.
+bool isSceneWatched(const QGraphicsScene& scene);

@@ -191,7 +191,7 @@ void Node::dataRequest(QByteArray frame)
 {
     _txFlashes.startShared(flashDuration);  // may end a flash
     _flags |= Transmitting;
-    _traffic.request();
+    _repaint.request();
 
     const bool isConfirmationWanted = _isConfirmationWanted();
     const int timeout = _effectiveAcknowledgeTimeout();
@@ -231,7 +231,7 @@ void Node::_dataIndication(QByteArray frame)
 {
     _rxFlashes.startShared(flashDuration);  // likewise
     _flags |= Receiving;
-    _traffic.request();
+    _repaint.request();
 
     _receivedBytes += frame.size();
     ++_receivedFrames;
@@ -257,13 +257,13 @@ void Node::dataConfirmation(bool /*delivered*/)
 void Node::clearTxFlag()
 {
     _flags &= ~Transmitting;
-    _traffic.request();
+    _repaint.request();
 }
 
 void Node::clearRxFlag()
 {
     _flags &= ~Receiving;
-    _traffic.request();
+    _repaint.request();
 }
 
 void Node::frameLost()
@@ -343,7 +343,7 @@ void Node::_update(Repaint repaint)
     if (repaint == AtOnce)
         update();
     else
-        _traffic.request();
+        _repaint.request();
 }
 
 void Node::_updateScene(Repaint repaint)

@@ -171,7 +171,7 @@ private:
     Timeouts _txFlashes{[this] { clearTxFlag(); }, Timeouts::Leisurely};
     Timeouts _rxFlashes{[this] { clearRxFlag(); }, Timeouts::Leisurely};
     Timeouts _losses{[this] { frameLost(); }};
-    ThrottledUpdate _traffic{this};
+    ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
 /// What a node is called within one simulation file: unique among the living nodes; 0 for no node.
