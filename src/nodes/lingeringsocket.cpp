@@ -1,8 +1,5 @@
 #include "nodes/lingeringsocket.h"
 
-#include "network/network.h"
-#include "network/networksimulation.h"
-
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -14,11 +11,11 @@ constexpr int lingerTime = 3000;  // ms
 
 }  // namespace
 
-LingeringSocket::LingeringSocket(QTcpSocket* socket)
+LingeringSocket::LingeringSocket(QTcpSocket* socket, QObject* owner)
     : QObject(socket)
     , _socket(socket)
 {
-    socket->setParent(NetworkSimulation::instance()->network());
+    socket->setParent(owner);
     connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
     connect(socket, SIGNAL(readyRead()), this, SLOT(discardInput()));
     connect(socket, SIGNAL(bytesWritten(qint64)), this, SLOT(endOutput()));

@@ -14,8 +14,8 @@ class LingeringSocket : public QObject
     Q_OBJECT
 
 public:
-    /// The network owns \a socket from here on, the socket owns this object: both go together.
-    explicit LingeringSocket(QTcpSocket* socket);
+    /// From here on \a owner owns \a socket, and the socket owns this object: both go together.
+    LingeringSocket(QTcpSocket* socket, QObject* owner);
 
 private slots:
     void discardInput();

@@ -148,7 +148,7 @@ void TcpNode::_closeSocket()
     _output.giveToSocket(*_socket);
     QTcpSocket* socket = _socket;
     _detachSocket();
-    new LingeringSocket(socket);
+    new LingeringSocket(socket, NetworkSimulation::instance()->network());
 }
 
 /// Closes the socket of a program that has stopped reading.
