@@ -12,11 +12,9 @@ AwaitedNodes::AwaitedNodes(const QStringList& names, const Network& network, QOb
     _missing = _attachedNodes.size();
 
     connect(&network, SIGNAL(nodeAdded(TcpNode*)), this, SLOT(_watch(TcpNode*)));
-    const QList<QGraphicsItem*> items = network.items();
-    for (QGraphicsItem* item : items) {
-        if (auto* node = dynamic_cast<TcpNode*>(item))
-            _watch(node);
-    }
+    const QList<TcpNode*> nodes = itemsOf<TcpNode>(network.items());
+    for (TcpNode* node : nodes)
+        _watch(node);
 }
 
 QStringList AwaitedNodes::missing() const

@@ -28,11 +28,9 @@ QJsonObject nodeReport(const TcpNode& node)
 QJsonArray nodeReports(const Network& network)
 {
     QJsonArray reports;
-    const QList<QGraphicsItem*> items = network.items(Qt::AscendingOrder);
-    for (const QGraphicsItem* item : items) {
-        if (const auto* node = dynamic_cast<const TcpNode*>(item))
-            reports.append(nodeReport(*node));
-    }
+    const QList<TcpNode*> nodes = itemsOf<TcpNode>(network.items(Qt::AscendingOrder));
+    for (const TcpNode* node : nodes)
+        reports.append(nodeReport(*node));
     return reports;
 }
 

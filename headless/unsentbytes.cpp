@@ -10,10 +10,9 @@
 /// program may still write, and would lose what the kernel has not sent if the process ended before.
 UnsentBytes::UnsentBytes(const Network& network)
 {
-    const QList<QGraphicsItem*> items = network.items();
-    for (const QGraphicsItem* item : items) {
-        const auto* node = dynamic_cast<const TcpNode*>(item);
-        if (!node || !node->socket() || node->socket()->bytesToWrite() == 0)
+    const QList<TcpNode*> nodes = itemsOf<TcpNode>(network.items());
+    for (const TcpNode* node : nodes) {
+        if (!node->socket() || node->socket()->bytesToWrite() == 0)
             continue;
         connect(node->socket(), SIGNAL(bytesWritten(qint64)), this, SLOT(_forgetWhenSent()));
         _watch(node->socket());

@@ -20,8 +20,9 @@ constexpr int bytePairsOfLongestMask = 32768;  // a line edit holds 32767 charac
 constexpr int connectionHeaderSize = 20;
 constexpr int nodeHeaderSize = 16;
 
-template <typename Item> void writeItems(QDataStream& stream, const QList<Item*>& items)
+template <typename Item> void writeItems(QDataStream& stream, const QList<QGraphicsItem*>& all)
 {
+    const QList<Item*> items = itemsOf<Item>(all);
     stream << static_cast<quint32>(items.size());
     for (Item* item : items)
         stream << item;
@@ -217,17 +218,9 @@ QDataStream& operator<<(QDataStream& stream, Network& network)
         stream << network.isNameUsedForPnpIdentification();
     stream << network.defaultConnection() << network.defaultNode();
 
-    QList<Node*> nodes;
-    QList<Connection*> connections;
     const QList<QGraphicsItem*> items = network.items(Qt::DescendingOrder);
-    for (QGraphicsItem* item : items) {
-        if (auto* node = dynamic_cast<Node*>(item))
-            nodes.append(node);
-        else if (auto* connection = dynamic_cast<Connection*>(item))
-            connections.append(connection);
-    }
-    writeItems(stream, nodes);
-    writeItems(stream, connections);
+    writeItems<Node>(stream, items);
+    writeItems<Connection>(stream, items);
     return stream;
 }
 

@@ -158,11 +158,8 @@ Connection* Network::_linkBesideBounds(const QPointF& position) const
 
 void Network::_remeasureConnectionsOfSelection()
 {
-    const QList<QGraphicsItem*> selection = selectedItems();
-    for (QGraphicsItem* item : selection) {
-        const auto* node = dynamic_cast<Node*>(item);
-        if (!node)
-            continue;
+    const QList<Node*> nodes = itemsOf<Node>(selectedItems());
+    for (const Node* node : nodes) {
         for (Connection* connection : node->connections())
             connection->prepareGeometryChange();
     }

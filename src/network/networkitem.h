@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QGraphicsItem>
+#include <QList>
 
 QT_BEGIN_NAMESPACE
 class QWidget;
@@ -23,6 +24,17 @@ public:
     /// A newly made editor for this item, without a parent; the caller owns it.
     virtual QWidget* propertiesWidget() = 0;
 };
+
+/// Returns those of \a items that are of the class \a Item, in the same order.
+template <typename Item, typename Base> QList<Item*> itemsOf(const QList<Base*>& items)
+{
+    QList<Item*> found;
+    for (Base* base : items) {
+        if (auto* item = dynamic_cast<Item*>(base))
+            found.append(item);
+    }
+    return found;
+}
 
 /// Tells whether anybody sees what happens in \a scene; of one that is no network: always.
 bool isSceneWatched(const QGraphicsScene& scene);

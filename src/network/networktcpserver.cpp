@@ -234,17 +234,10 @@ template <typename Identity> void Network::_attach(QTcpSocket* socket, const Ide
 /// Null when there is no TCP node among \a candidates. Only several need the order of all items.
 TcpNode* Network::_topmostTcpNode(const QList<Node*>& candidates) const
 {
-    QList<TcpNode*> nodes;
-    for (Node* candidate : candidates) {
-        if (auto* node = dynamic_cast<TcpNode*>(candidate))
-            nodes.append(node);
-    }
+    const QList<TcpNode*> nodes = itemsOf<TcpNode>(candidates);
     if (nodes.size() <= 1)
         return nodes.value(0);
 
-    const QList<QGraphicsItem*> all = items(Qt::DescendingOrder);
-    const auto topmost = std::find_if(all.begin(), all.end(), [&nodes](QGraphicsItem* item) {
-        return nodes.contains(dynamic_cast<TcpNode*>(item));
-    });
-    return dynamic_cast<TcpNode*>(*topmost);
+    const QList<TcpNode*> all = itemsOf<TcpNode>(items(Qt::DescendingOrder));
+    return *std::find_if(all.begin(), all.end(), [&nodes](TcpNode* node) { return nodes.contains(node); });
 }
