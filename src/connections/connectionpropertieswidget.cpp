@@ -2,8 +2,8 @@
 
 #include "QtColorPicker/qtcolorpicker.h"
 #include "connections/connection.h"
+#include "forms/propertyform.h"
 #include "network/networksimulation.h"
-#include "ui/propertyform.h"
 
 #include <QDoubleSpinBox>
 #include <QLineEdit>

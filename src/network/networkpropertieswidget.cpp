@@ -1,8 +1,8 @@
 #include "network/networkpropertieswidget.h"
 
+#include "forms/addressfield.h"
+#include "forms/propertyform.h"
 #include "network/networksimulation.h"
-#include "ui/addressfield.h"
-#include "ui/propertyform.h"
 
 #include <QCheckBox>
 #include <QLineEdit>
@@ -178,7 +178,7 @@ void NetworkPropertiesWidget::frameBroadcastAddressChanged()
 
 void NetworkPropertiesWidget::_showBroadcastAddress()
 {
-    AddressField::setLength(_frameBroadcastAddress, -1);
+    AddressField::setMask(_frameBroadcastAddress, network()->addressInputMask(-1));
     AddressField::setAddress(_frameBroadcastAddress, network()->broadcastAddress());
     _storedTexts.insert(_frameBroadcastAddress, _frameBroadcastAddress->text());
 }

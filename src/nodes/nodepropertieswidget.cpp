@@ -1,11 +1,11 @@
 #include "nodes/nodepropertieswidget.h"
 
 #include "QtColorPicker/qtcolorpicker.h"
+#include "forms/addressfield.h"
+#include "forms/propertyform.h"
+#include "forms/trafficfields.h"
 #include "network/networksimulation.h"
 #include "nodes/node.h"
-#include "ui/addressfield.h"
-#include "ui/propertyform.h"
-#include "ui/trafficfields.h"
 
 #include <QCheckBox>
 #include <QDoubleSpinBox>
@@ -215,7 +215,7 @@ bool NodePropertiesWidget::_askForAddress(QString* text)
     dialog->setInputMode(QInputDialog::TextInput);
     dialog->setLabelText(tr("New Address for the node:"));
     auto* field = dialog->findChild<QLineEdit*>();
-    AddressField::setLength(field, -1);
+    AddressField::setMask(field, network()->addressInputMask(-1));
 
     const bool isAccepted = dialog->exec() == QDialog::Accepted;
     if (!dialog)
@@ -240,7 +240,7 @@ void NodePropertiesWidget::_showAssignedAddress()
 
 void NodePropertiesWidget::_showAddress()
 {
-    AddressField::setLength(_address, _node->address().size());
+    AddressField::setMask(_address, network()->addressInputMask(_node->address().size()));
     AddressField::setAddress(_address, _node->address());
 }
 

@@ -1,7 +1,7 @@
 #include "nodes/tcpnodepropertieswidget.h"
 
+#include "forms/propertyform.h"
 #include "nodes/tcpnode.h"
-#include "ui/propertyform.h"
 
 #include <QHostAddress>
 #include <QLineEdit>

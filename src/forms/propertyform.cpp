@@ -1,4 +1,4 @@
-#include "ui/propertyform.h"
+#include "forms/propertyform.h"
 
 #include "QtColorPicker/qtcolorpicker.h"
 

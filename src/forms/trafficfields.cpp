@@ -1,4 +1,4 @@
-#include "ui/trafficfields.h"
+#include "forms/trafficfields.h"
 
 #include <QLineEdit>
 

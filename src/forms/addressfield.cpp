@@ -1,6 +1,4 @@
-#include "ui/addressfield.h"
-
-#include "network/networksimulation.h"
+#include "forms/addressfield.h"
 
 #include <QLineEdit>
 #include <QValidator>
@@ -29,9 +27,9 @@ public:
 
 }  // namespace
 
-void AddressField::setLength(QLineEdit* field, int length)
+void AddressField::setMask(QLineEdit* field, const QString& mask)
 {
-    field->setInputMask(NetworkSimulation::instance()->network()->addressInputMask(length));
+    field->setInputMask(mask);
     field->setAlignment(Qt::AlignCenter);
     if (!field->validator())
         field->setValidator(new SeparatorValidator(field));
