@@ -1,4 +1,4 @@
-"""Writes docs/fidelity.md with its plots from the rows of a run."""
+"""Writes fidelity.md with its plots from the rows of a run."""
 
 from __future__ import annotations
 
