@@ -1,7 +1,7 @@
 #!/bin/sh
-# bench.sh [OPTION...]: compares the headless simulator with the limit server.
-# bench.sh --window [OPTION...]: compares the window, shown on a virtual display, with the headless simulator.
-# Both build the release tree first; --help lists the options.
+# bench.sh [OPTION...]: compares lattivo-headless with the limit server.
+# bench.sh --window [OPTION...]: compares the window, on a display of its own, with lattivo-headless.
+# Builds the release tree first. --help lists the options.
 set -eu
 
 cd "$(dirname "$0")/.."

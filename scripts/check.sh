@@ -1,5 +1,5 @@
 #!/bin/sh
-# Checks the code's format and runs the static analysers; any finding is an error.
+# Checks the format of the code, runs the static analysers and checks the types of the Python kit. Fails on any finding.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -13,8 +13,14 @@ cmake --preset dev >/dev/null
 cmake --build --preset dev --parallel 2 --target lattivo lattivo-headless
 
 echo "== clang-format =="
-find QtComponents examples headless measuring src tests -name '*.h' -o -name '*.cpp' | sort \
+find QtComponents client examples headless measuring src tests -name '*.h' -o -name '*.c' -o -name '*.cpp' | sort \
     | xargs clang-format --dry-run --Werror
+
+echo "== black =="
+black --check --line-length 120 client examples measuring scripts tests
+
+echo "== mypy =="
+mypy --strict client/python/lattivo
 
 analysed=$(find QtComponents headless src -name '*.cpp' | sort)
 echo "== clang-tidy =="

@@ -1,5 +1,5 @@
 #!/bin/sh
-# demo.sh RUNNER: two example programs talk over a lossy link of the example simulation; ends by itself.
+# demo.sh RUNNER: lets two example programs talk over a lossy link of the example simulation. Ends by itself.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -41,7 +41,7 @@ python3 -B examples/receiver.py --port "$port" --address 020000000002 --expect $
     >"$work/receiver.out" &
 receiver_pid=$!
 pids="$pids $receiver_pid"
-sleep 1 # the frames of a sender that comes first would meet a node without a program
+sleep 1 # a sender that comes first would send to a node without a program
 echo
 echo "== sender.py: $frames numbered frames of 64 bytes =="
 python3 -B examples/sender.py --port "$port" --address 020000000001 --destination 020000000002 --count $frames
@@ -58,7 +58,7 @@ echo "== The simulator's report =="
 cat "$work/report.json"
 echo
 echo "== The first and last frames of the dump, as a packet analyser lists them =="
-# Frame lengths of a record differ by two, on purpose; so an analyser may complain, but it lists them all.
+# The two lengths of a record differ by two, on purpose. An analyser may complain, but it lists them all.
 tshark -r "$work/demo.pcap" -T fields -e frame.number -e frame.time_delta -e frame.cap_len -e frame.len \
     -E header=y >"$work/frames.txt" 2>"$work/tshark.err" || cat "$work/tshark.err"
 head -n 6 "$work/frames.txt"

@@ -1,8 +1,8 @@
 #!/bin/sh
-# fuzz.sh SECONDS [--seed SEED] [TARGET...]: runs the fuzz targets, two at a time, for so long each; fails when
-# anything is found. Each target's seed is told, with which the same can be run again on the same corpus.
-# fuzz.sh --coverage [TARGET...]: counts the lines that the seeds and everything learnt so far reach.
-# fuzz.sh --minimise [TARGET...]: renews the committed inputs, tests/fuzz/corpus, from everything learnt so far.
+# fuzz.sh SECONDS [--seed SEED] [TARGET...]: runs each fuzz target for so long, two at a time. Fails when one finds
+# anything. Prints the seed of each target, which runs the same again on the same corpus.
+# fuzz.sh --coverage [TARGET...]: counts the lines that the seeds and all learnt inputs reach.
+# fuzz.sh --minimise [TARGET...]: renews the committed inputs, tests/fuzz/corpus, from all learnt inputs.
 set -eu
 
 cd "$(dirname "$0")/.."

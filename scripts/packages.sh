@@ -1,11 +1,10 @@
-# Sourced by the other scripts: installs Debian packages that are missing.
+# The other scripts source this file. It installs the Debian packages that are missing.
 
 build_packages="ca-certificates cmake g++ ninja-build qtbase5-dev"
 demo_packages="fonts-dejavu-core python3 tshark"
-comparison_packages="libns3-dev libvdeplug-dev vde2"
-test_packages="$demo_packages $comparison_packages iproute2 mount openbox python3-scipy qt5-gtk-platformtheme strace
-    util-linux xdotool xvfb"
-check_packages="clang-format clang-tidy clazy"
+test_packages="$demo_packages iproute2 mount openbox pkg-config python3-scipy qt5-gtk-platformtheme strace util-linux
+    xdotool xvfb"
+check_packages="black clang-format clang-tidy clazy mypy"
 
 as_root()
 {
@@ -24,7 +23,7 @@ is_installed()
     [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# install_packages PACKAGE...: nothing is asked and nothing is done when all are there.
+# install_packages PACKAGE...: installs what is missing, without asking. Does nothing when all are there.
 install_packages()
 {
     missing=""

@@ -41,7 +41,7 @@ measure()
 }
 
 # shellcheck disable=SC2086,SC2154  # one word a package
-install_packages $build_packages $comparison_packages gnuplot-nox python3 util-linux >&2
+install_packages $build_packages libns3-dev libvdeplug-dev vde2 gnuplot-nox python3 util-linux >&2
 cmake --preset release >&2
 cmake --build --preset release --target lattivo-headless lattivo_frameload lattivo_ns3link >&2
 

@@ -1,9 +1,9 @@
 #!/bin/sh
-# Renders resources/svg/*.svg to the PNG files that resources.qrc embeds; run it after editing an SVG.
+# Renders resources/svg/*.svg to the PNG files that resources.qrc embeds. Run it after you edit an SVG.
 set -eu
 
-window_icon_size=256 # pixels; shown large by task switchers
-icon_size=64         # pixels; twice the largest tool bar size, Qt scales it down
+window_icon_size=256 # pixels; task switchers show it large
+icon_size=64         # pixels, twice the largest tool bar size; Qt scales it down
 
 if ! command -v rsvg-convert >/dev/null 2>&1; then
     echo "render-icons.sh: rsvg-convert not found; install the package librsvg2-bin" >&2

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Builds what is needed and opens the program's window; "run.sh demo" shows the simulator at work without one.
+# run.sh: builds the program and opens its window. run.sh demo: shows the simulator at work without a window.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,7 +1,7 @@
 #!/bin/sh
 # soak.sh MINUTES [--seed N]: drives the simulator with hostile and ordinary programs for so long, while its network is
-# edited, saved, opened and replaced; a build with the sanitizers and the release build side by side. What came out is
-# printed and written to build/soak/summary.json.
+# edited, saved, opened and replaced. A build with the sanitizers and the release build run side by side. Prints the
+# outcome and writes it to build/soak/summary.json.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Builds and runs the whole test suite, plain and under the sanitizers. Needs no display.
+# Builds and runs all tests, plain and under the sanitizers. Needs no display.
 set -eu
 
 cd "$(dirname "$0")/.."

@@ -66,7 +66,7 @@ struct SentFrame {
     QByteArray senderAddress;  // when it was sent
 };
 
-/// What docs/protocol.md says of messages from a program, told anew: which frames a piece makes the node send.
+/// Tells anew what docs/protocol.md says of messages: which frames a piece makes the node send.
 class ExpectedSender
 {
 public:
