@@ -45,6 +45,25 @@ PARTIALLY_CHECKED = 1
 CHECK_STATES = [UNCHECKED, PARTIALLY_CHECKED, CHECKED]
 COLOR_SLOTS = ["inactiveColorChanged", "activeColorChanged", "txColorChanged", "rxColorChanged"]
 
+ORDINARY = {}  # operations, with how often each is drawn, compared with the others
+RARE = []  # operations that take long
+
+
+def ordinary(weight):
+    """Let an operation be drawn that often."""
+
+    def register(operation):
+        ORDINARY[operation] = weight
+        return operation
+
+    return register
+
+
+def rare(operation):
+    """Let an operation be done once in a long epoch."""
+    RARE.append(operation)
+    return operation
+
 
 class Talker:
     def __init__(self, program):
@@ -74,19 +93,19 @@ class Chaos:
         begin = time.monotonic()
         times = sorted(self.rng.uniform(0.1, 0.9) * seconds for _ in rare_operations)
         waiting = collections.deque(zip(times, rare_operations))
-        names, weights = zip(*ORDINARY.items())
+        operations, weights = zip(*ORDINARY.items())
         while time.monotonic() - begin < seconds or waiting:
             if waiting and time.monotonic() - begin >= waiting[0][0]:
                 self.perform(waiting.popleft()[1])
             else:
-                self.perform(self.rng.choices(names, weights)[0])
+                self.perform(self.rng.choices(operations, weights)[0])
             self._idle(self.rng.expovariate(1 / 0.03))
 
-    def perform(self, name):
-        self.tally[name] += 1
-        self.log.info("%s", name)
+    def perform(self, operation):
+        self.tally[operation.__name__] += 1
+        self.log.info("%s", operation.__name__)
         self._look()
-        getattr(self, name)()
+        operation(self)
 
     def leave(self):
         """All hostile programs let go of their sockets, one way or the other."""
@@ -138,6 +157,7 @@ class Chaos:
 
     # Programs
 
+    @ordinary(10)
     def attach(self):
         """As one of the nodes that are there, perhaps one that another program drives."""
         if not self._nodes:
@@ -145,11 +165,13 @@ class Chaos:
         node = self.rng.choice(self._nodes)
         self._add_talker(node["name"], bytes.fromhex(node["address"]))
 
+    @ordinary(3)
     def attach_unknown(self):
         """As a node that is not there: a new one, or none."""
         number = self.rng.randrange(1000)
         self._add_talker(f"unknown-{number}", programs.address(UNKNOWN_KIND, number))
 
+    @ordinary(2)
     def attach_strangely(self):
         """With an identification of the wrong kind or length, cut short, or with a name that nobody would choose."""
         names = ["", "x" * 20_000, "a\0b", "\u202e\U0001f600" * 50]
@@ -159,6 +181,7 @@ class Chaos:
         program.send(message)
         self.talkers.append(Talker(program))
 
+    @ordinary(3)
     def come_back(self):
         """A program of the same name while the old connection stands."""
         node = self._attached_node()
@@ -198,15 +221,18 @@ class Chaos:
         body = self.rng.randbytes(self.rng.randrange(LONGEST_BODY))
         return bridge.encode_frame(programs.frame(self._some_address(), self._some_address(), body))
 
+    @ordinary(25)
     def talk(self):
         self._send_politely([self._some_frame() for _ in range(self.rng.randint(1, 12))])
 
+    @ordinary(4)
     def talk_nonsense(self):
         """Frames that are too short or too long, empty ones and null ones."""
         sizes = [0, 1, 11, 30_001, 31_500]
         frames = [bridge.encode_frame(bytes(self.rng.choice(sizes))) for _ in range(4)]
         self._send_politely(frames + [bridge.HEADER.pack(bridge.MessageType.FRAME, bridge.NULL_LENGTH)])
 
+    @ordinary(3)
     def talk_recklessly(self):
         """As fast as the socket takes it: messages are cut anywhere."""
         talker = self._some_talker()
@@ -214,6 +240,7 @@ class Chaos:
             if not talker.program.send(self._some_frame()):
                 break
 
+    @ordinary(5)
     def control(self):
         name = f"chaos-{self.rng.randrange(20)}"
         red, green, blue = self.rng.randbytes(3)
@@ -228,6 +255,7 @@ class Chaos:
         ]
         self._send_politely(self.rng.sample(messages, 3))
 
+    @ordinary(3)
     def break_protocol(self):
         garbage = self.rng.randbytes(self.rng.randint(1, 60))
         bad_type = bridge.encode_message(self.rng.choice([0, 2, 6, 7, 8, 255]), b"xyz")
@@ -240,15 +268,18 @@ class Chaos:
             if not talker.program.send_when_safe(message, 0.2):
                 break
 
+    @ordinary(3)
     def stall(self):
         """Reads nothing for a while, and then goes on."""
         talker = self._some_talker()
         if talker:
             talker.stalled_until = time.monotonic() + self.rng.uniform(1.0, LONGEST_STALL)
 
+    @ordinary(3)
     def end_in_mid_message(self):
         self._die_in_mid_message(programs.Program.close)
 
+    @ordinary(3)
     def reset_in_mid_message(self):
         self._die_in_mid_message(programs.Program.reset)
 
@@ -260,6 +291,7 @@ class Chaos:
             self.talkers.remove(talker)
             end(talker.program)
 
+    @ordinary(2)
     def scan_port(self):
         """Connections that are closed at once, with and without a word."""
         for _ in range(self.rng.randint(1, 20)):
@@ -268,6 +300,7 @@ class Chaos:
                 program.send(self.rng.choice([b"GET / HTTP/1.0\r\n\r\n", self.rng.randbytes(40), b"\3", b"\3\0\0\0"]))
             self.rng.choice([program.close, program.reset])()
 
+    @ordinary(3)
     def connect_and_be_silent(self):
         if len(self.half_open) >= MOST_HALF_OPEN:
             self.half_open.pop(self.rng.randrange(len(self.half_open))).close()
@@ -275,6 +308,7 @@ class Chaos:
 
     # The user
 
+    @ordinary(2)
     def add_node(self):
         if len(self._nodes) < MOST_NODES:
             number = self.rng.randrange(20)
@@ -282,16 +316,19 @@ class Chaos:
             add_node(self.simulator, self.rng, f"chaos-{number}", address)
             self._look(at_once=True)
 
+    @ordinary(4)
     def add_link(self):
         if len(self._nodes) >= 2 and len(self._links) < 2 * MOST_NODES:
             first, second = self.rng.sample(self._nodes, 2)
             self.simulator.do("link", **{"from": first["number"], "to": second["number"]})
             self._look(at_once=True)
 
+    @ordinary(1.5)
     def delete_node(self):
         if self._nodes:
             self._delete(self.rng.choice(self._nodes)["number"])
 
+    @ordinary(1)
     def delete_talking_node(self):
         """With its frames in flight, right behind their sending."""
         node = self._attached_node()
@@ -299,6 +336,7 @@ class Chaos:
             self.talk()
             self._delete(node["number"])
 
+    @ordinary(2)
     def delete_link(self):
         if self._links:
             self._delete(self.rng.choice(self._links))
@@ -309,12 +347,15 @@ class Chaos:
         if len(self._nodes) < 5:
             self.add_node()
 
+    @ordinary(3)
     def break_link(self):
         self._set_link("brokenChanged", CHECKED)
 
+    @ordinary(3)
     def mend_link(self):
         self._set_link("brokenChanged", UNCHECKED)
 
+    @ordinary(6)
     def change_link(self):
         value_of = {
             "reliabilityChanged": lambda: self.rng.choice([0.0, 50.0, 99.9, 100.0]),
@@ -333,10 +374,12 @@ class Chaos:
         if self._links:
             self.simulator.set(self.rng.choice(self._links), (slot, value))
 
+    @ordinary(6)
     def change_node(self):
         if self._nodes:
             self.simulator.set(self.rng.choice(self._nodes)["number"], self._node_setting())
 
+    @ordinary(1)
     def change_default_node(self):
         self.simulator.set("default node", self._node_setting(["framesAcknowledgedChanged", "promiscuousModeChanged"]))
 
@@ -356,44 +399,54 @@ class Chaos:
         slot = self.rng.choice(slots or list(value_of))
         return slot, value_of[slot]()
 
+    @ordinary(1)
     def change_default_link(self):
         slot = self.rng.choice(["reliabilityChanged", "errorDetectionReliabilityChanged"])
         self.simulator.set("default connection", (slot, self.rng.choice([0.0, 99.9, 100.0, 100.0])))
 
+    @ordinary(2)
     def select(self):
         """The form of the item stays up while the item lives its life."""
         numbers = [node["number"] for node in self._nodes] + self._links + [0]
         self.simulator.do("select", item=self.rng.choice(numbers))
 
+    @ordinary(2)
     def move_node(self):
         if self._nodes:
             number = self.rng.choice(self._nodes)["number"]
             self.simulator.do("move", item=number, x=self.rng.uniform(0, 700), y=self.rng.uniform(0, 500))
 
+    @ordinary(1)
     def switch_capture(self):
         switches = {"enabled": self.rng.random() < 0.7, "follows": self.rng.random() < 0.5}
         self.simulator.do("capture", **switches, clear=self.rng.random() < 0.5)
 
+    @ordinary(0.5)
     def export_capture(self):
         if not self.simulator.do("export", file=str(self.folder / "chaos.pcapdump"))["exported"]:
             self.errors.append("the capture is not exported")
 
+    @ordinary(0.5)
     def save(self):
         if not self.simulator.do("save", file=str(self.folder / "chaos.ltvo"))["saved"]:
             self.errors.append("the simulation is not saved")
 
+    @ordinary(1)
     def debug(self):
         self.simulator.do("debug", command=self.rng.randint(1, 6))
 
+    @ordinary(1)
     def change_identification(self):
         self.simulator.identify_by(self.rng.random() < 0.5, self.rng.random() < 0.6)
 
+    @ordinary(0.5)
     def restart_server(self):
         """Attached programs stay; those that are silent go."""
         self.simulator.listen()
 
     # Rare, because they take long
 
+    @rare
     def come_in_a_crowd(self):
         crowd = self._gather(CROWD)
         connected = crowd.wait_until_connected(CROWD_PATIENCE)
@@ -406,6 +459,7 @@ class Chaos:
             sockets = self.simulator.open_sockets()
             self.errors.append(f"{sockets} sockets behind a crowd, for {self._most_sockets()} at most")
 
+    @rare
     def use_up_descriptors(self):
         """The simulator has some left; a crowd takes them, saving and exporting have none, and then they are free.
 
@@ -441,6 +495,7 @@ class Chaos:
         self.connections += size
         return programs.Crowd(self.simulator.port, size)
 
+    @rare
     def never_read(self):
         """A program that never reads is dropped when 64 MiB wait for it; its node and the rest go on."""
         address = programs.address(FLOOD_KIND, 1)
@@ -493,41 +548,3 @@ class Chaos:
     def _identify_plainly(self):
         """By address, so that a name that chaos has given away twice is no matter."""
         self.simulator.identify_by(by_name=False, plug_and_play=False)
-
-
-ORDINARY = {  # operation: how often, compared with the others
-    "attach": 10,
-    "attach_unknown": 3,
-    "attach_strangely": 2,
-    "come_back": 3,
-    "talk": 25,
-    "talk_nonsense": 4,
-    "talk_recklessly": 3,
-    "control": 5,
-    "break_protocol": 3,
-    "stall": 3,
-    "end_in_mid_message": 3,
-    "reset_in_mid_message": 3,
-    "scan_port": 2,
-    "connect_and_be_silent": 3,
-    "add_node": 2,
-    "add_link": 4,
-    "delete_node": 1.5,
-    "delete_talking_node": 1,
-    "delete_link": 2,
-    "break_link": 3,
-    "mend_link": 3,
-    "change_link": 6,
-    "change_node": 6,
-    "change_default_node": 1,
-    "change_default_link": 1,
-    "select": 2,
-    "move_node": 2,
-    "switch_capture": 1,
-    "export_capture": 0.5,
-    "save": 0.5,
-    "debug": 1,
-    "change_identification": 1,
-    "restart_server": 0.5,
-}
-RARE = ["come_in_a_crowd", "use_up_descriptors", "never_read"]

@@ -119,7 +119,7 @@ class Course:
         number = 0
         while time.monotonic() - begin < seconds:
             left = seconds - (time.monotonic() - begin)
-            rare = [name for name in RARE if name != "never_read" or number % NEVER_READ_SHARE == 0]
+            rare = [each for each in RARE if each is not Chaos.never_read or number % NEVER_READ_SHARE == 0]
             self.rng.shuffle(rare)
             ending = self.rng.choice(["new", "open", "open", "damaged"])
             in_flight = self.rng.randrange(IN_FLIGHT_SHARE) == 0
@@ -178,7 +178,7 @@ class Course:
         pieces = max(1, round(seconds / LOOK_INTERVAL))
         places = sorted(self.rng.randrange(pieces) for _ in rare)
         for piece in range(pieces):
-            self.chaos.run(seconds / pieces, [name for name, place in zip(rare, places) if place == piece])
+            self.chaos.run(seconds / pieces, [each for each, place in zip(rare, places) if place == piece])
             self._look()
 
     def _look(self):
