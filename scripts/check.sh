@@ -22,11 +22,11 @@ black --check --line-length 120 client examples measuring scripts tests
 echo "== mypy =="
 mypy --strict client/python/lattivo
 
-analysed=$(find QtComponents headless src -name '*.cpp' | sort)
+analysed=$(find QtComponents client headless src -name '*.c' -o -name '*.cpp' | sort)
 echo "== clang-tidy =="
 echo "$analysed" | xargs -P 2 -n 2 clang-tidy -p "$build" --quiet --warnings-as-errors='*'
 
 echo "== clazy =="
-echo "$analysed" | xargs -P 2 -n 2 clazy-standalone -p "$build" --extra-arg=-Werror \
+echo "$analysed" | grep -v '\.c$' | xargs -P 2 -n 2 clazy-standalone -p "$build" --extra-arg=-Werror \
     --checks=level1,connect-not-normalized --ignore-dirs='.*_autogen.*'
 echo "No findings."
