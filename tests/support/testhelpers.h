@@ -25,6 +25,8 @@ constexpr int smallestInt = std::numeric_limits<int>::min();
 constexpr int addressSize = 6;  // of a new network
 constexpr int smallestFrame = 2 * addressSize;
 constexpr int largestFrame = 255;
+constexpr int noDeadline = -1;  // of a frame's confirmation
+constexpr int untouched = -77;  // an effective delay that nobody has written
 
 constexpr int connectedBit = 1;  // of a node's state
 constexpr int disabledBit = 2;
@@ -152,6 +154,13 @@ struct LinkedPair {
     }
     QByteArray toNobody() const { return frameBytes(nodeAddress(9), nodeAddress(1)); }
     QByteArray broadcast() const { return frameBytes(broadcastAddress(), nodeAddress(1)); }
+
+    /// Makes a frame as the link does for the sender: its fate is drawn at once.
+    Frame carry(const QByteArray& bytes, int maxDelay = noDeadline, int* delay = nullptr,
+                bool forceCapture = false) const
+    {
+        return Frame(bytes, sender, receiver, link, maxDelay, delay, forceCapture);
+    }
 
     NetworkSimulation* simulation;
     RecordingNode* sender;
