@@ -1,28 +1,20 @@
 #include "ui/capturetableview.h"
 
-#include "capture/capture.h"
+#include "captureviewhelpers.h"
 
-#include <QCheckBox>
 #include <QElapsedTimer>
-#include <QHBoxLayout>
 #include <QHeaderView>
-#include <QLabel>
 #include <QPainter>
-#include <QPushButton>
 #include <QScrollBar>
-#include <QSignalSpy>
-#include <QStyle>
-#include <QStyleOptionButton>
-#include <QTableView>
 #include <QVBoxLayout>
 #include <QtTest>
 
 #include <memory>
 
+using namespace CaptureViewHelpers;
+
 namespace {
 
-constexpr int windowWidth = 1200;  // wide enough for all columns
-constexpr int windowHeight = 300;
 constexpr int iconSize = 12;
 
 QStringList& messages()
@@ -37,21 +29,6 @@ void keepMessage(QtMsgType /*type*/, const QMessageLogContext& /*context*/, cons
         messages().append(text);
 }
 
-/// A delivered frame.
-Frame anyFrame(int size = 64)
-{
-    return {QByteArray(size, '\x5A'), 1000, 1005,
-            static_cast<Frame::FrameFlags>(Frame::DeliveredInTime | Frame::ForceCapture)};
-}
-
-void add(Capture& capture, int count)
-{
-    for (int i = 0; i < count; ++i) {
-        Frame frame = anyFrame();
-        capture.addFrame(frame);
-    }
-}
-
 /// Counts what a view asks the model for.
 class AskedCapture : public Capture
 {
@@ -64,28 +41,6 @@ public:
 
     mutable int questions = 0;
 };
-
-class PaintCounter : public QObject
-{
-public:
-    explicit PaintCounter(QWidget* widget) { widget->installEventFilter(this); }
-
-    bool eventFilter(QObject* /*widget*/, QEvent* event) override
-    {
-        paints += event->type() == QEvent::Paint;
-        return false;
-    }
-
-    int paints = 0;
-};
-
-void click(QCheckBox* box)
-{
-    QStyleOptionButton option;
-    option.initFrom(box);
-    const QRect mark = box->style()->subElementRect(QStyle::SE_CheckBoxIndicator, &option, box);
-    QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, mark.center());
-}
 
 constexpr int textColumns[]
     = {Capture::DeltaTimeColumn,   Capture::SizeColumn,   Capture::TimeOnNetworkColumn,
@@ -138,8 +93,8 @@ int countOpaque(const QIcon& icon)
 
 }  // namespace
 
-/// The view in a window of its own, worked with the mouse.
-class TestCaptureTableView : public QObject
+/// Tests what the view of the captured frames shows and what its switches do.
+class TestCaptureTableView : public QObject, private ShownCapture
 {
     Q_OBJECT
 
@@ -147,19 +102,13 @@ private slots:
     void init()
     {
         messages().clear();
-        _capture = std::make_unique<Capture>();
-        _view = std::make_unique<CaptureTableView>(nullptr);
-        _view->resize(windowWidth, windowHeight);
-        _view->show();
-        QVERIFY(QTest::qWaitForWindowExposed(_view.get()));
-        _view->setCaptureModel(_capture.get());
+        _show();
     }
 
     void cleanup()
     {
         qInstallMessageHandler(nullptr);
-        _view.reset();
-        _capture.reset();
+        _close();
     }
 
     // Make-up
@@ -436,124 +385,6 @@ private slots:
         _view->setCaptureModel(nullptr);
     }
 
-    // Following
-    void theCounterIsTrueRightAfterEachFrame()
-    {
-        _captureAndFollow();
-        for (int count = 1; count <= 200; ++count) {
-            add(*_capture, 1);
-            QCOMPARE(_counter()->text(), QString::number(count));
-        }
-    }
-
-    void theLastRowIsInViewAfterOneTurnOfTheEventLoop()
-    {
-        _captureAndFollow();
-        add(*_capture, 500);
-        QCoreApplication::processEvents();
-        QVERIFY(_lastRowIsInView());
-        QVERIFY(_table()->verticalScrollBar()->maximum() > 0);
-        QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
-    }
-
-    void withFollowingOffTheViewStaysWhereItIs()
-    {
-        click(_enabled());
-        add(*_capture, 500);
-        QTRY_VERIFY(_table()->verticalScrollBar()->maximum() > 0);
-        QCOMPARE(_table()->verticalScrollBar()->value(), 0);
-    }
-
-    void aUserWhoScrolledUpIsTakenToTheNextFrame()
-    {
-        _captureAndFollow();
-        add(*_capture, 500);
-        QCoreApplication::processEvents();
-        QTest::keyClick(_table(), Qt::Key_Home, Qt::ControlModifier);
-        QCOMPARE(_table()->verticalScrollBar()->value(), 0);
-        add(*_capture, 1);
-        QTRY_VERIFY(_lastRowIsInView());
-    }
-
-    void theTableTakesOverRowsInBursts()
-    {
-        _captureAndFollow();
-        QSignalSpy bursts(_table()->verticalHeader(), SIGNAL(sectionCountChanged(int,int)));
-        add(*_capture, 1000);
-        QTRY_COMPARE(_table()->verticalHeader()->count(), 1000);
-        QCOMPARE(bursts.count(), 1);
-    }
-
-    void theTableIsPaintedSixtyTimesASecondAtMost()
-    {
-        constexpr int duration = 500;  // ms
-        _captureAndFollow();
-        const PaintCounter table(_table()->viewport());
-        const PaintCounter counter(_counter());
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < duration) {
-            add(*_capture, 1);
-            QCoreApplication::processEvents();
-        }
-        constexpr int expected = duration * 60 / 1000;
-        constexpr int allowance = 8;  // for what the layout repaints when the scroll bar and a digit come
-        QVERIFY(_capture->rowCount() > 2 * expected);
-        QVERIFY2(table.paints <= expected + allowance, qPrintable(QString::number(table.paints)));
-        QVERIFY2(counter.paints <= expected + allowance, qPrintable(QString::number(counter.paints)));
-        QVERIFY(table.paints > 1);
-    }
-
-    void thePictureShownLastIsTrue()
-    {
-        _captureAndFollow();
-        for (int i = 0; i < 50; ++i) {
-            add(*_capture, 10);
-            QCoreApplication::processEvents();
-        }
-        const PaintCounter painted(_table()->viewport());
-        add(*_capture, 1);
-        QTRY_VERIFY(_lastRowIsInView());
-        QTRY_VERIFY(painted.paints > 0);
-        QCOMPARE(_table()->verticalScrollBar()->value(), _table()->verticalScrollBar()->maximum());
-        QCOMPARE(_table()->verticalHeader()->count(), 501);
-    }
-
-    void clearInTheMiddleOfABurstLeavesNoRows()
-    {
-        _captureAndFollow();
-        add(*_capture, 100);
-        QCoreApplication::processEvents();
-        add(*_capture, 100);
-        QTest::mouseClick(_clear(), Qt::LeftButton);
-        QTest::qWait(50);
-        QCOMPARE(_table()->verticalHeader()->count(), 0);
-        add(*_capture, 1);
-        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-    }
-
-    void theWindowKeepsItsSizeWhileTheCounterGrows()
-    {
-        _view->resize(_view->sizeHint());
-        const QSize before = _view->size();
-        _captureAndFollow();
-        add(*_capture, 100000);
-        QTRY_COMPARE(_table()->verticalHeader()->count(), 100000);
-        QCoreApplication::processEvents();
-        QCOMPARE(_view->size(), before);
-    }
-
-    void theCounterIsAsWideAsItsNumber()
-    {
-        const QLabel sample(QStringLiteral("1000"));
-        const int small = _counter()->width();
-        _captureAndFollow();
-        add(*_capture, 1000);
-        QTRY_COMPARE(_counter()->width(), sample.sizeHint().width());
-        QTest::mouseClick(_clear(), Qt::LeftButton);
-        QTRY_COMPARE(_counter()->width(), small);
-    }
-
     // Picture
     void theIconsAreSeen()
     {
@@ -623,17 +454,6 @@ private slots:
         QVERIFY(countOthers(eight, eight.rect(), eight.pixelColor(0, 0)) > 0);
     }
 
-    void aCounterOfTheSameWidthIsPaintedToo()
-    {
-        _captureAndFollow();
-        add(*_capture, 1);
-        QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
-        QTest::qWait(50);
-        const PaintCounter painted(_counter());
-        add(*_capture, 1);
-        QTRY_VERIFY(painted.paints > 0);
-    }
-
     void aHugeFrameIsPaintedQuickly()
     {
         constexpr int size = 4 * 1024 * 1024;
@@ -663,32 +483,9 @@ private slots:
     }
 
 private:
-    QTableView* _table() const { return _view->findChild<QTableView*>(); }
-    QHBoxLayout* _bar() const { return qobject_cast<QHBoxLayout*>(_view->layout()->itemAt(1)->layout()); }
-    template <typename Widget> Widget* _inBar(int position) const
-    {
-        return qobject_cast<Widget*>(_bar()->itemAt(position)->widget());
-    }
-    QLabel* _counter() const { return _inBar<QLabel>(0); }
-    QCheckBox* _enabled() const { return _inBar<QCheckBox>(4); }
-    QCheckBox* _follows() const { return _inBar<QCheckBox>(6); }
-    QCheckBox* _hidesAddresses() const { return _inBar<QCheckBox>(8); }
-    QPushButton* _clear() const { return _inBar<QPushButton>(9); }
-
-    void _captureAndFollow()
-    {
-        click(_enabled());
-        click(_follows());
-    }
-
     QRect _cell(int row, int column) const
     {
         return _table()->visualRect(_table()->model()->index(row, column));
-    }
-
-    bool _lastRowIsInView() const
-    {
-        return _table()->rowAt(_table()->viewport()->height() - 1) == _table()->model()->rowCount() - 1;
     }
 
     bool _lastColumnFillsTheTable() const
@@ -731,9 +528,6 @@ private:
         add(*_capture, 100);
         QTRY_VERIFY(_table()->verticalScrollBar()->isVisible());
     }
-
-    std::unique_ptr<Capture> _capture;
-    std::unique_ptr<CaptureTableView> _view;
 };
 
 QTEST_MAIN(TestCaptureTableView)

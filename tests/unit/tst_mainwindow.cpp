@@ -1,124 +1,19 @@
 #include "ui/mainwindow.h"
 
 #include "network/networkpropertieswidget.h"
-#include "network/networksimulation.h"
 #include "nodes/tcpnode.h"
 #include "nodes/tcpnodepropertieswidget.h"
 #include "sockethelpers.h"
-#include "testaccess.h"
-#include "ui/capturetableview.h"
-#include "ui/propertyeditor.h"
+#include "windowhelpers.h"
 
 #include <QActionGroup>
-#include <QCheckBox>
-#include <QDir>
-#include <QFileDialog>
-#include <QGraphicsView>
-#include <QHBoxLayout>
-#include <QHeaderView>
-#include <QLabel>
 #include <QLineEdit>
-#include <QMenuBar>
-#include <QMessageBox>
-#include <QScrollArea>
 #include <QScrollBar>
-#include <QTableView>
-#include <QTemporaryDir>
 #include <QTimer>
-#include <QToolBar>
-#include <QToolButton>
-#include <QtTest>
 
-#include <functional>
-#include <memory>
+using namespace WindowHelpers;
 
 namespace {
-
-const QPoint leftPlace(120, 150);  // in the view
-const QPoint rightPlace(360, 220);
-const QPoint emptyPlace(240, 340);
-constexpr int dumpHeaderSize = 24;
-
-Network* network()
-{
-    return NetworkSimulation::instance()->network();
-}
-
-template <typename Item> QList<Item*> itemsOf()
-{
-    QList<Item*> found;
-    const QList<QGraphicsItem*> items = network()->items(Qt::AscendingOrder);
-    for (QGraphicsItem* item : items) {
-        if (auto* wanted = dynamic_cast<Item*>(item))
-            found.append(wanted);
-    }
-    return found;
-}
-
-/// Answers the dialogs and message boxes that come up, in their order, and keeps what they showed.
-class DialogUser : public QObject
-{
-    Q_OBJECT
-
-public:
-    using Answer = std::function<void(QDialog*)>;
-
-    explicit DialogUser(const QList<Answer>& answers)
-        : _answers(answers)
-    {
-        connect(&_timer, SIGNAL(timeout()), this, SLOT(lookForDialog()));
-        _timer.start(1);
-    }
-
-    bool isDone() const { return _answers.isEmpty(); }
-
-    QStringList shown;
-
-private slots:
-    void lookForDialog()
-    {
-        auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget());
-        if (!dialog || !dialog->isActiveWindow() || dialog == _answered)
-            return;
-        if (_answers.isEmpty())
-            qFatal("one more dialog than expected: %s", qPrintable(_describe(dialog)));
-        _answered = dialog;
-        shown.append(_describe(dialog));
-        _answers.takeFirst()(dialog);
-    }
-
-private:
-    static QString _describe(QDialog* dialog)
-    {
-        if (const auto* box = qobject_cast<QMessageBox*>(dialog))
-            return box->windowTitle() + QStringLiteral(": ") + box->text();
-        if (const auto* files = qobject_cast<QFileDialog*>(dialog))
-            return files->windowTitle() + QStringLiteral(": ") + files->nameFilters().join(QLatin1Char('|'));
-        return dialog->windowTitle();
-    }
-
-    QList<Answer> _answers;
-    QPointer<QDialog> _answered;
-    QTimer _timer;
-};
-
-DialogUser::Answer type(const QString& fileName)
-{
-    return [fileName](QDialog* dialog) {
-        auto* field = dialog->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
-        field->clear();
-        QTest::keyClicks(field, fileName);
-        QTest::keyClick(field, Qt::Key_Return);
-    };
-}
-
-void press(QDialog* dialog, Qt::Key key)
-{
-    QTest::keyClick(dialog, key);
-}
-
-const DialogUser::Answer cancel = [](QDialog* dialog) { press(dialog, Qt::Key_Escape); };
-const DialogUser::Answer acknowledge = [](QDialog* dialog) { press(dialog, Qt::Key_Return); };
 
 /// "&New Simulation|Ctrl+N|icon": the text, the keys if there are any, and whether there is a picture.
 QString describe(const QAction* action)
@@ -139,12 +34,6 @@ QStringList describe(const QList<QAction*>& actions)
     return texts;
 }
 
-QByteArray fileContents(const QString& fileName)
-{
-    QFile file(fileName);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 bool isWhollyShown(const QScrollArea* editor)
 {
     return editor->widget()->minimumSizeHint().width() <= editor->viewport()->width()
@@ -153,8 +42,8 @@ bool isWhollyShown(const QScrollArea* editor)
 
 }  // namespace
 
-/// The whole window, worked with mouse and keys; files go to a folder of the test's own.
-class TestMainWindow : public QObject
+/// Tests the window's menus, bars and docks, drawing by mouse, and the programs' buttons.
+class TestMainWindow : public QObject, private ShownWindow
 {
     Q_OBJECT
 
@@ -163,31 +52,9 @@ public slots:
     void giveUp() { QCoreApplication::exit(1); }
 
 private slots:
-    void initTestCase()
-    {
-        QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-        QApplication::setEffectEnabled(Qt::UI_AnimateMenu, false);
-    }
-
-    void init()
-    {
-        _folder = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/mainwindow-XXXXXX"));
-        QVERIFY(_folder->isValid());
-        QVERIFY(QDir::setCurrent(_folder->path()));
-        NetworkSimulation::newNetworkSimulation();
-        _window = std::make_unique<MainWindow>();
-        _window->show();
-        _window->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(_window.get()));
-    }
-
-    void cleanup()
-    {
-        _window.reset();
-        QDir::setCurrent(QDir::tempPath());
-        _folder.reset();
-    }
-
+    void initTestCase() { _useDialogsOfQt(); }
+    void init() { _show(); }
+    void cleanup() { _close(); }
     void cleanupTestCase() { NetworkSimulation::deleteNetworkSimulation(); }
 
     // Make-up
@@ -493,231 +360,6 @@ private slots:
         QVERIFY(!_editor()->widget());
     }
 
-    // New
-    void newDiscardsTheSimulationWithoutAQuestion()
-    {
-        DialogUser nobody({});
-        _placeNodes();
-        _shortcut(Qt::Key_N);
-        QCOMPARE(network()->items().size(), 0);
-        QCOMPARE(_view()->scene(), network());
-        QTest::qWait(20);
-        QCOMPARE(nobody.shown, QStringList());
-    }
-
-    void newWithASelectedItemShowsTheNewNetwork()
-    {
-        _placeNodes();
-        _click(leftPlace);
-        _choose("&File", "&New Simulation");
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-        QCOMPARE(_view()->scene(), network());
-        QCOMPARE(network()->items().size(), 0);
-    }
-
-    void newInTheMiddleOfAnEditShowsTheNewNetwork()
-    {
-        _placeNodes();
-        _click(leftPlace);
-        auto* field = _editor()->widget()->findChild<QLineEdit*>();
-        field->setFocus();
-        QTest::keyClicks(field, QStringLiteral("x"));
-        QTest::keyClick(field, Qt::Key_N, Qt::ControlModifier);
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-        QCOMPARE(network()->items().size(), 0);
-    }
-
-    void newInTheMiddleOfADragShowsTheNewNetwork()
-    {
-        _placeNodes();
-        QTest::mousePress(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, leftPlace);
-        _moveTo(emptyPlace);
-        _shortcut(Qt::Key_N);
-        _moveTo(rightPlace);
-        QTest::mouseRelease(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, rightPlace);
-        QCOMPARE(network()->items().size(), 0);
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-    }
-
-    void newAttachesTheNewCapture()
-    {
-        NetworkSimulation::instance()->capture()->setEnabled(true);
-        _shortcut(Qt::Key_N);
-        QCOMPARE(_table()->model(), NetworkSimulation::instance()->capture());
-        QVERIFY(!NetworkSimulation::instance()->capture()->isEnabled());
-        const int end = _table()->horizontalHeader()->sectionViewportPosition(Capture::DataColumn)
-            + _table()->columnWidth(Capture::DataColumn);
-        QVERIFY(end >= _table()->viewport()->width());
-    }
-
-    void newLeavesTheDrawingActionChecked()
-    {
-        _shortcut(Qt::Key_1);
-        _shortcut(Qt::Key_N);
-        QVERIFY(_action("&Drawing", "Insert Node(s)")->isChecked());
-        QCOMPARE(network()->editorMode(), Network::Selection);
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-    }
-
-    void theNewNetworksSelectionIsShown()
-    {
-        _shortcut(Qt::Key_N);
-        _placeNodes();
-        _click(rightPlace);
-        QVERIFY(_shows<TcpNodePropertiesWidget>());
-    }
-
-    // Files
-    void aNameWithoutADotGetsTheExtension()
-    {
-        DialogUser user({type(_path("net"))});
-        _shortcut(Qt::Key_S);
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown, QStringList({"Save Network: Lattivo File (*.ltvo)"}));
-        QCOMPARE(QDir().entryList(QDir::Files), QStringList({"net.ltvo"}));
-        QVERIFY(fileContents("net.ltvo").startsWith(hex("C191277D")));
-    }
-
-    void aNameWithADotIsUsedUnchanged()
-    {
-        DialogUser user({type(_path("net.bak"))});
-        _choose("&File", "&Save Simulation as...");
-        QVERIFY(user.isDone());
-        QCOMPARE(QDir().entryList(QDir::Files), QStringList({"net.bak"}));
-        QVERIFY(fileContents("net.bak").endsWith(hex("C191277D")));
-    }
-
-    void aFolderWithADotCountsAsADot()
-    {
-        QVERIFY(QDir().mkdir("a.b"));
-        DialogUser user({type(_path("a.b/net"))});
-        _shortcut(Qt::Key_S);
-        QVERIFY(user.isDone());
-        QCOMPARE(QDir("a.b").entryList(QDir::Files), QStringList({"net"}));
-    }
-
-    void aSimulationThatCannotBeSavedIsReported()
-    {
-        _placeNodes();
-        DialogUser user({type(_path("missing/net")), acknowledge});
-        _shortcut(Qt::Key_S);
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown.last(), QStringLiteral("Save Network: Could not save the network!"));
-        QCOMPARE(itemsOf<TcpNode>().size(), 2);
-        QCOMPARE(QDir().entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
-    }
-
-    void openBringsBackWhatWasSaved()
-    {
-        _placeNodes();
-        _shortcut(Qt::Key_2);
-        _drag(leftPlace, rightPlace);
-        DialogUser user({type(_path("net")), type(_path("net.ltvo"))});
-        _shortcut(Qt::Key_S);
-        _shortcut(Qt::Key_N);
-        _shortcut(Qt::Key_O);
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown.last(), QStringLiteral("Load Network: Lattivo Files (*.kvt *.ltvo)"));
-        QCOMPARE(itemsOf<TcpNode>().size(), 2);
-        QCOMPARE(itemsOf<Connection>().size(), 1);
-        QCOMPARE(_view()->scene(), network());
-        QCOMPARE(_table()->model(), NetworkSimulation::instance()->capture());
-        _shortcut(Qt::Key_Escape, Qt::NoModifier);
-        _click(leftPlace);
-        QVERIFY(_shows<TcpNodePropertiesWidget>());
-    }
-
-    void openWithASelectedItemShowsTheNetwork()
-    {
-        _placeNodes();
-        DialogUser user({type(_path("net")), type(_path("net.ltvo"))});
-        _shortcut(Qt::Key_S);
-        _click(leftPlace);
-        _choose("&File", "&Open Simulation...");
-        QVERIFY(user.isDone());
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-        QVERIFY(network()->selectedItems().isEmpty());
-        QCOMPARE(itemsOf<TcpNode>().size(), 2);
-    }
-
-    void openShowsTheFlagsOfTheCapture()
-    {
-        NetworkSimulation::instance()->capture()->setEnabled(true);
-        NetworkSimulation::instance()->capture()->setViewFollows(true);
-        DialogUser user({type(_path("net")), type(_path("net.ltvo"))});
-        _shortcut(Qt::Key_S);
-        _shortcut(Qt::Key_N);
-        _shortcut(Qt::Key_O);
-        int checked = 0;
-        const QList<QCheckBox*> boxes = _window->findChild<CaptureTableView*>()->findChildren<QCheckBox*>();
-        for (const QCheckBox* box : boxes)
-            checked += box->isChecked();
-        QCOMPARE(checked, 2);
-        QVERIFY(NetworkSimulation::instance()->capture()->isEnabled());
-        QVERIFY(NetworkSimulation::instance()->capture()->doesViewFollows());
-    }
-
-    void aDamagedFileOpensAsAnEmptySimulationWithoutAMessage()
-    {
-        QFile file(QStringLiteral("bad.ltvo"));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("this is no simulation");
-        file.close();
-        _placeNodes();
-        DialogUser user({type(_path("bad.ltvo"))});
-        _shortcut(Qt::Key_O);
-        QTest::qWait(20);
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown.size(), 1);
-        QCOMPARE(network()->items().size(), 0);
-        QCOMPARE(_view()->scene(), network());
-        QVERIFY(_shows<NetworkPropertiesWidget>());
-    }
-
-    void exportingWritesTheDumpUnderTheNameTyped()
-    {
-        DialogUser user({type(_path("dump"))});
-        _choose("&File", "Export captured frames for Wireshark...");
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown, QStringList({"Export frame dump: pcap dump (*.pcapdump)"}));
-        QCOMPARE(QDir().entryList(QDir::Files), QStringList({"dump"}));
-        QCOMPARE(fileContents("dump").size(), dumpHeaderSize);
-        QVERIFY(fileContents("dump").startsWith(hex("A1B2C3D4")));
-    }
-
-    void aDumpThatCannotBeWrittenIsReported()
-    {
-        DialogUser user({type(_path("missing/dump")), acknowledge});
-        _choose("&File", "Export captured frames for Wireshark...");
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown.last(), QStringLiteral("Export frame dump: Could not export the frame dump!"));
-    }
-
-    void cancellingAFileDialogChangesNothing_data()
-    {
-        QTest::addColumn<QString>("entry");
-        for (const char* entry :
-             {"&Open Simulation...", "&Save Simulation as...", "Export captured frames for Wireshark..."})
-            QTest::newRow(entry) << entry;
-    }
-
-    void cancellingAFileDialogChangesNothing()
-    {
-        QFETCH(QString, entry);
-        _placeNodes();
-        _click(leftPlace);
-        const NetworkSimulation* before = NetworkSimulation::instance();
-        const QWidget* form = _editor()->widget();
-        DialogUser user({cancel});
-        _choose("&File", entry);
-        QVERIFY(user.isDone());
-        QCOMPARE(user.shown.size(), 1);
-        QCOMPARE(NetworkSimulation::instance(), before);
-        QCOMPARE(_editor()->widget(), form);
-        QCOMPARE(itemsOf<TcpNode>().size(), 2);
-        QCOMPARE(QDir().entryList(QDir::Files), QStringList());
-    }
-
     // Programs and end
     void theDebugButtonsSendTheirCommands_data()
     {
@@ -766,103 +408,6 @@ private slots:
         QTimer::singleShot(patience, this, SLOT(giveUp()));
         QCOMPARE(QApplication::exec(), 0);
     }
-
-private:
-    QGraphicsView* _view() const { return qobject_cast<QGraphicsView*>(_window->centralWidget()); }
-    QScrollArea* _editor() const { return _window->findChild<PropertyEditor*>()->findChild<QScrollArea*>(); }
-    QTableView* _table() const { return _window->findChild<CaptureTableView*>()->findChild<QTableView*>(); }
-    template <typename Form> bool _shows() const { return qobject_cast<Form*>(_editor()->widget()); }
-
-    /// Whole, because a file dialog starts where the one before it was left.
-    QString _path(const QString& fileName) const { return _folder->filePath(fileName); }
-
-    QMenu* _menu(const QString& title) const
-    {
-        const QList<QAction*> menus = _window->menuBar()->actions();
-        for (QAction* menu : menus) {
-            if (menu->text() == title)
-                return menu->menu();
-        }
-        return nullptr;
-    }
-
-    QAction* _action(const QString& menu, const QString& text) const
-    {
-        const QList<QAction*> actions = _menu(menu)->actions();
-        for (QAction* action : actions) {
-            if (action->text() == text)
-                return action;
-        }
-        return nullptr;
-    }
-
-    QToolBar* _toolBar(const QString& title) const
-    {
-        const QList<QToolBar*> bars = _window->findChildren<QToolBar*>();
-        for (QToolBar* bar : bars) {
-            if (bar->windowTitle() == title)
-                return bar;
-        }
-        return nullptr;
-    }
-
-    void _pressButton(const QString& toolBar, const QString& text) const
-    {
-        const QList<QAction*> actions = _toolBar(toolBar)->actions();
-        for (QAction* action : actions) {
-            if (action->text() == text)
-                QTest::mouseClick(_toolBar(toolBar)->widgetForAction(action), Qt::LeftButton);
-        }
-    }
-
-    void _choose(const QString& menu, const QString& text) const
-    {
-        QMenuBar* bar = _window->menuBar();
-        QTest::mouseClick(bar, Qt::LeftButton, Qt::NoModifier,
-                          bar->actionGeometry(_menu(menu)->menuAction()).center());
-        QTest::mouseClick(_menu(menu), Qt::LeftButton, Qt::NoModifier,
-                          _menu(menu)->actionGeometry(_action(menu, text)).center());
-    }
-
-    void _shortcut(Qt::Key key, Qt::KeyboardModifiers modifiers = Qt::ControlModifier) const
-    {
-        _window->activateWindow();  // a dialog may just have been closed, and there may be no window manager
-        if (!QTest::qWaitForWindowActive(_window.get()))
-            qFatal("the window does not get the keyboard");
-        QTest::keyClick(_window.get(), key, modifiers);
-    }
-
-    void _click(const QPoint& place) const
-    {
-        QTest::mouseClick(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, place);
-    }
-
-    /// With the left button held: QTest moves the mouse without a button.
-    void _moveTo(const QPoint& place) const
-    {
-        QMouseEvent move(QEvent::MouseMove, place, _view()->viewport()->mapToGlobal(place), Qt::NoButton,
-                         Qt::LeftButton, Qt::NoModifier);
-        QCoreApplication::sendEvent(_view()->viewport(), &move);
-    }
-
-    void _drag(const QPoint& from, const QPoint& to) const
-    {
-        QTest::mousePress(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, from);
-        _moveTo(to);
-        QTest::mouseRelease(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, to);
-    }
-
-    /// Two nodes; the window is in the selection mode afterwards.
-    void _placeNodes() const
-    {
-        _shortcut(Qt::Key_1);
-        _click(leftPlace);
-        _click(rightPlace);
-        _shortcut(Qt::Key_Escape, Qt::NoModifier);
-    }
-
-    std::unique_ptr<QTemporaryDir> _folder;
-    std::unique_ptr<MainWindow> _window;
 };
 
 QTEST_MAIN(TestMainWindow)
