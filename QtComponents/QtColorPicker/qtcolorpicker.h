@@ -60,7 +60,7 @@ private:
     bool dirty = true;  // the swatch on the button is out of date; it is redrawn at the next painting
     bool firstInserted = false;  // before that the colour is only a stand-in for the first one
 
-    friend class TestQtColorPicker;
+    friend class ColorPickerFixture;
 };
 
 /// The grid of colours that drops down from the button; a click or a key chooses one and closes it.
@@ -113,7 +113,7 @@ private:
     int cols;         // -1: as many as make the grid square
     QColor lastSel;   // of the marked cell, where the colour dialog starts; invalid: none was marked yet
 
-    friend class TestQtColorPicker;
+    friend class ColorPickerFixture;
 };
 
 /// One cell of the popup: a swatch, marked while it is selected and while it has the focus.
