@@ -19,12 +19,12 @@ namespace {
 const QPointF nodePlace(100, 100);
 const QPointF otherPlace(100, 300);
 const QPointF ground(300, 350);
-const QPoint underCursor(60, 10);  // of the menu that has opened there: an entry
+const QPoint underCursor(60, 10);  // in the menu that has opened there; an entry
 
 }  // namespace
 
 /// The context menu of a node, opened with the mouse as on a desktop: the press brings the menu event, and
-/// the menu takes the release. What is done next goes where the mouse is.
+/// the menu takes the release. What the user does next goes where the mouse is.
 class TestNodeMenu : public QObject
 {
     Q_OBJECT
@@ -49,7 +49,7 @@ private:
         QTest::mouseClick(window(), Qt::LeftButton, {}, point(position));
     }
 
-    /// With a button down.
+    /// Moves the mouse with a button down.
     void moveMouse(const QPointF& from, const QPointF& to)
     {
         for (const double way : {0.3, 0.7, 1.0}) {
@@ -74,7 +74,7 @@ private:
             QTest::newRow(ending) << QByteArray(ending);
     }
 
-    /// Once the menu is open.
+    /// Calls \a answer when the menu is open.
     void answerMenu(const std::function<void(QMenu*)>& answer)
     {
         QTimer::singleShot(0, this, [this, answer] {
@@ -85,7 +85,7 @@ private:
         });
     }
 
-    /// Returns when the menu is closed.
+    /// Opens the menu, and returns when it is closed.
     void openMenu(const std::function<void(QMenu*)>& answer)
     {
         answerMenu(answer);
@@ -168,7 +168,7 @@ private slots:
         QCOMPARE(_other->pos(), otherPlace + QPointF(80, -60));
     }
 
-    /// It comes before the menu has returned to the node.
+    /// Presses before the menu has returned to the node.
     void aPressThatFollowsTheMenuAtOnceBeginsADrag()
     {
         openMenu([this](QMenu* menu) {
@@ -184,7 +184,7 @@ private slots:
         QVERIFY(!network().mouseGrabberItem());
     }
 
-    /// The menu key is pressed while a button holds another node.
+    /// Presses the menu key while a button holds another node.
     void aNodeHeldWhileTheMenuOpensIsLetGo()
     {
         QTest::mousePress(window(), Qt::LeftButton, {}, point(otherPlace));

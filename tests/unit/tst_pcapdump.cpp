@@ -61,7 +61,7 @@ private:
         return &result == &stream ? buffer.data() : QByteArray();
     }
 
-    /// An analyser that fails gives no packets, which no caller expects.
+    /// Reads a dump with an analyser. One that fails gives no packets, which no caller expects.
     static QList<Packet> packetsAsAnalysed(const QString& analyser, const QString& file)
     {
         QProcess process;
