@@ -1,6 +1,7 @@
 #include "connections/connection.h"
 
 #include "connections/connectionpropertieswidget.h"
+#include "core/ownordefault.h"
 #include "core/streamhelpers.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
@@ -298,17 +299,18 @@ void Connection::_discardFramesInFlight()
 
 QColor Connection::_effectiveColor() const
 {
-    return _connectionColor.isValid() ? _connectionColor : defaultConnection()->_connectionColor;
+    return ownOrDefault(_connectionColor, defaultConnection()->_connectionColor);
 }
 
 double Connection::_effectiveStrokeWidth() const
 {
-    return _connectionStrokeWidth >= 0 ? _connectionStrokeWidth : defaultConnection()->_connectionStrokeWidth;
+    return ownOrDefault(_connectionStrokeWidth >= 0, _connectionStrokeWidth,
+                        defaultConnection()->_connectionStrokeWidth);
 }
 
 double Connection::_effectiveReliability() const
 {
-    return _reliability >= 0 ? _reliability : defaultConnection()->_reliability;
+    return ownOrDefault(_reliability >= 0, _reliability, defaultConnection()->_reliability);
 }
 
 /// How far the picture goes beyond the line between the nodes, at most, on every side: by the caps of the

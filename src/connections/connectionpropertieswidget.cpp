@@ -2,6 +2,7 @@
 
 #include "QtColorPicker/qtcolorpicker.h"
 #include "connections/connection.h"
+#include "core/ownordefault.h"
 #include "forms/propertyform.h"
 #include "network/networksimulation.h"
 
@@ -28,11 +29,6 @@ Connection* defaultConnection()
 bool isOwn(double value)
 {
     return value >= 0;
-}
-
-bool isOwn(const QColor& color)
-{
-    return color.isValid();
 }
 
 template <typename Value> Value shown(const Value& own, const Value& inherited)

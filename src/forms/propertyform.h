@@ -84,9 +84,3 @@ private:
     QVBoxLayout* _layout;          // the form's
     QFormLayout* _rows = nullptr;  // the present group's; null before the first
 };
-
-/// What a form shows of a setting: the item's own value, or the default's while the item leaves it undecided.
-template <typename Value> Value ownOrDefault(bool isOwn, const Value& own, const Value& inherited)
-{
-    return isOwn ? own : inherited;
-}

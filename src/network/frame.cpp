@@ -3,6 +3,7 @@
 #include "capture/capture.h"
 #include "connections/connection.h"
 #include "core/biterrors.h"
+#include "core/ownordefault.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
 #include "nodes/node.h"
@@ -65,9 +66,10 @@ bool operator==(std::string_view bytes, const QByteArray& address)
 int drawDelay(const Connection& connection)
 {
     const Connection* defaults = currentNetwork()->defaultConnection();
-    const int deviation
-        = connection.delayDeviationMs() > 0 ? connection.delayDeviationMs() : defaults->delayDeviationMs();
-    const int base = connection.delayMs() > 0 ? connection.delayMs() : defaults->delayMs();
+    const int ownDeviation = connection.delayDeviationMs();
+    const int deviation = ownOrDefault(ownDeviation > 0, ownDeviation, defaults->delayDeviationMs());
+    const int ownBase = connection.delayMs();
+    const int base = ownOrDefault(ownBase > 0, ownBase, defaults->delayMs());
 
     const int offset = deviation > 0 ? deviation / 2 - qrand() % deviation : 0;
     const qint64 delay = qint64{base} - offset;
@@ -77,16 +79,15 @@ int drawDelay(const Connection& connection)
 double effectiveReliability(const Connection& connection)
 {
     const double own = connection.reliability();
-    return own >= 0 ? own : currentNetwork()->defaultConnection()->reliability();
+    return ownOrDefault(own >= 0, own, currentNetwork()->defaultConnection()->reliability());
 }
 
 bool drawErrorDetection(const Connection& connection)
 {
     const double draw = qrand() / largestDraw;
     const double own = connection.errorDetectionReliability();
-    const double detection
-        = own >= 0 ? own : currentNetwork()->defaultConnection()->errorDetectionReliability();
-    return detection > draw;
+    const double inherited = currentNetwork()->defaultConnection()->errorDetectionReliability();
+    return ownOrDefault(own >= 0, own, inherited) > draw;
 }
 
 /// One "*" a flipped bit in the debug output.

@@ -1,6 +1,7 @@
 #include "nodes/node.h"
 
 #include "connections/connection.h"
+#include "core/ownordefault.h"
 #include "core/streamhelpers.h"
 #include "network/frame.h"
 #include "network/network.h"
@@ -42,12 +43,7 @@ const Node* defaultNode()
 
 bool isChecked(Qt::CheckState own, Qt::CheckState inherited)
 {
-    return (own == Qt::PartiallyChecked ? inherited : own) == Qt::Checked;
-}
-
-QColor validOr(const QColor& own, const QColor& inherited)
-{
-    return own.isValid() ? own : inherited;
+    return ownOrDefault(own, inherited) == Qt::Checked;
 }
 
 /// Label texts, no longer than can be measured and drawn in a moment.
@@ -133,9 +129,7 @@ bool Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
 
 bool Node::isInPromiscuousMode() const
 {
-    if (_promiscuousMode != Qt::PartiallyChecked)
-        return _promiscuousMode == Qt::Checked;
-    return defaultNode()->_promiscuousMode == Qt::Checked;
+    return isChecked(_promiscuousMode, defaultNode()->_promiscuousMode);
 }
 
 bool Node::active() const
@@ -273,14 +267,13 @@ void Node::frameLost()
 
 bool Node::_isConfirmationWanted() const
 {
-    if (_framesAcknowledged != Qt::PartiallyChecked)
-        return _framesAcknowledged == Qt::Checked;
-    return defaultNode()->_framesAcknowledged == Qt::Checked;
+    return isChecked(_framesAcknowledged, defaultNode()->_framesAcknowledged);
 }
 
 int Node::_effectiveAcknowledgeTimeout() const
 {
-    return _frameAcknowledgeTimeout >= 1 ? _frameAcknowledgeTimeout : defaultNode()->_frameAcknowledgeTimeout;
+    return ownOrDefault(_frameAcknowledgeTimeout >= 1, _frameAcknowledgeTimeout,
+                        defaultNode()->_frameAcknowledgeTimeout);
 }
 
 void Node::_setFlag(StateFlag flag, bool on)
@@ -359,16 +352,17 @@ QColor Node::_baseColor() const
 {
     const Node* defaults = defaultNode();
     if (!active())
-        return validOr(_inactiveColor, defaults->_inactiveColor);
+        return ownOrDefault(_inactiveColor, defaults->_inactiveColor);
     switch (_flags & (Transmitting | Receiving)) {
     case Transmitting | Receiving:
-        return coarseBlend(validOr(_txColor, defaults->_txColor), validOr(_rxColor, defaults->_rxColor));
+        return coarseBlend(ownOrDefault(_txColor, defaults->_txColor),
+                           ownOrDefault(_rxColor, defaults->_rxColor));
     case Transmitting:
-        return validOr(_txColor, defaults->_txColor);
+        return ownOrDefault(_txColor, defaults->_txColor);
     case Receiving:
-        return validOr(_rxColor, defaults->_rxColor);
+        return ownOrDefault(_rxColor, defaults->_rxColor);
     default:
-        return validOr(_activeColor, defaults->_activeColor);
+        return ownOrDefault(_activeColor, defaults->_activeColor);
     }
 }
 
@@ -392,7 +386,8 @@ void Node::_drawDisc(QPainter* painter, const QColor& base, const QColor& dark) 
     shade.setColorAt(0.0, base.lighter(lighterPercent));
     shade.setColorAt(1.0, base);
     painter->setBrush(shade);
-    painter->setPen(QPen(dark, _strokeWidth > 0 ? _strokeWidth : defaultNode()->_strokeWidth));
+    const double width = ownOrDefault(_strokeWidth > 0, _strokeWidth, defaultNode()->_strokeWidth);
+    painter->setPen(QPen(dark, width));
     painter->drawEllipse(disc);
 }
 

@@ -1,6 +1,7 @@
 #include "nodes/nodepropertieswidget.h"
 
 #include "QtColorPicker/qtcolorpicker.h"
+#include "core/ownordefault.h"
 #include "forms/addressfield.h"
 #include "forms/propertyform.h"
 #include "forms/trafficfields.h"
@@ -164,7 +165,7 @@ QtColorPicker* NodePropertiesWidget::_addColor(PropertyForm& form, const QString
                                                const QColor& inherited, const char* changed) const
 {
     PropertyForm::Colors colors;
-    colors.shown = ownOrDefault(own.isValid(), own, inherited);
+    colors.shown = ownOrDefault(own, inherited);
     colors.inherited = _default ? QColor() : inherited;
     colors.hasStandardColors = true;
     return form.addColorPicker(label, colors, changed);
@@ -173,16 +174,16 @@ QtColorPicker* NodePropertiesWidget::_addColor(PropertyForm& form, const QString
 /// Neither does showing the name count: there is no row to bring it back with.
 bool NodePropertiesWidget::_hasOwnAppearance() const
 {
-    return _node->_inactiveColor.isValid() || _node->_activeColor.isValid() || _node->_txColor.isValid()
-        || _node->_rxColor.isValid() || _node->_strokeWidth != undecidedStrokeWidth
-        || _node->_showAddress != Qt::PartiallyChecked || _node->_showConnectionCount != Qt::PartiallyChecked;
+    return isOwn(_node->_inactiveColor) || isOwn(_node->_activeColor) || isOwn(_node->_txColor)
+        || isOwn(_node->_rxColor) || _node->_strokeWidth != undecidedStrokeWidth || isOwn(_node->_showAddress)
+        || isOwn(_node->_showConnectionCount);
 }
 
 int NodePropertiesWidget::_shownTimeout() const
 {
     const int own = _node->_frameAcknowledgeTimeout;
-    const bool isOwn = _node->_framesAcknowledged == Qt::Checked && own > 0;
-    return ownOrDefault(isOwn, own, defaultNode()->_frameAcknowledgeTimeout);
+    const bool isOwnShown = _node->_framesAcknowledged == Qt::Checked && own > 0;
+    return ownOrDefault(isOwnShown, own, defaultNode()->_frameAcknowledgeTimeout);
 }
 
 void NodePropertiesWidget::nodeNameChanged(const QString& name)
