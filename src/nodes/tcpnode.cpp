@@ -3,6 +3,7 @@
 #include "core/streamhelpers.h"
 #include "network/network.h"
 #include "network/networksimulation.h"
+#include "nodes/debugactions.h"
 #include "nodes/lingeringsocket.h"
 #include "nodes/tcpnodepropertieswidget.h"
 #include "protocol/bridgeprotocol.h"
@@ -30,31 +31,14 @@ constexpr qint64 lessThanItHolds = 1;
 
 constexpr int inactiveColorOffset = 150;
 
-struct MenuEntry {
-    const char* text;
-    const char* icon;
-    TcpNode::DebugCommand command;
-};
-
-const MenuEntry menuEntries[] = {
-    {"Identify", ":DebugIdentify.png", TcpNode::IdentifyDC},
-    {"Run/Continue", ":DebugRunCont.png", TcpNode::RunContDC},
-    {"Pause", ":DebugPause.png", TcpNode::PauseDC},
-    {"Step", ":DebugStep.png", TcpNode::StepDC},
-    {"Reset", ":DebugReset.png", TcpNode::ResetDC},
-    {"Quit", ":DebugQuit.png", TcpNode::QuitDC},
-};
-
-/// An entry's data is the command to send.
 QMenu* newDebugMenu(QWidget* parent)
 {
     auto* menu = new QMenu(parent);
-    for (const MenuEntry& entry : menuEntries) {
-        QAction* action = menu->addAction(QIcon(QLatin1String(entry.icon)), QLatin1String(entry.text));
-        action->setData(entry.command);
-        if (entry.command == TcpNode::IdentifyDC)
-            menu->addSeparator();
-    }
+    addDebugAction(menu, TcpNode::IdentifyDC);
+    menu->addSeparator();
+    for (const TcpNode::DebugCommand command :
+         {TcpNode::RunContDC, TcpNode::PauseDC, TcpNode::StepDC, TcpNode::ResetDC, TcpNode::QuitDC})
+        addDebugAction(menu, command);
     return menu;
 }
 

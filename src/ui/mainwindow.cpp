@@ -2,7 +2,7 @@
 
 #include "network/networkitem.h"
 #include "network/networksimulation.h"
-#include "nodes/tcpnode.h"
+#include "nodes/debugactions.h"
 #include "ui/capturetableview.h"
 #include "ui/propertyeditor.h"
 
@@ -125,11 +125,14 @@ QList<QAction*> MainWindow::_addDrawingMenu()
 QList<QAction*> MainWindow::_addDebugMenu()
 {
     QMenu* menu = menuBar()->addMenu(tr("&Debug"));
-    menu->addAction(icon(":DebugRunCont.png"), tr("Run/Continue"), this, SLOT(debugRunCont()));
-    menu->addAction(icon(":DebugPause.png"), tr("Pause"), this, SLOT(debugPause()));
-    menu->addAction(icon(":DebugStep.png"), tr("Step"), this, SLOT(debugStep()));
-    menu->addAction(icon(":DebugReset.png"), tr("Reset"), this, SLOT(debugReset()));
-    menu->addAction(icon(":DebugQuit.png"), tr("Quit"), this, SLOT(debugQuit()));
+    const auto add = [=](TcpNode::DebugCommand command, const char* chosen) {
+        connect(addDebugAction(menu, command), SIGNAL(triggered()), this, chosen);
+    };
+    add(TcpNode::RunContDC, SLOT(debugRunCont()));
+    add(TcpNode::PauseDC, SLOT(debugPause()));
+    add(TcpNode::StepDC, SLOT(debugStep()));
+    add(TcpNode::ResetDC, SLOT(debugReset()));
+    add(TcpNode::QuitDC, SLOT(debugQuit()));
     const QList<QAction*> actions = menu->actions();
     menu->addSeparator();
     return actions;
