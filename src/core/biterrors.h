@@ -2,15 +2,14 @@
 
 #include <QByteArray>
 
-/// Draws which bits of a frame are flipped on a link, from the process-wide qrand() sequence. The numbers,
-/// and the state of the generator afterwards, are those of one qrand() call a bit, at a small part of the
-/// price.
+/// Draws which bits of a frame a link flips, from the process-wide qrand() sequence. It uses the numbers
+/// of one qrand() call a bit and leaves the generator in the same state, at a small part of the price.
 class BitErrors
 {
 public:
-    /// One draw a bit, byte 0 first and within a byte the least significant bit first; a bit is flipped when
-    /// \a reliability is not greater than draw / 2147483647.0.
-    /// Returns the mask of flipped bits, \a size bytes; an empty array when no bit was flipped.
+    /// Draws once for each bit, byte 0 first and within a byte the least significant bit first. Flips the bit
+    /// when \a reliability is not greater than draw / 2147483647.0.
+    /// Returns the mask of flipped bits, \a size bytes, or an empty array when it flips none.
     static QByteArray drawMask(int size, double reliability);
 
 private:
@@ -18,7 +17,7 @@ private:
 
     struct Source {
         int (*draw)();                 // 0 to 2147483647
-        void (*setState)(uint state);  // called only after draws that were those of the known generator
+        void (*setState)(uint state);  // called only when the draws come from the known generator
     };
 
     static QByteArray _drawMask(int size, double reliability, const Source& source);

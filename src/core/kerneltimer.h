@@ -2,8 +2,8 @@
 
 #include <QtGlobal>
 
-/// The kernel's timer behind a descriptor, since those of Qt are up to a millisecond late: as much
-/// as the shortest delay of a link. Fires once, at a time of the monotonic clock.
+/// A timer of the kernel that fires once, at a time of the monotonic clock. Qt's timers are up to a
+/// millisecond late, which is as long as the shortest delay of a link.
 class KernelTimer
 {
 public:
@@ -15,7 +15,7 @@ public:
 
     static qint64 now();  // ns of the monotonic clock
 
-    bool isValid() const { return _descriptor >= 0; }  // false: all descriptors of the process are in use
+    bool isValid() const { return _descriptor >= 0; }  // false: the process had no descriptor left
     int descriptor() const { return _descriptor; }
 
     void start(qint64 nanoseconds) const;

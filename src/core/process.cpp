@@ -6,8 +6,8 @@
 
 namespace {
 
-/// The number of a closed stream would be given to the next socket or file, and lines meant for people would
-/// go there.
+/// Opens closed streams on the null device. Else the next socket or file would get such a number, and
+/// with it the lines that are meant for people.
 void openClosedStreams()
 {
     int number = 0;

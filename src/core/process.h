@@ -1,6 +1,7 @@
 #pragma once
 
-/// What a program does first, before it opens anything, so that its surroundings cannot end it or get into
-/// its files: standard streams that the caller closed, and the signals of a closed pipe and of a file that
-/// may not grow. Writing then fails with an error that can be told.
+/// Protects the process from its surroundings. A program calls it before it opens anything.
+///
+/// Opens standard streams that the caller has closed, so that no message gets into a file or a socket.
+/// Ignores the signals of a closed pipe and of a file that may not grow: writing then fails with an error.
 void prepareProcess();

@@ -49,7 +49,7 @@ QPointF Stream::readPosition(QDataStream& stream)
     return {boundedCoordinate(position.x()), boundedCoordinate(position.y())};
 }
 
-/// The kind is looked at before a colour is made of it: one of an unknown kind may not even be asked for it.
+/// Looks at the kind first: a colour of an unknown kind may not even be asked what it is.
 QColor Stream::readColor(QDataStream& stream)
 {
     char kind = QColor::Invalid;

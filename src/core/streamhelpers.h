@@ -4,27 +4,28 @@
 #include <QDataStream>
 #include <QPointF>
 
-/// What the simulation file, the bridge protocol and the capture's dump have in common.
+/// Helpers that the simulation file, the bridge protocol and the capture's dump share.
 namespace Stream {
 
 constexpr int version = QDataStream::Qt_4_4;  // 10
 constexpr quint32 nullArrayLength = 0xFFFFFFFF;
 
-/// A two or three-state switch; anything but the two states with a meaning of their own reads as unchecked.
+/// Reads a switch of two or three states. Anything but "checked" and "partially checked" reads as unchecked.
 Qt::CheckState readCheckState(QDataStream& stream);
 
-/// A probability as it stands, infinities included; NaN reads as -1, undecided. Frames take the two for the
-/// same, but the forms show NaN as 100 % and a line of that opacity is not seen.
+/// Reads a probability as it stands, also infinity. NaN reads as -1, which means undecided. Frames treat both
+/// alike. But a form would show NaN as 100 %, and a line of that opacity would be invisible.
 double readProbability(QDataStream& stream);
 
-/// A length that painting can live with: \a fallback instead of infinities and NaN, and
-/// never beyond the far end of the scene.
+/// Reads a length that can be painted: \a fallback instead of infinity and NaN, and at most as far as the
+/// scene reaches.
 double readFinite(QDataStream& stream, double fallback);
 
-/// A place in the scene: not finite reads as 0, and what lies beyond the far end of the scene moves to it.
+/// Reads a place in the scene. A coordinate that is not finite reads as 0, and one beyond the far end of the
+/// scene moves there.
 QPointF readPosition(QDataStream& stream);
 
-/// Invalid when the stored kind of colour is none that the toolkit knows.
+/// Reads a colour. One of a kind that Qt does not know reads as invalid.
 QColor readColor(QDataStream& stream);
 
 }  // namespace Stream

@@ -7,7 +7,7 @@
 
 #include <vector>
 
-/// The updates that wait for the end of the present pause, of all items of the process.
+/// Holds the updates of all items of the process that wait for the end of the present pause.
 class ThrottledUpdateQueue
 {
 public:

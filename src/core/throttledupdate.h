@@ -7,30 +7,29 @@ class QGraphicsItem;
 class QGraphicsScene;
 QT_END_NAMESPACE
 
-/// Repaints of a scene or of an item in it that programs ask for with their frames and messages, some 60 a
-/// second at most however many come.
+/// Repaints an item, or a whole scene, for the frames and messages of programs: some 60 times a second at
+/// most, however many come.
 ///
-/// The first request after a quiet time repaints at once; those that follow are gathered, so that the picture
-/// shown last is always true. What the user changes is repainted with QGraphicsItem::update() and not through
-/// here.
+/// The first request after a quiet time repaints at once. Later ones are gathered, so that the last picture
+/// is always true. What the user changes does not come through here but through QGraphicsItem::update().
 class ThrottledUpdate
 {
 public:
     /// Says whether anybody sees a scene.
     using IsWatched = bool (*)(const QGraphicsScene& scene);
 
-    /// What is repainted is not owned and lives at least as long as this object, which is normally its
-    /// member. Nothing is repainted while \a isWatched, unless null, says no.
+    /// Does not own what it repaints, which lives at least as long: this object is normally its member.
+    /// Repaints nothing while \a isWatched says no; null: always repaints.
     explicit ThrottledUpdate(QGraphicsItem* item, IsWatched isWatched = nullptr);
     explicit ThrottledUpdate(QGraphicsScene* scene, IsWatched isWatched = nullptr);
     ~ThrottledUpdate();
     Q_DISABLE_COPY_MOVE(ThrottledUpdate)
 
-    /// To be told how long painting has taken, whatever asked for it: the next repaints for traffic wait as
-    /// long, so that half of the time at least is left for the frames and the user.
+    /// Notes how long a picture took, whoever asked for it. The next repaints wait as long, so that frames
+    /// and user have at least half of the time.
     static void notePainting(qint64 nanoseconds);
 
-    /// Repaints the whole of it, now or soon.
+    /// Repaints all of it, now or soon.
     void request()
     {
         if (_index < 0)
@@ -43,8 +42,8 @@ private:
     void _enqueue();
     void _repaint() const;
 
-    QGraphicsItem* _item = nullptr;  // one of these two
+    QGraphicsItem* _item = nullptr;  // null when it is a scene
     QGraphicsScene* _scene = nullptr;
     IsWatched _isWatched;
-    int _index = -1;  // place among those that wait; -1: does not wait
+    int _index = -1;  // place among those that wait; -1: it does not wait
 };

@@ -6,7 +6,7 @@
 
 class Timeouts;
 
-/// Those Timeouts that have something pending, the one with the earliest due time first.
+/// Sorts the Timeouts that have something pending: the one with the earliest due time comes first.
 class TimeoutHeap
 {
 public:
@@ -14,17 +14,17 @@ public:
 
     bool isEmpty() const { return _entries.empty(); }
 
-    // Not to be asked while it is empty
+    // Ask only while it is not empty
     qint64 dueTime() const { return _entries.front().dueTime; }  // ns of the monotonic clock
     Timeouts* first() const { return _entries.front().timeouts; }
 
-    /// To be called after a due time was added to or taken from \a timeouts, which is not owned.
+    /// Puts \a timeouts, which it does not own, into its place. Call it after each new or removed due time.
     void update(Timeouts* timeouts);
     void remove(Timeouts* timeouts);
 
 private:
     struct Entry {
-        // The next one; kept here because following the pointer costs more than the comparison.
+        // The next one. It is kept here because following the pointer costs more than the comparison.
         qint64 dueTime;
         Timeouts* timeouts;
     };

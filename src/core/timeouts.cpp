@@ -14,7 +14,7 @@ constexpr size_t fewestReclaimed = 1024;  // due times that are over
 
 }  // namespace
 
-/// Makes the scheduler before programs can use up the file descriptors, of which it needs one.
+/// Makes the scheduler, which needs a file descriptor, before programs can use them all up.
 Timeouts::Timeouts(std::function<void()> handler, Punctuality punctuality)
     : _handler(std::move(handler))
     , _isLeisurely(punctuality == Leisurely)
@@ -31,7 +31,8 @@ Timeouts::~Timeouts()
 
 void Timeouts::start(int delay)
 {
-    // Strictly after the present pass, so that two handlers that start each other leave room for the sockets.
+    // It falls due after the present pass, so that two handlers that start each other leave the sockets a
+    // turn.
     TimeoutScheduler& scheduler = TimeoutScheduler::instance();
     const qint64 now = std::max(scheduler.readClock(), scheduler.passTime() + 1);
     _startAt(now + std::max(delay, 0) * KernelTimer::millisecond);
@@ -52,7 +53,8 @@ void Timeouts::startShared(int delay)
         _startAt(dueTime);
 }
 
-/// Runs the handler once for all that is overdue: it is harmless to repeat, and lets its owner live.
+/// Runs the handler once for all that is overdue. Such a handler may run more often, and does not delete its
+/// owner.
 void Timeouts::_runOverdue(qint64 now)
 {
     while (!_isEmpty() && _nextDueTime() <= now)
@@ -93,13 +95,14 @@ void Timeouts::_startAt(qint64 dueTime)
         TimeoutScheduler::instance().update(this);
 }
 
-/// Not to be asked while nothing is pending.
+/// Tells which of the two holds the next due time. Ask only while one is pending.
 bool Timeouts::_isOrderedNext() const
 {
     return _unordered.empty() || (!_hasNoOrdered() && _ordered[_firstOrdered] <= _unordered.top());
 }
 
-/// Room of those that are over is reclaimed when they are the larger part: a constant cost for each.
+/// Takes the next due time out. Frees the room of those that are over once they are the larger part, so that
+/// the cost of each stays constant.
 void Timeouts::_dropNextDueTime()
 {
     if (!_isOrderedNext()) {

@@ -6,19 +6,19 @@
 #include <queue>
 #include <vector>
 
-/// Any number of pending single-shot timeouts of one owner: the handler runs once for each as it falls due.
+/// Holds any number of timeouts of one owner, and runs the owner's handler once for each that falls due.
 ///
-/// Qt searches its own list of timers from end to end, so that one Qt timer a frame stalls the program at
-/// some ten thousand frames in flight, and its timers are up to a millisecond late. Here all owners share one
-/// timer of the kernel and the cost of a timeout does not grow with their number. Due times are kept to the
-/// nanosecond; handlers are never early. Equal or not, the handler runs for each due time of start(). What is
-/// still pending when the object is destroyed never runs. GUI thread only.
+/// Qt searches its list of timers from end to end. One Qt timer a frame would stall the program at some ten
+/// thousand frames in flight. Its timers are also up to a millisecond late. Here all owners share one timer
+/// of the kernel, and a timeout costs the same however many there are. Due times count nanoseconds, and no
+/// handler runs early. Timeouts that fall due together still run the handler once each. Those that are
+/// pending when the object dies never run. Use it in the GUI thread only.
 class Timeouts
 {
 public:
     enum Punctuality {
         Punctual,   // due times wake the program up, at most a tenth of a millisecond late
-        Leisurely,  // they wait up to a millisecond for another reason to wake up
+        Leisurely,  // due times wait up to a millisecond for another reason to wake up
     };
 
     explicit Timeouts(std::function<void()> handler, Punctuality punctuality = Punctual);
@@ -27,20 +27,22 @@ public:
 
     bool isPending() const { return _heapIndex >= 0; }
 
-    /// Due in \a delay milliseconds (0 or less: on the next pass of the event loop, never inside this call).
+    /// Runs the handler in \a delay milliseconds. With 0 or less it runs on the next pass of the event loop,
+    /// never inside this call.
     void start(int delay);
 
-    /// As start(), for handlers that are harmless to repeat and one constant \a delay: of the starts within a
-    /// millisecond, those between the first and the last have no timeout of their own. Outside of a pass, the
-    /// handler runs for what is overdue before this returns. Within one, the time is that of a moment ago.
+    /// Does as start(), for one constant \a delay and a handler that may run more often than needed. Of the
+    /// starts within a millisecond, only the first and the last have a timeout of their own. Outside of a
+    /// pass, the handler runs for what is overdue before this returns. Within one, the time is that of a
+    /// moment ago.
     void startShared(int delay);
 
-    /// Runs the handler once at the end of the present pass; not for a handler to start itself again. Returns
-    /// false, and starts nothing, when no pass is running.
+    /// Runs the handler once at the end of the present pass. A handler may not start itself again in this
+    /// way. Returns false, and starts nothing, when no pass is running.
     bool startAtEndOfPass();
 
-    /// What belongs together, such as all messages of one read, while this lives: a pass without due times,
-    /// unless one is running already.
+    /// Makes one pass of what happens while it lives, such as handling all messages of one read. Within a
+    /// pass that is running already, it does nothing.
     class Pass
     {
     public:
@@ -67,10 +69,10 @@ private:
 
     std::function<void()> _handler;
     bool _isLeisurely;
-    // In ns of the monotonic clock. With a constant delay all due times are in order, which costs less than a
+    // In ns of the monotonic clock. With a constant delay, due times come in order, which costs less than a
     // heap.
     std::vector<qint64> _ordered;  // each at or after the one before
-    size_t _firstOrdered = 0;      // those in front of it are over
+    size_t _firstOrdered = 0;      // those before it are over
     std::priority_queue<qint64, std::vector<qint64>, std::greater<qint64>> _unordered;  // the rest
     bool _isEnding = false;  // runs at the end of the present pass
     int _heapIndex = -1;     // place in its heap; -1: nothing is pending

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 wakePeriod = 100000;   // ns; what falls due within one shares a wake-up at its end
+constexpr qint64 wakePeriod = 100000;   // ns; all that falls due within one shares a wake-up at its end
 constexpr int handlersPerReading = 64;  // of the clock; as many take a tenth of a millisecond or so
 constexpr qint64 longestLeisure = KernelTimer::millisecond;
 constexpr qint64 longestWait = std::numeric_limits<int>::max();  // ms, of a Qt timer
@@ -48,7 +48,7 @@ TimeoutScheduler::~TimeoutScheduler()
     _instance = nullptr;
 }
 
-/// To be called after a due time was added to or taken from \a timeouts.
+/// Sorts \a timeouts anew. Call it after each new or removed due time.
 void TimeoutScheduler::update(Timeouts* timeouts)
 {
     _heapOf(*timeouts).update(timeouts);
@@ -109,15 +109,14 @@ void TimeoutScheduler::_runPass()
     endPass();
 }
 
-/// Runs those that come before all that is punctual: however late a pass is, due times keep their order.
+/// Runs what falls due before all that is punctual: however late a pass is, due times keep their order.
 void TimeoutScheduler::_runLeisurelyHandlers()
 {
     while (_isDue(_leisurely) && (_punctual.isEmpty() || _leisurely.dueTime() <= _punctual.dueTime()))
         _runNextHandler(_leisurely);
 }
 
-/// A handler may delete its owner and with it its Timeouts: nothing of them is touched once it has been
-/// called.
+/// Touches nothing of the Timeouts once it has called the handler, which may delete its owner and them.
 void TimeoutScheduler::_runNextHandler(TimeoutHeap& heap)
 {
     Timeouts* timeouts = heap.first();
@@ -139,7 +138,7 @@ void TimeoutScheduler::_runEndingHandlers()
     _ending.clear();
 }
 
-/// Leaves an earlier wake-up alone: it arms the right one.
+/// Leaves an earlier wake-up alone: that one arms the next.
 void TimeoutScheduler::_arm()
 {
     if (_nextPass.isActive())

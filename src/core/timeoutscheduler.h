@@ -28,14 +28,17 @@ public:
 
     ~TimeoutScheduler() override;
 
-    /// A pass runs what is due, and what is to run at its end. While an event loop within it runs, there is
-    /// no other. Returns false when one is running already.
+    /// Begins a pass, which runs what is due and then what is to run at its end. An event loop within a pass
+    /// begins no other. Returns false when one is running already.
     bool beginPass();
     void endPass();
-    qint64 passTime() const { return _passTime; }  // ns, when the present pass began; -1: none is running
+    qint64 passTime() const
+    {
+        return _passTime;
+    }  // ns, the beginning of the present pass; -1: none is running
 
     qint64 readClock() { return _lastReading = KernelTimer::now(); }  // ns of the monotonic clock
-    qint64 lastReading() const { return _lastReading; }               // within a pass: of a moment ago
+    qint64 lastReading() const { return _lastReading; }               // within a pass: a moment ago
 
     void runAtEndOfPass(Timeouts* timeouts) { _ending.push_back(timeouts); }  // not owned
     void update(Timeouts* timeouts);
@@ -66,11 +69,11 @@ private:
     static TimeoutScheduler* _instance;  // the application object's; null before the first use
 
     TimeoutHeap _punctual;     // wakes up the program
-    TimeoutHeap _leisurely;    // waits a millisecond for another reason to wake up
+    TimeoutHeap _leisurely;    // waits up to a millisecond for another reason to wake up
     QBasicTimer _nextPass;     // runs while something is due at once
     KernelTimer _wakeUpTimer;  // fires at the end of the earliest due time's wake period, or before it
-    std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel has none for us
-    QBasicTimer _substitute;                     // of Qt, used while there is no notifier
+    std::unique_ptr<QSocketNotifier> _notifier;  // of that timer; null when the kernel gave us none
+    QBasicTimer _substitute;                     // a timer of Qt, used while there is no notifier
     qint64 _wakeTime = never;
     qint64 _lastReading = 0;
     qint64 _passTime = -1;           // what falls due up to here runs in the present pass
