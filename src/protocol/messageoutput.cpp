@@ -11,7 +11,7 @@
 
 namespace {
 
-// Bytes of room kept for the next messages; taking it from the heap for each pass costs
+// Bytes of room that stay for the next messages: taking it from the heap for each pass costs time.
 constexpr int smallestRoom = 1024;
 constexpr int largestKeptRoom = 16384;
 

@@ -6,7 +6,7 @@ QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
 
-/// The messages for a program that its socket has not been given yet, in order.
+/// Holds the messages for a program, in order, until its socket or the kernel gets them.
 class MessageOutput
 {
 public:
@@ -17,8 +17,8 @@ public:
     void clear();
 
     /// Gives the kernel what it takes at once. The way through the buffer of \a socket would cost as much
-    /// again. What is left stays here: the rest when the kernel is full, all while older bytes wait in the
-    /// socket or after a failure, which the socket reports itself when it gets the bytes.
+    /// again. Keeps the rest when the kernel is full. Keeps all while older bytes wait in the socket. Also
+    /// keeps all after a failure, which the socket reports when it gets the bytes.
     void giveToKernel(const QTcpSocket& socket);
 
     /// Gives everything to \a socket, which sends it when the event loop finds it writable.

@@ -6,21 +6,21 @@
 
 #include <algorithm>
 
-/// Reads the messages of the bridge protocol where they have arrived in memory: big-endian, each as
-/// QDataStream would read it, at a small part of the price. Once something is not wholly there, nothing more
-/// is read: everything is zero or empty from then on and isComplete() stays false.
+/// Reads the messages of the bridge protocol where they lie in memory: as QDataStream would read them,
+/// big-endian, at a small part of the price. Once something is not wholly there, it reads nothing more. From
+/// then on everything is zero or empty, and isComplete() stays false.
 class MessageReader
 {
 public:
     MessageReader() = default;
 
-    /// \a arrived shares its bytes.
+    /// Reads \a arrived, whose bytes are shared.
     explicit MessageReader(const QByteArray& arrived)
         : _arrived(arrived)
     {
     }
 
-    /// Begins anew with all that \a device has to read, where the bytes stay too.
+    /// Begins anew with all that \a device has to read. The bytes also stay in the device.
     void peek(QIODevice& device)
     {
         const auto size = static_cast<int>(device.bytesAvailable());
@@ -31,7 +31,7 @@ public:
         _isComplete = true;
     }
 
-    /// Forgets what has been read.
+    /// Drops all bytes, read or not.
     void clear()
     {
         if (_arrived.capacity() > largestKeptRoom)
@@ -49,7 +49,7 @@ public:
     quint8 readByte() { return _take<quint8>(); }
     quint32 readWord() { return _take<quint32>(); }
 
-    /// No memory is taken for bytes that have only been announced.
+    /// Takes no memory for bytes that are announced but have not arrived.
     QByteArray readBytes(quint32 length)
     {
         const int start = _position;
@@ -65,7 +65,7 @@ private:
         return _advance(sizeof(Number)) > 0 ? qFromBigEndian<Number>(bytes) : 0;
     }
 
-    /// Returns how many bytes were passed: all of them or none.
+    /// Passes \a length bytes, or none when they are not all there. Returns how many.
     int _advance(quint32 length)
     {
         _isComplete = _isComplete && length <= static_cast<quint32>(_arrived.size() - _position);
@@ -74,7 +74,7 @@ private:
         return passed;
     }
 
-    // Bytes of room kept for what arrives next; taking it from the heap for each read costs
+    // Bytes of room that stay for what arrives next: taking it from the heap for each read costs time.
     static constexpr int largestKeptRoom = 16384;
 
     QByteArray _arrived;
