@@ -27,8 +27,8 @@ Network* currentNetwork()
     return NetworkSimulation::instance()->network();
 }
 
-/// Milliseconds since the epoch modulo 2^32: 32-bit arithmetic is part of what the capture and its dump show.
-/// Read without local time, which would cost some microseconds a reading.
+/// Returns the milliseconds since the epoch modulo 2^32, since the capture and its dump show 32 bits. Does
+/// not ask for local time, which takes some microseconds.
 quint64 millisecondTimeStamp()
 {
     const auto seconds = static_cast<quint32>(QDateTime::currentMSecsSinceEpoch() / 1000);
@@ -36,8 +36,8 @@ quint64 millisecondTimeStamp()
     return seconds * 1000U + milliseconds;
 }
 
-/// The bytes that mid() would cut out, where they stand: a copy would be taken from the heap for each frame.
-/// Empty when not all of them are there.
+/// Returns the bytes that mid() would cut out, but where they stand: a copy costs memory from the heap for
+/// each frame. Empty when not all of them are there.
 std::string_view addressField(const QByteArray& rawFrame, int offset)
 {
     const qint64 length = currentNetwork()->addressLength();
@@ -61,8 +61,8 @@ bool operator==(std::string_view bytes, const QByteArray& address)
     return bytes == std::string_view(address.constData(), static_cast<size_t>(address.size()));
 }
 
-/// Spread evenly over base - deviation / 2 to base - deviation / 2 + deviation - 1, but never negative, in
-/// ms. A delay or deviation of 0 is undecided too, unlike a reliability of 0.
+/// Draws a delay in ms, evenly from base - deviation / 2 to base - deviation / 2 + deviation - 1, but never
+/// negative. A delay or deviation of 0 means undecided too, unlike a reliability of 0.
 int drawDelay(const Connection& connection)
 {
     const Connection* defaults = currentNetwork()->defaultConnection();
@@ -90,7 +90,7 @@ bool drawErrorDetection(const Connection& connection)
     return ownOrDefault(own >= 0, own, inherited) > draw;
 }
 
-/// One "*" a flipped bit in the debug output.
+/// Writes a "*" to the debug output for each flipped bit.
 void logFlippedBits(const QByteArray& errorMask)
 {
     if (!QLoggingCategory::defaultCategory()->isDebugEnabled())
@@ -204,7 +204,7 @@ void Frame::neverReceived()
     nowReceived();
 }
 
-/// A broadcast is taken even by a node that is not active.
+/// Tells whether the receiver takes the frame. Even a node that is not active takes a broadcast.
 bool Frame::_isTakenByDestination(bool isForReceiver) const
 {
     if (isBroadcast())

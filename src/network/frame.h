@@ -5,40 +5,40 @@
 class Connection;
 class Node;
 
-/// One transmission of raw link-layer bytes from one node to the node at the other end of one connection.
+/// One transmission of raw link-layer bytes from one node to the node at the other end of one link.
 ///
-/// Its whole fate (valid or not, delay, bit errors, taken by the receiver or not) is drawn when it is built;
-/// the connection that carries it only reads the flags. A plain value: copies share the payload's bytes.
+/// The constructor decides the frame's whole fate: valid or not, delay, bit errors, taken by the receiver or
+/// not. The link that carries it only reads the flags. Copies of a frame share the payload's bytes.
 class Frame
 {
 public:
     enum FrameFlags {
-        Invalid = 1,    ///< could not be carried; stands alone when the checks set it
+        Invalid = 1,    ///< no link can carry it; the checks set it without any other flag
         Broadcast = 2,  ///< the destination is the network's broadcast address
-        CRCError = 4,   ///< at least one bit was flipped, noticed by the receiver or not
+        CRCError = 4,   ///< at least one bit was flipped, whether or not the receiver notices
         DeliveredInTime = 8,
         DeliveredLate = 16,  ///< after the sender's deadline
         Delivered = DeliveredInTime | DeliveredLate,
-        ForceCapture = 32,  ///< to be recorded in the capture when it leaves the link
+        ForceCapture = 32,  ///< the capture records it when it leaves the link
         PromiscuousRx
-        = 64,  ///< the destination is not the receiving node's own address; so for every broadcast
+        = 64,  ///< the destination is not the receiving node's own address, as with every broadcast
     };
 
-    /// Simulates the transmission. The nodes and the connection are not owned; with one of them null, a
-    /// broken connection or a payload of a bad size the frame is Invalid. \a maxDelay is the sender's
-    /// deadline in ms, negative for none. \a effectiveDelay, when not null, receives the drawn delay in ms
-    /// (valid frames only).
+    /// Simulates the transmission. The nodes and the link are not owned. The frame is Invalid when one of
+    /// them is null, the link is broken or the payload has a bad size. \a maxDelay is the sender's deadline
+    /// in ms, negative for none. \a effectiveDelay, unless null, receives the drawn delay in ms of a valid
+    /// frame.
     Frame(const QByteArray& payload, Node* sourceNode, Node* destinationNode, Connection* connection,
           int maxDelay, int* effectiveDelay, bool forceCapture);
 
-    /// Rebuilds a record from stored values: no nodes, no check, no draw. Time stamps in ms.
+    /// Rebuilds a frame from stored values, without nodes, checks or draws. Time stamps are in ms.
     Frame(const QByteArray& payload, quint64 sendTs, quint64 receivedTs, FrameFlags flags);
 
-    /// Whether raw bytes are addressed to every node; false when they are too short to hold the address.
+    /// Tells whether raw bytes are addressed to every node. False when they are too short for the address.
     static bool isBroadcast(QByteArray rawFrame);
 
-    /// Checks the size against the network's parameters as they are now. An invalid frame loses all its other
-    /// flags (so it is never captured) and stays invalid.
+    /// Checks the size against the network's present parameters. An invalid frame stays invalid and loses its
+    /// other flags, so that it is never captured.
     bool isValid() const;
 
     bool isBroadcast() const { return (_flags & Broadcast) != 0; }
@@ -52,15 +52,15 @@ public:
     quint64 receiveTime() const { return _receivedMsTs; }
     QByteArray payload() const { return _payload; }
 
-    /// Cut from the payload; empty, never partial, when the payload is too short.
+    // Cut from the payload; empty, never partial, when the payload is too short
     QByteArray sourceAddress() const;
     QByteArray destinationAddress() const;
 
-    /// Whether the capture would record the frame now.
+    /// Tells whether the capture would record the frame now.
     bool isCaptured() const;
 
-    /// The frame leaves the link now: stamps it and offers it to the capture. A lost frame gets a real time
-    /// of reception too, on purpose; that it was lost shows in the flags only.
+    /// Stamps the frame, which leaves the link now, and offers it to the capture. A lost frame gets a real
+    /// time of reception too, on purpose: only the flags show that it was lost.
     void nowReceived();
     void neverReceived();
 
@@ -75,6 +75,5 @@ private:
     quint64 _sendMsTs;       // ms, modulo 2^32
     quint64 _receivedMsTs;   // ms, modulo 2^32; all bits set until the frame leaves the link
     mutable int _flags;      // of FrameFlags; isValid() writes it
-    QByteArray
-        _payload;  // as sent, addresses included; changed only by errors that the receiver did not notice
+    QByteArray _payload;     // as sent, with the addresses; only errors that the receiver misses change it
 };

@@ -16,7 +16,7 @@ constexpr int backgroundShadeHeight = 200;     // scene units
 constexpr int acceptRetryInterval = 200;       // ms
 constexpr int bytePairsOfLongestMask = 32768;  // a line edit holds 32767 characters at most
 
-// What stands in a file before the body of a template record: kind, and the ids of ends or node
+// Bytes in a file before the body of a template record: the kind, and the ids of the ends or the node
 constexpr int connectionHeaderSize = 20;
 constexpr int nodeHeaderSize = 16;
 
@@ -28,8 +28,8 @@ template <typename Item> void writeItems(QDataStream& stream, const QList<QGraph
         stream << item;
 }
 
-/// Calls \a readItem once for each of the announced entries, but not beyond the end of the stream: a damaged
-/// count must not be counted through for minutes. The count of a null list reads as an empty one.
+/// Calls \a readItem once for each announced entry, but not beyond the end of the stream: counting through a
+/// damaged count would take minutes. The count of a null list reads as 0.
 template <typename ReadItem> void readItems(QDataStream& stream, ReadItem readItem)
 {
     quint32 count = 0;
@@ -38,8 +38,8 @@ template <typename ReadItem> void readItems(QDataStream& stream, ReadItem readIt
         readItem();
 }
 
-/// An entry of another kind is passed over without its body, which leaves the stream out of step: the file's
-/// trailer then does not fit and the whole load is discarded.
+/// Reads a node. Passes over an entry of another kind without its body, which leaves the stream out of step.
+/// The file's trailer then does not fit, and the load fails as a whole.
 void readNode(QDataStream& stream, Network& network, QMap<quint64, Node*>& nodes)
 {
     qint32 itemType = 0;
@@ -85,10 +85,9 @@ Network::Network(QWidget* parent)
     background.setColorAt(1, Qt::white);
     setBackgroundBrush(background);
 
-    // Qt's index takes a link out of lists as long as the network is large each time that one of its ends
-    // moves: seconds for a node with thousands of links. It also keeps a link that has gone, and reads it,
-    // when a view was scaled in between. Without it, a picture of 10,000 nodes and links takes some 10 ms
-    // more.
+    // Qt's index searches lists as long as the network is large when an end of a link moves. That takes
+    // seconds for a node with thousands of links. It also keeps, and reads, a link that has gone when a view
+    // was scaled in between. Without it, a picture of 10,000 nodes and links takes some 10 ms more.
     setItemIndexMethod(NoIndex);
     _setDefaults();
     _acceptRetry.setInterval(acceptRetryInterval);
@@ -99,7 +98,7 @@ Network::Network(QWidget* parent)
     setTcpEnabled(false);
 }
 
-/// Sockets and items go while the members that they look at are still there.
+/// Deletes sockets and items while the members that they look at are still there.
 Network::~Network()
 {
     setTcpPnpEnabled(false);
@@ -174,7 +173,7 @@ bool Network::isEmpty() const
     return QGraphicsScene::items().isEmpty();
 }
 
-/// Qt's index sorts them, and is dropped before it looks for a single place.
+/// Lets Qt's index sort the items, and drops it before it looks for a single place.
 QList<QGraphicsItem*> Network::items(Qt::SortOrder order) const
 {
     auto* scene = const_cast<Network*>(this);
@@ -233,7 +232,7 @@ QDataStream& operator>>(QDataStream& stream, Network& network)
     stream >> isTcpEnabled >> network._tcpServer.port >> network._tcpServer.pnpEnabled;
     if (NetworkSimulation::instance()->fileVersion() == 1)
         stream >> network._tcpServer.nameBasedPnp;
-    network.setTcpEnabled(isTcpEnabled);  // a failure is not reported: the server is then off
+    network.setTcpEnabled(isTcpEnabled);  // reports no failure: the server is then off
 
     stream.skipRawData(connectionHeaderSize);
     stream >> network.defaultConnection();

@@ -20,9 +20,9 @@ QT_END_NAMESPACE
 
 class TcpNode;
 
-/// The scene that holds the simulated network: owns the nodes and connections, the network-wide frame
-/// parameters, the templates that undecided settings fall back to, the state of editing and the TCP server
-/// for the nodes' programs.
+/// The scene that holds the simulated network. It owns the nodes and links, the network-wide frame parameters
+/// and the templates that undecided settings fall back to. It also owns the state of editing and the TCP
+/// server for the nodes' programs.
 class Network : public QGraphicsScene
 {
     Q_OBJECT
@@ -45,17 +45,17 @@ public:
     bool isEmpty() const;                // no item of any kind is left
     using QGraphicsScene::items;
     QList<QGraphicsItem*> items(Qt::SortOrder order = Qt::DescendingOrder) const;  // in stacking order
-    bool isWatched() const;  // by a view, or by somebody who wants to be told of each change
+    bool isWatched() const;                            // by a view, or by an object connected to changed()
     void repaintWithTraffic() { _repaint.request(); }  // the whole scene, some 60 times a second at most
-    QWidget* propertiesWidget();                       // newly made, without a parent; the caller owns it
+    QWidget* propertiesWidget();                       // new, without a parent; the caller owns it
 
     // TCP server
     quint16 tcpPort() const { return _tcpServer.port; }
-    void setTcpPort(quint16 port);  // a listening server moves to the new port, or stays off when it cannot
+    void setTcpPort(quint16 port);  // a listening server moves to the new port; if it cannot, it stays off
     quint16 listeningPort() const;  // the real one when tcpPort() is 0; 0 while the server is off
     bool isTcpEnabled() const { return _tcpServer.server.isListening(); }
     bool setTcpEnabled(bool enable);  // false when the port cannot be opened; the server is then off
-    QString tcpErrorString() const;   // why the server could not be started last; empty when it could
+    QString tcpErrorString() const;   // why the last start of the server failed; empty when it did not
     bool isTcpPnpEnabled() const { return _tcpServer.pnpEnabled; }
     void setTcpPnpEnabled(bool enable) { _tcpServer.pnpEnabled = enable; }
     bool isNameUsedForPnpIdentification() const { return _tcpServer.nameBasedPnp; }
@@ -68,13 +68,16 @@ public:
     int sourceAddressOffset() const { return _network.sourceAddressOffset; }
     const QByteArray& broadcastAddress() const { return _network.broadcastAddress; }
 
-    /// The QLineEdit input mask for an address of \a length bytes; negative: the network's address length.
-    /// It has at least one byte pair, so that no address field is maskless, and at most what a line edit can
-    /// hold.
+    /// Returns the QLineEdit input mask for an address of \a length bytes; negative: the network's address
+    /// length. It has at least one byte pair, so that no address field is without a mask. It has at most as
+    /// many as a line edit can hold.
     QString addressInputMask(int length) const;
 
     // Traffic
-    qint64 framesLeftLinks() const { return _framesLeftLinks; }  // delivered or lost, since the beginning
+    qint64 framesLeftLinks() const
+    {
+        return _framesLeftLinks;
+    }  // delivered or lost, since the network was made
     void noteFrameLeavesLink();
 
     // Templates
@@ -84,13 +87,13 @@ public:
     const Node* defaultNode() const { return &_defaultNode; }
 
 signals:
-    /// A deletion has left the scene empty.
+    /// Tells that a deletion has left the scene empty.
     void lastNodeDeleted();
 
-    /// A frame has left its link, delivered or lost.
+    /// Tells that a frame has left its link, delivered or lost.
     void frameLeftLink();
 
-    /// A program has got a new node, to which it is attached.
+    /// Tells that a program has got a new node, to which it is attached.
     void nodeAdded(TcpNode* node);
 
 protected:
@@ -100,8 +103,8 @@ protected:
     void mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
     void helpEvent(QGraphicsSceneHelpEvent* event) override;
-    void drawBackground(QPainter* painter, const QRectF& area) override;  // a picture begins with it
-    void drawForeground(QPainter* painter, const QRectF& area) override;  // and ends with it
+    void drawBackground(QPainter* painter, const QRectF& area) override;  // begins a picture
+    void drawForeground(QPainter* painter, const QRectF& area) override;  // ends a picture
 
 private slots:
     void _tcpPnpNewNode();
@@ -165,12 +168,12 @@ private:
     } _tcpServer;
 
     qint64 _framesLeftLinks = 0;
-    NodeDirectory _directory;  // of the nodes in the scene, which keep it true
-    QTimer _acceptRetry;       // runs while accepting has failed
-    QElapsedTimer _painting;   // since a picture was begun
+    NodeDirectory _directory;  // the nodes in the scene, which keep it true
+    QTimer _acceptRetry;       // runs after accepting has failed
+    QElapsedTimer _painting;   // since a picture began
     ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
-/// The network record of the simulation file.
+// The network record of the simulation file
 QDataStream& operator<<(QDataStream& stream, Network& network);
 QDataStream& operator>>(QDataStream& stream, Network& network);

@@ -12,10 +12,11 @@
 namespace {
 
 constexpr qreal previewOpacity = 0.5;
-constexpr qreal reachOfLinks = 12.0;   // their bands reach 10 units, their bounds may lack one on each side
+constexpr qreal reachOfLinks
+    = 12.0;  // their bands reach 10 units, and their bounds may lack one on each side
 constexpr qreal previewZValue = -1.0;  // under the nodes, so that it never hides the one under the cursor
 
-/// What shows a comment as it is, where Qt would take it for markup.
+/// Returns what shows a comment as it is, also where Qt would take it for markup.
 QString asTyped(const QString& comment)
 {
     if (!Qt::mightBeRichText(comment))
@@ -38,7 +39,7 @@ void Network::mousePressEvent(QGraphicsSceneMouseEvent* event)
     case Selection:
         _pressInSelection(event);
         return;
-    case NodePlacement:  // any button, also on top of another node: the mode does nothing but place nodes
+    case NodePlacement:  // with any button, also on top of a node: this mode only places nodes
         _placeNode(event->scenePos());
         break;
     case ConnectionDrawing:
@@ -65,7 +66,7 @@ void Network::mouseMoveEvent(QGraphicsSceneMouseEvent* event)
     event->accept();
 }
 
-/// A drawing that is under way when the mode changes ends with the next release too, without a connection.
+/// Ends a drawing, also one during which the mode has changed; that one makes no link.
 void Network::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
 {
     switch (_editor.mode) {
@@ -86,20 +87,20 @@ void Network::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
     event->accept();
 }
 
-/// Neither the scene nor an item reacts to double clicks, on purpose.
+/// Ignores double clicks, on purpose: neither the scene nor an item reacts to them.
 void Network::mouseDoubleClickEvent(QGraphicsSceneMouseEvent* event)
 {
     event->accept();
 }
 
-/// Keys other than Delete are not passed on: items never receive any.
+/// Handles Delete and drops all other keys: items never receive any.
 void Network::keyPressEvent(QKeyEvent* event)
 {
     if (event->key() == Qt::Key_Delete)
         deleteSelectedNetworkItem();
 }
 
-/// The user's comment on what is there, also of a link beside its bounds.
+/// Shows the user's comment on what is there, also on a link beside its bounds.
 void Network::helpEvent(QGraphicsSceneHelpEvent* event)
 {
     const QString comment = _commentAt(event->scenePos());
@@ -107,7 +108,7 @@ void Network::helpEvent(QGraphicsSceneHelpEvent* event)
     event->setAccepted(!comment.isEmpty());
 }
 
-/// That of the topmost item that has one.
+/// Returns the comment of the topmost item that has one.
 QString Network::_commentAt(const QPointF& position) const
 {
     const Connection* link = _linkBesideBounds(position);
@@ -121,7 +122,7 @@ QString Network::_commentAt(const QPointF& position) const
     return QString();
 }
 
-/// A link that Qt does not find takes the press all the same and handles it as any item would.
+/// Gives the press to a link that Qt does not find, which then handles it as any item would.
 void Network::_pressInSelection(QGraphicsSceneMouseEvent* event)
 {
     Connection* link = nullptr;
@@ -134,7 +135,7 @@ void Network::_pressInSelection(QGraphicsSceneMouseEvent* event)
         event->accept();
 }
 
-/// Nor does an item that was pressed keep the mouse when the mode has changed before the release.
+/// Frees the mouse, which a pressed item would keep when the mode changes before the release.
 void Network::_endMouseGrab(const QGraphicsSceneMouseEvent* release)
 {
     QGraphicsItem* item = mouseGrabberItem();
@@ -142,8 +143,8 @@ void Network::_endMouseGrab(const QGraphicsSceneMouseEvent* release)
         item->ungrabMouse();
 }
 
-/// Qt looks for items within their bounds, and of a level or an upright link these are next to nothing: the
-/// topmost item at \a position, if it is a link that Qt does not find.
+/// Returns the topmost item at \a position if it is a link that Qt does not find. Qt looks for items within
+/// their bounds, and those of a level or an upright link are next to nothing.
 Connection* Network::_linkBesideBounds(const QPointF& position) const
 {
     const QRectF vicinity(position - QPointF(reachOfLinks, reachOfLinks),
@@ -192,7 +193,7 @@ void Network::_startDrawing(const QPointF& position)
     _editor.connectionPreview->setZValue(previewZValue);
 }
 
-/// Joins the node where the drawing started with \a end, unless they are one or joined already.
+/// Joins the node where the drawing started with \a end, unless they are the same or already joined.
 void Network::_connectTo(Node* end)
 {
     Node* from = _editor.from;
@@ -212,7 +213,7 @@ void Network::_endDrawing()
     _editor.connectionPreview = nullptr;
 }
 
-/// A node that leaves is found no more, and a drawing never outlives the node where it started.
+/// Removes a node that leaves from the directory, and ends a drawing that started there.
 void Network::_forget(Node* node)
 {
     _directory.remove(node);

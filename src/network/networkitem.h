@@ -7,11 +7,11 @@ QT_BEGIN_NAMESPACE
 class QWidget;
 QT_END_NAMESPACE
 
-/// What the user can place in the network's scene and edit in the property editor: a node or a connection.
+/// What the user can place in the network's scene and edit in the property editor: a node or a link.
 class NetworkItem : public QGraphicsItem
 {
 public:
-    /// What type() returns. The numbers are stored in simulation files and may not change.
+    /// What type() returns. Simulation files hold these numbers, so they may not change.
     enum ItemType {
         NodeType = QGraphicsItem::UserType,
         ConnectionType = QGraphicsItem::UserType + 1,
@@ -21,7 +21,7 @@ public:
 
     int type() const override = 0;
 
-    /// A newly made editor for this item, without a parent; the caller owns it.
+    /// Makes an editor for this item, without a parent. The caller owns it.
     virtual QWidget* propertiesWidget() = 0;
 };
 
@@ -36,5 +36,5 @@ template <typename Item, typename Base> QList<Item*> itemsOf(const QList<Base*>&
     return found;
 }
 
-/// Tells whether anybody sees what happens in \a scene; of one that is no network: always.
+/// Tells whether anybody sees what happens in \a scene. True of any scene that is no network.
 bool isSceneWatched(const QGraphicsScene& scene);

@@ -16,20 +16,20 @@ namespace {
 
 constexpr int largestNumber = std::numeric_limits<int>::max();
 constexpr int lowestPort = 1;
-constexpr int highestPort = 65536;  // one more than there are, on purpose: it is stored as 0
+constexpr int highestPort = 65536;  // one more than there are, on purpose: the network stores it as 0
 
 Network* network()
 {
     return NetworkSimulation::instance()->network();
 }
 
-/// What \a taken bytes leave of a frame of \a frameSize; either may come from a file and be any number.
+/// Returns what \a taken bytes leave of a frame of \a frameSize. A file may hold any number for both.
 int bytesLeft(qint64 frameSize, qint64 taken)
 {
     return static_cast<int>(qBound<qint64>(0, frameSize - taken, largestNumber));
 }
 
-/// \a field itself, or the line edit inside a number box.
+/// Returns \a field itself, or the line edit inside a number box.
 QLineEdit* lineEditOf(QWidget* field)
 {
     auto* edit = qobject_cast<QLineEdit*>(field);
@@ -115,8 +115,8 @@ void NetworkPropertiesWidget::_markEdited()
     _storedTexts.remove(static_cast<QLineEdit*>(sender()));
 }
 
-/// Whether to store what the field shows: not when it was left without an edit. A caller that is not the
-/// field wants it stored.
+/// Tells whether to store what the field shows: not when the user left it without an edit. A caller other
+/// than the field always wants it stored.
 bool NetworkPropertiesWidget::_takeEdit(QWidget* field)
 {
     QLineEdit* edit = lineEditOf(field);
@@ -125,7 +125,7 @@ bool NetworkPropertiesWidget::_takeEdit(QWidget* field)
     return isEdited || sender() != field;
 }
 
-/// The highest address length is not worked out again, on purpose.
+/// Stores the size, and does not work out the highest address length again, on purpose.
 void NetworkPropertiesWidget::frameMtuChanged()
 {
     if (!_takeEdit(_frameMtu))
@@ -134,7 +134,7 @@ void NetworkPropertiesWidget::frameMtuChanged()
     _fitOffsets();
 }
 
-/// A broadcast address that is too long is cut; a short one is left as it is.
+/// Stores the length and cuts a broadcast address that is too long. Leaves a short one as it is.
 void NetworkPropertiesWidget::frameAddressLengthChanged()
 {
     if (!_takeEdit(_frameAddressLength))
@@ -146,7 +146,7 @@ void NetworkPropertiesWidget::frameAddressLengthChanged()
     _fitOffsets();
 }
 
-/// The boxes cut their values to the new range themselves.
+/// Gives the offsets their new range. The boxes cut their values themselves.
 void NetworkPropertiesWidget::_fitOffsets()
 {
     const int highestOffset = bytesLeft(_frameMtu->value(), _frameAddressLength->value());
@@ -188,7 +188,7 @@ void NetworkPropertiesWidget::tcpEnabledChanged(int state)
     bool enable = state == Qt::Checked;
     if (!network()->setTcpEnabled(enable) && enable) {
         _warnOfTcpFailure();
-        _tcpEnabled->setCheckState(Qt::Unchecked);  // setChecked() within a click mutes the next one
+        _tcpEnabled->setCheckState(Qt::Unchecked);  // setChecked() within a click would mute the next one
         enable = false;
     }
     _tcpPort->setEnabled(!enable);
@@ -216,7 +216,7 @@ void NetworkPropertiesWidget::tcpUseNameForPnpChanged(int state)
     network()->setNameUsedForPnpIdentification(state == Qt::Checked);
 }
 
-/// The last node has gone: there is no address left that the length could contradict.
+/// Lets the user change the address length again: no node is left whose address could contradict it.
 void NetworkPropertiesWidget::networkEmpty()
 {
     _frameAddressLength->setEnabled(true);

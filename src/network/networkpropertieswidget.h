@@ -11,16 +11,15 @@ QT_END_NAMESPACE
 
 class PropertyForm;
 
-/// The form of the network as a whole: frame parameters, TCP server, and the forms of the default connection
-/// and the default node. Each edit is stored at once; a field that is only entered and left stores nothing,
-/// since what it shows may have been cut to its range.
+/// The form of the network as a whole: frame parameters, TCP server, and the forms of the default link and
+/// the default node. It stores each edit at once. A field that the user only enters and leaves stores
+/// nothing, since it may show a value that was cut to its range.
 class NetworkPropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
-    /// \a extra: a further form to show at the bottom, or null. It is no parent: this form is made without
-    /// one.
+    /// Shows \a extra, a further form or null, at the bottom. It is no parent: this form has none.
     explicit NetworkPropertiesWidget(QWidget* extra);
 
 public slots:
@@ -58,5 +57,5 @@ private:
         = nullptr;  // always null: the default node's form has the box
     QCheckBox* _tcpEnabled = nullptr;
     QSpinBox* _tcpPort = nullptr;
-    QHash<QLineEdit*, QString> _storedTexts;  // of fields without an edit that waits to be stored
+    QHash<QLineEdit*, QString> _storedTexts;  // by field; without fields whose edit is not stored yet
 };

@@ -20,21 +20,21 @@ NetworkSimulation* NetworkSimulation::newNetworkSimulation()
     return _instance;
 }
 
-/// The pointer stays set until all is gone: the items ask for it while they go.
+/// Keeps the pointer until all is gone: the items ask for it while they go.
 void NetworkSimulation::deleteNetworkSimulation()
 {
     delete _instance;
     _instance = nullptr;
 }
 
-/// A network on its way out tells nobody of the selection that vanishes with it.
+/// Silences the network: nobody needs to hear of the selection that vanishes with it.
 NetworkSimulation::~NetworkSimulation()
 {
     _network.blockSignals(true);
 }
 
-/// Opened for writing too, on purpose: a file that the user may not write is not loaded. A pipe is none
-/// either: reading it could wait forever.
+/// Opens the file for writing too, on purpose: a file that the user may not write is not loaded. Nor does it
+/// load a pipe, which it could wait for forever.
 NetworkSimulation* NetworkSimulation::loadNetworkSimulation(const QString& fileName, bool* ok)
 {
     newNetworkSimulation();
@@ -49,7 +49,7 @@ NetworkSimulation* NetworkSimulation::loadNetworkSimulation(QIODevice* device, b
     return _readIntoInstance(device, ok);
 }
 
-/// What has been read up to the damage is dropped with the simulation that holds it.
+/// Reads the file. If it is damaged, drops the simulation with what has been read so far.
 NetworkSimulation* NetworkSimulation::_readIntoInstance(QIODevice* device, bool* ok)
 {
     if (!device || !_instance->_read(device)) {
@@ -60,8 +60,8 @@ NetworkSimulation* NetworkSimulation::_readIntoInstance(QIODevice* device, bool*
     return _instance;
 }
 
-/// Reads into this simulation, which is the present one already: the records' readers ask it for the file
-/// version. False when one of the words at the two ends is wrong; damage in between shows in nothing else.
+/// Reads into this simulation, which is the present one already: readers of records ask it for the file
+/// version. False when a word at one of the ends is wrong; damage in between shows in nothing else.
 bool NetworkSimulation::_read(QIODevice* device)
 {
     QDataStream stream(device);
@@ -80,8 +80,8 @@ bool NetworkSimulation::_read(QIODevice* device)
     return trailer == magic;
 }
 
-/// Neither truncated nor checked while it is written, on purpose: behind the trailer the tail of a longer old
-/// file stays, where no reader looks.
+/// Saves the simulation. Neither truncates the file nor checks its writing, on purpose: behind the trailer,
+/// where no reader looks, the tail of a longer old file stays.
 bool NetworkSimulation::save(const QString& fileName)
 {
     QFile file(fileName);

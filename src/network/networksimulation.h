@@ -9,42 +9,41 @@ QT_BEGIN_NAMESPACE
 class QIODevice;
 QT_END_NAMESPACE
 
-/// The whole simulation the user works on: the network and the capture of its frames. There is never more
-/// than one; a new and an opened simulation replace it, and every pointer into the old one is then dangling.
+/// The whole simulation that the user works on: the network and the capture of its frames. There is never
+/// more than one. New and Open replace it, which leaves every pointer into the old one dangling.
 class NetworkSimulation : public QObject
 {
     Q_OBJECT
 
 public:
-    // Both ends of a file: of version 0, and of one that carries its version
+    // Words at both ends of a file: of version 0, and of one that holds its version
     static constexpr quint32 MagicNumber = 0xC191277C;
     static constexpr quint32 VersionedMagicNumber = 0xC191277D;
     static constexpr quint32 ActualFileVersion = 1;  // of every new simulation
 
-    /// The present simulation; a new one when there is none yet.
+    /// Returns the present simulation, a new one when there is none yet.
     static NetworkSimulation* instance();
 
     static NetworkSimulation* newNetworkSimulation();
 
-    /// Replaces the simulation by the one in the file. On failure \a ok, unless null, becomes false and the
-    /// simulation is new and empty; on success \a ok is left as it is.
+    /// Replaces the simulation by the one in the file. On failure the simulation is new and empty, and \a ok,
+    /// unless null, becomes false. Success leaves \a ok as it is.
     static NetworkSimulation* loadNetworkSimulation(const QString& fileName, bool* ok);
 
-    /// As above, from a device open for reading: for files that may not be written.
+    /// Loads from a device that is open for reading: for files that the user may not write.
     static NetworkSimulation* loadNetworkSimulation(QIODevice* device, bool* ok);
 
-    /// Deletes the present simulation, which closes its sockets. To be called before the application object
-    /// ends.
+    /// Deletes the present simulation, which closes its sockets. Call it before the application object ends.
     static void deleteNetworkSimulation();
 
     NetworkSimulation() = default;
     ~NetworkSimulation() override;
 
-    /// False when the file cannot be opened; write errors are not reported.
+    // Both return false when the file cannot be opened; write errors are not reported
     [[nodiscard]] bool save(const QString& fileName);
     [[nodiscard]] bool exportPcapDump(const QString& fileName);
 
-    bool hasChanges() { return true; }  // no record of unsaved changes is kept
+    bool hasChanges() { return true; }  // nothing records unsaved changes
 
     Network* network() { return &_network; }
     Capture* capture() { return &_capture; }

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int mostUntaken = 1;  // programs that the toolkit's server holds; each is taken from it at once
+constexpr int mostUntaken = 1;  // programs that Qt's server holds; we take each from it at once
 
 struct Identification {
     quint8 type = 0;
@@ -27,13 +27,13 @@ struct Identification {
     }
 };
 
-/// Missing bytes read as zero, which no identification begins with.
+/// Reads the header. Missing bytes read as zero, which no identification begins with.
 QDataStream& operator>>(QDataStream& stream, Identification& header)
 {
     return stream >> header.type >> header.length >> header.kind;
 }
 
-/// The toolkit lets 50 programs wait to be accepted; the rest of a burst would be put off by the kernel for
+/// Lets more programs wait to be accepted than the 50 of Qt: the kernel would put off the rest of a burst for
 /// seconds. A failure changes nothing.
 void admitBursts(const QTcpServer& server)
 {
@@ -46,7 +46,7 @@ bool isProgramWaiting(const QTcpServer& server)
     return ::poll(&listener, 1, 0) > 0;
 }
 
-/// Whatever \a socket is in the middle of: this may run inside one of its signals.
+/// Ends the connection at once. Deletes \a socket later, since this may run inside one of its signals.
 void refuse(QTcpSocket* socket)
 {
     socket->abort();
@@ -85,7 +85,8 @@ QString Network::tcpErrorString() const
     return isTcpEnabled() ? QString() : _tcpServer.error;
 }
 
-/// The signal is connected afresh at each start; a second call for the same program finds nothing pending.
+/// Starts the server. Connects the signal afresh each time: a second call for a program finds nothing
+/// pending.
 bool Network::_startTcpServer()
 {
     if (!_tcpServer.server.listen(QHostAddress::Any, _tcpServer.port)) {
@@ -98,7 +99,7 @@ bool Network::_startTcpServer()
     return true;
 }
 
-/// Programs that are attached to a node already stay so.
+/// Stops the server. Programs that are already attached to a node stay so.
 void Network::_stopTcpServer()
 {
     if (!isTcpEnabled())
@@ -128,17 +129,17 @@ void Network::_tcpPnpNewNode()
     _tcpServer.pending.append(socket);
 }
 
-/// The toolkit's server keeps the first error of its socket: after one "nobody is waiting" it takes running
-/// out of file descriptors for that too, and asks without end. So it is kept from asking while nobody waits,
-/// which only a limit of 0 does.
+/// Keeps Qt's server from accepting while nobody waits, which only a limit of 0 does. The server keeps the
+/// first error of its socket. After one "nobody is waiting" it takes a lack of file descriptors for the same,
+/// and tries without end.
 void Network::_restAccepting()
 {
     _tcpServer.server.setMaxPendingConnections(0);
     QMetaObject::invokeMethod(this, "_tcpResumeAccepting", Qt::QueuedConnection);
 }
 
-/// The toolkit's server stops accepting for good when it runs out of file descriptors; some may be free again
-/// now.
+/// Lets Qt's server accept again. It stops for good when it runs out of file descriptors, of which some may
+/// be free by now.
 void Network::_tcpResumeAccepting()
 {
     if (!isTcpEnabled())
@@ -156,7 +157,7 @@ void Network::_tcpPnpPendingDisconnected()
     socket->deleteLater();
 }
 
-/// What has arrived with the first signal decides: there is no waiting for more.
+/// Identifies the program by what has arrived with the first signal, without waiting for more.
 void Network::_tcpPnpDataFromPending()
 {
     auto* socket = qobject_cast<QTcpSocket*>(sender());
@@ -175,8 +176,8 @@ void Network::_forgetPending(QTcpSocket* socket)
     socket->disconnect(this);
 }
 
-/// Bytes behind the identification are lost, on purpose: a program that identifies by name sends nothing else
-/// until it has been attached.
+/// Drops the bytes behind the identification, on purpose: a program that identifies by name sends nothing
+/// else until it is attached.
 void Network::_identifyByName(QTcpSocket* socket)
 {
     const QByteArray arrived = socket->readAll();
@@ -194,7 +195,7 @@ void Network::_identifyByName(QTcpSocket* socket)
     _attach(socket, Bridge::nameFromBytes(value.left(length)));
 }
 
-/// Bytes behind the identification stay in the socket, for the node to read.
+/// Leaves the bytes behind the identification in the socket, for the node to read.
 void Network::_identifyByAddress(QTcpSocket* socket)
 {
     const qint64 messageSize = qint64{addressLength()} + Bridge::nodeControlHeaderSize;
@@ -231,7 +232,8 @@ template <typename Identity> void Network::_attach(QTcpSocket* socket, const Ide
     emit nodeAdded(node);
 }
 
-/// Null when there is no TCP node among \a candidates. Only several need the order of all items.
+/// Returns the topmost TCP node among \a candidates, or null. Asks for the order of all items only when there
+/// are several.
 TcpNode* Network::_topmostTcpNode(const QList<Node*>& candidates) const
 {
     const QList<TcpNode*> nodes = itemsOf<TcpNode>(candidates);

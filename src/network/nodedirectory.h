@@ -9,12 +9,13 @@
 #include <set>
 #include <utility>
 
-/// The nodes of a network by what programs identify themselves by. Looking through the sorted items of the
-/// scene instead takes some 9 ms for each program at 10,000 nodes and links.
+/// Finds the nodes of a network by what programs identify themselves with. With 10,000 nodes and links, a
+/// look through the scene's sorted items would take some 9 ms for each program.
 class NodeDirectory
 {
 public:
-    /// \a node is not owned. Taken out before its name or address changes, and put in again with the new one.
+    /// Adds \a node, which is not owned. Remove it before its name or address changes, and add it again
+    /// after.
     void add(Node* node)
     {
         _byName.insert({node->name(), node});
@@ -28,7 +29,7 @@ public:
         _byAddress.erase({node->address(), node});
     }
 
-    /// In no particular order.
+    // In no particular order
     QList<Node*> nodes(const QString& name) const { return _nodes(_byName, name); }
     QList<Node*> nodes(const QByteArray& address) const { return _nodes(_byAddress, address); }
 
