@@ -8,7 +8,9 @@ from dataclasses import dataclass
 import numpy
 
 from measuring.fidelity import analysis, measure, plots, tables
+from measuring.lab import document
 
+TEMPLATE = pathlib.Path(__file__).with_name("fidelity.md.in")
 PLOTTED_SPREAD = (0.99, 64)  # reliability and bytes
 PLOTTED_FLIPS = (0.999, 255)
 PLOTTED_DELAYS = ((10, 2), (10, 10), (10, 50))  # delay and deviation
@@ -53,7 +55,9 @@ def summary(result):
 def write(result, folder):
     texts = {name: tables.markdown(rows, result.threshold()) for name, rows in result.rows.items()}
     pictures = write_plots(result, folder)
-    text = TEXT.format(
+    document.write(
+        TEMPLATE,
+        folder / "fidelity.md",
         **texts,
         **pictures,
         verdict=overall(result),
@@ -64,7 +68,7 @@ def write(result, folder):
         seed=result.seed,
         all_frames=f"{result.rows['order'][0].sent:,}",
         load=percent(tables.NEEDED_LOAD),
-        machine=machine(),
+        machine=document.processors(),
         timings=len(result.rows["punctuality"]) + len(result.rows["clock"]),
         repeated=result.repeated,
         disturbed=result.disturbed,
@@ -81,7 +85,6 @@ def write(result, folder):
         trip_most=f"{numpy.percentile(result.round_trips, 95):,.0f}",
         trip_nearly_all=f"{numpy.percentile(result.round_trips, 99):,.0f}",
     )
-    (folder / "fidelity.md").write_text(text, encoding="utf-8")
 
 
 def percent(share):
@@ -94,16 +97,6 @@ def overall(result):
     if not failed:
         return f"All {rows} rows of the tables below hold."
     return f"**{len(failed)} of the {rows} rows of the tables below fail**; their last column says why."
-
-
-def machine():
-    """Model and number of the processors."""
-    models = [
-        line.split(":", 1)[1].strip()
-        for line in pathlib.Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
-        if line.startswith("model name")
-    ]
-    return f"{len(models)} processors, {models[0]}" if models else "processors of unknown make"
 
 
 def write_plots(result, folder):
@@ -143,6 +136,3 @@ def write_plot(result, folder, name, rows, title):
     }
     draw[name](folder / file)
     return f"![{title}]({file})"
-
-
-TEXT = pathlib.Path(__file__).with_name("fidelity.md.in").read_text(encoding="utf-8")

@@ -2,47 +2,20 @@
 
 from __future__ import annotations
 
-import subprocess
-
 import numpy
 from scipy import stats
 
 from measuring.fidelity import analysis
+from measuring.lab.document import Plot
 
-PREAMBLE = """set terminal svg size {width},{height} font 'DejaVu Sans,12' background 'white'
-set output '{output}'
-set grid lc rgb '#dddddd'
-set key {key}
-"""
 COLORS = ("#1b6ca8", "#c0392b", "#2e8b57", "#8e44ad")
 MEASURED, SET = "#c0392b", "#1b6ca8"
-
-
-class Plot:
-    """A script for gnuplot with the data in it."""
-
-    def __init__(self, width=760, height=420, key="top left"):
-        self.width, self.height, self.key = width, height, key
-        self.settings = []
-        self.curves = []
-        self.data = []
-
-    def add(self, columns, style):
-        """The style is what gnuplot wants behind the data."""
-        rows = "\n".join(" ".join(f"{value:.6g}" for value in row) for row in zip(*columns))
-        self.data.append(f"$data{len(self.data)} << END\n{rows}\nEND")
-        self.curves.append(f"$data{len(self.data) - 1} {style}")
-
-    def write(self, file):
-        preamble = PREAMBLE.format(width=self.width, height=self.height, output=file, key=self.key)
-        script = [preamble] + self.settings + self.data + ["plot " + ", ".join(self.curves)]
-        subprocess.run(["gnuplot"], input="\n".join(script), text=True, check=True)
 
 
 def frame_error_rates(file, rows, threshold):
     """Of links that flip bits at all: 1 - p on a logarithmic axis has no place for 0."""
     plot = Plot(key="bottom right")
-    plot.settings = [
+    plot.settings += [
         "set logscale x",
         "set format x '%g'",
         "set xrange [2e-5:1.5]",
@@ -68,7 +41,7 @@ def frame_error_rates(file, rows, threshold):
 
 def flips_per_frame(file, row):
     plot = Plot(key="top right")
-    plot.settings = ["set xlabel 'flipped bits in a frame'", "set ylabel 'share of the frames'", "set yrange [0:]"]
+    plot.settings += ["set xlabel 'flipped bits in a frame'", "set ylabel 'share of the frames'", "set yrange [0:]"]
     frames, bits = row.figures["sent"], row.frame_bytes * analysis.BITS_PER_BYTE
     counts = {int(flips): count for flips, count in row.figures["frames_by_flips"].items()}
     flips = numpy.arange(min(counts), max(counts) + 1)
@@ -85,7 +58,7 @@ def flips_by_bit(file, row):
     low, high = stats.binom.ppf((0.0005, 0.9995), frames, rate) / frames
     positions = numpy.arange(len(row.figures["flips_by_bit"]))
     plot = Plot(key="top right")
-    plot.settings = [
+    plot.settings += [
         "set xlabel 'bit of the frame'",
         "set ylabel 'share of frames in which it flipped'",
         f"set xrange [0:{len(positions)}]",
@@ -104,7 +77,7 @@ def flips_by_bit(file, row):
 def delays_in_time(file, rows):
     """The distribution function, a staircase, and what was confirmed at each deadline."""
     plot = Plot(key="bottom right")
-    plot.settings = [
+    plot.settings += [
         "set xlabel 'deadline of the sender, ms'",
         "set ylabel 'share of the frames that were in time'",
         "set yrange [-0.03:1.03]",
@@ -124,7 +97,7 @@ def clock_delays(file, row):
     counts, shares = row.counts(), analysis.delay_shares(row.delay, row.deviation)
     total = len(row.readings)
     plot = Plot(key="top right")
-    plot.settings = [
+    plot.settings += [
         "set xlabel 'delay, whole ms'",
         "set ylabel 'share of the frames'",
         f"set xrange [{min(shares) - 3}:{max(shares) + 3}]",
@@ -143,7 +116,7 @@ def clock_delays(file, row):
 def delivery_errors(file, rows):
     """Distribution functions, one curve a load, all settings of the load together."""
     plot = Plot(key="bottom right")
-    plot.settings = [
+    plot.settings += [
         "set logscale x",
         "set format x '%g'",
         "set xlabel 'delivered so much after the drawn delay, µs'",

@@ -10,6 +10,7 @@ from dataclasses import dataclass
 import numpy
 
 from measuring.fidelity import analysis
+from measuring.lab import document
 
 HOLDS, FAILS = "holds", "**fails**"
 NEEDED_LOAD = 0.97  # of the wanted rate; a slower sender would make the link look more punctual
@@ -313,9 +314,7 @@ def markdown(rows, threshold):
         return "Not measured in this run."
     lines = [{**row.cells(threshold), "verdict": verdict(row, threshold)} for row in rows]
     heads = list(lines[0])
-    ruler = ["---" if head in ("case", "verdict") else "--:" for head in heads]
-    table = [heads, ruler] + [[line[head] for head in heads] for line in lines]
-    return "\n".join("| " + " | ".join(line) + " |" for line in table)
+    return document.table(heads, [list(line.values()) for line in lines], left=("case", "verdict"))
 
 
 def share_text(share):

@@ -11,15 +11,15 @@ import argparse
 import json
 import os
 import pathlib
-import platform
 import re
-import string
 import subprocess
 import sys
 import unittest
 from collections import Counter
 from dataclasses import dataclass
 from typing import Iterator
+
+from measuring.lab import document
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TEMPLATE = pathlib.Path(__file__).resolve().parent / "reliability.md.in"
@@ -268,25 +268,12 @@ def memory_figure(build: dict) -> str:
 
 
 def table(rows: list[Row]) -> str:
-    """Promise, figure, command; a promise that does not hold stands out."""
-    lines = ["| promise | figure | command |", "| --- | --- | --- |"]
+    """Return promise, figure and command; a promise that does not hold stands out."""
+    lines = []
     for row in rows:
-        figure = row.figure
-        if row.holds is False:
-            figure = "**does not hold**: " + figure
-        lines.append(f"| {row.promise} | {figure} | `{row.command}` |")
-    return "\n".join(lines)
-
-
-def machine() -> str:
-    models = lines_of("/proc/cpuinfo", r"model name\s*:\s*(.*)")
-    systems = lines_of("/etc/os-release", r'PRETTY_NAME="(.*)"')
-    processors = f"{len(models)} × {models[0]}" if models else platform.machine()
-    return f"{processors}, {systems[0] if systems else platform.system()}"
-
-
-def lines_of(file: str, pattern: str) -> list[str]:
-    return re.findall(f"^{pattern}$", pathlib.Path(file).read_text(encoding="utf-8"), re.MULTILINE)
+        figure = f"**does not hold**: {row.figure}" if row.holds is False else row.figure
+        lines.append([row.promise, figure, f"`{row.command}`"])
+    return document.table(["promise", "figure", "command"], lines)
 
 
 def all_rows(sources: Sources) -> dict[str, list[Row]]:
@@ -301,7 +288,7 @@ def all_rows(sources: Sources) -> dict[str, list[Row]]:
 def texts(sources: Sources) -> dict[str, str]:
     """The figures outside the tables."""
     return {
-        "machine": machine(),
+        "machine": f"{document.processors()}; {document.system()}",
         "idle": idle_text(sources),
         "coverage": coverage_text(sources),
         "corpus": f"{kept_inputs('corpus'):,}",
@@ -343,12 +330,6 @@ def suite_text(sources: Sources) -> str:
     return f"{tests['programs']} programs with {tests['functions']:,} test functions" if tests else MISSING
 
 
-def document(sources: Sources, rows: dict[str, list[Row]]) -> str:
-    tables = {name: table(part) for name, part in rows.items()}
-    template = string.Template(TEMPLATE.read_text(encoding="utf-8"))
-    return template.substitute(tables, verdict=verdict(rows), **texts(sources))
-
-
 def verdict(rows: dict[str, list[Row]]) -> str:
     counts = Counter(row.holds for part in rows.values() for row in part)
     text = f"Of the {sum(counts.values())} promises in the tables below, {counts[True]} held in these runs"
@@ -375,7 +356,8 @@ def main() -> int:
         file.write_text(json.dumps(summary, indent=2) + "\n", encoding="utf-8")
     sources = Sources(options.build)
     rows = all_rows(sources)
-    options.output.write_text(document(sources, rows), encoding="utf-8")
+    tables = {name: table(part) for name, part in rows.items()}
+    document.write(TEMPLATE, options.output, **tables, verdict=verdict(rows), **texts(sources))
     return 1 if any(row.holds is False for part in rows.values() for row in part) else 0
 
 
