@@ -1,5 +1,4 @@
 #include "commandline.h"
-#include "histogram.h"
 #include "processtimes.h"
 
 extern "C" {
@@ -376,56 +375,26 @@ const char usage[]
       "  --watch-pid PID              report that process's processor time; may be given again\n"
       "Prints one line of JSON. Exit code 1: the frames do not get through, 2: wrong option.\n";
 
-bool readOption(int option, const char* value, Options& options)
-{
-    switch (option) {
-    case 'v':
-        options.switches.emplace_back(value);
-        return true;
-    case 's':
-        options.senderFd = std::atoi(value);
-        return true;
-    case 'r':
-        options.receiverFd = std::atoi(value);
-        return true;
-    case 'z':
-        options.frameBytes = std::strtoul(value, nullptr, 10);
-        return options.frameBytes > fillerOffset && options.frameBytes <= largestFrameBytes;
-    case 'w':
-        options.window = std::strtoul(value, nullptr, 10);
-        return options.window > 0;
-    case 'u':
-        options.warmUp = std::atof(value);
-        return true;
-    case 'd':
-        options.duration = std::atof(value);
-        return options.duration > 0;
-    case 'x':
-        options.watchedPids.push_back(std::atoi(value));
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool readCommandLine(int argc, char** argv, Options& options)
 {
-    const option known[] = {
-        {"vde", required_argument, nullptr, 'v'},
-        {"sender-fd", required_argument, nullptr, 's'},
-        {"receiver-fd", required_argument, nullptr, 'r'},
-        {"size", required_argument, nullptr, 'z'},
-        {"window", required_argument, nullptr, 'w'},
-        {"warm-up", required_argument, nullptr, 'u'},
-        {"duration", required_argument, nullptr, 'd'},
-        {"watch-pid", required_argument, nullptr, 'x'},
-        {nullptr, 0, nullptr, 0},
-    };
-    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
-    if (!readOptions(argc, argv, known, read))
-        return false;
+    CommandLine commandLine;
+    commandLine.addValue("--vde", [&](const std::string& folder) {
+        options.switches.push_back(folder);
+        return true;
+    });
+    commandLine.addNumber("--sender-fd", options.senderFd);
+    commandLine.addNumber("--receiver-fd", options.receiverFd);
+    commandLine.addNumber("--size", options.frameBytes, fillerOffset + 1);
+    commandLine.addNumber("--window", options.window, 1);
+    commandLine.addNumber("--warm-up", options.warmUp);
+    commandLine.addNumber("--duration", options.duration);
+    commandLine.addValue("--watch-pid", [&](const std::string& pid) {
+        options.watchedPids.push_back(std::atoi(pid.c_str()));
+        return true;
+    });
+    const bool isUnderstood = commandLine.read(argc, argv) && options.frameBytes <= largestFrameBytes;
     const bool hasDescriptors = options.senderFd >= 0 && options.receiverFd >= 0;
-    return optind == argc && (options.switches.size() == 2) != hasDescriptors;
+    return isUnderstood && (options.switches.size() == 2) != hasDescriptors;
 }
 
 }  // namespace

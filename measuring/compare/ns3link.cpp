@@ -126,40 +126,15 @@ const char usage[]
     = "usage: lattivo_ns3link --input-fd N --output-fd N [--error-rate P] [--every-bit] [--seed N]\n"
       "Carries Ethernet frames between two datagram sockets through a link of ns-3 until it is ended.\n";
 
-bool readOption(int option, const char* value, Options& options)
-{
-    switch (option) {
-    case 'i':
-        options.inputFd = std::atoi(value);
-        return true;
-    case 'o':
-        options.outputFd = std::atoi(value);
-        return true;
-    case 'p':
-        options.errorRate = std::atof(value);
-        return true;
-    case 'e':
-        options.everyBit = true;
-        return true;
-    case 's':
-        options.seed = static_cast<unsigned>(std::strtoul(value, nullptr, 10));
-        return options.seed > 0;
-    default:
-        return false;
-    }
-}
-
 bool readCommandLine(int argc, char** argv, Options& options)
 {
-    const option known[] = {
-        {"input-fd", required_argument, nullptr, 'i'},   {"output-fd", required_argument, nullptr, 'o'},
-        {"error-rate", required_argument, nullptr, 'p'}, {"every-bit", no_argument, nullptr, 'e'},
-        {"seed", required_argument, nullptr, 's'},       {nullptr, 0, nullptr, 0},
-    };
-    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
-    if (!readOptions(argc, argv, known, read))
-        return false;
-    return optind == argc && options.inputFd > 0 && options.outputFd > 0;
+    CommandLine commandLine;
+    commandLine.addNumber("--input-fd", options.inputFd, 1);
+    commandLine.addNumber("--output-fd", options.outputFd, 1);
+    commandLine.addNumber("--error-rate", options.errorRate);
+    commandLine.addFlag("--every-bit", options.everyBit);
+    commandLine.addNumber("--seed", options.seed, 1);
+    return commandLine.read(argc, argv) && options.inputFd > 0 && options.outputFd > 0;
 }
 
 }  // namespace

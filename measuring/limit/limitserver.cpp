@@ -1,5 +1,5 @@
 #include "commandline.h"
-#include "wire.h"
+#include "wiring.h"
 
 #include <QtGlobal>
 
@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +23,17 @@
 
 namespace {
 
+// The server has codes of its own, so that it judges the simulator's.
+enum MessageType : char {
+    FrameMessage = 1,  // both ways
+    Confirmation = 2,  // to the program
+    NodeControl = 3,   // from the program
+};
+constexpr char byAddress = 1;  // a node control that identifies the program
+constexpr char delivered = 1;  // confirmations
+constexpr char lost = 2;
+constexpr std::size_t headerBytes = 5;  // type and 32-bit length, in front of every body
+
 constexpr std::size_t readBufferBytes = 256 * 1024;  // more than any client has in flight
 constexpr double drawRange = 2147483647.0;
 constexpr double errorDetectionReliability = 1.0;
@@ -32,13 +42,12 @@ constexpr int eventsPerWait = 256;
 
 struct Options {
     std::uint16_t port = 0;  // 0: any free one
-    Wire::Identification identification = Wire::ByAddress;
-    Wire::Wiring wiring;
-    double reliability = 1.0;  // per bit
-    bool draws = true;         // false: every frame crosses its link, and no random number decides it
+    Wiring wiring;
+    double reliability = 1.0;     // per bit
+    bool isWithoutDraws = false;  // every frame crosses its link, and no random number decides it
     unsigned seed = 1;
     bool confirms = false;
-    bool strict = false;  // a message that is only partly there is an error
+    bool isStrict = false;  // a message that is only partly there is an error
 };
 
 struct Client {
@@ -48,6 +57,26 @@ struct Client {
     std::string output;          // collected during one read, then what the kernel did not take
     bool waitsForRoom = false;
 };
+
+std::string messageOf(char type, const std::string& body)
+{
+    std::string bytes(1, type);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes += static_cast<char>(body.size() >> shift & 0xff);
+    return bytes + body;
+}
+
+/// Bytes of the first whole message in the buffer, 0 if only a part of one is there.
+std::size_t wholeMessageBytes(const char* buffer, std::size_t size)
+{
+    if (size < headerBytes)
+        return 0;
+    std::size_t bytes = 0;
+    for (std::size_t i = 1; i < headerBytes; ++i)
+        bytes = bytes << 8 | static_cast<unsigned char>(buffer[i]);
+    bytes += headerBytes;
+    return bytes <= size ? bytes : 0;
+}
 
 /// The same draws and comparisons as a simulated link makes; a corrupted frame is always detected and
 /// dropped.
@@ -125,8 +154,7 @@ private:
     std::map<int, std::unique_ptr<Client>> _clients;                // by descriptor
     std::vector<Client*> _nodes;                                    // not owned; null: nobody is attached
     std::vector<std::vector<int>> _neighbours;                      // by node
-    std::uint64_t _frames = 0;
-    std::uint64_t _partialMessages = 0;
+    bool _hasSeenParts = false;                                     // of messages
 };
 
 LimitServer::LimitServer(const Options& options)
@@ -136,7 +164,7 @@ LimitServer::LimitServer(const Options& options)
     , _nodes(options.wiring.nodeCount())
     , _neighbours(options.wiring.nodeCount())
 {
-    const Wire::Wiring& wiring = options.wiring;
+    const Wiring& wiring = options.wiring;
     for (int i = 0; i < wiring.senderCount(); ++i) {
         const int sender = wiring.sender(i);
         for (int receiver = sender + 1; receiver <= sender + wiring.receiversPerSender(); ++receiver) {
@@ -173,8 +201,7 @@ bool LimitServer::run()
                 _handle(events[i].data.fd, events[i].events);
         }
     }
-    std::printf("{\"frames\": %" PRIu64 ", \"partial_messages\": %" PRIu64 "}\n", _frames, _partialMessages);
-    return _partialMessages == 0;
+    return !_hasSeenParts;
 }
 
 void LimitServer::_watch(int fd, int operation, std::uint32_t events) const
@@ -225,7 +252,7 @@ void LimitServer::_read(Client& client)
 std::size_t LimitServer::_relayWholeMessages(Client& client, std::size_t bytes)
 {
     std::size_t handled = 0;
-    while (const std::size_t next = Wire::wholeMessageBytes(_input.data() + handled, bytes - handled)) {
+    while (const std::size_t next = wholeMessageBytes(_input.data() + handled, bytes - handled)) {
         if (!_handleMessage(client, _input.data() + handled, next))
             break;
         handled += next;
@@ -247,17 +274,17 @@ bool LimitServer::_keepRest(Client& client, std::size_t handled, std::size_t byt
     client.partialMessage.assign(_input.data() + handled, bytes - handled);
     if (handled == bytes)
         return true;
-    if (Wire::wholeMessageBytes(_input.data() + handled, bytes - handled) > 0)
+    if (wholeMessageBytes(_input.data() + handled, bytes - handled) > 0)
         return false;
-    ++_partialMessages;
-    return !_options.strict;
+    _hasSeenParts = true;
+    return !_options.isStrict;
 }
 
 bool LimitServer::_handleMessage(Client& client, const char* message, std::size_t bytes)
 {
     if (client.node < 0)
         return _identify(client, message, bytes);
-    if (message[0] != Wire::Frame)
+    if (message[0] != FrameMessage)
         return false;
     _relay(client, message, bytes);
     return true;
@@ -267,7 +294,7 @@ bool LimitServer::_identify(Client& client, const char* message, std::size_t byt
 {
     const std::string identification(message, bytes);
     for (int node = 0; node < static_cast<int>(_nodes.size()); ++node) {
-        if (identification == Wire::identification(_options.identification, node)) {
+        if (identification == messageOf(NodeControl, byAddress + nodeAddress(node))) {
             client.node = node;
             _nodes[node] = &client;
             return true;
@@ -278,26 +305,23 @@ bool LimitServer::_identify(Client& client, const char* message, std::size_t byt
 
 void LimitServer::_relay(Client& sender, const char* message, std::size_t bytes)
 {
-    static const std::string confirmations[] = {
-        Wire::message(Wire::Confirmation, std::string(1, Wire::NotDelivered)),
-        Wire::message(Wire::Confirmation, std::string(1, Wire::Delivered)),
-    };
-    ++_frames;
-    bool delivered = false;
+    static const std::string confirmations[]
+        = {messageOf(Confirmation, {lost}), messageOf(Confirmation, {delivered})};
+    bool isDelivered = false;
     for (const int neighbour : _neighbours[sender.node]) {
         Client* receiver = _nodes[neighbour];
-        if (!receiver || !_crosses(bytes - Wire::headerBytes))
+        if (!receiver || !_crosses(bytes - headerBytes))
             continue;
         receiver->output.append(message, bytes);
-        delivered = true;
+        isDelivered = true;
     }
     if (_options.confirms)
-        sender.output += confirmations[delivered];
+        sender.output += confirmations[isDelivered];
 }
 
 bool LimitServer::_crosses(std::size_t frameBytes) const
 {
-    return !_options.draws || crossesTheLink(frameBytes, _options.reliability);
+    return _options.isWithoutDraws || crossesTheLink(frameBytes, _options.reliability);
 }
 
 void LimitServer::_flush(Client& client) const
@@ -323,58 +347,21 @@ void LimitServer::_drop(Client& client)
     close(fd);
 }
 
-const char usage[]
-    = "usage: lattivo_limitserver [--port N] [--pairs P | --star LINKS] [--identify-by name|address]\n"
-      "                           [--confirm] [--reliability R | --no-draws] [--seed N] [--strict]\n";
-
-bool readOption(int option, const char* value, Options& options)
-{
-    switch (option) {
-    case 'p':
-        options.port = static_cast<std::uint16_t>(std::atoi(value));
-        return true;
-    case 'n':
-        options.wiring.pairs = std::atoi(value);
-        return options.wiring.pairs > 0;
-    case 's':
-        options.wiring.starLinks = std::atoi(value);
-        return options.wiring.starLinks > 0;
-    case 'i':
-        options.identification = std::string(value) == "name" ? Wire::ByName : Wire::ByAddress;
-        return true;
-    case 'c':
-        options.confirms = true;
-        return true;
-    case 'r':
-        options.reliability = std::atof(value);
-        return true;
-    case 'd':
-        options.draws = false;
-        return true;
-    case 'e':
-        options.seed = static_cast<unsigned>(std::strtoul(value, nullptr, 10));
-        return true;
-    case 'x':
-        options.strict = true;
-        return true;
-    default:
-        return false;
-    }
-}
+const char usage[] = "usage: lattivo_limitserver [--port N] [--pairs P | --star LINKS] [--confirm]\n"
+                     "                           [--reliability R | --no-draws] [--seed N] [--strict]\n";
 
 bool readCommandLine(int argc, char** argv, Options& options)
 {
-    const option known[] = {
-        {"port", required_argument, nullptr, 'p'}, {"pairs", required_argument, nullptr, 'n'},
-        {"star", required_argument, nullptr, 's'}, {"identify-by", required_argument, nullptr, 'i'},
-        {"confirm", no_argument, nullptr, 'c'},    {"reliability", required_argument, nullptr, 'r'},
-        {"no-draws", no_argument, nullptr, 'd'},   {"seed", required_argument, nullptr, 'e'},
-        {"strict", no_argument, nullptr, 'x'},     {nullptr, 0, nullptr, 0},
-    };
-    const auto read = [&](int option, const char* value) { return readOption(option, value, options); };
-    if (!readOptions(argc, argv, known, read))
-        return false;
-    return optind == argc;
+    CommandLine commandLine;
+    commandLine.addNumber("--port", options.port);
+    commandLine.addNumber("--pairs", options.wiring.pairs, 1);
+    commandLine.addNumber("--star", options.wiring.starLinks, 1);
+    commandLine.addFlag("--confirm", options.confirms);
+    commandLine.addNumber("--reliability", options.reliability);
+    commandLine.addFlag("--no-draws", options.isWithoutDraws);
+    commandLine.addNumber("--seed", options.seed);
+    commandLine.addFlag("--strict", options.isStrict);
+    return commandLine.read(argc, argv);
 }
 
 }  // namespace

@@ -1,11 +1,16 @@
 #pragma once
 
+#include "wiring.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-/// The bridge protocol as plain bytes, and the wiring that both programs and makesimulation.py agree on.
+/// The bridge protocol as plain bytes.
 namespace Wire {
+
+using ::addressBytes;
+using ::nodeAddress;
 
 enum MessageType : std::uint8_t {
     Frame = 1,         // both ways
@@ -25,8 +30,6 @@ enum Outcome : char {
 };
 
 constexpr std::size_t headerBytes = 5;  // type and 32-bit length, in front of every body
-constexpr std::size_t addressBytes = 6;
-constexpr std::size_t sourceAddressOffset = 6;  // the destination address stands at 0
 constexpr char broadcastByte = '\xff';
 
 // More unread bytes on a socket could let the kernel cut a message in two, and a node whose message is only
@@ -63,31 +66,10 @@ inline std::string nodeName(int node)
     return "node-" + std::to_string(node);
 }
 
-inline std::string nodeAddress(int node)
-{
-    std::string address(addressBytes, '\0');
-    address[0] = 2;  // locally administered
-    address[addressBytes - 2] = static_cast<char>(node >> 8);
-    address[addressBytes - 1] = static_cast<char>(node);
-    return address;
-}
-
 inline std::string identification(Identification kind, int node)
 {
     const std::string value = kind == ByName ? nodeName(node) : nodeAddress(node);
     return message(NodeControl, static_cast<char>(kind) + value);
 }
-
-/// Either pairs (node 0 sends to node 1, 2 to 3, ...) or a star: node 0 broadcasts to nodes 1 to starLinks.
-struct Wiring {
-    int pairs = 1;
-    int starLinks = 0;  // 0: pairs
-
-    bool isStar() const { return starLinks > 0; }
-    int senderCount() const { return isStar() ? 1 : pairs; }
-    int receiversPerSender() const { return isStar() ? starLinks : 1; }
-    int nodeCount() const { return senderCount() * (1 + receiversPerSender()); }
-    int sender(int index) const { return index * (1 + receiversPerSender()); }
-};
 
 }  // namespace Wire
