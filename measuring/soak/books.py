@@ -4,28 +4,25 @@ Program A sends to B or C over the links A-B and A-C while these are set in turn
 case the sums of the simulator, the confirmations of A and every byte at B and C are known beforehand.
 """
 
+from __future__ import annotations
+
+import random
 import time
 from dataclasses import dataclass, field
+from typing import Any
 
+from lattivo import Client, Confirmation, Disconnected, Frame, Outcome
+
+from measuring.lab.confirmations import RULES, Fate, outcomes
 from measuring.soak import programs
-from measuring.soak.programs import bridge
-from measuring.soak.simulator import (
-    BOOK_KIND,
-    CERTAIN_LINK,
-    CHECKED,
-    HANG,
-    MAXIMAL_TRANSFER_UNIT,
-    UNCHECKED,
-    add_node,
-    attach,
-)
+from measuring.soak.simulator import BOOK_KIND, CERTAIN_LINK, CHECKED, HANG, MAXIMAL_TRANSFER_UNIT, UNCHECKED, Simulator
 
 LOSS_TIMEOUT = 200  # ms, of A's confirmations
 SILENCE = 0.3  # s without a message too many; longer than the time-out
 LONG_DELAY = 600_000  # ms: in flight until something happens
 FEWEST, MOST = 3, 20  # frames of a case
 MOST_ERRORS = 3  # a case that fails takes its time
-SUMS = ["sends", "copies", "onto_broken_links", "of_bad_size", "taken", "delivered", "lost", "vanished", "in_flight"]
+LINKS_OF = {"A-B": "B", "A-C": "C"}  # and the node that each leads to
 
 EQUATION = (
     "sends x links = onto broken links + of a bad size + taken; "
@@ -34,7 +31,7 @@ EQUATION = (
 )
 
 
-def address(name):
+def address(name: str) -> bytes:
     return programs.address(BOOK_KIND, "ABC".index(name))
 
 
@@ -43,147 +40,140 @@ NOBODY = programs.address(BOOK_KIND, 99)
 
 @dataclass
 class Case:
-    """Counts are per frame that A sends."""
+    """Frames that A sends, and what becomes of each."""
 
     title: str
-    sums: dict
+    fates: tuple[Fate, ...]  # on each link that A has then
     destination: bytes = field(default_factory=lambda: address("B"))
-    settings: list = field(default_factory=list)  # (item, slot, value while the case runs, value afterwards)
+    settings: list[tuple[str, str, Any, Any]] = field(default_factory=list)  # item, slot, value meanwhile, value then
     size: int = 64  # of the frames, bytes
-    confirmed: int = 0
-    reported_lost: int = 0
-    reaches: str = ""  # the nodes whose programs get the frame
+    sends: bool = True  # A is switched on
+    confirms: bool = True  # A asks for confirmations
     inverts: bool = False
-    ends_with: tuple = None  # (command, item, settings) while all frames are in flight
-    ends_programs: str = ""  # whose nodes have gone then
+    ends_with: tuple[str, str] | None = None  # command and item, while all frames are in flight
+    ends_program: str = ""  # of the node that has gone then
+
+    def sums(self) -> dict[str, int]:
+        """Return what each frame adds to the sums of the simulator."""
+        vanished, lost = self.fates.count(Fate.VANISHED), self.fates.count(Fate.LOST)
+        broken, bad = self.fates.count(Fate.ONTO_BROKEN_LINK), self.fates.count(Fate.OF_BAD_SIZE)
+        taken = len(self.fates) - broken - bad
+        return {
+            "sends": int(self.sends),
+            "copies": len(self.fates),
+            "onto_broken_links": broken,
+            "of_bad_size": bad,
+            "taken": taken,
+            "delivered": taken - vanished - lost,
+            "lost": lost,
+            "vanished": vanished,
+            "in_flight": 0,
+        }
+
+    def confirmations(self) -> list[Confirmation]:
+        if not (self.sends and self.confirms):
+            return []
+        delivered, lost = outcomes(self.fates, self.destination == programs.BROADCAST)
+        return [Confirmation(Outcome.DELIVERED)] * delivered + [Confirmation(Outcome.LOST)] * lost
+
+    def reaches(self, name: str) -> bool:
+        """Tell whether the program of B or C gets the frame."""
+        fate = dict(zip("BC", self.fates)).get(name, Fate.LOST)
+        return RULES[fate].delivers and fate != Fate.VANISHED
 
 
-def sums(links=2, sends=1, **counts):
-    return {**dict.fromkeys(SUMS, 0), "sends": sends, "copies": sends * links, **counts}
-
-
+IN_TIME, LOST, VANISHED, BAD_SIZE = Fate.IN_TIME, Fate.LOST, Fate.VANISHED, Fate.OF_BAD_SIZE
 LATE = [("A-B", "delayChanged", LOSS_TIMEOUT // 2, 0), ("A", "frameAcknowledgeTimeoutChanged", 20, LOSS_TIMEOUT)]
 CORRUPTING = ("A-B", "reliabilityChanged", 0.0, 100.0)
-BREAK_AB = ("set", "A-B", [("brokenChanged", CHECKED)])
+UNNOTICED = ("A-B", "errorDetectionReliabilityChanged", 0.0, 100.0)
+BROKEN = ("A-B", "brokenChanged", CHECKED, UNCHECKED)
+SLOW = ("A-B", "delayChanged", LONG_DELAY, 0)
+SLOW_FOR_GOOD = ("delayChanged", LONG_DELAY, None)
+B_OFF, A_OFF = ("B", "disableChanged", CHECKED, UNCHECKED), ("A", "disableChanged", CHECKED, UNCHECKED)
+UNCONFIRMED = ("A", "framesAcknowledgedChanged", UNCHECKED, CHECKED)
+C_PROMISCUOUS = ("C", "promiscuousModeChanged", CHECKED, UNCHECKED)
 
 CASES = [
-    Case("to B", sums(taken=2, delivered=1, lost=1), confirmed=1, reaches="B"),
-    Case("to nobody", sums(taken=2, lost=2), destination=NOBODY, reported_lost=1),
-    Case("to all", sums(taken=2, delivered=2), destination=programs.BROADCAST, confirmed=1, reaches="BC"),
-    Case("too short", sums(of_bad_size=2), size=11, reported_lost=1),
-    Case("too long", sums(of_bad_size=2), size=MAXIMAL_TRANSFER_UNIT + 1, reported_lost=1),
-    Case(
-        "over a broken link",
-        sums(onto_broken_links=1, taken=1, lost=1),
-        settings=[("A-B", "brokenChanged", CHECKED, UNCHECKED)],
-        reported_lost=1,
-    ),
-    Case(
-        "in flight on a link that breaks",
-        sums(taken=2, lost=1, vanished=1),
-        settings=[("A-B", "delayChanged", LONG_DELAY, 0)],
-        ends_with=BREAK_AB,
-    ),
-    Case(
-        "to B after the link is mended",
-        sums(taken=2, delivered=1, lost=1),
-        settings=[("A-B", "brokenChanged", UNCHECKED, UNCHECKED)],
-        confirmed=1,
-        reaches="B",
-    ),
-    Case(
-        "to B and taken by C, promiscuous",
-        sums(taken=2, delivered=2),
-        settings=[("C", "promiscuousModeChanged", CHECKED, UNCHECKED)],
-        confirmed=1,
-        reaches="BC",
-    ),
-    Case("corrupted, detected", sums(taken=2, lost=2), settings=[CORRUPTING], reported_lost=1),
-    Case(
-        "corrupted, not detected",
-        sums(taken=2, delivered=1, lost=1),
-        settings=[CORRUPTING, ("A-B", "errorDetectionReliabilityChanged", 0.0, 100.0)],
-        confirmed=1,
-        reaches="B",
-        inverts=True,
-    ),
-    Case("later than the time-out", sums(taken=2, delivered=1, lost=1), settings=LATE, reaches="B"),
-    Case(
-        "to a node switched off",
-        sums(taken=2, lost=2),
-        settings=[("B", "disableChanged", CHECKED, UNCHECKED)],
-        reported_lost=1,
-    ),
-    Case("from a node switched off", sums(sends=0), settings=[("A", "disableChanged", CHECKED, UNCHECKED)]),
-    Case(
-        "without confirmations",
-        sums(taken=2, delivered=1, lost=1),
-        settings=[("A", "framesAcknowledgedChanged", UNCHECKED, CHECKED)],
-        reaches="B",
-    ),
+    Case("to B", (IN_TIME, LOST)),
+    Case("to nobody", (LOST, LOST), NOBODY),
+    Case("to all", (IN_TIME, IN_TIME), programs.BROADCAST),
+    Case("too short", (BAD_SIZE, BAD_SIZE), size=11),
+    Case("too long", (BAD_SIZE, BAD_SIZE), size=MAXIMAL_TRANSFER_UNIT + 1),
+    Case("over a broken link", (Fate.ONTO_BROKEN_LINK, LOST), settings=[BROKEN]),
+    Case("in flight on a link that breaks", (VANISHED, LOST), settings=[SLOW], ends_with=("break", "A-B")),
+    Case("to B after the link is mended", (IN_TIME, LOST), settings=[("A-B", "brokenChanged", UNCHECKED, UNCHECKED)]),
+    Case("to B and taken by C, promiscuous", (IN_TIME, Fate.OVERHEARD), settings=[C_PROMISCUOUS]),
+    Case("corrupted, detected", (LOST, LOST), settings=[CORRUPTING]),
+    Case("corrupted, not detected", (IN_TIME, LOST), settings=[CORRUPTING, UNNOTICED], inverts=True),
+    Case("later than the time-out", (Fate.LATE, LOST), settings=LATE),
+    Case("to a node switched off", (LOST, LOST), settings=[B_OFF]),
+    Case("from a node switched off", (), settings=[A_OFF], sends=False),
+    Case("without confirmations", (IN_TIME, LOST), settings=[UNCONFIRMED], confirms=False),
     Case(
         "in flight to a node that is deleted",
-        sums(taken=2, lost=1, vanished=1),
-        destination=address("C"),
-        settings=[("A-C", "delayChanged", LONG_DELAY, None)],
-        ends_with=("delete", "C", []),
-        ends_programs="C",
+        (LOST, VANISHED),
+        address("C"),
+        settings=[("A-C", *SLOW_FOR_GOOD)],
+        ends_with=("delete", "C"),
+        ends_program="C",
     ),
     Case(
         "in flight on a link that is deleted",
-        sums(links=1, taken=1, vanished=1),
-        settings=[("A-B", "delayChanged", LONG_DELAY, None)],
-        ends_with=("delete", "A-B", []),
+        (VANISHED,),
+        settings=[("A-B", *SLOW_FOR_GOOD)],
+        ends_with=("delete", "A-B"),
     ),
-    Case("from a node without links", sums(links=0), reported_lost=1),
-    Case("to all from a node without links", sums(links=0), destination=programs.BROADCAST, confirmed=1),
+    Case("from a node without links", ()),
+    Case("to all from a node without links", (), programs.BROADCAST),
 ]
 
 
-def add_book_nodes(simulator, rng):
-    ends = {name: add_node(simulator, rng, f"book-{name}", address(name)) for name in "ABC"}
+def add_book_nodes(simulator: Simulator, rng: random.Random) -> None:
+    ends = {name: simulator.add_node(rng, f"book-{name}", address(name)) for name in "ABC"}
     for end in ends.values():
         simulator.set(end, ("framesAcknowledgedChanged", UNCHECKED), ("promiscuousModeChanged", UNCHECKED))
     settings = [("framesAcknowledgedChanged", CHECKED), ("frameAcknowledgeTimeoutChanged", LOSS_TIMEOUT)]
     simulator.set(ends["A"], *settings)
-    for name in "BC":
-        number = simulator.do("link", **{"from": ends["A"], "to": ends[name]})["number"]
-        simulator.set(number, *CERTAIN_LINK)
+    for name in LINKS_OF.values():
+        simulator.add_link(ends["A"], ends[name], *CERTAIN_LINK)
 
 
 class Books:
-    def __init__(self, simulator, rng):
+    """The programs of A, B and C, which check all cases."""
+
+    def __init__(self, simulator: Simulator, rng: random.Random) -> None:
         self.simulator = simulator
         self.rng = rng
         self.frames = 0
-        self.errors = []
+        self.errors: list[str] = []
         self._items = self._find_items()
-        self._programs = {name: attach(simulator, f"book-{name}", address(name)) for name in "ABC"}
+        self._programs = {name: simulator.attach(f"book-{name}", address(name)) for name in "ABC"}
 
-    def check_all(self):
+    def check_all(self) -> None:
         for case in CASES:
             if len(self.errors) < MOST_ERRORS:
                 self._check(case)
         for program in self._programs.values():
             program.close()
 
-    def _find_items(self):
+    def _find_items(self) -> dict[str, int]:
         state = self.simulator.do("state")
-        numbers = {node["name"].removeprefix("book-"): node["number"] for node in state["nodes"]}
-        items = {name: numbers[name] for name in "ABC"}
+        numbers = {node["name"]: node["number"] for node in state["nodes"]}
+        items = {name: numbers[f"book-{name}"] for name in "ABC"}
         for link in state["links"]:
-            ends = {link["from"], link["to"]}
-            items.update({f"A-{name}": link["number"] for name in "BC" if ends == {items["A"], items[name]}})
+            for title, name in LINKS_OF.items():
+                if {link["from"], link["to"]} == {items["A"], items[name]}:
+                    items[title] = link["number"]
         return items
 
-    def _check(self, case):
+    def _check(self, case: Case) -> None:
         count = self.rng.randint(FEWEST, MOST)
         before = self.simulator.do("account")
         for item, slot, value, _ in case.settings:
             self.simulator.set(self._items[item], (slot, value))
         frames = [self._make_frame(case) for _ in range(count)]
-        for payload in frames:
-            self._programs["A"].send_when_safe(bridge.encode_frame(payload), HANG)
+        for frame in frames:
+            self._programs["A"].send_frame(frame, HANG)
         if case.ends_with:
             self._end_flight(case, before, count)
         self._compare(case, before, frames)
@@ -192,42 +182,42 @@ class Books:
                 self.simulator.set(self._items[item], (slot, value))
         self.frames += count
 
-    def _make_frame(self, case):
-        start = programs.frame(case.destination, address("A"))[: case.size]
+    def _make_frame(self, case: Case) -> bytes:
+        start = (case.destination + address("A"))[: case.size]
         return start + self.rng.randbytes(case.size - len(start))
 
-    def _end_flight(self, case, before, count):
-        """Once all frames have been sent, and those for the other link have left it."""
+    def _end_flight(self, case: Case, before: dict[str, int], count: int) -> None:
+        """End it once all frames have been sent, and those for the other link have left that."""
 
-        def is_in_flight():
+        def is_in_flight() -> bool:
             account = self.simulator.do("account")
-            vanishing = count * case.sums["vanished"]
+            vanishing = count * case.fates.count(VANISHED)
             return account["sends"] - before["sends"] == count and account["in_flight"] == vanishing
 
         self.simulator.wait_until(is_in_flight, HANG)
-        command, item, settings = case.ends_with
-        if command == "set":
-            self.simulator.set(self._items[item], *settings)
+        assert case.ends_with
+        command, item = case.ends_with
+        if command == "break":
+            self.simulator.set(self._items[item], ("brokenChanged", CHECKED))
         else:
             self.simulator.do(command, item=self._items[item])
-        for name in case.ends_programs:
-            if not self._programs[name].wait_for_end(HANG):
-                self.errors.append(f"{case.title}: the program of {name} is still connected")
+        if case.ends_program and not has_ended(self._programs[case.ends_program]):
+            self.errors.append(f"{case.title}: the program of {case.ends_program} is still connected")
 
-    def _compare(self, case, before, frames):
-        """Waits for what has to come, and then for what must not come."""
-        expected = {
-            **{name: before[name] + len(frames) * count for name, count in case.sums.items()},
-            "A": [bridge.Confirmation(bridge.Outcome.DELIVERED)] * case.confirmed * len(frames)
-            + [bridge.Confirmation(bridge.Outcome.LOST)] * case.reported_lost * len(frames),
-            **{name: self._expected_frames(case, name, frames) for name in "BC"},
+    def _compare(self, case: Case, before: dict[str, int], frames: list[bytes]) -> None:
+        """Wait for what has to come, and then for what must not come."""
+        received = [Frame(bytes(byte ^ 0xFF for byte in frame) if case.inverts else frame) for frame in frames]
+        expected: dict[str, Any] = {
+            **{name: before[name] + len(frames) * count for name, count in case.sums().items()},
+            "A": case.confirmations() * len(frames),
+            **{name: received if case.reaches(name) else [] for name in "BC"},
         }
-        got = {name: [] for name in "ABC"}
+        got: dict[str, Any] = {name: [] for name in "ABC"}
 
-        def is_complete():
+        def is_complete() -> bool:
             got.update(self.simulator.do("account"))
-            for name in "ABC":
-                got[name] += self._programs[name].receive()
+            for name, program in self._programs.items():
+                got[name] += messages_of(program)
             return got == expected
 
         self.simulator.wait_until(is_complete, HANG)
@@ -236,20 +226,30 @@ class Books:
             wrong = {name: (short(got[name]), short(value)) for name, value in expected.items() if got[name] != value}
             self.errors.append(f"{case.title}, {len(frames)} frames (got, expected): {wrong}")
 
-    @staticmethod
-    def _expected_frames(case, name, frames):
-        if name not in case.reaches:
-            return []
-        payloads = [bytes(byte ^ 0xFF for byte in payload) for payload in frames] if case.inverts else frames
-        return [bridge.Frame(payload) for payload in payloads]
+
+def messages_of(program: Client) -> list[Any]:
+    """Return what has come; nothing more once the connection has ended."""
+    try:
+        return program.receive_messages(0.0)
+    except Disconnected:
+        return []
 
 
-def short(value):
+def has_ended(program: Client) -> bool:
+    """Tell whether the simulator ends the connection in time, and sends nothing before."""
+    try:
+        program.receive(HANG)
+    except Disconnected:
+        return True
+    return False
+
+
+def short(value: Any) -> Any:
     return f"{len(value)} messages" if isinstance(value, list) else value
 
 
-def is_balanced(account):
-    """Whether the equation holds; at any moment."""
+def is_balanced(account: dict[str, int]) -> bool:
+    """Tell whether the equation holds, as it does at any moment."""
     kept = account["delivered"] + account["lost"] + account["vanished"] + account["in_flight"]
     refused = account["onto_broken_links"] + account["of_bad_size"]
     return account["copies"] == refused + account["taken"] and account["taken"] == kept and account["lost"] >= 0

@@ -1,18 +1,25 @@
 """The simulator under test: its process, and the network that it begins with."""
 
+from __future__ import annotations
+
 import collections
 import os
+import random
 import re
 import resource
 import time
+from pathlib import Path
+from typing import Any, Callable
 
+from lattivo import Client
+
+from measuring.lab.remotecontrol import RemoteControl
 from measuring.soak import honest, programs
-from measuring.soak.dialogue import Dialogue
 
 CHECKED, UNCHECKED = 2, 0
 DESCRIPTORS = 4096  # of the simulator, when none are taken away from it
 HANG = 10.0  # s without an answer: the simulator hangs
-MAXIMAL_TRANSFER_UNIT = 30_000  # bytes; in one segment on the local machine, so never cut
+MAXIMAL_TRANSFER_UNIT = 30_000  # bytes; a frame that is too long still fits into one segment on the local machine
 POLL = 0.02  # s
 
 CHAOS_KIND, BOOK_KIND, FLOOD_KIND, UNKNOWN_KIND = 2, 3, 4, 5  # of addresses; honest programs have their own
@@ -23,41 +30,44 @@ CHAOS_LINKS = 14
 CERTAIN_LINK = [("reliabilityChanged", 100.0), ("errorDetectionReliabilityChanged", 100.0)]
 
 
-class Simulator(Dialogue):
-    def __init__(self, program, seed, log, environment):
+class Simulator(RemoteControl):
+    """The program that soakserver.cpp describes."""
+
+    def __init__(self, program: Path, seed: int, log: Path) -> None:
+        environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"}
         super().__init__([str(program), str(seed)], log, environment, patience=HANG)
         self.limit_descriptors(DESCRIPTORS)
-        self.port = None
+        self.port = 0
         self.by_name = False
 
-    def do(self, what, **arguments):
-        """A command that has to succeed."""
-        answer = self.ask(what, **arguments)
-        if "error" in answer:
-            raise ValueError(f"{what} {arguments}: {answer['error']}")
-        return answer
-
-    def set(self, item, *settings):
+    def set(self, item: int | str, *settings: tuple[str, Any]) -> None:
         for slot, value in settings:
             self.do("set", item=item, slot=slot, value=value)
 
-    def listen(self):
-        self.do("listen", on=False)
-        self.port = self.do("listen", on=True)["port"]
+    def listen(self) -> None:
+        self.port = self.do("listen")["port"]
 
-    def identify_by(self, by_name, plug_and_play):
+    def identify_by(self, by_name: bool, plug_and_play: bool) -> None:
         self.do("identification", by_name=by_name, plug_and_play=plug_and_play)
         self.by_name = by_name
 
-    def nodes(self):
-        return self.do("state")["nodes"]
+    def nodes(self) -> list[dict[str, Any]]:
+        nodes: list[dict[str, Any]] = self.do("state")["nodes"]
+        return nodes
 
-    def node(self, name):
-        """None when there is none of that name."""
-        return next((node for node in self.nodes() if node["name"] == name), None)
+    def are_attached(self, *names: str) -> bool:
+        """Tell whether all nodes whose names begin so have programs."""
+        return all(node["attached"] for node in self.nodes() if node["name"].startswith(names))
 
-    def wait_until(self, condition, seconds):
-        """Whether it becomes true in time."""
+    def attach(self, name: str, address: bytes) -> Client:
+        """Attach a program, by address; return it once its node says so."""
+        client = Client.connect(port=self.port, address=address, largest_frame=MAXIMAL_TRANSFER_UNIT, timeout=HANG)
+        if not self.wait_until(lambda: self.are_attached(name), HANG):
+            raise TimeoutError(f"{name} is not attached")
+        return client
+
+    def wait_until(self, condition: Callable[[], bool], seconds: float) -> bool:
+        """Return whether it becomes true in time."""
         deadline = time.monotonic() + seconds
         while not condition():
             if time.monotonic() > deadline:
@@ -65,64 +75,59 @@ class Simulator(Dialogue):
             time.sleep(POLL)
         return True
 
-    def are_attached(self, program_ports):
-        """Whether nodes are attached to all these ports of programs."""
-        return set(program_ports) <= {node["peer"] for node in self.nodes()}
+    def add_node(self, rng: random.Random, name: str, address: bytes) -> int:
+        """Return the number of a new node at any place."""
+        place = {"x": rng.uniform(0, 700), "y": rng.uniform(0, 500)}
+        return int(self.do("add_node", name=name, address=address.hex(), **place)["number"])
 
-    def descriptors(self):
+    def add_link(self, first: int, second: int, *settings: tuple[str, Any]) -> int:
+        """Return the number of a new link."""
+        number = int(self.do("link", **{"from": first, "to": second})["number"])
+        self.set(number, *settings)
+        return number
+
+    # The process
+
+    def descriptors(self) -> list[int]:
         return sorted(int(name) for name in os.listdir(f"/proc/{self.process.pid}/fd"))
 
-    def descriptor_targets(self):
-        """What the open ones are: files, and the numbers of each other kind."""
-        targets = [re.sub(r"\[\d+\]", "", target) for target in map(self._target, self.descriptors()) if target]
-        return dict(sorted(collections.Counter(targets).items()))
+    def descriptor_targets(self) -> dict[str, int]:
+        """Count the open ones: by file, and by each other kind."""
+        counts: collections.Counter[str] = collections.Counter()
+        for descriptor in self.descriptors():
+            try:
+                target = os.readlink(f"/proc/{self.process.pid}/fd/{descriptor}")
+            except FileNotFoundError:
+                continue  # closed since it was listed
+            counts[re.sub(r"\[\d+\]", "", target)] += 1
+        return dict(sorted(counts.items()))
 
-    def _target(self, descriptor):
-        try:
-            return os.readlink(f"/proc/{self.process.pid}/fd/{descriptor}")
-        except FileNotFoundError:
-            return None  # closed since it was listed
-
-    def open_sockets(self):
+    def open_sockets(self) -> int:
         return self.descriptor_targets().get("socket:", 0)
 
-    def limit_descriptors(self, limit):
+    def limit_descriptors(self, limit: int) -> None:
         resource.prlimit(self.process.pid, resource.RLIMIT_NOFILE, (limit, DESCRIPTORS))
 
-    def resident_bytes(self):
-        with open(f"/proc/{self.process.pid}/statm") as file:
+    def resident_bytes(self) -> int:
+        with open(f"/proc/{self.process.pid}/statm", encoding="ascii") as file:
             return int(file.read().split()[1]) * resource.getpagesize()
 
 
-def add_node(simulator, rng, name, address):
-    place = {"x": rng.uniform(0, 700), "y": rng.uniform(0, 500)}
-    return simulator.do("add_node", name=name, address=address.hex(), **place)["number"]
-
-
-def add_honest_pairs(simulator, rng):
+def add_honest_pairs(simulator: Simulator, rng: random.Random) -> None:
     for pair, link in enumerate(honest.LINKS):
-        numbers = [2 * pair, 2 * pair + 1]
-        ends = [add_node(simulator, rng, honest.node_name(end), honest.node_address(end)) for end in numbers]
+        ends = [
+            simulator.add_node(rng, honest.node_name(end), honest.node_address(end)) for end in (2 * pair, 2 * pair + 1)
+        ]
         for end in ends:
             confirms = CHECKED if link.confirms else UNCHECKED
             simulator.set(end, ("framesAcknowledgedChanged", confirms), ("promiscuousModeChanged", UNCHECKED))
             simulator.set(end, ("frameAcknowledgeTimeoutChanged", link.timeout))
-        number = simulator.do("link", **{"from": ends[0], "to": ends[1]})["number"]
-        simulator.set(number, *CERTAIN_LINK, ("delayChanged", link.delay), ("delayDeviationChanged", link.deviation))
+        delays = [("delayChanged", link.delay), ("delayDeviationChanged", link.deviation)]
+        simulator.add_link(*ends, *CERTAIN_LINK, *delays)
 
 
-def add_chaos_nodes(simulator, rng):
-    names = [f"chaos-{number}" for number in range(CHAOS_NODES)]
-    ends = [add_node(simulator, rng, name, programs.address(CHAOS_KIND, number)) for number, name in enumerate(names)]
+def add_chaos_nodes(simulator: Simulator, rng: random.Random) -> None:
+    numbers = range(CHAOS_NODES)
+    ends = [simulator.add_node(rng, f"chaos-{each}", programs.address(CHAOS_KIND, each)) for each in numbers]
     for _ in range(CHAOS_LINKS):
-        first, second = rng.sample(ends, 2)
-        simulator.do("link", **{"from": first, "to": second})
-
-
-def attach(simulator, name, address):
-    """A program whose node is attached for certain."""
-    program = programs.Program(simulator.port)
-    program.send(programs.identification(simulator.by_name, name, address))
-    if not simulator.wait_until(lambda: simulator.are_attached([program.local_port]), HANG):
-        raise TimeoutError(f"{name} is not attached")
-    return program
+        simulator.add_link(*rng.sample(ends, 2))

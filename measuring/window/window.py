@@ -21,6 +21,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 from measuring.lab import makesimulation
 from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, find_program, pinned, processor_wait, progress
+from measuring.lab.remotecontrol import RemoteControl
 from measuring.limit import run
 from measuring.limit.run import Workload
 
@@ -56,43 +57,60 @@ SAVE_TARGET = 200.0  # ms
 DELETE_TARGET = 20.0  # ms
 
 
+class Window(RemoteControl):
+    """The program with its window on the display, where programs can attach."""
+
+    def __init__(self, bench, file=None, captures=False, fills_screen=False):
+        command = pinned([bench.options.window_server, run.SEED], bench.server_core)
+        super().__init__(command, bench.folder / "server.log", bench.environment, MEASURE_PATIENCE)
+        self.do("open", **({"file": file} if file else {}))
+        self.do("capture", enabled=captures, follows=captures)
+        self.do("show", fills_screen=fills_screen)
+        self.port = self.do("listen")["port"]
+
+
 class WindowBench(run.Bench):
     """What the base calls "ours" is the window, its "limit" the headless simulator, which captures nothing."""
 
     def simulator_command(self, workload):
-        switches = ["--capture", "--follow"] if workload.captures else []
-        return [self.options.window_server, self.simulation_file(workload.simulation()), "--seed", run.SEED] + switches
+        switches = ["--capture"] if workload.captures else []
+        return [self.options.window_server, self.simulation_file(workload.simulation())] + switches
 
     def limit_command(self, workload, strict=False):
         simulation = self.simulation_file(workload.simulation())
         return [self.options.program, simulation, "--listen", "0", "--identify-by", "address", "--seed", run.SEED]
 
-    def measure_inside(self, arguments):
-        """The figures that the process prints."""
-        return self.run([self.options.window_server] + arguments, self.server_core, MEASURE_PATIENCE)
+    def server(self, command):
+        """Start the window where the base starts a simulator."""
+        if command[0] == self.options.window_server:
+            return Window(self, command[1], captures="--capture" in command)
+        return super().server(command)
 
     def files(self):
         saved = self.folder / "saved.ltvo"
         saved.unlink(missing_ok=True)
         simulation = makesimulation.Simulation(pairs=LARGE_PAIRS, ring_steps=(1,))
-        return self.measure_inside([self.simulation_file(simulation), "--measure-files", str(saved)])
+        with Window(self) as window:
+            return window.do("measure_files", file=self.simulation_file(simulation), saved=str(saved))
 
     def capture(self):
-        return self.measure_inside(["--measure-capture", str(self.options.captured_frames)])
+        with Window(self, captures=True) as window:
+            return window.do("measure_capture", frames=self.options.captured_frames)
 
     def drag(self):
-        """From each move of the pointer to the picture that shows it, in ms."""
+        """Return the time from each move of the pointer to the picture that shows it, in ms."""
         simulation = makesimulation.Simulation(
             pairs=DRAG_PAIRS, ring_steps=DRAG_RING_STEPS, delay=DRAG_DELAY, layout=DRAG_LAYOUT
         )
-        window = [self.options.window_server, self.simulation_file(simulation), "--fill-screen", "--watch", DRAG_NODE]
-        with self.server(window) as server, ThreadPoolExecutor() as others:
-            place = [int(word) for word in server.read_line().split()[-2:]]
-            traffic = others.submit(self._traffic, server)
+        with Window(
+            self, self.simulation_file(simulation), fills_screen=True
+        ) as window, ThreadPoolExecutor() as others:
+            place = window.do("watch", node=DRAG_NODE)
+            traffic = others.submit(self._traffic, window)
             time.sleep(DRAG_WARM_UP)
-            moves = self._move_pointer(place, server.process.pid)
+            moves = self._move_pointer(place["x"], place["y"], window.process.pid)
             traffic.result()
-        pictures = json.loads(server.last_output)["pictures"]
+            pictures = window.do("pictures")["pictures"]
         return [answer_time(move, pictures) for move in moves]
 
     def _traffic(self, server):
@@ -106,7 +124,7 @@ class WindowBench(run.Bench):
         if sent < 0.9 * DRAG_RATE:
             raise MeasurementFailed(f"only {sent:.0f} of {DRAG_RATE} frames/s during the drag")
 
-    def _move_pointer(self, place, pid):
+    def _move_pointer(self, left, top, pid):
         """Drags to the right; of each move the time (ns), what the window's process has waited so far, the place."""
         pointer = subprocess.Popen(
             pinned(["xdotool", "-"], self.client_core), stdin=subprocess.PIPE, text=True, env=self.environment
@@ -118,7 +136,6 @@ class WindowBench(run.Bench):
             pointer.stdin.flush()
             time.sleep(DRAG_PAUSE)
 
-        left, top = place
         command(f"mousemove {left} {top}")
         command("mousedown 1")
         for step in range(1, DRAG_MOVES + 1):

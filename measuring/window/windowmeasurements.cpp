@@ -1,8 +1,8 @@
-#include "windowmeasurements.h"
-
-#include "network/networksimulation.h"
+#include "capture/capture.h"
+#include "network/network.h"
 #include "nodes/node.h"
 #include "processorwait.h"
+#include "remotecontrol.h"
 #include "ui/mainwindow.h"
 
 #include <QAction>
@@ -37,7 +37,7 @@ constexpr std::chrono::milliseconds pace{1};
 
 Capture& theCapture()
 {
-    return *NetworkSimulation::instance()->capture();
+    return RemoteControl::capture();
 }
 
 void addFrame(int number)
@@ -60,7 +60,7 @@ void fillUpTo(int rows)
     }
 }
 
-/// The processor time that a frame costs, in µs, when they come at an even speed.
+/// Returns the processor time that a frame costs, in µs, when they come at an even speed.
 double costOfFrame()
 {
     QElapsedTimer elapsed;
@@ -84,7 +84,7 @@ qint64 residentBytes()
     return file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
 }
 
-/// Time that goes by, less what this process has to wait while other programs have its processor core.
+/// Takes the time, less what this process has to wait while other programs have its processor core.
 class Stopwatch
 {
 public:
@@ -112,7 +112,7 @@ Stopwatch startedStopwatch()
     return stopwatch;
 }
 
-/// In ms each, until the page is seen.
+/// Returns the time until a page is seen, in ms, of each page.
 QJsonArray pageTimes(QTableView* table)
 {
     QJsonArray times;
@@ -172,7 +172,7 @@ private:
     Stopwatch _stopwatch;
 };
 
-/// In ms from the answer on.
+/// Returns the time from the answer of the dialog on, in ms.
 double timeOfFileAction(const MainWindow& window, const QString& text, const QString& fileName)
 {
     const FileDialogAnswer answer(fileName);
@@ -187,11 +187,11 @@ double timeUntilSeen()
     return stopwatch.milliseconds();
 }
 
-/// Spread over the network.
+/// Returns nodes from all over the network.
 QList<Node*> nodesToDelete()
 {
     QList<Node*> nodes;
-    const QList<QGraphicsItem*> items = NetworkSimulation::instance()->network()->items();
+    const QList<QGraphicsItem*> items = RemoteControl::network().items();
     for (QGraphicsItem* item : items) {
         if (auto* node = dynamic_cast<Node*>(item))
             nodes.append(node);
@@ -204,7 +204,7 @@ QList<Node*> nodesToDelete()
     return spread;
 }
 
-/// In ms each, until the picture without the node is seen.
+/// Returns the time until the picture without the node is seen, in ms, of each node.
 QJsonArray deletionTimes(QWidget* view)
 {
     QJsonArray times;
@@ -222,38 +222,40 @@ QJsonArray deletionTimes(QWidget* view)
     return times;
 }
 
-}  // namespace
-
-QJsonObject WindowMeasurements::capture(const MainWindow& window, int frames)
-{
+/// Fills the capture with so many "frames" of 64 bytes, the view following. Answers with the cost of a frame
+/// with few and with that many rows, the memory a frame takes and the times of pages.
+const RemoteCommand measureCapture("measure_capture", [](const QJsonObject& arguments) -> QJsonObject {
     theCapture().clear();
     fillUpTo(fewRows);
     const qint64 bytesBefore = residentBytes();
     const double costWithFew = costOfFrame();
-    fillUpTo(frames);
+    fillUpTo(arguments["frames"].toInt());
     const double costWithMany = costOfFrame();
     const auto bytes = static_cast<double>(residentBytes() - bytesBefore);
     return {
         {"few_rows_us", costWithFew},
         {"many_rows_us", costWithMany},
         {"bytes_per_frame", bytes / (theCapture().rowCount() - fewRows)},
-        {"page_ms", pageTimes(window.findChild<QTableView*>())},
+        {"page_ms", pageTimes(RemoteControl::window().findChild<QTableView*>())},
     };
-}
+});
 
-QJsonObject WindowMeasurements::files(const MainWindow& window, const QString& fileName,
-                                      const QString& savedFileName)
-{
-    auto* view = static_cast<QGraphicsView*>(window.centralWidget());
-    const double loadTime = timeOfFileAction(window, MainWindow::tr("&Open Simulation..."), fileName);
+/// Opens the simulation of a "file", saves it as the file "saved" and deletes some nodes with the Delete key.
+const RemoteCommand measureFiles("measure_files", [](const QJsonObject& arguments) -> QJsonObject {
+    const MainWindow& window = RemoteControl::window();
+    const double loadTime
+        = timeOfFileAction(window, MainWindow::tr("&Open Simulation..."), arguments["file"].toString());
     const double firstPicture = timeUntilSeen();
-    const double saveTime = timeOfFileAction(window, MainWindow::tr("&Save Simulation as..."), savedFileName);
+    const double saveTime
+        = timeOfFileAction(window, MainWindow::tr("&Save Simulation as..."), arguments["saved"].toString());
     return {
         {"load_ms", loadTime},
         {"first_picture_ms", firstPicture},
         {"save_ms", saveTime},
-        {"delete_ms", deletionTimes(view)},
+        {"delete_ms", deletionTimes(static_cast<QGraphicsView*>(window.centralWidget()))},
     };
-}
+});
+
+}  // namespace
 
 #include "windowmeasurements.moc"
