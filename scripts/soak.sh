@@ -15,5 +15,5 @@ for preset in asan release; do
 done
 LSAN_OPTIONS="suppressions=$PWD/tests/support/leaks.supp:print_suppressions=0"
 export LSAN_OPTIONS
-PYTHONPATH=examples exec python3 -B -m measuring.soak.run "$@" --folder build/soak \
+PYTHONPATH=.:client/python exec python3 -B -m measuring.soak.run "$@" --folder build/soak \
     --sanitized asan=build/asan/measuring/soak/lattivo_soakserver --plain release=build/release/measuring/soak/lattivo_soakserver

@@ -59,64 +59,72 @@ class Server:
     """A process that listens, from its first line of output to its orderly end."""
 
     def __init__(
-        self, command: Sequence[str], log: Path, core: int | None = None, environment: dict[str, str] | None = None
+        self,
+        command: Sequence[str],
+        log: Path,
+        core: int | None = None,
+        environment: dict[str, str] | None = None,
+        stdin: int | None = None,
     ) -> None:
         """Start it, on any core unless one is given; its errors go to the log."""
-        self.name = command[0]
+        self.name = Path(command[0]).name
         self.port = 0
-        self.last_output = ""  # what it prints at its end
-        self._errors = open(log, "w+", encoding="utf-8")
-        self.process = subprocess.Popen(
-            command if core is None else pinned(command, core),
-            stdout=subprocess.PIPE,
-            stderr=self._errors,
-            text=True,
-            env=environment,
-        )
+        self._log = log
+        with log.open("wb") as errors:
+            self.process = subprocess.Popen(
+                command if core is None else pinned(command, core),
+                stdin=stdin,
+                stdout=subprocess.PIPE,
+                stderr=errors,
+                text=True,
+                env=environment,
+            )
 
     def __enter__(self) -> Server:
         try:
             self.port = self._read_port()
         except BaseException:
-            with self._errors:
-                self._end()
+            self.end()
             raise
         return self
 
     def __exit__(self, kind: type | None, error: BaseException | None, trace: TracebackType | None) -> None:
-        with self._errors:
-            code = self._end()
-            if kind is None and code != 0:
-                raise MeasurementFailed(f"{self.name} ended with code {code}: {self._last_words()}")
+        code = self.end()
+        if kind is None and code != 0:
+            raise MeasurementFailed(f"{self.name} ended with code {code}: {self._last_words()}")
 
-    def _read_port(self) -> int:
-        ready, _, _ = select.select([self.process.stdout], [], [], START_PATIENCE)
-        line = self.read_line() if ready else ""
-        if not line.startswith("listening on port "):
-            raise MeasurementFailed(f"{self.name} does not listen: {line.strip()} {self._last_words()}")
-        return int(line.split()[-1])
-
-    def read_line(self) -> str:
-        """Wait for the next line of output; return "" when there will be none."""
-        assert self.process.stdout
-        return self.process.stdout.readline()
-
-    def waited(self) -> float:
-        """Return how long it has waited so far while other programs had its core, in s."""
-        return processor_wait(self.process.pid) / 1e9
-
-    def _end(self) -> int:
-        self.process.terminate()
+    def end(self) -> int:
+        """End it in order; return its exit code, that of a kill when it does not end."""
+        self._ask_to_end()
         try:
-            self.last_output, _ = self.process.communicate(timeout=END_PATIENCE)
+            self.process.communicate(timeout=END_PATIENCE)
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.communicate()
         return self.process.returncode
 
+    def waited(self) -> float:
+        """Return how long it has waited so far while other programs had its core, in s."""
+        return processor_wait(self.process.pid) / 1e9
+
+    def _ask_to_end(self) -> None:
+        self.process.terminate()
+
+    def _read_port(self) -> int:
+        line = self._read_line(START_PATIENCE) or ""
+        if not line.startswith("listening on port "):
+            raise MeasurementFailed(f"{self.name} does not listen: {line.strip()} {self._last_words()}")
+        return int(line.split()[-1])
+
+    def _read_line(self, patience: float) -> str | None:
+        """Return the next line of output, "" when there will be none; None when none comes in patience seconds."""
+        assert self.process.stdout
+        waiting = select.poll()
+        waiting.register(self.process.stdout, select.POLLIN)
+        return self.process.stdout.readline() if waiting.poll(patience * 1000) else None
+
     def _last_words(self) -> str:
-        self._errors.seek(0)
-        return self._errors.read()[-500:].strip()
+        return self._log.read_text(encoding="utf-8", errors="replace")[-500:].strip()
 
 
 class Launcher:

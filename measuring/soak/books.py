@@ -135,7 +135,7 @@ def add_book_nodes(simulator: Simulator, rng: random.Random) -> None:
     settings = [("framesAcknowledgedChanged", CHECKED), ("frameAcknowledgeTimeoutChanged", LOSS_TIMEOUT)]
     simulator.set(ends["A"], *settings)
     for name in LINKS_OF.values():
-        simulator.add_link(ends["A"], ends[name], *CERTAIN_LINK)
+        simulator.add_link([ends["A"], ends[name]], *CERTAIN_LINK)
 
 
 class Books:
@@ -192,7 +192,7 @@ class Books:
         def is_in_flight() -> bool:
             account = self.simulator.do("account")
             vanishing = count * case.fates.count(VANISHED)
-            return account["sends"] - before["sends"] == count and account["in_flight"] == vanishing
+            return bool(account["sends"] - before["sends"] == count and account["in_flight"] == vanishing)
 
         self.simulator.wait_until(is_in_flight, HANG)
         assert case.ends_with

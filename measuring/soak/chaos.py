@@ -265,10 +265,8 @@ class Chaos:
         return messages.encode_frame(self._some_address() + self._some_address() + body)
 
     def _send_politely(self, sent: Sequence[bytes]) -> None:
-        talker = self._some_talker()
-        for message in sent if talker else []:
-            if not talker.send_politely(message, 0.2):
-                break
+        if talker := self._some_talker():
+            all(talker.send_politely(message, 0.2) for message in sent)  # until one is not taken
 
     @ordinary(25)
     def talk(self) -> None:
@@ -284,10 +282,8 @@ class Chaos:
     @ordinary(3)
     def talk_recklessly(self) -> None:
         """Send as fast as the socket takes it: messages are cut anywhere."""
-        talker = self._some_talker()
-        for _ in range(300 if talker else 0):
-            if not talker.send(self._some_frame()):
-                break
+        if talker := self._some_talker():
+            all(talker.send(self._some_frame()) for _ in range(300))  # until one is not taken whole
 
     @ordinary(5)
     def control(self) -> None:
@@ -350,8 +346,7 @@ class Chaos:
     @ordinary(4)
     def add_link(self) -> None:
         if len(self._nodes) >= 2 and len(self._links) < 2 * MOST_NODES:
-            first, second = self.rng.sample(self._nodes, 2)
-            self.simulator.add_link(first["number"], second["number"])
+            self.simulator.add_link([node["number"] for node in self.rng.sample(self._nodes, 2)])
             self._look()
 
     @ordinary(1.5)
@@ -505,7 +500,7 @@ class Chaos:
         """Let a program never read: it is dropped when 64 MiB wait for it; its node and the rest go on."""
         nodes = [(name, programs.address(FLOOD_KIND, number)) for number, name in enumerate(("flood-from", "flood-to"))]
         numbers = [self.simulator.add_node(self.rng, *node) for node in nodes]
-        self.simulator.add_link(numbers[0], numbers[1], ("reliabilityChanged", 100.0))
+        self.simulator.add_link(numbers, ("reliabilityChanged", 100.0))
         source, target = (self._attach(*node) for node in nodes)
         self._flood(source, nodes[1][1] + nodes[0][1] + bytes(FLOOD_FRAME))
         source.close()

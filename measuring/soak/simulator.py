@@ -9,7 +9,7 @@ import re
 import resource
 import time
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any, Callable, Sequence
 
 from lattivo import Client
 
@@ -35,9 +35,8 @@ class Simulator(RemoteControl):
 
     def __init__(self, program: Path, seed: int, log: Path) -> None:
         environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"}
-        super().__init__([str(program), str(seed)], log, environment, patience=HANG)
+        super().__init__([str(program), str(seed)], log, environment=environment, patience=HANG)
         self.limit_descriptors(DESCRIPTORS)
-        self.port = 0
         self.by_name = False
 
     def set(self, item: int | str, *settings: tuple[str, Any]) -> None:
@@ -80,9 +79,9 @@ class Simulator(RemoteControl):
         place = {"x": rng.uniform(0, 700), "y": rng.uniform(0, 500)}
         return int(self.do("add_node", name=name, address=address.hex(), **place)["number"])
 
-    def add_link(self, first: int, second: int, *settings: tuple[str, Any]) -> int:
+    def add_link(self, ends: Sequence[int], *settings: tuple[str, Any]) -> int:
         """Return the number of a new link."""
-        number = int(self.do("link", **{"from": first, "to": second})["number"])
+        number = int(self.do("link", **{"from": ends[0], "to": ends[1]})["number"])
         self.set(number, *settings)
         return number
 
@@ -123,11 +122,11 @@ def add_honest_pairs(simulator: Simulator, rng: random.Random) -> None:
             simulator.set(end, ("framesAcknowledgedChanged", confirms), ("promiscuousModeChanged", UNCHECKED))
             simulator.set(end, ("frameAcknowledgeTimeoutChanged", link.timeout))
         delays = [("delayChanged", link.delay), ("delayDeviationChanged", link.deviation)]
-        simulator.add_link(*ends, *CERTAIN_LINK, *delays)
+        simulator.add_link(ends, *CERTAIN_LINK, *delays)
 
 
 def add_chaos_nodes(simulator: Simulator, rng: random.Random) -> None:
     numbers = range(CHAOS_NODES)
     ends = [simulator.add_node(rng, f"chaos-{each}", programs.address(CHAOS_KIND, each)) for each in numbers]
     for _ in range(CHAOS_LINKS):
-        simulator.add_link(*rng.sample(ends, 2))
+        simulator.add_link(rng.sample(ends, 2))

@@ -61,12 +61,11 @@ class Window(RemoteControl):
     """The program with its window on the display, where programs can attach."""
 
     def __init__(self, bench, file=None, captures=False, fills_screen=False):
-        command = pinned([bench.options.window_server, run.SEED], bench.server_core)
-        super().__init__(command, bench.folder / "server.log", bench.environment, MEASURE_PATIENCE)
+        command = [bench.options.window_server, run.SEED]
+        super().__init__(command, bench.folder / "server.log", bench.server_core, bench.environment, MEASURE_PATIENCE)
         self.do("open", **({"file": file} if file else {}))
         self.do("capture", enabled=captures, follows=captures)
         self.do("show", fills_screen=fills_screen)
-        self.port = self.do("listen")["port"]
 
 
 class WindowBench(run.Bench):
