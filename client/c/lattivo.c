@@ -1,4 +1,6 @@
+#if defined(__linux__) && !defined(_POSIX_C_SOURCE)
 #define _POSIX_C_SOURCE 200809L
+#endif
 
 #include "lattivo.h"
 

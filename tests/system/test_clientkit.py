@@ -263,14 +263,22 @@ class TestInstallation(KitTest):
         self.assert_talks(program)
 
     def test_a_program_is_built_with_cmake(self) -> None:
-        (self.user / "CMakeLists.txt").write_text(example()["cmake"], encoding="utf-8")
+        program = self.build_with_cmake(example()["cmake"])
+        self.assertNotIn("liblattivo-client", run("readelf", "-d", program))
+        self.assert_talks(program)
+
+    def test_a_program_is_built_with_cmake_and_the_shared_library(self) -> None:
+        program = self.build_with_cmake(example()["cmake"].replace("lattivo::client", "lattivo::client-shared"))
+        self.assertIn("liblattivo-client.so.1", run("readelf", "-d", program))
+        self.assert_talks(program)
+
+    def build_with_cmake(self, project: str) -> Path:
+        (self.user / "CMakeLists.txt").write_text(project, encoding="utf-8")
         build = self.user / "build"
         flags = " ".join(self.sanitizers())
-        options = (f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_C_FLAGS={flags}")
-        run("cmake", "-S", self.user, "-B", build, *options)
+        run("cmake", "-S", self.user, "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_C_FLAGS={flags}")
         run("cmake", "--build", build)
-        self.assertNotIn("liblattivo-client", run("readelf", "-d", build / "talk"))
-        self.assert_talks(build / "talk")
+        return build / "talk"
 
     def test_the_headers_are_installed(self) -> None:
         self.assertEqual(
