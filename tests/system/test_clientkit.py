@@ -149,7 +149,7 @@ class TestStops(KitTest):
 
     def test_without_the_flag_a_connection_is_cut_off(self) -> None:
         simulator, port = self.start_simulator()
-        load = self.start_load("127.0.0.1", port, 1_000_000, 64, "_without_eor")
+        load = self.start_load("127.0.0.1", port, 1_000_000, 1000, "_without_eor")
         stop_again_and_again(simulator, load)
         self.assert_cut_off(load)
 
