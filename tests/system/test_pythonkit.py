@@ -31,7 +31,7 @@ import lattivo
 from measuring.lab import makesimulation
 from tests.support import surroundings
 
-PATIENCE = 100.0  # seconds; only a failing test waits that long
+PATIENCE = 120.0  # seconds; only a failing test waits that long
 DOCUMENT = Path(__file__).resolve().parents[2] / "client" / "python" / "README.md"
 FRAMES = int(os.environ.get("LATTIVO_FRAMES", "1000000"))
 NUMBER = struct.Struct(">I")

@@ -163,7 +163,6 @@ class TestMessages(AioTest):
             received += len(await asyncio.wait_for(self.client.receive_messages(), PATIENCE))
 
     async def test_a_busy_sender_lets_other_tasks_in(self) -> None:
-        reading = asyncio.ensure_future(in_thread(read_exactly, self.peer, 10_000 * 6))
         turns = 0
 
         async def count_turns() -> None:
@@ -173,11 +172,10 @@ class TestMessages(AioTest):
                 await asyncio.sleep(0)
 
         counting = asyncio.ensure_future(count_turns())
-        for _ in range(10_000):
+        for _ in range(10 * lattivo.aio.SENDS_AT_A_TIME):  # there is room for all of them
             await self.client.send_frame(b"x")
         counting.cancel()
-        self.assertGreaterEqual(turns, 10_000 // lattivo.aio.SENDS_AT_A_TIME)
-        self.assertEqual(len(await reading), 60_000)
+        self.assertGreaterEqual(turns, 10)
 
     async def test_closing_waits_until_the_simulator_has_read_all(self) -> None:
         self.peer.sendall(DELIVERED)  # unread on the program's side
