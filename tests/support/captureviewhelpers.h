@@ -14,13 +14,13 @@
 
 #include <memory>
 
-/// The table of captured frames in a window of its own, worked with the mouse.
+/// Shows the table of captured frames in a window of its own, for tests that use the mouse.
 namespace CaptureViewHelpers {
 
 constexpr int windowWidth = 1200;  // wide enough for all columns
 constexpr int windowHeight = 300;
 
-/// A delivered frame.
+/// Returns a delivered frame.
 inline Frame anyFrame(int size = 64)
 {
     return {QByteArray(size, '\x5A'), 1000, 1005,
@@ -43,7 +43,7 @@ inline void click(QCheckBox* box)
     QTest::mouseClick(box, Qt::LeftButton, Qt::NoModifier, mark.center());
 }
 
-/// A view with a capture of its own; tests that show one inherit it.
+/// Owns a view that is shown, and its capture. A test class inherits it.
 class ShownCapture
 {
 protected:

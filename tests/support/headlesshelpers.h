@@ -17,7 +17,7 @@
 
 #include <unistd.h>
 
-/// The runner as a user's script starts it, and programs that attach to it.
+/// Starts the runner as a user's script does, and attaches programs to it.
 namespace HeadlessHelpers {
 
 constexpr int processPatience = 20000;  // ms; only a failing test waits that long
@@ -69,7 +69,7 @@ inline QList<QByteArray> numberedFrames(int count)
     return frames;
 }
 
-/// One link between two nodes, and how long those wait for their confirmations.
+/// Describes one link between two nodes, and how long they wait for confirmations.
 struct Link {
     double reliability = 1.0;
     double errorDetection = 1.0;
@@ -98,8 +98,7 @@ inline void addPair(int number, const Link& link)
     NetworkSimulation::instance()->network()->addItem(connection);
 }
 
-/// A new simulation whose nodes want confirmations: A and B at the ends of the first link, C and D of the
-/// second...
+/// Makes a simulation whose nodes want confirmations. The first link joins A and B, the second C and D...
 inline void makeSimulation(const QList<Link>& links)
 {
     Network* network = NetworkSimulation::newNetworkSimulation()->network();
@@ -145,7 +144,7 @@ inline int numberAt(const QByteArray& bytes, int offset)
     return bytes.mid(offset, 4).toHex().toInt(nullptr, 16);
 }
 
-/// The frames of a dump, read by its documented form. One that is damaged gives a text in their place.
+/// Reads the frames of a dump by its documented form. A damaged dump gives a text in their place.
 inline QList<QByteArray> framesIn(const QString& dump)
 {
     const QByteArray bytes = contentsOf(dump);
@@ -169,18 +168,18 @@ inline QList<QByteArray> framesIn(const QString& dump)
     return frames;
 }
 
-/// What a build server has: no display, no desktop session.
+/// Returns the environment of a build server, which has no display and no desktop session.
 inline QProcessEnvironment bareEnvironment()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "QT_QPA_PLATFORM"})
         environment.remove(name);
-    // What the leak checker has to say of leaks that are none would be a second line
+    // The leak checker would print a second line about leaks that it ignores
     environment.insert("LSAN_OPTIONS", environment.value("LSAN_OPTIONS") + ":print_suppressions=0");
     return environment;
 }
 
-/// The program under test, as a user's script starts it.
+/// Runs the program under test, as a user's script does.
 class Simulator
 {
 public:
@@ -204,7 +203,7 @@ public:
 
     Q_DISABLE_COPY_MOVE(Simulator)
 
-    /// Waits for the line that says on which port it listens; 0 when that line does not come.
+    /// Waits for the line that names the port, and returns the port; 0 when the line does not come.
     quint16 port()
     {
         const QRegularExpression ready("^listening on port (\\d+)\n");
@@ -212,7 +211,7 @@ public:
         return ready.match(QString::fromUtf8(output())).captured(1).toUShort();
     }
 
-    /// Waits for its end.
+    /// Waits until the program ends.
     int exitCode(int patience = processPatience)
     {
         const bool isOver = QTest::qWaitFor([this] { return hasEnded(); }, patience);
@@ -228,7 +227,7 @@ public:
 
     bool hasEnded() const { return _process.state() == QProcess::NotRunning; }
 
-    /// What it has used so far, in ms; the kernel counts in steps of 10.
+    /// Returns the processor time that it has used so far, in ms; the kernel counts in steps of 10.
     qint64 processorTime() const
     {
         const QByteArray state = contentsOf(QStringLiteral("/proc/%1/stat").arg(_process.processId()));
@@ -245,7 +244,7 @@ private:
     QByteArray _errors;
 };
 
-/// One line that names the program and holds \a part.
+/// Tells whether there is one line, which names the program and holds \a part.
 inline bool isOneLine(const QByteArray& errors, const QString& part)
 {
     const bool isOne = errors.startsWith("lattivo-headless: ") && errors.indexOf('\n') == errors.size() - 1
@@ -255,15 +254,15 @@ inline bool isOneLine(const QByteArray& errors, const QString& part)
     return isOne;
 }
 
-/// A user's program, in this process.
+/// Plays a user's program, in this process.
 class Client : public Program
 {
 public:
     Client() = default;
     Client(quint16 port, int node) { isAttached = attach(port, node); }
 
-    /// Returns once the simulator has attached it: the simulator has then dealt with the byte behind the
-    /// identification, which is too short for a frame and so is reported as lost.
+    /// Returns once the simulator has attached it. A byte behind the identification is too short for a frame;
+    /// when the simulator reports it as lost, the program is attached.
     bool attach(quint16 port, int node)
     {
         if (!connectTo(port))
@@ -272,7 +271,7 @@ public:
         return next(ConfirmationMessage) == lost;
     }
 
-    /// In one piece, so that no message is cut.
+    /// Sends all in one piece, so that no message is cut.
     void sendFrames(const QList<QByteArray>& frames)
     {
         QByteArray messages;
@@ -282,7 +281,7 @@ public:
     }
     void sendFrame(const QByteArray& frame) { sendFrames({frame}); }
 
-    /// The body of the next message of this type; null when none comes. Others before it are dropped.
+    /// Returns the body of the next message of this type and drops others; null when none comes.
     QByteArray next(MessageType type)
     {
         while (true) {
@@ -300,9 +299,9 @@ public:
 };
 
 constexpr int largeFrameSize = 16000;
-constexpr int manyLargeFrames = 1000;  // more than the kernel's buffers take, less than what drops a program
+constexpr int manyLargeFrames = 1000;  // they overflow the kernel's buffers, but not what the simulator keeps
 
-/// The files of a run, in a folder of their own; tests that start the runner inherit them.
+/// Owns the files of a run, in a folder of their own. A test class inherits it.
 class RunFiles
 {
 protected:
@@ -327,7 +326,7 @@ protected:
         return saveNow();
     }
 
-    /// Many large frames are under way from A to B, whose program has stopped to read.
+    /// Sends many large frames from A to B, whose program stops reading.
     bool fill(Client& sleeper, Client& sender) const
     {
         sleeper.stopReading();

@@ -16,7 +16,7 @@
 
 #include <memory>
 
-/// The whole window, worked with mouse and keys.
+/// Shows the whole window, for tests that use mouse and keys.
 namespace WindowHelpers {
 
 inline const QPoint leftPlace(120, 150);  // in the view
@@ -39,7 +39,7 @@ template <typename Item> QList<Item*> itemsOf()
     return found;
 }
 
-/// A window with a new simulation, and a folder of its own for files; tests that use it inherit it.
+/// Owns a window with a new simulation, and a folder for its files. A test class inherits it.
 class ShownWindow
 {
 protected:
@@ -134,7 +134,7 @@ protected:
         QTest::mouseClick(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, place);
     }
 
-    /// With the left button held: QTest moves the mouse without a button.
+    /// Moves the mouse with the left button held, which QTest cannot.
     void _moveTo(const QPoint& place) const
     {
         QMouseEvent move(QEvent::MouseMove, place, _view()->viewport()->mapToGlobal(place), Qt::NoButton,
@@ -149,7 +149,7 @@ protected:
         QTest::mouseRelease(_view()->viewport(), Qt::LeftButton, Qt::NoModifier, to);
     }
 
-    /// Two nodes; the window is in the selection mode afterwards.
+    /// Places two nodes and returns to the selection mode.
     void _placeNodes() const
     {
         _shortcut(Qt::Key_1);

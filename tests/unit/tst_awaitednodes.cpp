@@ -169,7 +169,7 @@ private:
         _spy = std::make_unique<QSignalSpy>(_awaited.get(), SIGNAL(allAttached()));
     }
 
-    /// What it says, which its signal has said too.
+    /// Returns the names that it misses, and checks that its signal agrees.
     QStringList missing()
     {
         const QStringList names = _awaited->missing();

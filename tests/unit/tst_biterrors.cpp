@@ -23,7 +23,7 @@ bool isKept(int draw, double reliability)
     return reliability > draw / 2147483647.0;
 }
 
-/// What the class must be equal to: one call a bit and the comparison of fractions.
+/// Draws one number a bit and compares fractions: the class must give the same.
 QByteArray plainMask(int size, double reliability, Draw draw)
 {
     QByteArray mask(size, '\0');
@@ -43,7 +43,7 @@ QByteArray plainQrandMask(int size, double reliability)
     return plainMask(size, reliability, qrand);
 }
 
-/// A mask and the numbers that come after it.
+/// Holds a mask and the numbers that come after it.
 struct Outcome {
     QByteArray mask;
     int next[2];
@@ -67,7 +67,7 @@ Outcome outcomeOf(DrawMask drawMask, uint seed, int size, double reliability)
     return outcomeOf(drawMask, size, reliability);
 }
 
-/// Frames of many lengths and reliabilities, with calls of qrand() by others in between; all that came out.
+/// Draws frames of many lengths and reliabilities, while others call qrand() too; returns all that came out.
 std::vector<Outcome> outcomesOfMixedUse(DrawMask drawMask)
 {
     const double reliabilities[] = {1.0, 0.9999, 0.999, 0.5, 0.0};
@@ -93,13 +93,13 @@ quint64 power(quint64 base, quint64 exponent)
     return result;
 }
 
-/// The state from which \a count draws lead to \a last.
+/// Returns the state from which \a count draws lead to \a last.
 uint stateBefore(quint64 last, quint64 count)
 {
     return static_cast<uint>(last * power(multiplier, modulus - 1 - count) % modulus);
 }
 
-// What a generator in place of qrand() holds, and what it was asked for
+// The generators that tests put in place of qrand(): they count their calls
 quint64 state = 1;
 int drawCalls = 0;
 int setCalls = 0;
@@ -164,7 +164,7 @@ void restart()
 
 constexpr int shortFrame = 13;  // bytes: a whole block and a part of one
 
-/// Draws at which the fate of a bit turns, for bits at the ends of a byte, a block and the frame.
+/// Adds draws at which the fate of a bit turns, for bits at the ends of a byte, a block and the frame.
 void addDrawsForBits()
 {
     QTest::addColumn<int>("draw");
@@ -176,7 +176,7 @@ void addDrawsForBits()
     }
 }
 
-/// Whether the bit whose draw is \a draw is flipped.
+/// Tells whether a bit flips when its draw is \a draw.
 bool isFlipped(int draw, int bit, double reliability)
 {
     qsrand(stateBefore(static_cast<quint64>(draw), static_cast<quint64>(bit) + 1));
@@ -316,7 +316,7 @@ private slots:
         QVERIFY(actual == expected);
     }
 
-    /// In each of the vectors' places, behind no, one and more blocks without a flip.
+    /// Puts the flip into each place of a vector, after no, one and more blocks without a flip.
     void theOnlyFlipIsFoundAtEveryPlace()
     {
         constexpr int size = 40;                                  // bytes: five blocks

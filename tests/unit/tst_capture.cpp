@@ -21,7 +21,7 @@ constexpr int leftAligned = Qt::AlignLeft | Qt::AlignVCenter;
 constexpr int columnCount = 9;
 constexpr int dataColumn = 8;
 
-// A frame whose two addresses and one byte of data are all told apart
+// A frame whose two addresses and one byte of data all differ
 const QByteArray payload = QByteArray::fromHex("0A0B0C0D0E0F"
                                                "A1A2A3A4A5A6"
                                                "7F");
@@ -31,8 +31,7 @@ Frame frame(const QByteArray& bytes, quint64 sent, quint64 received, int flags =
     return {bytes, sent, received, static_cast<Frame::FrameFlags>(flags)};
 }
 
-/// What the model answers where it has nothing to say: no invalid variant, and nothing that a table would
-/// draw.
+/// Tells whether the model answered with a null text: it is valid, but a table draws nothing of it.
 bool isNothing(const QVariant& value)
 {
     return value.isValid() && value.type() == QVariant::String && value.isNull()
@@ -54,8 +53,8 @@ QImage imageOf(const char* resource)
     return imageOf(QIcon(QLatin1String(resource)));
 }
 
-/// The model as the model tester wants it, which knows neither of three things that are so on purpose:
-/// indexes that name no cell have flags and rows too, and there is a null text for roles that are no texts.
+/// Shows the model as the model tester wants it, which refuses three things that are so on purpose:
+/// indexes that name no cell have flags and rows too, and roles that are no texts get a null text.
 class ModelForTester : public QIdentityProxyModel
 {
 public:
@@ -151,7 +150,7 @@ private slots:
             QCOMPARE(arguments.at(1).toInt(), row);
             QCOMPARE(arguments.at(2).toInt(), row);
         }
-        QCOMPARE(_capture->rowCount(_capture->index(0, 0)), 3);  // whatever the parent
+        QCOMPARE(_capture->rowCount(_capture->index(0, 0)), 3);  // with any parent
         QCOMPARE(_capture->columnCount(_capture->index(0, 0)), columnCount);
     }
 
@@ -395,7 +394,7 @@ private slots:
         }
     }
 
-    /// It stands above the check boxes of the view, and a tick leaves the upper left corner free.
+    /// A box would fill the upper left corner of the icon; a tick leaves it free.
     void theSignOfACorrectCheckSumIsNoBox()
     {
         const QImage sign = imageOf(":CrcOk.png").copy(0, 0, 4, 4);
@@ -472,7 +471,7 @@ private slots:
         QVERIFY(!isNothing(_capture->data(first, Qt::UserRole)));
     }
 
-    /// Asks as a table's delegate does for what it draws of a cell.
+    /// Asks for what the delegate of a table draws of a cell.
     void aTableDrawsNoCheckBoxes()
     {
         class Delegate : public QStyledItemDelegate

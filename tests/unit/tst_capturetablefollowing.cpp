@@ -11,6 +11,7 @@ using namespace CaptureViewHelpers;
 
 namespace {
 
+/// Counts how often a widget is painted.
 class PaintCounter : public QObject
 {
 public:
@@ -96,7 +97,7 @@ private slots:
             QCoreApplication::processEvents();
         }
         constexpr int expected = duration * 60 / 1000;
-        constexpr int allowance = 8;  // for what the layout repaints when the scroll bar and a digit come
+        constexpr int allowance = 8;  // the layout repaints too when the scroll bar and a digit come
         QVERIFY(_capture->rowCount() > 2 * expected);
         QVERIFY2(table.paints <= expected + allowance, qPrintable(QString::number(table.paints)));
         QVERIFY2(counter.paints <= expected + allowance, qPrintable(QString::number(counter.paints)));

@@ -25,7 +25,7 @@ QStringList& messages()
 
 void keepMessage(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& text)
 {
-    if (!text.startsWith(QLatin1String("This plugin does not support ")))  // the display of the tests
+    if (!text.startsWith(QLatin1String("This plugin does not support ")))  // the offscreen display says so
         messages().append(text);
 }
 
@@ -45,9 +45,8 @@ public:
 constexpr int textColumns[]
     = {Capture::DeltaTimeColumn,   Capture::SizeColumn,   Capture::TimeOnNetworkColumn,
        Capture::DestinationColumn, Capture::SourceColumn, Capture::DataColumn};
-
 constexpr int wantedWidth = 120;
-constexpr int narrowWidth = 710;  // what the first window on a screen of 1024 pixels leaves the view
+constexpr int narrowWidth = 710;  // the first window leaves this much on a screen of 1024 pixels
 
 int countOthers(const QImage& image, const QRect& area, const QColor& background)
 {
@@ -59,7 +58,7 @@ int countOthers(const QImage& image, const QRect& area, const QColor& background
     return pixels;
 }
 
-/// On that background, in the size that the table shows.
+/// Paints the icon on that background, in the size that the table shows.
 QImage pictureOf(const QIcon& icon, const QColor& background)
 {
     QImage picture(iconSize, iconSize, QImage::Format_RGB32);
@@ -79,7 +78,7 @@ int countSame(const QImage& one, const QImage& other, const QRect& area)
     return pixels;
 }
 
-/// Pixels that hide the row behind them.
+/// Counts the pixels that hide the row behind them.
 int countOpaque(const QIcon& icon)
 {
     const QImage picture = icon.pixmap(iconSize, iconSize).toImage();
@@ -111,7 +110,7 @@ private slots:
         _close();
     }
 
-    // Make-up
+    // Layout
     void theBarStandsBelowTheTableInItsOrder()
     {
         QVERIFY(qobject_cast<QVBoxLayout*>(_view->layout()));
@@ -436,7 +435,7 @@ private slots:
         QTRY_COMPARE(_table()->verticalHeader()->count(), 1);
         const QImage picture = _table()->viewport()->grab().toImage();
         for (int column : {Capture::DeltaTimeColumn, Capture::SizeColumn, Capture::TimeOnNetworkColumn}) {
-            QRect start = _cell(0, column);  // where the box would stand; the text is centred
+            QRect start = _cell(0, column);  // a box would stand here; the text is centred
             start.setWidth(_table()->style()->pixelMetric(QStyle::PM_IndicatorWidth) + 4);
             const QColor background = picture.pixelColor(start.topLeft());
             QCOMPARE(countOthers(picture, start, background), 0);
@@ -512,8 +511,8 @@ private:
             && right <= header->viewport()->width();
     }
 
-    /// As a window does: the width stands before the view is shown. In small letters, so that the bar is not
-    /// wider than the table.
+    /// Sets the width before it shows the view, as a window does. Small letters keep the bar narrower than
+    /// the table.
     void _showAnew(int width)
     {
         QFont smallFont;

@@ -119,7 +119,7 @@ private slots:
         _pair->link->setNode(1, third);
         QCOMPARE(third->connectionCount(), 0);
         QCOMPARE(_pair->receiver->connectionCount(), 1);
-        _pair->link->setNode(1, _pair->receiver);  // so that both ends know of the link's deletion
+        _pair->link->setNode(1, _pair->receiver);  // both ends must know when the link is deleted
     }
 
     void settingANodeBeyondTheEndsChangesNothing()
@@ -199,7 +199,7 @@ private slots:
             }
             return false;
         };
-        QTRY_VERIFY(changed.count() > 0);  // what construction has asked for
+        QTRY_VERIFY(changed.count() > 0);  // the new items repaint the scene too
         changed.clear();
 
         _pair->link->carryFrame(_pair->unicast(), -1, true, _pair->sender);
@@ -226,7 +226,7 @@ private slots:
         _pair->sender->setPos(-1800, -1800);
         _pair->receiver->setPos(-900, -900);
         const QRectF oldPlace(-1400, -1400, 100, 100);
-        QVERIFY(network()->items(oldPlace).contains(_pair->link));  // the index knows the link now
+        QVERIFY(network()->items(oldPlace).contains(_pair->link));  // the scene knows its place now
 
         if (moveByPieces) {
             for (int i = 0; i < 90; ++i)

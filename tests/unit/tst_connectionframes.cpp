@@ -25,7 +25,7 @@ QList<QByteArray> numberedFrames(int count)
     return frames;
 }
 
-/// The delay that the frame sent at this place of the draw sequence gets. Draws as the frame does.
+/// Returns the delay of a frame that is sent now, and draws as many numbers as the frame does.
 int replayDelay(int base, int deviation, int size)
 {
     const int delay = base - (deviation / 2 - qrand() % deviation);
@@ -42,7 +42,7 @@ class TestConnectionFrames : public QObject
     Q_OBJECT
 
 private slots:
-    /// The "*" of corrupted bits would fill pages.
+    /// Switches off the "*" of each corrupted bit, which would fill pages.
     void initTestCase() { QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false")); }
 
     void init()
@@ -254,7 +254,7 @@ private slots:
         QVERIFY(passTimeouts());
         QCOMPARE(capturedFrames().size(), 1);
         QCOMPARE(capturedFrames().first().destinationNode(), static_cast<Node*>(fourth));
-        QVERIFY(!capturedFrames().first().wasDelivered(false));  // as seen on that link
+        QVERIFY(!capturedFrames().first().wasDelivered(false));  // the fourth node has another address
     }
 
     void aLostFrameIsCapturedWithItsTime()
@@ -265,7 +265,7 @@ private slots:
         QTRY_COMPARE(capturedFrames().size(), 1);
         const Frame& lost = capturedFrames().first();
         const auto inFlight = static_cast<quint32>(lost.receiveTime() - lost.sendTime());
-        QVERIFY(inFlight >= delay - 1);  // both are cut to the millisecond
+        QVERIFY(inFlight >= delay - 1);  // both times are cut to the millisecond
         QVERIFY(inFlight < delay + generous);
     }
 

@@ -485,7 +485,7 @@ private slots:
         const LinkedPair pair;
         pair.receiver->setPos(100, 100);
         const Form form = openForm(pair.link);
-        network()->items();  // what is measured now is remembered by the scene
+        network()->items();  // the scene remembers the bounds of now
         type(strokeBox(form), QStringLiteral("9"));
         QCOMPARE(TestAccess::strokeWidth(*pair.link), 9.0);
         QVERIFY(defaultAppearance(form));
@@ -523,7 +523,7 @@ private slots:
         QCOMPARE(defaults().delayMs(), 70);
         QCOMPARE(defaults().delayDeviationMs(), 60);
         QCOMPARE(TestAccess::strokeWidth(defaults()), 5.0);
-        QCOMPARE(TestAccess::color(defaults()), QColor(Qt::blue));  // stands before "Dark blue"
+        QCOMPARE(TestAccess::color(defaults()), QColor(Qt::blue));  // one step before "Dark blue"
     }
 
     void theReliabilityOfTheDefaultsRedrawsTheLinksThatFollowIt()
@@ -571,9 +571,9 @@ private slots:
         QCOMPARE(redraws.size(), 0);
     }
 
-    // Care
+    // What it leaves alone
 
-    /// What the boxes show may be rounded or cut.
+    /// The boxes may show a rounded or cut number.
     void enteringAndLeavingTheFieldsStoresNothing()
     {
         const LinkedPair pair;

@@ -17,10 +17,10 @@
 namespace {
 
 constexpr uid_t nobody = 65534;
-constexpr int manyNodes = 1000;  // some 180 KB of a simulation file, in many of the toolkit's reads
+constexpr int manyNodes = 1000;  // some 180 KB of a simulation file, which Qt reads in many pieces
 const QByteArray pcapMagic = QByteArray::fromHex("A1B2C3D4");
 
-/// False where this process may not have mounts that nobody else sees.
+/// Hides the mounts of this process from all others; false where it may not.
 bool makeMountsPrivate()
 {
     static const bool arePrivate
@@ -28,7 +28,7 @@ bool makeMountsPrivate()
     return arePrivate;
 }
 
-/// A small disk in memory, which only this process sees.
+/// Mounts a small disk in memory while it lives. Only this process sees it.
 class Disk
 {
 public:
@@ -50,7 +50,7 @@ public:
         return mount("none", _path(), "tmpfs", MS_REMOUNT | MS_RDONLY, _limits.constData()) == 0;
     }
 
-    /// Leaves no room, neither for a byte nor, when its number of files is limited, for another file.
+    /// Leaves no room for a byte, nor for another file when their number is limited.
     bool fill() const
     {
         QFile filling(path("filling"));
@@ -74,7 +74,7 @@ private:
 const QByteArray smallDisk = "size=64k";
 const QByteArray diskOfOneFile = "size=64k,nr_inodes=2";  // the folder is one of the two
 
-/// Root is bound by no permission; while this lives, the process is not root.
+/// Takes the rights of root from the process while it lives: permissions do not bind root.
 class WithoutRights
 {
 public:
@@ -89,7 +89,7 @@ private:
     bool _isBound = false;
 };
 
-/// A file that somebody changes behind the loader's back, once it has read a number of bytes.
+/// Plays a file that somebody changes after the loader has read a number of bytes.
 class ChangingFile : public QFile
 {
 public:
@@ -103,7 +103,7 @@ public:
     bool hasChanged() const { return !_change; }
 
 protected:
-    /// As whole as from a file that nobody changes: a short answer would be the end of the file.
+    /// Reads as much as from a file that nobody changes: a short answer would mean the end of the file.
     qint64 readData(char* data, qint64 size) override
     {
         if (!_change || size <= _left) {
@@ -122,7 +122,7 @@ private:
     std::function<void()> _change;
 };
 
-/// A file whose disk fails after a number of bytes.
+/// Plays a file whose disk fails after a number of bytes.
 class FailingFile : public QFile
 {
 public:
@@ -230,7 +230,7 @@ void replace(const QString& fileName, const QByteArray& contents)
 
 }  // namespace
 
-/// What the machine does to files while they are saved, exported and loaded.
+/// Tests what happens when the machine fails while files are saved, exported and loaded.
 class TestFileFaults : public QObject
 {
     Q_OBJECT
@@ -290,7 +290,7 @@ private slots:
 
     void savingAndExportingIntoAFolderWithoutPermissionFail()
     {
-        const QTemporaryDir folder;  // its owner's alone
+        const QTemporaryDir folder;  // only its owner may enter it
         QVERIFY(QFile::setPermissions(folder.path(), QFileDevice::ReadOwner | QFileDevice::ExeOwner));
         makeSimulation(1, "kept");
         const WithoutRights rights;
@@ -301,7 +301,7 @@ private slots:
         QCOMPARE(nodeNames(), QStringList("kept"));
     }
 
-    /// The file is not cut first, so its place on the disk is not given away.
+    /// Saving does not cut the file first, so it keeps its place on the disk.
     void aFileThatIsThereIsSavedAgainOnAFullDisk()
     {
         const Disk disk(smallDisk);
@@ -317,15 +317,15 @@ private slots:
         QCOMPARE(nodeNames().count("behind"), 20);
     }
 
-    /// That a write failed is not reported, on purpose; the file that was cut short is refused when it is
-    /// opened.
+    /// Saving does not report a failed write, on purpose; loading refuses the file that was cut short.
     void aDiskThatFillsUpWhileSavingHarmsOnlyTheNewFile()
     {
         const Disk disk("size=256k");
         SKIP_WITHOUT(disk);
         QVERIFY(disk.fill());
         QVERIFY(disk.makeRoom());
-        write(disk.path("filling"), QByteArray(128 * 1024, 'x'), QIODevice::WriteOnly);  // half of it is left
+        const QByteArray halfOfTheDisk(128 * 1024, 'x');
+        write(disk.path("filling"), halfOfTheDisk, QIODevice::WriteOnly);
 
         makeSimulation(manyNodes, "kept");
         QVERIFY(save(disk.path("a.ltvo")));
@@ -384,7 +384,7 @@ private slots:
         QCOMPARE(contentsOf(disk.path("report")), contents.left(64 * 1024));
     }
 
-    /// More room does not make up for the part that is missing.
+    /// More room does not bring back the part that is missing.
     void anOutputWrittenInPartHoldsThatPartAndNoMore()
     {
         const Disk disk(smallDisk);
@@ -450,7 +450,7 @@ private slots:
 
     void aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot_data() { places(); }
 
-    /// A mixture of two files may be one too; what is none leaves nothing behind.
+    /// The mixture of two files may be a simulation; when it is none, nothing of it is loaded.
     void aFileThatIsOverwrittenWhileItLoadsIsLoadedOrNot()
     {
         QFETCH(qint64, readBefore);
@@ -482,7 +482,7 @@ private slots:
     }
 
 private:
-    /// How many bytes of the file have been read when it changes.
+    /// Each row says how many bytes have been read when the file changes.
     static void places()
     {
         QTest::addColumn<qint64>("readBefore");

@@ -25,7 +25,7 @@ struct Example {
     QStringList explanations;  // of each line
 };
 
-/// The explanation of a line stands behind its "#".
+/// Reads an example: the explanation of a line stands behind its "#".
 Example exampleOf(const QString& block)
 {
     Example example;
@@ -50,7 +50,7 @@ TcpNode* addNode(const QByteArray& address)
     return node;
 }
 
-/// What identifies a node within a file is another number each time.
+/// Blanks the numbers that identify nodes within a file: they differ each time.
 QByteArray withoutIds(QByteArray bytes, int offset, int count = 1)
 {
     return bytes.replace(offset, count * idSize, QByteArray(count * idSize, '\0'));
@@ -332,7 +332,7 @@ private slots:
         SocketPair pair;
         node->setSocket(pair.nodeEnd);
         pair.program.send(bytesOf("dropped-message") + bytesOf("control-name"));
-        QTRY_COMPARE(node->name(), QStringLiteral("Left"));  // the next message is understood
+        QTRY_COMPARE(node->name(), QStringLiteral("Left"));  // the node understands the next message
         QVERIFY(node->socket());
     }
 

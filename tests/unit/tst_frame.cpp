@@ -16,7 +16,8 @@ constexpr quint64 timeStampRange = 4294967296U;
 bool isBetween(quint64 stamp, qint64 first, qint64 last)
 {
     const quint64 sinceFirst = (stamp - static_cast<quint64>(first)) % timeStampRange;
-    return sinceFirst <= static_cast<quint64>(last - first) + 1000;  // the two readings may straddle a second
+    constexpr quint64 second = 1000;  // ms; one may end between the two readings
+    return sinceFirst <= static_cast<quint64>(last - first) + second;
 }
 
 }  // namespace
@@ -174,7 +175,7 @@ private slots:
         Frame frame = _pair->carry(_pair->broadcast(), noDeadline, nullptr, true);
         QVERIFY(frame.isValid());
         TestAccess::parameters(*network()).sourceAddressOffset = 7;
-        QVERIFY(frame.isBroadcast());  // nothing has asked yet
+        QVERIFY(frame.isBroadcast());  // nobody has asked for its validity yet
         QVERIFY(!frame.isValid());
         QCOMPARE(TestAccess::flags(frame), int(Frame::Invalid));
     }
@@ -221,7 +222,7 @@ private slots:
 
     void rawBroadcastNeedsTheWholeAddress()
     {
-        QVERIFY(Frame::isBroadcast(broadcastAddress()));  // no source needed
+        QVERIFY(Frame::isBroadcast(broadcastAddress()));  // a source is not needed
         QVERIFY(!Frame::isBroadcast(broadcastAddress().left(addressSize - 1)));
         QVERIFY(!Frame::isBroadcast(QByteArray()));
         QVERIFY(!Frame::isBroadcast(nodeAddress(1) + broadcastAddress()));
@@ -275,7 +276,7 @@ private slots:
         parameters.destinationAddressOffset = -2;
         parameters.sourceAddressOffset = smallestInt;
         const Frame cut(bytes, 0, 0, Frame::Broadcast);
-        QCOMPARE(cut.destinationAddress(), QByteArray("0123"));  // what lies before the frame is missing
+        QCOMPARE(cut.destinationAddress(), QByteArray("0123"));  // the part before the frame is missing
         QCOMPARE(cut.sourceAddress(), QByteArray());
         QVERIFY(cut.isValid());
 

@@ -24,7 +24,7 @@ void countAsterisks(QtMsgType type, const QMessageLogContext& /*context*/, const
         ++asterisks;
 }
 
-/// How many "*" the debug output gets while \a action runs.
+/// Returns how many "*" the debug output gets while \a action runs.
 template <typename Action> int asterisksDuring(Action action)
 {
     asterisks = 0;
@@ -41,13 +41,13 @@ struct LinkValues {
     double detection;
 };
 
-/// What a frame must become, from the plain sequence of draws.
+/// Tells what a frame must become, from the plain sequence of draws.
 struct Replay {
     int delay = 0;
     QByteArray payload;
     int flippedBits = 0;
     bool isDetected = false;
-    int nextDraw = 0;  // the one behind the frame's last
+    int nextDraw = 0;  // the first after the frame's
 };
 
 bool flipsBit(double reliability)
@@ -83,7 +83,7 @@ Replay replay(uint seed, const QByteArray& payload, const LinkValues& link)
     return result;
 }
 
-/// The draw that comes after \a count draws from \a seed.
+/// Returns the draw that comes after \a count draws from \a seed.
 int drawAfter(uint seed, int count)
 {
     qsrand(seed);
@@ -272,7 +272,7 @@ private slots:
         QFETCH(int, smallest);
         QFETCH(int, largest);
         Connection* defaults = network()->defaultConnection();
-        TestAccess::delay(*defaults) = base;  // a negative one counts only here
+        TestAccess::delay(*defaults) = base;  // a negative delay counts only here
         TestAccess::deviation(*defaults) = deviation;
         bool isClamped = false;
         for (uint seed = 1; seed <= 50; ++seed) {

@@ -9,7 +9,7 @@ using namespace HeadlessHelpers;
 
 namespace {
 
-/// The bodies of the frame messages among \a messages.
+/// Returns the bodies of the frame messages among \a messages.
 QList<QByteArray> framesAmong(const QByteArray& messages)
 {
     QList<QByteArray> frames;
@@ -19,7 +19,8 @@ QList<QByteArray> framesAmong(const QByteArray& messages)
     }
     return frames;
 }
-/// What a run over a lossy link leaves behind.
+
+/// Holds what a run over a lossy link leaves behind.
 struct LossyRun {
     QList<QByteArray> arrived;
     QList<QByteArray> dumped;
@@ -33,7 +34,7 @@ bool operator==(const LossyRun& a, const LossyRun& b)
 
 const Link lossyLink = {0.997, 0.5, 2, 3, 20};
 
-/// The random decisions for frames that go over lossyLink one after the other, drawn here.
+/// Draws the random decisions for frames that go over lossyLink one after the other.
 LossyRun predictedRun(uint seed, const QList<QByteArray>& frames)
 {
     const auto draw = [] { return qrand() / 2147483647.0; };
@@ -57,7 +58,7 @@ LossyRun predictedRun(uint seed, const QList<QByteArray>& frames)
 
 }  // namespace
 
-/// Tests the runner while programs are attached: how it starts, what it carries, whom it lets in.
+/// Tests how the runner starts, which programs it attaches, and what it carries for them.
 class TestHeadless : public QObject, private RunFiles
 {
     Q_OBJECT
@@ -174,7 +175,7 @@ private slots:
     {
         constexpr int shortest = 150 - 100 / 2;
         constexpr int longest = shortest + 100 - 1;
-        constexpr int slack = 150;  // of a busy machine, at one frame of several at least
+        constexpr int slack = 150;  // a busy machine may be late, though not with each frame
         QVERIFY(save({{1.0, 1.0, 150, 100, 250}}));
         Simulator simulator({_simulation, "--listen", "0", "--seed", "1"});
         const quint16 port = simulator.port();
@@ -278,7 +279,7 @@ private slots:
         Simulator simulator({"--listen", "0", "--plug-and-play", "--report", _report});
         Client stranger;
         QVERIFY(stranger.connectTo(simulator.port()));
-        // A name is given afterwards; a closing message tells when all that has been read
+        // The name comes later; a closing message tells when the simulator has read all
         stranger.send(control(1, nodeAddress(A)) + control(5, "Pump")
                       + message(FrameMessage, frameBytes(B, A)) + message(7, QByteArray()));
         QVERIFY(stranger.waitForEnd());
@@ -365,7 +366,7 @@ private slots:
         QCOMPARE(d.nextFrame(), frameBytes(D, C, "still here"));
         QCOMPARE(simulator.end(), Success);
         sleeper.resumeReading();
-        QVERIFY(sleeper.receiveAll().size() < manyLargeFrames * largeFrameSize);  // it really was held up
+        QVERIFY(sleeper.receiveAll().size() < manyLargeFrames * largeFrameSize);  // it had to wait
         QCOMPARE(nodeIn(reportIn(_report), B).value("received"),
                  QJsonValue(traffic(manyLargeFrames, manyLargeFrames * largeFrameSize)));
         QCOMPARE(nodeIn(reportIn(_report), B).value("attached"), QJsonValue(true));
@@ -442,7 +443,7 @@ private:
         return QTest::qWaitFor([this] { return !contentsOf(_report).isEmpty(); }, processPatience);
     }
 
-    /// 200 frames over lossyLink.
+    /// Sends 200 frames over lossyLink.
     LossyRun lossyRun(const QStringList& seedOptions)
     {
         const QList<QByteArray> frames = numberedFrames(200);

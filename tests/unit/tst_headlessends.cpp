@@ -54,7 +54,7 @@ private slots:
                               {"corruptedAndDetected", 1},
                               {"broadcast", 1}}));
         QCOMPARE(report.value("nodes").toArray().size(), 8);
-        // With the byte that each program sends when it attaches
+        // Each program sent one byte more when it was attached
         QCOMPARE(nodeIn(report, A),
                  (QJsonObject{{"name", "A"},
                               {"address", "020000000001"},
@@ -123,7 +123,7 @@ private slots:
         Client b;
         QVERIFY(b.connectTo(port));
         b.send(control(1, nodeAddress(B)) + message(FrameMessage, counted.first())
-               + message(FrameMessage, counted.last()));  // not one of them may be missed
+               + message(FrameMessage, counted.last()));  // the runner must count both
         QCOMPARE(simulator.exitCode(), Success);
         QCOMPARE(framesIn(_dump), early + counted);
         QCOMPARE(reportIn(_report).value("framesLeftLinks"), QJsonValue(2));
@@ -226,7 +226,7 @@ private slots:
         QCOMPARE(nodeIn(reportIn(_report), B).value("attached"), QJsonValue(false));
     }
 
-    /// It once looked every 10 ms, and missed the nodes that came behind the last look.
+    /// The runner once looked every 10 ms, and missed nodes that came after its last look.
     void nodesThatComeInTheLastMomentAreThereOrNamed()
     {
         constexpr int waitTimeout = 50;  // ms
@@ -283,7 +283,7 @@ private slots:
         QCOMPARE(reportIn(_report).value("runTimeSeconds"), QJsonValue(0));
     }
 
-    /// Its time runs out while a program that does not read holds the process up.
+    /// The time to wait runs out while a program that does not read delays the end.
     void theWaitForNodesEndsOnlyOnce()
     {
         QVERIFY(saveWithLargeFrames());

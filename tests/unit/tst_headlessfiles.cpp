@@ -7,7 +7,7 @@ using namespace HeadlessHelpers;
 
 namespace {
 
-// Root without these two is bound by the permissions of files as everybody else
+// Without these two rights, permissions of files bind root as everybody else
 const QString setpriv = QStringLiteral("setpriv");
 const QString withoutRightsOfRoot = QStringLiteral("--bounding-set=-dac_override,-dac_read_search");
 

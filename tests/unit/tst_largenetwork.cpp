@@ -17,12 +17,12 @@
 namespace {
 
 constexpr int manyLinks = 10000;
-constexpr int patience = 300;  // ms; a few without an index of the scene, many seconds with one
+constexpr int patience = 300;  // ms; an index of the scene would take many seconds
 const QSize viewSize(800, 600);
 
 }  // namespace
 
-/// What the user waits for in a network with thousands of nodes and links, on a view that is shown.
+/// Tests how long the user waits in a network with thousands of nodes and links, on a view that is shown.
 class TestLargeNetwork : public QObject
 {
     Q_OBJECT
@@ -52,7 +52,7 @@ private slots:
         for (Node* node : addNodes(manyLinks))
             network().addItem(new Connection(hub, node));
         hub->setPos(start);
-        hub->setZValue(hub->zValue() + 1);  // no other node is pressed in its place
+        hub->setZValue(hub->zValue() + 1);  // the mouse must not press another node
         QCoreApplication::processEvents();
 
         mouse(QEvent::MouseButtonPress, start);
@@ -94,7 +94,7 @@ private slots:
         QTest::newRow("ascending") << int(Qt::AscendingOrder);
     }
 
-    /// Nodes above links, the later above the earlier; whatever was removed, moved or asked for in between.
+    /// Nodes stay above links, and later ones above earlier ones, after removing, moving and asking.
     void itemsStandInStackingOrder()
     {
         QFETCH(int, order);

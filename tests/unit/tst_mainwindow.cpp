@@ -15,7 +15,7 @@ using namespace WindowHelpers;
 
 namespace {
 
-/// "&New Simulation|Ctrl+N|icon": the text, the keys if there are any, and whether there is a picture.
+/// Returns the text, the keys and whether there is a picture: "&New Simulation|Ctrl+N|icon".
 QString describe(const QAction* action)
 {
     if (action->isSeparator())
@@ -57,7 +57,7 @@ private slots:
     void cleanup() { _close(); }
     void cleanupTestCase() { NetworkSimulation::deleteNetworkSimulation(); }
 
-    // Make-up
+    // Layout
     void theMenusHoldTheirEntries_data()
     {
         QTest::addColumn<QString>("menu");

@@ -327,7 +327,7 @@ private slots:
     }
 
 private:
-    /// Whole, because a file dialog starts where the one before it was left.
+    /// Returns the whole path: a file dialog starts in the folder of the last one.
     QString _path(const QString& fileName) const { return _folder->filePath(fileName); }
 };
 

@@ -91,7 +91,7 @@ private slots:
         QVERIFY(reader.isComplete());
     }
 
-    /// What follows would be taken for something else.
+    /// Otherwise the reader would take the bytes that follow for something else.
     void whatIsIncompleteStaysSo()
     {
         MessageReader reader(hex("0102"));

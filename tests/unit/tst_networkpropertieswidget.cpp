@@ -222,7 +222,7 @@ private slots:
     {
         const Form form = openForm();
         type(mtu(form), QStringLiteral("1500"));
-        QCOMPARE(network()->maximalTransferUnit(), 255);  // not before the edit is finished
+        QCOMPARE(network()->maximalTransferUnit(), 255);  // the edit is not finished yet
         leave(mtu(form));
         QCOMPARE(network()->maximalTransferUnit(), 1500);
         QCOMPARE(destinationOffset(form)->maximum(), 1494);
@@ -442,7 +442,7 @@ private slots:
 
     // Only edits store
 
-    /// As a file can have them: every one beyond the range of its box.
+    /// A file can hold numbers beyond the ranges of all boxes.
     void enteringAndLeavingStoresNothing()
     {
         setParameters(-5, 300, 1000, -7);
@@ -503,7 +503,7 @@ private slots:
         leave(port(form));
         QCOMPARE(network()->tcpPort(), quint16(8845));
         TestAccess::server(*network()).port = 0;
-        enterAndLeave(port(form));  // the edit was stored, there is no other
+        enterAndLeave(port(form));  // the edit is stored already
         QCOMPARE(network()->tcpPort(), quint16(0));
     }
 

@@ -39,7 +39,7 @@ public slots:
     void listen() { ++calls; }
 };
 
-/// Lays down root's power over files for a while, as a user's program has it.
+/// Takes root's rights over files from the process while it lives.
 class UnprivilegedScope
 {
 public:
@@ -72,7 +72,7 @@ private slots:
 
     void cleanup() { NetworkSimulation::deleteNetworkSimulation(); }
 
-    // Needs the fresh process, so it stands first
+    // This test needs a fresh process, so it stands first
     void theFirstCallMakesASimulationOfFileVersion1()
     {
         NetworkSimulation* simulation = NetworkSimulation::instance();
@@ -97,7 +97,7 @@ private slots:
         QCOMPARE(NetworkSimulation::ActualFileVersion, 1U);
     }
 
-    /// As in a call of std::max(). Constants without a definition do not link.
+    /// Binds references to the constants, as std::max() does: without a definition they do not link.
     void theFileConstantsCanBeReferredTo()
     {
         QCOMPARE(std::max(NetworkSimulation::MagicNumber, NetworkSimulation::VersionedMagicNumber),
@@ -158,7 +158,7 @@ private slots:
         addNode(QPointF(-300, -300));
         addNode(QPointF(300, 300));
         QSignalSpy changed(&network(), SIGNAL(changed(QList<QRectF>)));
-        QVERIFY(changed.wait());  // what the new nodes ask for
+        QVERIFY(changed.wait());  // the new nodes repaint the scene too
         changed.clear();
 
         NetworkSimulation::instance()->updateNetworkDisplay();
