@@ -6,9 +6,8 @@
 
 #include <cstring>
 
-/// Bytes written by hand, most significant first. Tests compare files with what the format says they hold and
-/// not with what the program's own writer makes of it, so nothing of the program and no data stream is used
-/// here.
+/// Writes bytes by hand, most significant first. Tests compare files with these bytes, not with those of the
+/// program's own writer. So this class uses nothing of the program, and no data stream.
 class ByteWriter
 {
 public:
@@ -26,14 +25,14 @@ public:
         u64(bits);
     }
 
-    /// A count of entries or a length in bytes.
+    /// Writes a count of entries or a length in bytes.
     void length(quint32 value)
     {
         lengthOffsets.append(bytes.size());
         u32(value);
     }
 
-    /// A null array has a length of its own, an empty one has length 0.
+    /// Writes a length and the bytes: a null array has a length of its own, an empty one has length 0.
     void array(const QByteArray& value)
     {
         length(value.isNull() ? 0xFFFFFFFF : static_cast<quint32>(value.size()));
@@ -61,7 +60,7 @@ private:
     }
 };
 
-/// The records of a simulation file as plain values; what they start with is what a new simulation has.
+/// The records of a simulation file as plain values, which start as a new simulation has them.
 namespace Stored {
 
 struct Color {

@@ -17,8 +17,7 @@
 #include <functional>
 #include <memory>
 
-/// Property forms as a user meets them: fields are found by the label above them, and worked by mouse and
-/// keys.
+/// Property forms as a user meets them: tests find fields by the label above them, and use mouse and keys.
 namespace FormHelpers {
 
 using Form = std::unique_ptr<QWidget>;
@@ -37,7 +36,7 @@ inline Form open(QWidget* form)
     return Form(form);
 }
 
-/// The visible field below that label; null when there is none, or one of another kind.
+/// Returns the visible field below that label; null when there is none, or one of another kind.
 template <typename Field> Field* field(const QWidget* form, const QString& label)
 {
     const QList<QLabel*> labels = form->findChildren<QLabel*>();
@@ -48,7 +47,7 @@ template <typename Field> Field* field(const QWidget* form, const QString& label
     return nullptr;
 }
 
-/// The visible widget of that kind and text; null when there is none.
+/// Returns the visible widget of that kind and text; null when there is none.
 template <typename Widget>
 Widget* withText(const QWidget* form, QString (Widget::*textOf)() const, const QString& text)
 {
@@ -81,7 +80,7 @@ inline QString textOf(const QWidget* widget)
     return pressed && !isPicker ? QLatin1Char('(') + pressed->text() + QLatin1Char(')') : QString();
 }
 
-/// What stands in the form from top to bottom: labels, titles of groups in [], buttons in ().
+/// Lists what stands in the form from top to bottom: labels, titles of groups in [], buttons in ().
 inline QStringList visibleTexts(const QWidget* form)
 {
     QList<QPair<int, QString>> texts;
@@ -147,7 +146,7 @@ inline void choose(QtColorPicker* picker, const QList<Qt::Key>& keys)
     }
 }
 
-/// Whether the Tab key leads through the form from top to bottom.
+/// Returns whether the Tab key leads through the form from top to bottom.
 inline bool isTabOrderFromTopToBottom(QWidget* form)
 {
     int lastY = -1;
@@ -201,7 +200,7 @@ inline void whenDialogOpens(const std::function<void(QWidget*)>& answer)
         qApp, [answer] { answer(QApplication::activeModalWidget()); }, Qt::QueuedConnection);
 }
 
-/// The "Range" of a number: its limits, its step, its decimals and how it is aligned.
+/// Lists the "Range" of a number: its limits, its step, its decimals and how it is aligned.
 inline QVector<double> numberLimits(const QAbstractSpinBox* box)
 {
     if (const auto* number = qobject_cast<const QSpinBox*>(box))

@@ -5,7 +5,7 @@
 #include <QBuffer>
 #include <QByteArray>
 
-/// False when \a bytes are no simulation file; there is a new simulation then.
+/// Returns false when \a bytes are no simulation file, and leaves a new simulation then.
 inline bool loadSimulation(const QByteArray& bytes)
 {
     QBuffer buffer;

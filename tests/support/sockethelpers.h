@@ -16,7 +16,7 @@ inline QByteArray hex(const char* digits)
     return QByteArray::fromHex(digits);
 }
 
-/// Type byte, length, body.
+/// Builds a message: type byte, length, body.
 inline QByteArray message(int type, const QByteArray& body)
 {
     QByteArray bytes(5, static_cast<char>(type));
@@ -24,13 +24,13 @@ inline QByteArray message(int type, const QByteArray& body)
     return bytes + body;
 }
 
-/// A node control message with an honest length.
+/// Builds a node control message with an honest length.
 inline QByteArray control(int subType, const QByteArray& data)
 {
     return message(3, QByteArray(1, static_cast<char>(subType)) + data);
 }
 
-/// A node control message whose length word says \a length, whatever follows.
+/// Builds a node control message whose length word says \a length, whatever follows.
 inline QByteArray controlOfLength(quint32 length, int subType, const QByteArray& data)
 {
     QByteArray bytes = control(subType, data);
@@ -52,14 +52,14 @@ public:
         return _socket.waitForConnected(patience);
     }
 
-    /// In one piece: what fits into the kernel's buffer is all there when the other end looks.
+    /// Sends in one piece: what fits into the kernel's buffer is all there when the other end looks.
     void send(const QByteArray& bytes)
     {
         _socket.write(bytes);
         _socket.flush();
     }
 
-    /// The next \a size bytes, or fewer when no more come.
+    /// Returns the next \a size bytes, or fewer when no more come.
     QByteArray receive(qint64 size)
     {
         QSignalSpy arrivals(&_socket, SIGNAL(readyRead()));
@@ -67,14 +67,14 @@ public:
         return _socket.read(size);
     }
 
-    /// Everything up to the end of the connection.
+    /// Returns everything up to the end of the connection.
     QByteArray receiveAll()
     {
         waitForEnd();
         return _socket.readAll();
     }
 
-    /// False when the other end keeps the connection open.
+    /// Returns false when the other end keeps the connection open.
     bool waitForEnd(int timeout = patience)
     {
         QSignalSpy ends(&_socket, SIGNAL(disconnected()));
@@ -83,7 +83,7 @@ public:
 
     bool hasEnded() const { return _socket.state() == QAbstractSocket::UnconnectedState; }
 
-    /// From here on the kernel's buffers fill up and then hold the other end up.
+    /// Lets the kernel's buffers fill up, which then hold the other end up.
     void stopReading() { _socket.setReadBufferSize(1); }
     void resumeReading(qint64 limit = 0) { _socket.setReadBufferSize(limit); }  // bytes; 0: without limit
 
@@ -121,7 +121,7 @@ public:
     QPointer<QTcpSocket> nodeEnd;  // owned here until something adopts it
 };
 
-/// The most memory that this process has ever had mapped, used or not; in bytes.
+/// Returns the most memory that this process has ever had mapped, used or not; in bytes.
 inline qint64 peakMemory()
 {
     QFile status(QStringLiteral("/proc/self/status"));

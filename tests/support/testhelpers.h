@@ -53,13 +53,13 @@ inline QByteArray broadcastAddress()
     return QByteArray(addressSize, '\xFF');
 }
 
-/// 00 00 00 00 00 NN: a different one for each number from 0 to 255.
+/// Returns 00 00 00 00 00 NN, a different address for each number from 0 to 255.
 inline QByteArray nodeAddress(int number)
 {
     return QByteArray(addressSize - 1, '\0') + static_cast<char>(number);
 }
 
-/// Destination, source, and a payload of ascending bytes that fills the frame up to \a size.
+/// Builds a frame: destination, source, and a payload of ascending bytes that fills it up to \a size.
 inline QByteArray frameBytes(const QByteArray& destination, const QByteArray& source,
                              int size = smallestFrame)
 {
@@ -101,7 +101,7 @@ public:
     std::function<void()> onConfirmation;  // likewise
 };
 
-/// An active node with the address nodeAddress(\a number), owned by the network.
+/// Adds an active node with the address nodeAddress(\a number) to the network, which owns it.
 inline RecordingNode* addNode(int number)
 {
     auto* node = new RecordingNode(nodeAddress(number));
@@ -134,8 +134,8 @@ inline bool passTimeouts(int delay = 0)
     return QTest::qWaitFor([&] { return isOver; }, patience);
 }
 
-/// A new simulation for as long as it lives: 1 (sender) and 2 (receiver), both active, joined by a link; the
-/// capture is on. What the network owns may be deleted.
+/// Holds a new simulation while it lives: the active nodes 1 (sender) and 2 (receiver), and a link between
+/// them. The capture is on. Tests may delete what the network owns.
 struct LinkedPair {
     LinkedPair()
         : simulation(NetworkSimulation::newNetworkSimulation())
