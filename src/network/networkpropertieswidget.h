@@ -13,7 +13,7 @@ class PropertyForm;
 
 /// The form of the network as a whole: frame parameters, TCP server, and the forms of the default link and
 /// the default node. It stores each edit at once. A field that the user only enters and leaves stores
-/// nothing, since it may show a value that was cut to its range.
+/// nothing: it may show a value that was cut to its range.
 class NetworkPropertiesWidget : public QWidget
 {
     Q_OBJECT

@@ -6,9 +6,9 @@ QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
 
-/// Closes and deletes a socket that no node uses any more. What has been written is still sent out, if the
-/// peer takes it within 3 s. What the peer still writes is thrown away: closed with unread bytes, a socket
-/// loses its unsent ones in the kernel.
+/// Closes and deletes a socket that no node uses any more. Still sends what the node has written, if the peer
+/// takes it within 3 s. Throws away what the peer still writes: the kernel would drop the unsent bytes of a
+/// socket that is closed with unread ones.
 class LingeringSocket : public QObject
 {
     Q_OBJECT
@@ -20,7 +20,7 @@ public:
 private slots:
     void discardInput();
 
-    /// The peer sees the end of the connection behind the last byte.
+    /// Closes the connection behind the last byte, so that the peer sees its end there.
     void endOutput();
 
 private:

@@ -19,7 +19,7 @@ namespace {
 
 constexpr qreal nodeZValue = 2.0;    // above the links
 constexpr int flashDuration = 500;   // ms, of the transmit and receive colours
-constexpr int longestLabel = 10000;  // characters; what follows is neither measured nor drawn
+constexpr int longestLabel = 10000;  // characters; measuring and drawing end there
 
 // Scene units, around the node's centre
 constexpr int smallestHalfWidth = 24;
@@ -46,7 +46,7 @@ bool isChecked(Qt::CheckState own, Qt::CheckState inherited)
     return ownOrDefault(own, inherited) == Qt::Checked;
 }
 
-/// Label texts, no longer than can be measured and drawn in a moment.
+/// Returns the text of a label, no longer than can be measured and drawn in a moment.
 QString labelText(const QString& name)
 {
     return name.left(longestLabel);
@@ -57,7 +57,7 @@ QString labelText(const QByteArray& address)
     return QString::fromLatin1(address.left(longestLabel / 2).toHex().toUpper());
 }
 
-/// Half of each, on the packed words: the lowest bit of a channel spills into the next one, on purpose.
+/// Adds halves of the packed words. The lowest bit of a channel spills into the next one, on purpose.
 QColor coarseBlend(const QColor& one, const QColor& other)
 {
     return QColor((one.rgba() >> 1) + (other.rgba() >> 1));
@@ -114,8 +114,8 @@ void Node::setAddress(const QByteArray& address, Repaint repaint)
         _update(repaint);
 }
 
-/// Programs find the node in its network's directory by name and address; the labels show both. Returns
-/// whether they have new bounds.
+/// Changes name or address, and with them the node's place in the network's directory and its labels. Returns
+/// whether its bounds are new.
 bool Node::_changeIdentity(const std::function<void()>& change, Repaint repaint)
 {
     auto* network = qobject_cast<Network*>(scene());
@@ -208,7 +208,8 @@ void Node::dataRequest(QByteArray frame)
         _losses.start(timeout);
 }
 
-/// Whether one of them will deliver the frame. The last one confirms broadcasts and has the frame captured.
+/// Gives the frame to each link. The last one confirms broadcasts and has the frame captured. Returns whether
+/// one of them will deliver it.
 bool Node::_carryOverConnections(const QByteArray& frame, int acknowledgeTimeout)
 {
     bool isDelivered = false;
@@ -223,7 +224,7 @@ bool Node::_carryOverConnections(const QByteArray& frame, int acknowledgeTimeout
 
 void Node::_dataIndication(QByteArray frame)
 {
-    _rxFlashes.startShared(flashDuration);  // likewise
+    _rxFlashes.startShared(flashDuration);  // may end a flash
     _flags |= Receiving;
     _repaint.request();
 
@@ -247,7 +248,8 @@ void Node::dataConfirmation(bool /*delivered*/)
 {
 }
 
-/// Frames sent during the flash do not extend it, on purpose: the first timeout clears the flag.
+/// Ends a flash. Frames sent during the flash do not extend it, on purpose: the first timeout clears the
+/// flag.
 void Node::clearTxFlag()
 {
     _flags &= ~Transmitting;
@@ -300,8 +302,8 @@ QPainterPath Node::shape() const
     return path;
 }
 
-/// Links are measured by their ends: they are told before an end moves, so that both their places are
-/// painted.
+/// Tells the links before the node moves, so that Qt repaints their old and new places. Keeps the network's
+/// directory true when the node enters or leaves a scene.
 QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
 {
     auto* network = qobject_cast<Network*>(scene());
@@ -316,8 +318,8 @@ QVariant Node::itemChange(GraphicsItemChange change, const QVariant& value)
     return QGraphicsItem::itemChange(change, value);
 }
 
-/// Returns whether the bounds are new. Those that change with the traffic are not announced, as Qt would
-/// repaint them at once: the caller repaints the scene.
+/// Measures the labels and returns whether the bounds are new. Does not announce bounds that change with the
+/// traffic, since Qt would repaint them at once: the caller repaints the scene.
 bool Node::_calculateWidthForText(Repaint repaint)
 {
     const QFontMetrics metrics = QApplication::fontMetrics();
@@ -391,7 +393,7 @@ void Node::_drawDisc(QPainter* painter, const QColor& base, const QColor& dark) 
     painter->drawEllipse(disc);
 }
 
-/// In the pen of the disc's outline.
+/// Draws the labels in the pen of the disc's outline.
 void Node::_drawLabels(QPainter* painter) const
 {
     const Node* defaults = defaultNode();
@@ -410,7 +412,7 @@ void Node::_drawLabels(QPainter* painter) const
         painter->drawText(centreText, Qt::AlignCenter, QString::number(_connections.size()));
 }
 
-/// In the brush set before: the darkened base colour.
+/// Draws the marks in the present brush, the darkened base colour.
 void Node::_drawSelectionMarks(QPainter* painter)
 {
     painter->setPen(Qt::NoPen);
@@ -430,7 +432,7 @@ QDataStream& operator<<(QDataStream& stream, Node* node)
     stream << static_cast<qint32>(node->_framesAcknowledged) << qint32{node->_frameAcknowledgeTimeout};
     stream << node->_inactiveColor << node->_activeColor << node->_txColor << node->_rxColor;
     stream << node->_strokeWidth;
-    // Not in the order of the members, on purpose: the format has always had it so.
+    // These are not in the order of the members, on purpose: the format has always had this order.
     stream << static_cast<qint32>(node->_showAddress) << static_cast<qint32>(node->_showConnectionCount)
            << static_cast<qint32>(node->_showName);
     stream << node->_name << node->toolTip();

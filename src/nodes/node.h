@@ -18,24 +18,24 @@ QT_END_NAMESPACE
 
 class Connection;
 
-/// One station of the simulated network: where a frame enters the medium and where it leaves it.
+/// One station of the simulated network: where a frame enters a link and where it leaves it.
 ///
-/// A plain node is passive; only an attached program (see TcpNode) makes it active. Settings can be left
-/// undecided (Qt::PartiallyChecked, a number below the range, an invalid colour); the network's default node,
-/// itself a Node, then supplies them at the moment of use.
+/// A plain node is passive; only an attached program (see TcpNode) makes it active. The user may leave
+/// settings undecided: Qt::PartiallyChecked, a number below the range, an invalid colour. The network's
+/// default node, itself a Node, then supplies them at the moment of use.
 class Node : public QObject, public NetworkItem
 {
     Q_OBJECT
 
 public:
-    /// Written into simulation files and compared when matching nodes: may not change.
+    /// Simulation files hold these numbers, so they may not change.
     enum NodeKind {
         PlainNode = -1,
         TcpNodeKind = 1,
     };
 
-    /// When a change is painted: at once, as the user expects of his own, or together with the traffic, some
-    /// 60 times a second at most.
+    /// When to paint a change: at once, as the user expects of his own, or together with the traffic. Traffic
+    /// is painted some 60 times a second at most.
     enum Repaint {
         AtOnce,
         WithTraffic,
@@ -44,7 +44,7 @@ public:
     explicit Node(const QByteArray& address);
     explicit Node(const QString& name);
 
-    /// Deletes the node's connections.
+    /// Deletes the node's links.
     ~Node() override;
 
     // Identity
@@ -57,12 +57,12 @@ public:
     bool isInPromiscuousMode() const;  // the default node's when undecided
     bool active() const;               // connected and not disabled
 
-    /// Switches the disabled bit when \a disabling (active clears it), else the connected bit (active sets
-    /// it).
+    /// Switches the disabled bit when \a disabling: active clears it. Else switches the connected bit: active
+    /// sets it.
     void setActive(bool active, bool disabling, Repaint repaint = AtOnce);
 
     // Links, in the order of attachment; owned by this node
-    void addConnection(Connection* connection);  // a second time: ignored
+    void addConnection(Connection* connection);  // ignores one that is there already
     void removeConnection(Connection* connection);
     const QList<Connection*>& connections() const { return _connections; }
     int connectionCount() const { return _connections.size(); }
@@ -77,17 +77,15 @@ public:
     // Appearance; an invalid colour means the default node's
     void setInactiveColor(const QColor& color, Repaint repaint = AtOnce);
     void setActiveColor(const QColor& color, Repaint repaint = AtOnce);
-    void setTxColor(const QColor& color)
-    {
-        _txColor = color;
-    }  // no repaint, on purpose: seen at the next flash
-    void setRxColor(const QColor& color) { _rxColor = color; }  // likewise
+    // These two repaint nothing, on purpose: the next flash shows them
+    void setTxColor(const QColor& color) { _txColor = color; }
+    void setRxColor(const QColor& color) { _rxColor = color; }
 
-    // Link layer, called by connections
+    // Link layer, called by links
     void _dataIndication(QByteArray frame);  // a frame has arrived
     void _dataConfirmation(bool delivered);  // passed on when confirmations are wanted, else ignored
 
-    /// What the node's program is told; a plain node has none.
+    // What the node's program hears; a plain node has none
     virtual void dataIndication(QByteArray frame);
     virtual void dataConfirmation(bool delivered);
 
@@ -100,14 +98,14 @@ public:
     void paint(QPainter* painter, const QStyleOptionGraphicsItem* option, QWidget* widget) override;
 
 public slots:
-    /// Sends a frame over every connection. An inactive node flashes its transmit colour all the same, on
-    /// purpose, but the frame is dropped and never confirmed.
+    /// Sends a frame over every link. An inactive node flashes its transmit colour all the same, on purpose,
+    /// but drops the frame and never confirms it.
     void dataRequest(QByteArray frame);
 
     void clearTxFlag();
     void clearRxFlag();
 
-    /// Reports the loss of a sent frame, whether or not confirmations are still wanted.
+    /// Reports the loss of a sent frame, whether or not the program still wants confirmations.
     void frameLost();
 
 signals:
@@ -174,9 +172,9 @@ private:
     ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
-/// What a node is called within one simulation file: unique among the living nodes; 0 for no node.
+/// Returns the node's number within a simulation file. It is unique among the living nodes; 0 means no node.
 quint64 nodeFileId(const Node* node);
 
-/// One node record of the simulation file; reading starts behind the record's header.
+// One node record of the simulation file; reading starts behind the record's header
 QDataStream& operator<<(QDataStream& stream, Node* node);
 QDataStream& operator>>(QDataStream& stream, Node* node);

@@ -36,7 +36,7 @@ Node* defaultNode()
     return network()->defaultNode();
 }
 
-/// Nothing when a byte lacks its second digit: decoding would push all digits by one place.
+/// Decodes an address. Returns nothing when a byte lacks its second digit, which would shift all digits.
 std::optional<QByteArray> addressFrom(const QByteArray& text)
 {
     const auto isDigit = [](unsigned char character) { return std::isxdigit(character) != 0; };
@@ -45,7 +45,7 @@ std::optional<QByteArray> addressFrom(const QByteArray& text)
     return QByteArray::fromHex(text);
 }
 
-/// Out of the form at once, but not deleted before its own signal is over.
+/// Takes a field out of the form at once, but does not delete it before its own signal is over.
 void discard(QLayoutItem* item)
 {
     if (!item)
@@ -127,7 +127,7 @@ void NodePropertiesWidget::_addStatistics(PropertyForm& form)
     connect(_node, SIGNAL(receivedStatisticsChanged(int,int)), this, SLOT(receivedStatisticsUpdate(int,int)));
 }
 
-/// Whether to show the name has no row, on purpose.
+/// Adds the rows on appearance. Showing the name has none, on purpose.
 void NodePropertiesWidget::_addAppearance(PropertyForm& form)
 {
     const Node* defaults = defaultNode();
@@ -154,7 +154,8 @@ void NodePropertiesWidget::_addAppearance(PropertyForm& form)
     _resetAppearance->setVisible(_hasOwnAppearance());
 }
 
-/// A node can leave it to the default node (the third state), the default node cannot.
+/// Adds a switch. With its third state, a node leaves the choice to the default node, which itself has only
+/// two.
 QCheckBox* NodePropertiesWidget::_addSwitch(PropertyForm& form, const QString& label, Qt::CheckState state,
                                             const char* changed) const
 {
@@ -171,7 +172,7 @@ QtColorPicker* NodePropertiesWidget::_addColor(PropertyForm& form, const QString
     return form.addColorPicker(label, colors, changed);
 }
 
-/// Neither does showing the name count: there is no row to bring it back with.
+/// Tells whether the node has decided on something that a row can reset. Showing the name has no row.
 bool NodePropertiesWidget::_hasOwnAppearance() const
 {
     return isOwn(_node->_inactiveColor) || isOwn(_node->_activeColor) || isOwn(_node->_txColor)
@@ -192,7 +193,7 @@ void NodePropertiesWidget::nodeNameChanged(const QString& name)
         _node->setName(name);
 }
 
-/// A text that is no address of the network's length changes nothing, without a word.
+/// Asks for an address and assigns it. Ignores a text that is no address of the network's length.
 void NodePropertiesWidget::assignAddress()
 {
     const QPointer<NodePropertiesWidget> self = this;  // the dialog's event loop may see the end of the form
@@ -207,7 +208,7 @@ void NodePropertiesWidget::assignAddress()
     _showAssignedAddress();
 }
 
-/// False when the dialog was cancelled.
+/// Lets the user type an address. False when he cancels.
 bool NodePropertiesWidget::_askForAddress(QString* text)
 {
     const QPointer<QInputDialog> dialog = new QInputDialog(this);
@@ -226,7 +227,8 @@ bool NodePropertiesWidget::_askForAddress(QString* text)
     return isAccepted;
 }
 
-/// The label is not spelt as in a form made for a node with an address, on purpose.
+/// Shows the new address in the place of the button. A form that is made for a node with an address spells
+/// the label in another way, on purpose.
 void NodePropertiesWidget::_showAssignedAddress()
 {
     const QFormLayout::TakeRowResult row = _networkGroupForm->takeRow(_assign);
@@ -256,8 +258,8 @@ void NodePropertiesWidget::disableChanged(int state)
         _node->setActive(state != Qt::Checked, true);
 }
 
-/// The timeout shown is also stored, as the box changes: a node that goes back to the default's timeout keeps
-/// it as its own, on purpose.
+/// Stores the switch and shows the timeout that now counts. The box stores it as it changes: a node that goes
+/// back to the default's timeout keeps it as its own, on purpose.
 void NodePropertiesWidget::framesAcknowledgedChanged(int state)
 {
     _store(&Node::_framesAcknowledged, static_cast<Qt::CheckState>(state));
@@ -330,7 +332,7 @@ void NodePropertiesWidget::showConnectionCountChanged(int state)
     _storeAppearance(&Node::_showConnectionCount, static_cast<Qt::CheckState>(state));
 }
 
-/// The fields store what they are set to, so the node's settings are given up last.
+/// Shows the defaults, then gives up the node's own settings: the fields store what they are set to.
 void NodePropertiesWidget::resetAppearance()
 {
     const Node* defaults = defaultNode();
@@ -359,7 +361,7 @@ void NodePropertiesWidget::_storeAppearance(Value Node::*setting, const Value& v
     _appearanceChanged();
 }
 
-/// Every node may inherit what the default node looks like.
+/// Repaints what shows the change: every node may inherit the look of the default node.
 void NodePropertiesWidget::_appearanceChanged()
 {
     if (_default) {

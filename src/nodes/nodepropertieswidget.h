@@ -18,14 +18,14 @@ class PropertyForm;
 class QtColorPicker;
 class TrafficFields;
 
-/// The form that edits a node, or the network's default node. Each change is stored at once; of what changes
-/// elsewhere it shows the statistics only.
+/// The form that edits a node, or the network's default node. It stores each change at once. Of what changes
+/// elsewhere, it shows the statistics only.
 class NodePropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
-    /// \a parentProperties: a further form to show below this one, or null.
+    /// Shows \a parentProperties, a further form or null, below this one.
     NodePropertiesWidget(Node* node, QWidget* parentProperties);
 
 public slots:

@@ -18,14 +18,14 @@
 namespace {
 
 constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;  // bytes; a program that stops reading is dropped beyond it
+    = qint64{64} * 1024 * 1024;  // bytes; beyond it, a program that has stopped reading is dropped
 
-// What a program may have handled before others have their turn; they take some milliseconds at most. A burst
-// of 16 KiB, the most that is safe to have under way, is handled as a whole.
+// What the node handles for one program before others have their turn: some milliseconds of work at most. It
+// handles a burst of 16 KiB, the most that is safe to have under way, as a whole.
 constexpr int mostMessagesAtATime = 1000;
 constexpr int mostBytesAtATime = 64 * 1024;
 
-// Bytes that a socket reads ahead
+// Bytes that a socket may read ahead
 constexpr qint64 unlimited = 0;
 constexpr qint64 lessThanItHolds = 1;
 
@@ -42,7 +42,7 @@ QMenu* newDebugMenu(QWidget* parent)
     return menu;
 }
 
-/// The length word of a message's body; that of a null array reads as 0.
+/// Reads the length word of a message's body. That of a null array reads as 0.
 quint32 readBodyLength(MessageReader& reader)
 {
     const quint32 length = reader.readWord();
@@ -75,10 +75,10 @@ TcpNode::~TcpNode()
 
 void TcpNode::setSocket(QTcpSocket* socket)
 {
-    const bool isNew = socket != _socket;  // the present one is closed, and may be deleted
+    const bool isNew = socket != _socket;  // the present socket is closed below, and may be deleted
     if (_socket)
         _socket->close();  // normally runs _socketStateChanged()
-    if (_socket) {         // but unsent bytes hold the closing up
+    if (_socket) {         // but unsent bytes delay the closing
         QTcpSocket* unsent = _socket;
         _detachSocket();
         delete unsent;
@@ -91,19 +91,19 @@ void TcpNode::_adoptSocket(QTcpSocket* socket)
 {
     _socket = socket;
     _socket->setParent(this);
-    // Without it frames arrive 40 ms late, in bursts.
+    // Without this, frames arrive 40 ms late, in bursts.
     _socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(_socket,
             SIGNAL(stateChanged(QAbstractSocket::SocketState)), this,
                    SLOT(_socketStateChanged(QAbstractSocket::SocketState)));
     connect(_socket, SIGNAL(readyRead()), this, SLOT(_socketDataIndication()));
-    if (_socket->bytesAvailable() > 0)  // what followed an identification by address
+    if (_socket->bytesAvailable() > 0)  // that came behind an identification by address
         QMetaObject::invokeMethod(this, "_socketDataIndication", Qt::QueuedConnection);
     setActive(true, false);
     emit connectionStateChanged();
 }
 
-/// The node forgets the socket, which is the caller's from here on.
+/// Forgets the socket, which belongs to the caller from here on.
 void TcpNode::_detachSocket()
 {
     _socket->disconnect(this);
@@ -117,14 +117,14 @@ void TcpNode::_detachSocket()
 
 void TcpNode::_socketStateChanged(QAbstractSocket::SocketState state)
 {
-    const bool isInputWaiting = !_input.atEnd();  // what the program has sent before it went is handled first
+    const bool isInputWaiting = !_input.atEnd();  // the last messages of a program are handled first
     if (state != QAbstractSocket::UnconnectedState || !_socket || isInputWaiting)
         return;
     _socket->deleteLater();
     _detachSocket();
 }
 
-/// After a protocol error: detaches the node at once, whether or not the peer still reads.
+/// Detaches the node at once after a protocol error, whether or not the peer still reads.
 void TcpNode::_closeSocket()
 {
     if (!_socket)
@@ -146,7 +146,7 @@ void TcpNode::_abortSocket()
 
 void TcpNode::_socketDataIndication()
 {
-    const Timeouts::Pass pass;  // sends all confirmations at its end
+    const Timeouts::Pass pass;  // sends all confirmations when it ends
     if (!_socket || !_input.atEnd())
         return;
     _input.peek(*_socket);
@@ -177,11 +177,11 @@ void TcpNode::_handleInput()
     _socket->skip(_input.size());
     _socket->setReadBufferSize(unlimited);
     _input.clear();
-    _socketStateChanged(_socket->state());  // a program that has gone was waited for
+    _socketStateChanged(_socket->state());  // the program may have gone meanwhile
 }
 
-/// False when the connection is to be closed. Of an incomplete message, which the reader tells, nothing is
-/// done.
+/// Handles one message. Does nothing for an incomplete one, which the reader reports. False when the
+/// connection has to be closed.
 bool TcpNode::_handleMessage(MessageReader& reader)
 {
     switch (reader.readByte()) {
@@ -193,7 +193,7 @@ bool TcpNode::_handleMessage(MessageReader& reader)
     case Bridge::Ignored:
         reader.skip(readBodyLength(reader));
         return true;
-    default:  // Bridge::Goodbye among them: its body goes with the connection
+    default:  // also Bridge::Goodbye, whose body goes with the connection
         return false;
     }
 }
@@ -217,7 +217,7 @@ bool TcpNode::_handleNodeControl(MessageReader& reader)
     case Bridge::SetAddress:
         _handleAddress(reader, dataLength);
         return true;
-    case Bridge::Enable:  // announced data bytes are not read, on purpose: they begin the next message
+    case Bridge::Enable:  // on purpose, announced data bytes begin the next message
         setActive(true, true, WithTraffic);
         return true;
     case Bridge::Disable:  // likewise
@@ -234,7 +234,7 @@ bool TcpNode::_handleNodeControl(MessageReader& reader)
     }
 }
 
-/// An address of the wrong length is read and dropped.
+/// Reads an address, and drops it when it has the wrong length.
 void TcpNode::_handleAddress(MessageReader& reader, quint32 dataLength)
 {
     const QByteArray newAddress = reader.readBytes(dataLength);
@@ -247,12 +247,12 @@ void TcpNode::_handleAddress(MessageReader& reader, quint32 dataLength)
         setAddress(newAddress, WithTraffic);
 }
 
-/// The inactive colour is a pale version of the active one. A component above 210 gives an invalid colour, on
-/// purpose: the default node's is taken then.
+/// Reads the active colour, of which the inactive one is a pale version. A component above 210 makes that one
+/// invalid, on purpose: the default node's takes its place.
 void TcpNode::_handleColor(MessageReader& reader, quint32 dataLength)
 {
     if (dataLength != Bridge::colorSize)
-        return;  // the bytes are left, on purpose: they begin the next message
+        return;  // on purpose, the bytes begin the next message
     const quint8 red = reader.readByte();
     const quint8 green = reader.readByte();
     const quint8 blue = reader.readByte();
@@ -302,7 +302,7 @@ void TcpNode::sendDebugCommandToSelectedOrAll(DebugCommand command)
         node->sendDebugCommand(command);
 }
 
-/// While unattached, nothing. Within a pass of deliveries the messages are gathered to its end.
+/// Sends nothing while unattached. Within a pass of deliveries, gathers the messages to the end of the pass.
 void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
 {
     if (!_socket)
@@ -316,7 +316,7 @@ void TcpNode::_sendMessage(quint8 type, const QByteArray& body)
         _output.giveToSocket(*_socket);
 }
 
-/// Sends what one pass of deliveries has written in one go, without waiting for the event loop to find it.
+/// Sends all that one pass of deliveries has written at once, before the event loop would.
 void TcpNode::_flushOutput()
 {
     if (!_socket)
@@ -328,17 +328,17 @@ void TcpNode::_flushOutput()
     _socket->flush();
 }
 
-/// For this node only: it becomes the selected one. Dismissing the menu sends nothing.
+/// Selects this node alone and sends it the command that the user chooses, if any.
 void TcpNode::contextMenuEvent(QGraphicsSceneContextMenuEvent* event)
 {
     if (scene() && scene()->selectedItems() != QList<QGraphicsItem*>{this})
         scene()->clearSelection();
     setSelected(true);
-    // The menu takes the release, which would end the press that has opened it.
+    // The menu takes the release that would end the press which has opened it.
     if (QGraphicsItem* pressed = scene() ? scene()->mouseGrabberItem() : nullptr)
         pressed->ungrabMouse();
 
-    // The event loop of the menu may see the end of this node, and of the menu with its parent.
+    // While the menu is open, this node may end, and so may the menu with its parent.
     const QPointer<TcpNode> self = this;
     const QPointer<QMenu> menu = newDebugMenu(QApplication::focusWidget());
     const QAction* chosen = menu->exec(event->screenPos());

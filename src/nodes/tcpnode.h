@@ -11,18 +11,18 @@ QT_BEGIN_NAMESPACE
 class QTcpSocket;
 QT_END_NAMESPACE
 
-/// A node whose behaviour an external program supplies over TCP: the program's frame messages become sends,
-/// delivered frames and confirmations are written back, and the program may set the node's address, name,
+/// A node whose behaviour an external program supplies over TCP. The program's frame messages become sends,
+/// and the node writes back delivered frames and confirmations. The program may set the node's address, name,
 /// colour and activation.
 ///
-/// No part of a message is kept for the next read, on purpose: one that is only partly there when its first
-/// byte is read closes the connection. Programs write each message in one piece.
+/// The node keeps no part of a message for the next read, on purpose: a message that is only partly there
+/// when its first byte is read closes the connection. Programs write each message in one piece.
 class TcpNode : public Node
 {
     Q_OBJECT
 
 public:
-    /// Sent to the program; the value is the byte on the wire.
+    /// The node sends these to its program; the value is the byte on the wire.
     enum DebugCommand {
         InvalidDC = 0,
         RunContDC = LATTIVO_COMMAND_RUN,
@@ -33,20 +33,20 @@ public:
         IdentifyDC = LATTIVO_COMMAND_IDENTIFY,
     };
 
-    /// \a socket as in setSocket().
+    // \a socket as in setSocket()
     TcpNode(const QByteArray& address, QTcpSocket* socket);
     TcpNode(const QString& name, QTcpSocket* socket);
     ~TcpNode() override;
 
-    /// Attaches the program behind \a socket; a program attached before loses its connection. A connected
-    /// socket is owned by the node from here on. Null and an unconnected one, which is not adopted, leave the
-    /// node unattached; so does the socket that it has already, which is closed.
+    /// Attaches the program behind \a socket; a program attached before loses its connection. From here on
+    /// the node owns a connected socket. It does not adopt an unconnected one, which leaves it unattached, as
+    /// null does. The socket that it already has is closed, and leaves it unattached too.
     void setSocket(QTcpSocket* socket);
     const QTcpSocket* socket() const { return _socket; }  // null when no program is attached
 
     void sendDebugCommand(DebugCommand command);
 
-    /// To the selected node, or to every TCP node in order of construction when nothing is selected.
+    /// Sends to the selected node, or to every TCP node in order of construction when nothing is selected.
     static void sendDebugCommandToSelectedOrAll(DebugCommand command);
 
     void dataIndication(QByteArray frame) override;
@@ -84,9 +84,9 @@ private:
     void _flushOutput();
 
     QTcpSocket* _socket = nullptr;  // owned once adopted; null when no program is attached
-    MessageReader _input;           // what has arrived; all of it is handled before more is read
+    MessageReader _input;  // what has arrived; the node reads no more before it has handled all of it
     Timeouts _furtherInput{[this] { _handleInput(); }};
-    MessageOutput _output;  // of the present pass
+    MessageOutput _output;  // what the present pass has written
     Timeouts _outputFlush{[this] { _flushOutput(); }};
 
     static QList<TcpNode*> __allTcpNodes;  // every living TCP node in order of construction; not owned

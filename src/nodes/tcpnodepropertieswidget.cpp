@@ -9,7 +9,7 @@
 
 namespace {
 
-/// A server that listens on all addresses sees IPv4 peers under IPv6 addresses: their plain form is shown.
+/// Shows IPv4 addresses in their plain form: a server on all addresses sees such peers under IPv6 addresses.
 QString hostText(const QHostAddress& host)
 {
     bool isIpv4 = false;

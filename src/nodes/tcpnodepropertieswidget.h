@@ -9,13 +9,13 @@ QT_END_NAMESPACE
 
 class TcpNode;
 
-/// The form that edits a TCP node: shows which program is attached, above the form of an ordinary node.
+/// The form that edits a TCP node. It shows which program is attached, above the form of an ordinary node.
 class TcpNodePropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
-    /// \a parentProperties: the form of an ordinary node, to show below this one, or null.
+    /// Shows \a parentProperties, the form of an ordinary node or null, below this one.
     TcpNodePropertiesWidget(TcpNode* node, QWidget* parentProperties);
 
 public slots:
