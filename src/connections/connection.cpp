@@ -19,8 +19,8 @@ namespace {
 constexpr double pi = 3.14159265;
 constexpr qreal linkZValue = 1.0;
 constexpr double faintestOpacity = 0.1;
-constexpr double bandHalfWidth = 10.0;  // of the hit test, scene units to either side of the line
-constexpr int dotPitch = 8;             // of the frames in flight
+constexpr double bandHalfWidth = 10.0;  // in the hit test, scene units to either side of the line
+constexpr int dotPitch = 8;             // scene units, of the frames in flight
 constexpr int dotSize = 6;
 constexpr int lineLengthPerDot = 10;
 constexpr int capsuleHeight = 14;
@@ -33,7 +33,7 @@ const Connection* defaultConnection()
     return NetworkSimulation::instance()->network()->defaultConnection();
 }
 
-/// Of the line between the nodes, in radians; two nodes on one spot give a level line.
+/// Returns the angle of the line between the nodes in radians. Two nodes on one spot give a level line.
 double lineAngle(const QPointF& difference)
 {
     if (difference.isNull())
@@ -41,8 +41,8 @@ double lineAngle(const QPointF& difference)
     return std::atan(difference.y() / difference.x());
 }
 
-/// Stamps and captures a frame that leaves its link. Without a capture nobody sees the stamp, and reading the
-/// clock for it costs 4 % of the frames per second.
+/// Stamps and captures a frame that leaves its link. Without a capture nobody sees the stamp, which costs 4 %
+/// of the frames per second.
 void leaveLink(Frame& frame, bool isReceived)
 {
     if (!frame.isCaptured())
@@ -53,7 +53,8 @@ void leaveLink(Frame& frame, bool isReceived)
         frame.neverReceived();
 }
 
-/// A late frame is delivered but never confirmed, nor is one that only promiscuous mode has picked up.
+/// Hands a frame over and confirms it. It confirms no late frame, nor one that only promiscuous mode picks
+/// up.
 void handOver(Frame& frame)
 {
     frame.destinationNode()->_dataIndication(frame.payload());
@@ -67,8 +68,9 @@ void handOver(Frame& frame)
 
 /// Tells Qt where a link really paints; the picture stays as it is.
 ///
-/// The bounds of a link are less than that, and those of a level or an upright one are empty: by them alone,
-/// Qt would lose its updates and leave it out where only its capsule lies in the repainted region.
+/// The bounds of a link are smaller, and those of a level or an upright one are empty. By them alone, Qt
+/// would lose its updates. It would also leave the link out where only its capsule lies in the repainted
+/// region.
 class Connection::PaintedArea : public QGraphicsEffect
 {
 public:
@@ -86,8 +88,9 @@ private:
     const Connection* _link;  // its owner
 };
 
-/// \a bounds are the link's in the pixels of a view, or in scene units while there is no view. Those of a
-/// level or an upright link may be turned inside out, and a view that is scaled turns them back.
+/// Returns the area that the link paints. \a bounds are the link's in the pixels of a view, or in scene units
+/// without a view. A level or an upright link may have bounds that are turned inside out; a scaled view turns
+/// them back.
 QRectF Connection::PaintedArea::boundingRectFor(const QRectF& bounds) const
 {
     const QRectF inScene = _link->boundingRect();
@@ -158,9 +161,9 @@ bool Connection::carryFrame(QByteArray frame, int atLeastUntil, bool lastConnect
     if (!carried.isValid())
         return false;
     if (lastConnection && carried.isBroadcast())
-        source->_dataConfirmation(true);  // once a send, when it is sent and never later
+        source->_dataConfirmation(true);  // once for each send, and at once
 
-    _frames.append(carried);  // also a frame that will not arrive: it travels visibly and is captured as lost
+    _frames.append(carried);  // also a frame that will be lost: it travels visibly and is captured
     _deliveries.start(delay);
     _repaint.request();
     return carried.wasDelivered(false);
@@ -176,7 +179,7 @@ void Connection::deliverFrame()
     if (frame.destinationNode() && frame.wasDelivered(false))
         handOver(frame);
     else
-        leaveLink(frame, false);  // the sender learns of it through its own timeout
+        leaveLink(frame, false);  // the sender learns of it from its own timeout
     NetworkSimulation::instance()->network()->noteFrameLeavesLink();
 }
 
@@ -185,8 +188,8 @@ QWidget* Connection::propertiesWidget()
     return new ConnectionPropertiesWidget(this, nullptr);
 }
 
-/// Measured with the own stroke width, on purpose: a link that follows the default width (own value -1) gets
-/// bounds one unit smaller on every side than its line.
+/// Measures with the own stroke width, on purpose. In a link that follows the default width it is -1: the
+/// bounds are then one unit smaller than the line on every side.
 QRectF Connection::boundingRect() const
 {
     if (!_nodes[0] || !_nodes[1])
@@ -199,7 +202,7 @@ QRectF Connection::boundingRect() const
                   std::abs(p0.x() - p1.x()) + 2 * width, std::abs(p0.y() - p1.y()) + 2 * width);
 }
 
-/// A band around the line whatever its stroke width; it may reach beyond the bounds.
+/// Returns a band around the line, whatever its stroke width. The band may reach beyond the bounds.
 QPainterPath Connection::shape() const
 {
     QPainterPath band;
@@ -243,8 +246,8 @@ void Connection::paint(QPainter* painter, const QStyleOptionGraphicsItem* /*opti
     }
 }
 
-/// A capsule at the middle of the line with a dot a frame, the oldest first, as many as the line has room
-/// for.
+/// Draws a capsule at the middle of the line with a dot for each frame, the oldest first. It holds as many
+/// dots as the line has room for.
 void Connection::_drawFramesInFlight(QPainter* painter, const QPen& linePen) const
 {
     const QPointF difference = _nodes[0]->pos() - _nodes[1]->pos();
@@ -277,21 +280,22 @@ void Connection::mousePressEvent(QGraphicsSceneMouseEvent* event)
     NetworkItem::mousePressEvent(event);
 }
 
-/// Tells a click from a drag. Qt forgets where it was pressed when the scene has found it, and not Qt itself.
+/// Lets Qt tell a click from a drag. Qt does not know where a link was pressed that only the scene found.
 void Connection::mouseReleaseEvent(QGraphicsSceneMouseEvent* event)
 {
     event->setButtonDownScenePos(Qt::LeftButton, _pressedAt);
     NetworkItem::mouseReleaseEvent(event);
 }
 
-/// That of the default connection changes the bounds of no link: its form repaints the whole scene.
+/// Sets the width, which changes the bounds. That of the default link changes no bounds: its form repaints
+/// the whole scene.
 void Connection::_setStrokeWidth(double width)
 {
     prepareGeometryChange();
     _connectionStrokeWidth = width;
 }
 
-/// Timeouts of the frames keep running and will take frames carried after the link is mended, on purpose.
+/// Drops the frames, but not their timeouts, on purpose. These take frames that the link carries once mended.
 void Connection::_discardFramesInFlight()
 {
     _frames.clear();
@@ -313,8 +317,8 @@ double Connection::_effectiveReliability() const
     return ownOrDefault(_reliability >= 0, _reliability, defaultConnection()->_reliability);
 }
 
-/// How far the picture goes beyond the line between the nodes, at most, on every side: by the caps of the
-/// line or by the capsule.
+/// Returns how far the picture reaches beyond the line between the nodes at most, on every side: by the caps
+/// of the line or by the capsule.
 double Connection::_reachBeyondLine() const
 {
     return std::max(_effectiveStrokeWidth(), capsuleHeight / 2.0 + capsuleStrokeWidth);

@@ -15,10 +15,11 @@ QT_END_NAMESPACE
 
 class Node;
 
-/// The medium between two nodes: holds the frames in flight and hands each over when its delay is up.
+/// A link: the medium between two nodes. It holds the frames in flight and hands each over when its delay is
+/// up.
 ///
-/// Settings can be left undecided; the network's default connection, itself a Connection without ends, then
-/// supplies them at the moment of use. The getters give the own values, the caller applies the fallback.
+/// The user may leave settings undecided. The network's default link, itself a Connection without ends, then
+/// supplies them at the moment of use. The getters give the own values; the caller applies the fallback.
 class Connection : public QObject, public NetworkItem
 {
     Q_OBJECT
@@ -27,13 +28,13 @@ public:
     /// Registers itself with both nodes, which are not owned and may be null.
     Connection(Node* node1, Node* node2);
 
-    /// Takes itself off its nodes. Frames in flight vanish with it: nobody is told.
+    /// Takes itself off its nodes. Frames in flight vanish with it, and nobody is told.
     ~Connection() override;
 
     // Ends
     Node* node(int index);                // null for an index other than 0 and 1
-    void setNode(int index, Node* node);  // leaves the nodes' lists of connections alone
-    Node* otherNode(const Node* node);    // null when \a node is no end of this connection
+    void setNode(int index, Node* node);  // leaves the nodes' lists of links alone
+    Node* otherNode(const Node* node);    // null when \a node is no end of this link
     bool isNodeInvolved(Node* node);
 
     // Behaviour: the own values
@@ -50,8 +51,8 @@ public:
     void resetStatistics();
 
     /// Takes a frame of \a source on its way to the other end. \a atLeastUntil is the sender's deadline for a
-    /// confirmation in ms, -1 when it expects none; \a lastConnection marks the one that confirms broadcasts
-    /// and is captured. Returns whether the frame will be delivered, in time or late.
+    /// confirmation in ms, -1 when it expects none. \a lastConnection marks the link that confirms broadcasts
+    /// and whose frame is captured. Returns whether the frame will be delivered, in time or late.
     bool carryFrame(QByteArray frame, int atLeastUntil, bool lastConnection, Node* source);
 
     // Scene item
@@ -60,11 +61,10 @@ public:
     QRectF boundingRect() const override;
     QPainterPath shape() const override;
     void paint(QPainter* painter, const QStyleOptionGraphicsItem* option, QWidget* widget) override;
-    using QGraphicsItem::prepareGeometryChange;  // an end that moves moves this item's bounds
+    using QGraphicsItem::prepareGeometryChange;  // an end that moves also moves these bounds
 
 public slots:
-    /// Hands over the oldest frame in flight, whichever one the delay belonged to: a link never reorders
-    /// frames.
+    /// Hands over the oldest frame in flight, whichever frame the delay belonged to: a link never reorders.
     void deliverFrame();
 
 protected:
@@ -91,22 +91,22 @@ private:
     Node* _nodes[2];                           // not owned
     QList<Frame> _frames;                      // in flight, oldest first
     bool _broken = false;                      // carries nothing new
-    double _reliability = -1.0;                // per bit, 0 to 1; negative: the default connection's
+    double _reliability = -1.0;                // per bit, 0 to 1; negative: the default link's
     double _errorDetectionReliability = -1.0;  // per corrupted frame, likewise
-    int _delayMs = -1;                         // 0 or less: the default connection's
-    int _delayDeviationMs = -1;                // 0 or less: the default connection's
+    int _delayMs = -1;                         // 0 or less: the default link's
+    int _delayDeviationMs = -1;                // 0 or less: the default link's
     qint64 _totalFrames = 0;
     qint64 _lostFrames = 0;
     qint64 _crcErrors = 0;
-    QColor _connectionColor;               // invalid: the default connection's
-    double _connectionStrokeWidth = -1.0;  // scene units; negative: the default connection's
-    QPointF _pressedAt;                    // in the scene, by the left button
+    QColor _connectionColor;               // invalid: the default link's
+    double _connectionStrokeWidth = -1.0;  // scene units; negative: the default link's
+    QPointF _pressedAt;                    // where in the scene the left button went down
 
-    // One a frame carried; they outlive frames that were discarded.
+    // One for each frame carried; they outlive frames that were discarded.
     Timeouts _deliveries{[this] { deliverFrame(); }};
     ThrottledUpdate _repaint{this, isSceneWatched};
 };
 
-/// One connection record of the simulation file; reading starts behind the record's header.
+// One link record of the simulation file; reading starts behind the record's header
 QDataStream& operator<<(QDataStream& stream, Connection* connection);
 QDataStream& operator>>(QDataStream& stream, Connection* connection);

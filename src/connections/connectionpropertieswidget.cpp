@@ -17,7 +17,7 @@ namespace {
 constexpr PropertyForm::Range<double> percentages{0.0, 100.0, 1.0};
 constexpr double percent = 100.0;
 
-// What a connection stores to follow the default connection
+// What a link stores to follow the default link
 constexpr double undecidedReal = -1.0;
 constexpr int undecidedTime = -1;
 
@@ -80,7 +80,7 @@ void ConnectionPropertiesWidget::_addBehavior(PropertyForm& form)
     _resetBehavior->setVisible(_hasOwnBehavior());
 }
 
-/// Always zero, as nothing counts yet.
+/// Adds the statistics, which are always zero: nothing counts yet.
 void ConnectionPropertiesWidget::_addStatistics(PropertyForm& form)
 {
     const QString zero = QString::number(0);
@@ -148,7 +148,7 @@ void ConnectionPropertiesWidget::errorDetectionReliabilityChanged(double value)
 
 void ConnectionPropertiesWidget::delayChanged(int value)
 {
-    _store(&Connection::_delayMs, value);  // 0 is stored as one's own, on purpose, though it counts as none
+    _store(&Connection::_delayMs, value);  // stores 0 too, on purpose, though it counts as undecided
     _behaviorChanged();
 }
 
@@ -158,7 +158,7 @@ void ConnectionPropertiesWidget::delayDeviationChanged(int value)
     _behaviorChanged();
 }
 
-/// The fields store what they are set to, so the connection's settings are given up last.
+/// Shows the defaults, then gives up the link's own settings: the fields store what they are set to.
 void ConnectionPropertiesWidget::resetBehavior()
 {
     const Connection* defaults = defaultConnection();
@@ -199,7 +199,7 @@ void ConnectionPropertiesWidget::connectionStrokeWidthChanged(double width)
     _appearanceChanged();
 }
 
-/// In the order of resetBehavior(), for the same reason.
+/// Resets in the order of resetBehavior(), for the same reason.
 void ConnectionPropertiesWidget::resetAppearance()
 {
     const Connection* defaults = defaultConnection();
@@ -230,7 +230,7 @@ void ConnectionPropertiesWidget::_setStrokeWidth(double width)
         _connection->_setStrokeWidth(width);
 }
 
-/// Repaints what the settings show in: every connection may follow the default one.
+/// Repaints what shows the change: every link may follow the default one.
 void ConnectionPropertiesWidget::_updateConnection()
 {
     if (_default)

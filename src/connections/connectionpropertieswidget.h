@@ -15,14 +15,14 @@ class Connection;
 class PropertyForm;
 class QtColorPicker;
 
-/// The form that edits a connection, or the network's default connection. Each change is stored at once; what
-/// changes elsewhere is not shown until a new form is made.
+/// The form that edits a link, or the network's default link. It stores each change at once. What changes
+/// elsewhere shows only in a new form.
 class ConnectionPropertiesWidget : public QWidget
 {
     Q_OBJECT
 
 public:
-    /// \a parentProperties: a further form to show below this one, or null.
+    /// Shows \a parentProperties, a further form or null, below this one.
     ConnectionPropertiesWidget(Connection* connection, QWidget* parentProperties);
 
 public slots:
@@ -51,7 +51,7 @@ private:
     template <typename Value> void _store(Value Connection::*setting, const Value& value);
 
     QPointer<Connection> _connection;  // not owned; may go before the form
-    bool _default;                     // it is the network's default connection
+    bool _default;                     // it is the network's default link
 
     QDoubleSpinBox* _reliability = nullptr;
     QDoubleSpinBox* _errorDetectionReliability = nullptr;
@@ -60,7 +60,7 @@ private:
     QtColorPicker* _connectionColor = nullptr;
     QDoubleSpinBox* _connectionStrokeWith = nullptr;
 
-    // Null in the form of the default connection
+    // Null in the form of the default link
     QPushButton* _resetBehavior = nullptr;
     QLineEdit* _frames = nullptr;
     QLineEdit* _lostFrames = nullptr;
