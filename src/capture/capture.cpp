@@ -35,13 +35,14 @@ const ColumnInfo& columnInfo(int section)
     return section >= 0 && section < Capture::ColumnCount ? columns[section] : beyondTheColumns;
 }
 
-/// A variant that holds a null string: valid, equal to "", and no reason for a table to draw a check box.
+/// Returns a variant that holds a null string. It is valid and equal to "", and makes no table draw a check
+/// box.
 QVariant nothing()
 {
     return QString();
 }
 
-/// "    1.234 s" for 1234 ms.
+/// Returns "    1.234 s" for 1234 ms.
 QString timeText(qint64 milliseconds)
 {
     return QStringLiteral("%1.%2 s")
@@ -54,7 +55,7 @@ qint64 duration(quint64 from, quint64 to)
     return static_cast<qint64>(to - from);
 }
 
-/// Has the colours of its file in a selected row as well, which Qt would tint otherwise.
+/// Returns an icon that keeps its colours in a selected row, where Qt would tint it.
 QIcon trueColorIcon(const QString& fileName)
 {
     QIcon icon(fileName);
@@ -84,9 +85,9 @@ void writeDumpHeader(CaptureDumpStream& stream)
            << dumpSnapLength << dumpLinkType;
 }
 
-/// Three things are so on purpose: milliseconds stand where microseconds are announced, the length before the
-/// payload is the bare one, and two bytes 01 stand where a check sequence would and count in the captured
-/// length.
+/// Writes one frame. Three things are so on purpose. Milliseconds stand where microseconds are announced. The
+/// length before the payload is the bare one. Two bytes 01 stand in the place of a check sequence, and count
+/// in the captured length.
 void writeDumpRecord(CaptureDumpStream& stream, const Frame& frame)
 {
     const QByteArray payload = frame.payload();
@@ -97,7 +98,7 @@ void writeDumpRecord(CaptureDumpStream& stream, const Frame& frame)
 
 }  // namespace
 
-/// The images stand in a static library, whose resources the linker drops unless they are asked for.
+/// Asks for the images, which the linker else drops: they stand in a static library.
 static void initializeImages()
 {
     Q_INIT_RESOURCE(resources);
@@ -171,7 +172,7 @@ QVariant Capture::_text(const Frame& frame, int row, int column) const
     switch (column) {
     case DeltaTimeColumn:
         if (row == 0)
-            return 0;  // a number and not a time: the first frame has no predecessor
+            return 0;  // a number, not a time: the first frame has no predecessor
         return timeText(duration(_capturedFrames.at(row - 1).receiveTime(), frame.receiveTime()));
     case SizeColumn:
         return frame.payload().size();
@@ -208,7 +209,7 @@ QVariant Capture::headerData(int section, Qt::Orientation orientation, int role)
     if (role == Qt::TextAlignmentRole)
         return columnInfo(section).alignment;
     if (orientation != Qt::Horizontal)
-        return nothing();  // row numbers are not shown, on purpose
+        return nothing();  // shows no row numbers, on purpose
     if (role == Qt::SizeHintRole)
         return QSize(columnInfo(section).width, headerHeight);
     if (role == Qt::DisplayRole)

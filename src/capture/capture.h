@@ -7,11 +7,11 @@
 #include <QIcon>
 #include <QList>
 
-/// The captured frames, and the table model that shows them: a row a frame in order of arrival, without a
-/// limit.
+/// The captured frames, and the table model that shows them. Each frame has a row, in order of arrival,
+/// without a limit.
 ///
-/// Every answer without data is a variant that holds a null string, not an invalid variant: the only kind for
-/// which a table draws no check box into the cell.
+/// Every answer without data is a variant that holds a null string, and not an invalid variant. Only for such
+/// an answer does a table draw no check box into the cell.
 class Capture : public QAbstractTableModel
 {
     Q_OBJECT
@@ -32,7 +32,7 @@ public:
 
     Capture();
 
-    /// Records a copy of the frame; does nothing while the capture is switched off.
+    /// Records a copy of the frame. Does nothing while the capture is off.
     void addFrame(Frame& frame);
     void clear();
     const QList<Frame>& capturedFrames() const { return _capturedFrames; }
@@ -65,12 +65,12 @@ private:
     QIcon _notDeliveredIcon;
 };
 
-/// The capture record of the simulation file: the two switches, not the frames.
+// The capture record of the simulation file: the two switches, not the frames
 QDataStream& operator<<(QDataStream& stream, Capture& capture);
 QDataStream& operator>>(QDataStream& stream, Capture& capture);
 
-/// A data stream whose << writes a capture as a dump for a packet analyser and not as a record of the
-/// simulation file.
+/// A data stream whose << writes a capture as a dump for a packet analyser. Other streams write a record of
+/// the simulation file.
 class CaptureDumpStream : public QDataStream
 {
 public:
@@ -78,5 +78,5 @@ public:
     virtual ~CaptureDumpStream();
 };
 
-/// All captured frames in the classic pcap file format (pcap-savefile(5)), big-endian.
+/// Writes all captured frames in the classic pcap file format (pcap-savefile(5)), big-endian.
 CaptureDumpStream& operator<<(CaptureDumpStream& stream, Capture& capture);
