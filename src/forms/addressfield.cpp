@@ -7,8 +7,8 @@ namespace {
 
 constexpr int charactersOfPair = 3;  // with the separator behind it
 
-/// Refuses separators in the place of digits, where the mask allows any character: it has written the
-/// separator already when the user types it.
+/// Refuses separators in the place of digits, where the mask allows any character. The mask has already
+/// written the separator when the user types it.
 class SeparatorValidator : public QValidator
 {
 public:

@@ -8,7 +8,7 @@ class QLineEdit;
 class QString;
 QT_END_NAMESPACE
 
-/// Line edits that show or take a node address as pairs of hexadecimal digits.
+/// Helpers for line edits that show or take a node address as pairs of hexadecimal digits.
 namespace AddressField {
 
 /// Centres the text and lays \a mask over it, an input mask of the network.

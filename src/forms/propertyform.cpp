@@ -19,7 +19,7 @@ constexpr int formMargin = 5;
 constexpr int embeddedStretch = 1;
 constexpr int endStretch = 10;
 
-/// Leaves the wheel to the scroll area around the form, until the field has the focus: whoever scrolls over a
+/// Leaves the wheel to the scroll area around the form until the field has the focus. Who scrolls over a
 /// number does not mean to change it.
 class WheelGuard : public QObject
 {
@@ -45,7 +45,7 @@ void fillWidth(QWidget* field)
     field->setSizePolicy(QSizePolicy::MinimumExpanding, QSizePolicy::Preferred);
 }
 
-/// Disabled because nothing can be typed, not because the text means nothing.
+/// Draws the text of a disabled field as that of an active one: the user cannot type it, but has to read it.
 void keepReadable(QLineEdit* field)
 {
     QPalette palette = field->palette();
@@ -113,7 +113,7 @@ Box* PropertyForm::_addNumberBox(const QString& label, const Range<Value>& range
     return box;
 }
 
-/// An undecided state shows as unticked: this box has no third state to fall back to.
+/// Adds a box of two states, which shows an undecided state as unticked.
 QCheckBox* PropertyForm::addCheckBox(const QString& label, Qt::CheckState state, const char* changed)
 {
     auto* box = new QCheckBox(_form);
@@ -136,7 +136,7 @@ QCheckBox* PropertyForm::addThreeStateBox(const QString& label, Qt::CheckState s
 QLineEdit* PropertyForm::addLineEdit(const QString& label, const QString& text)
 {
     auto* field = new QLineEdit(_form);
-    // A text given at construction is laid out whole, however long; one that is set is cut first.
+    // The constructor would lay out a text of any length; setText() cuts it first.
     field->setText(text);
     fillWidth(field);
     _addRow(label, field);
@@ -160,7 +160,7 @@ QLineEdit* PropertyForm::newReadOnlyField(const QString& text, QWidget* parent)
     return field;
 }
 
-/// "Default" comes first: of equal colours the picker names the first one.
+/// Adds a colour picker. "Default" comes first: of equal colours, the picker names the first.
 QtColorPicker* PropertyForm::addColorPicker(const QString& label, const Colors& colors, const char* changed)
 {
     auto* picker = new QtColorPicker(_form, -1, true);

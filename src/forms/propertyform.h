@@ -21,8 +21,8 @@ class QtColorPicker;
 
 /// Puts one property form together: a title, groups of rows with each label above its field, other forms.
 ///
-/// A field is filled before it is connected, so that filling is no edit. The fields belong to the form; the
-/// slots named for them are slots of the form, called when the user or the program changes the field.
+/// It fills a field before it connects it, so that filling is no edit. The fields belong to the form. The
+/// slots named for them are the form's; a change of the field calls them, by the user or by the program.
 class PropertyForm
 {
 public:
@@ -45,7 +45,7 @@ public:
     /// \a form is not owned and has no layout yet.
     PropertyForm(QWidget* form, const QString& title);
 
-    // Groups: rows go into the one begun last
+    // Groups: rows go into the last one
     void beginGroup(const QString& title, int stretch = 0);
     void beginPlainGroup();  // without a frame
 
@@ -61,17 +61,17 @@ public:
     QtColorPicker* addColorPicker(const QString& label, const Colors& colors, const char* changed);
     QPushButton* addButton(const QString& text, const char* clicked, const QString& label = QString());
 
-    /// The group "Comments" with its text.
+    /// Adds the group "Comments" with its text.
     QTextEdit* addComments(const QString& text, const char* changed, int stretch = 0);
 
-    /// A right-aligned field for a row that is inserted later.
+    /// Makes a right-aligned field for a row that is inserted later.
     static QLineEdit* newReadOnlyField(const QString& text, QWidget* parent);
 
     // Below the groups
     void embed(QWidget* otherForm);  // null: nothing
-    void addEnd();                   // leaves what is left of the height empty
+    void addEnd();                   // leaves the rest of the height empty
 
-    /// Of the present group, for rows that come and go while the form is shown.
+    /// Returns the present group's rows, for those that come and go while the form is shown.
     QFormLayout* rows() const { return _rows; }
 
 private:

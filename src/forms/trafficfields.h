@@ -8,15 +8,14 @@ QT_BEGIN_NAMESPACE
 class QLineEdit;
 QT_END_NAMESPACE
 
-/// Two read-only fields that count traffic. Numbers are written at once, but for the long run of a burst,
-/// which is written some 60 times a second, so that painting the fields does not hold the traffic up; those
-/// written last are true.
+/// Two read-only fields that count traffic. They show numbers at once, but those of a long burst only some 60
+/// times a second: painting the fields must not hold the traffic up. The last numbers shown are true.
 class TrafficFields : public QObject
 {
     Q_OBJECT
 
 public:
-    /// The fields are not owned and live as long as \a parent.
+    /// Does not own the fields, which live as long as \a parent.
     TrafficFields(QLineEdit* frames, QLineEdit* bytes, QObject* parent);
 
     void show(int frames, int bytes);
