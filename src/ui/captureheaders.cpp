@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int pauseFactor = 20;  // placing new rows takes one part in so many of the time at most
+constexpr int pauseFactor = 20;  // placing new rows takes at most one part in so many of the time
 
 }  // namespace
 
@@ -75,7 +75,7 @@ CaptureRowHeader::CaptureRowHeader(int rowHeight, QWidget* parent)
     hide();  // the rows have no titles
 }
 
-/// The new rows come through here, and the toolkit's own handling runs later for all of them at once.
+/// Takes the news of rows itself, so that Qt's own handling runs later, for all new rows at once.
 void CaptureRowHeader::setModel(QAbstractItemModel* model)
 {
     const char* inserted = SIGNAL(rowsInserted(QModelIndex,int,int));
@@ -103,7 +103,7 @@ void CaptureRowHeader::_showRows()
     QElapsedTimer timer;
     timer.start();
     sectionsInserted(QModelIndex(), shownRows, rows - 1);
-    sectionPosition(rows - 1);  // places every row anew, which takes the longer the more there are
+    sectionPosition(rows - 1);  // places every row anew, which takes longer the more there are
     _showing.lengthenPause(pauseFactor * timer.nsecsElapsed());
     emit rowsShown();
 }

@@ -4,9 +4,8 @@
 
 #include <QHeaderView>
 
-/// The column titles of the capture table. Paints them in the table's own font and does not ask the model for
-/// one: the capture answers with a text, and the toolkit would complain at every paint that it describes no
-/// font.
+/// The column titles of the capture table. It paints them in the table's own font and does not ask the model
+/// for one. The capture answers with a text, and Qt would complain at each paint that it describes no font.
 class CaptureColumnHeader : public QHeaderView
 {
     Q_OBJECT
@@ -14,11 +13,10 @@ class CaptureColumnHeader : public QHeaderView
 public:
     explicit CaptureColumnHeader(QWidget* parent);
 
-    /// Of all columns, the last one no wider than it wants to be. In pixels.
+    /// Returns the width of all columns in pixels, with the last one as wide as it wants to be.
     int wantedLength() const;
 
-    /// Narrows the columns before the last one, down to what their titles need, so that all of them fit into
-    /// \a width.
+    /// Narrows the columns before the last one, so that all fit into \a width. Their titles stay readable.
     void makeRoomForLastSection(int width);
 
 protected:
@@ -29,7 +27,7 @@ private:
 };
 
 /// The rows of the capture table, hidden and of one height. It tells the table of new rows some 60 times a
-/// second at most, so that drawing does not hold up the frames, and less often when the rows are so many that
+/// second at most: drawing must not hold up the frames. It does so less often when the rows are so many that
 /// placing them takes long.
 class CaptureRowHeader : public QHeaderView
 {
@@ -41,7 +39,7 @@ public:
     void setModel(QAbstractItemModel* model) override;
 
 signals:
-    /// The table has taken over all rows of the model.
+    /// Tells that the table has taken over all rows of the model.
     void rowsShown();
 
 private slots:
@@ -50,5 +48,6 @@ private slots:
 private:
     void _showRows();
 
-    Throttle _showing{[this] { _showRows(); }, 0};  // not before all frames that are there have come in
+    Throttle _showing{[this] { _showRows(); },
+                      0};  // shows none before all frames that are there have come in
 };

@@ -22,14 +22,14 @@ constexpr int fontSize = 10;  // pixels
 constexpr int iconSize = 12;
 constexpr int rowMargin = 2;  // above and below
 constexpr int barStretch = 10;
-constexpr int measuredRows = 0;  // a width fits the rows in view, not all of the million there may be
+constexpr int measuredRows = 0;  // a width fits the rows in view, not all of perhaps a million
 
 int rowHeight(const QWidget* table)
 {
     return std::max(table->fontMetrics().height(), iconSize) + 2 * rowMargin;
 }
 
-/// Lays out no more of a frame's data than fits into its cell: a frame may have millions of bytes.
+/// Lays out only what fits into its cell of a frame's data: a frame may have millions of bytes.
 class FrameDataDelegate : public QStyledItemDelegate
 {
 public:
@@ -44,8 +44,8 @@ protected:
     }
 };
 
-/// The toolkit keeps the selections that table and headers had of a model, until that model goes; the one
-/// that stands for no model never does.
+/// Deletes the selections that table and headers had of an earlier model. Qt keeps them until that model
+/// goes, and the one that stands for "no model" never goes.
 void deleteUnusedSelections(const QTableView& table)
 {
     const QList<QItemSelectionModel*> selections = table.findChildren<QItemSelectionModel*>();
@@ -55,19 +55,19 @@ void deleteUnusedSelections(const QTableView& table)
     }
 }
 
-/// What the counter will grow into, so that it does not push the window wider.
+/// Returns the width into which the counter will grow, so that it does not push the window wider.
 int roomForCount(const QWidget* bar)
 {
     return bar->fontMetrics().horizontalAdvance(QStringLiteral("0000000"));
 }
 
-/// A label of a fixed size does not lay out the whole window again with every text.
+/// Gives the label a fixed size, so that a new text does not lay out the whole window again.
 void fitToText(QLabel* label)
 {
     label->setFixedSize(label->fontMetrics().size(Qt::TextSingleLine, label->text()));
 }
 
-/// The text is true at once and is painted with the next update().
+/// Sets a text at once that only the next update() paints.
 void setTextUnpainted(QLabel* label, const QString& text)
 {
     label->setAttribute(Qt::WA_UpdatesDisabled);
@@ -156,7 +156,7 @@ void CaptureTableView::setCaptureModel(Capture* model)
     connect(model,
             SIGNAL(rowsInserted(QModelIndex,int,int)), this, SLOT(rowsInsertedHandler(QModelIndex,int,int)));
     _captureEnabled->setChecked(model->isEnabled());
-    hideAddrChanged(_hideAddr->checkState());  // a new model comes with all columns shown
+    hideAddrChanged(_hideAddr->checkState());  // a new model shows all columns
     _makeRoomForData();
     _fillWithLastColumn();
     _viewFollows->setChecked(model->doesViewFollows());
@@ -169,7 +169,7 @@ QSize CaptureTableView::sizeHint() const
     return QWidget::sizeHint().expandedTo(QSize(columns + _widthBesideColumns(), 0));
 }
 
-/// With the vertical scroll bar, which comes with the rows.
+/// Returns the width beside the columns, with the vertical scroll bar, which comes with the rows.
 int CaptureTableView::_widthBesideColumns() const
 {
     const QMargins margins = layout()->contentsMargins();
@@ -177,7 +177,7 @@ int CaptureTableView::_widthBesideColumns() const
         + _captureTableView->verticalScrollBar()->sizeHint().width();
 }
 
-/// The width that the window leaves the view is known only now. Later the columns are the user's.
+/// Fits the columns at the first show, when the view knows its width. Later the columns are the user's.
 void CaptureTableView::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
@@ -187,7 +187,7 @@ void CaptureTableView::showEvent(QShowEvent* event)
     _fillWithLastColumn();
 }
 
-/// In a window that is too narrow for all columns.
+/// Makes room for a frame's data in a window that is too narrow for all columns.
 void CaptureTableView::_makeRoomForData()
 {
     if (_model() && isVisible())
@@ -226,12 +226,13 @@ void CaptureTableView::rowsInsertedHandler(const QModelIndex& /*parent*/, int /*
 {
     const Capture* model = _model();
     if (!model || !_viewFollows->isChecked())
-        return;  // the counter stays behind, on purpose
+        return;  // the counter lags behind, on purpose
     setTextUnpainted(_frameCountLabel, QString::number(model->rowCount()));
     _captureTableView->scrollToBottom();
 }
 
-/// The table knows of the new rows only now, so that it is painted seldom; the counter is painted with it.
+/// Paints the counter together with the table, which knows of the new rows only now, so that it paints
+/// seldom.
 void CaptureTableView::_rowsShown()
 {
     fitToText(_frameCountLabel);
@@ -250,7 +251,7 @@ CaptureColumnHeader* CaptureTableView::_columns() const
     return static_cast<CaptureColumnHeader*>(_captureTableView->horizontalHeader());
 }
 
-/// Switching the stretching on where it is on already would do nothing.
+/// Stretches the last column anew: switching on what is already on would do nothing.
 void CaptureTableView::_fillWithLastColumn()
 {
     _columns()->setStretchLastSection(false);

@@ -13,8 +13,8 @@ QT_END_NAMESPACE
 class Capture;
 class CaptureColumnHeader;
 
-/// The table of captured frames with the switches of the capture beneath it. The model is the table's; no
-/// pointer to it is kept here.
+/// The table of captured frames with the switches of the capture beneath it. Only the table keeps a pointer
+/// to the model.
 class CaptureTableView : public QWidget
 {
     Q_OBJECT
@@ -22,10 +22,10 @@ class CaptureTableView : public QWidget
 public:
     explicit CaptureTableView(QWidget* parent);
 
-    /// Null detaches the present capture, which is never owned.
+    /// Shows \a model, which it does not own. Null detaches the present one.
     void setCaptureModel(Capture* model);
 
-    QSize sizeHint() const override;  // all columns are seen
+    QSize sizeHint() const override;  // shows all columns
 
 public slots:
     void enabledChanged(int state);

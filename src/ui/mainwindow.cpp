@@ -23,7 +23,8 @@ namespace {
 constexpr QSize smallestView(500, 400);
 constexpr QSize toolSize(32, 32);
 constexpr QSize
-    roomForFrame(16, 48);  // more than window managers need, who draw the frame only when the window shows
+    roomForFrame(16,
+                 48);  // pixels, more than window managers need, which draw the frame when the window shows
 
 Network* network()
 {
@@ -58,7 +59,7 @@ MainWindow::MainWindow()
     resize(_firstSize());
 }
 
-/// No larger than the screen, but never so narrow that the property forms are cut off.
+/// Returns a size no larger than the screen, but never so narrow that it cuts off the property forms.
 QSize MainWindow::_firstSize() const
 {
     const int cutOff = _propertyEditor->sizeHint().width() - _propertyEditor->minimumWidth();
@@ -138,7 +139,7 @@ QList<QAction*> MainWindow::_addDebugMenu()
     return actions;
 }
 
-/// The part of the network shown is fixed by the view's size before the window has laid it out.
+/// Adds the view. Its size before the window lays it out fixes the part of the network that it shows.
 void MainWindow::_addNetworkView()
 {
     auto* view = new QGraphicsView(this);
@@ -175,7 +176,7 @@ void MainWindow::switchToConnectionDrawingEditMode()
     _switchToDrawing(Network::ConnectionDrawing);
 }
 
-/// The mode goes first: it clears the selection, which brings the network's form up.
+/// Switches the mode first: that clears the selection, which brings up the network's form.
 void MainWindow::_switchToDrawing(Network::EditMode mode)
 {
     network()->setEditorMode(mode);
@@ -195,7 +196,7 @@ void MainWindow::networkItemSelectionChanged()
         _propertyEditor->editNetworkItem(network()->selectedNetworkItem());
 }
 
-/// Does not ask about unsaved changes: no record of them is kept.
+/// Makes a new simulation and does not ask about unsaved changes: nothing records them.
 void MainWindow::newSimulation()
 {
     _detachSimulation();
@@ -209,13 +210,13 @@ void MainWindow::saveSimulationAs()
         = QFileDialog::getSaveFileName(this, tr("Save Network"), QString(), tr("Lattivo File (*.ltvo)"));
     if (fileName.isEmpty())
         return;
-    if (!fileName.contains(QLatin1Char('.')))  // anywhere, also in a folder's name, on purpose
+    if (!fileName.contains(QLatin1Char('.')))  // anywhere, on purpose, also in the name of a folder
         fileName += QStringLiteral(".ltvo");
     if (!NetworkSimulation::instance()->save(fileName))
         QMessageBox::critical(this, tr("Save Network"), tr("Could not save the network!"), QMessageBox::Ok);
 }
 
-/// A file that cannot be read leaves a new, empty simulation, without a message.
+/// Loads a simulation. A file that it cannot read leaves a new, empty one, without a message.
 void MainWindow::loadSimulation()
 {
     const QString fileName = QFileDialog::getOpenFileName(this, tr("Load Network"), QString(),
@@ -264,7 +265,8 @@ void MainWindow::debugQuit()
     TcpNode::sendDebugCommandToSelectedOrAll(TcpNode::QuitDC);
 }
 
-/// Nothing may point into the old simulation while it dies, and its last signals may not call back here.
+/// Lets go of the old simulation: nothing may point into it while it dies, nor may its last signals call
+/// here.
 void MainWindow::_detachSimulation()
 {
     disconnect(network(), nullptr, this, nullptr);

@@ -13,7 +13,7 @@ class CaptureTableView;
 class PropertyEditor;
 
 /// The program's window: the network in the middle, the property editor at its right, the capture beneath it,
-/// menus and tool bars. It owns no part of the simulation and lets go of the old one before a new one
+/// menus and tool bars. It owns no part of the simulation. It lets go of the old one before a new one
 /// replaces it.
 class MainWindow : public QMainWindow
 {

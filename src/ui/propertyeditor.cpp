@@ -11,8 +11,8 @@ namespace {
 
 constexpr int smallestWidth = 240;  // pixels
 
-/// As wide as its form beside the vertical scroll bar. The form of the network, the first one shown, has the
-/// widest rows of all. A dock asks its content, not itself, for the width to begin with.
+/// Wants to be as wide as its form and the vertical scroll bar. The network's form, which comes first, has
+/// the widest rows of all. A dock asks its content, not itself, for its first width.
 class FormArea : public QScrollArea
 {
 public:
@@ -61,7 +61,7 @@ void PropertyEditor::editNothing()
     _removeForm();
 }
 
-/// A field in the middle of an edit finishes it first: there is no step that would apply it later.
+/// Deletes the form. A field in the middle of an edit finishes it first, since no later step would apply it.
 void PropertyEditor::_removeForm()
 {
     QWidget* form = _scrollArea->widget();
@@ -70,5 +70,5 @@ void PropertyEditor::_removeForm()
     if (QWidget* field = form->focusWidget())
         field->clearFocus();
     delete form;
-    _scrollArea->verticalScrollBar()->setRange(0, 0);  // the area does not shrink it with an empty content
+    _scrollArea->verticalScrollBar()->setRange(0, 0);  // an area without a form keeps the old range
 }

@@ -8,9 +8,9 @@ QT_END_NAMESPACE
 
 class NetworkItem;
 
-/// The dock that shows one property form at a time: of the selected item, of the network, or none. The form
-/// shown is owned and goes when another one or nothing is shown. At the dock's own choice of width no form is
-/// cut off; the user may make it narrower.
+/// The dock that shows one property form at a time: that of the selected item, that of the network, or none.
+/// It owns the form, which goes when it shows another one or nothing. The width that it chooses cuts off no
+/// form; the user may make it narrower.
 class PropertyEditor : public QDockWidget
 {
     Q_OBJECT
