@@ -31,7 +31,7 @@ constexpr int dotDistance = 4;
 constexpr int checkSize = 4;  // of the pattern that shows through a translucent colour
 constexpr int outlineAlpha = 128;
 
-/// Equal as seen: the model (RGB, HSV...) in which a colour is written makes no second colour of it.
+/// Tells whether two colours look the same, in whatever model (RGB, HSV...) each is written.
 bool isSameColor(const QColor& left, const QColor& right)
 {
     return left.isValid() == right.isValid() && left.rgba() == right.rgba();
@@ -71,7 +71,7 @@ void drawChecks(QPainter& painter, const QRect& rect)
     }
 }
 
-/// The outline is drawn in the colour of the text, half transparent: it stands out on light and dark ground.
+/// Draws the outline in the colour of the text, half transparent, so that it stands out on any ground.
 void drawSwatch(QPainter& painter, const QRect& rect, const QColor& fill, QColor outline)
 {
     if (fill.alpha() < 255)
@@ -88,8 +88,8 @@ void drawFocusGround(QPainter& painter, const QWidget* widget)
         painter.fillRect(widget->rect(), widget->palette().color(QPalette::Highlight));
 }
 
-/// What QColorDialog::getRgba() does, but for a parent that may be deleted while the dialog is open, and the
-/// dialog with it. Invalid: cancelled, or gone.
+/// Does what QColorDialog::getRgba() does, but the parent may die while the dialog is open, and the dialog
+/// with it. Returns an invalid colour when the user cancels or the dialog has gone.
 QColor askForColor(const QColor& initial, QWidget* parent)
 {
     const QPointer<QColorDialog> dialog(new QColorDialog(QColor::fromRgba(initial.rgba()), parent));
@@ -184,7 +184,7 @@ QSize QtColorPicker::sizeHint() const
     return QPushButton::sizeHint() + QSize(arrowWidth + arrowDistance, 0);
 }
 
-/// The button of the style, with the arrow of those that drop something down.
+/// Paints the button of the style, with the arrow of buttons that drop something down.
 void QtColorPicker::paintEvent(QPaintEvent*)
 {
     _refreshSwatch();
@@ -264,7 +264,7 @@ ColorPickerPopup::ColorPickerPopup(int columns, bool withColorDialog, QWidget* p
 {
     setFrameStyle(QFrame::StyledPanel);
     setBackgroundRole(QPalette::Base);  // sets the popup off from the form below it
-    setAutoFillBackground(true);        // or the role is not looked at
+    setAutoFillBackground(true);        // or Qt ignores the role
     setSizePolicy(QSizePolicy::Minimum, QSizePolicy::Minimum);
     setFocusPolicy(Qt::StrongFocus);
     setMouseTracking(true);
@@ -280,7 +280,8 @@ ColorPickerPopup::~ColorPickerPopup()
         eventLoop->exit();
 }
 
-/// Null for an invalid colour. An equal colour gets a cell of its own: a name of its own may be what matters.
+/// Inserts a colour. Returns null for an invalid one. An equal colour gets a cell too, since its name may
+/// matter.
 ColorPickerItem* ColorPickerPopup::insertColor(const QColor& color, const QString& name, int index)
 {
     if (!color.isValid())
@@ -294,7 +295,7 @@ ColorPickerItem* ColorPickerPopup::insertColor(const QColor& color, const QStrin
     return item;
 }
 
-/// Of several cells of the colour the marked one, else the first.
+/// Returns the marked one of several cells of the colour, else the first.
 ColorPickerItem* ColorPickerPopup::find(const QColor& color) const
 {
     ColorPickerItem* found = nullptr;
@@ -371,7 +372,7 @@ void ColorPickerPopup::hideEvent(QHideEvent* event)
     emit hid();
 }
 
-/// The cells take the keys that choose, and leave the others to the popup.
+/// Moves the focus. The cells take the keys that choose, and leave the others to the popup.
 void ColorPickerPopup::keyPressEvent(QKeyEvent* event)
 {
     const int position = _focusPosition();
@@ -384,8 +385,8 @@ void ColorPickerPopup::keyPressEvent(QKeyEvent* event)
         widget->setFocus(Qt::OtherFocusReason);
 }
 
-/// The focus follows the mouse, so that there is one place for the keys to start from. It follows movements
-/// only: a popup that opens under a resting mouse begins at its selected cell.
+/// Lets the focus follow the mouse, so that the keys start from one place. It follows movements only: a popup
+/// that opens under a resting mouse begins at its selected cell.
 void ColorPickerPopup::mouseMoveEvent(QMouseEvent* event)
 {
     QWidget* widget = childAt(event->pos());
@@ -399,7 +400,7 @@ void ColorPickerPopup::_chooseSender()
         _choose(item);
 }
 
-/// Whoever owns the picker may have deleted it by the time the dialog closes.
+/// Asks for a colour in the dialog. The owner of the picker may delete it while the dialog is open.
 void ColorPickerPopup::_chooseFromDialog()
 {
     const QPointer<ColorPickerPopup> self(this);
@@ -461,7 +462,7 @@ QWidget* ColorPickerPopup::_widgetAtPosition(int position) const
     return widgetAt.value(position % _columnCount()).value(position / _columnCount());
 }
 
-/// -1: neither a colour nor the "more" button has the focus.
+/// Returns -1 when neither a colour nor the "more" button has the focus.
 int ColorPickerPopup::_focusPosition() const
 {
     for (int position = 0; position < lastPos; ++position) {
@@ -471,8 +472,8 @@ int ColorPickerPopup::_focusPosition() const
     return -1;
 }
 
-/// Left and right run through the rows, up and down keep the column, or end in a last row that is too short
-/// for it.
+/// Moves to another cell. Left and right run through the rows. Up and down keep the column, or end in a last
+/// row that is too short for it.
 int ColorPickerPopup::_positionAfterKey(int key, int position) const
 {
     const int last = lastPos - 1;

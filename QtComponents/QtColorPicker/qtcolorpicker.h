@@ -13,16 +13,16 @@ class ColorPickerPopup;
 class QEventLoop;
 class QGridLayout;
 
-/// A push button that shows one colour and lets another be chosen from a popup grid of named colours.
+/// A push button that shows one colour. The user chooses another from a popup grid of named colours.
 class QtColorPicker : public QPushButton
 {
     Q_OBJECT
 
 public:
-    /// columns: of the popup's grid, -1: as many as make it square
+    // columns: of the popup's grid; -1: as many as make it square
     explicit QtColorPicker(QWidget* parent = nullptr, int columns = -1, bool enableColorDialog = true);
 
-    // The colours on offer; index -1 appends, an invalid colour is not inserted
+    // The colours on offer; index -1 appends, and an invalid colour is not inserted
     void insertColor(const QColor& color, const QString& name, int index = -1);
     void setStandardColors();
     QColor color(int index) const;  // invalid outside the grid
@@ -57,13 +57,13 @@ private:
     ColorPickerPopup* popup;  // child window
     QColor col = Qt::black;
     bool withColorDialog;
-    bool dirty = true;  // the swatch on the button is out of date; it is redrawn at the next painting
-    bool firstInserted = false;  // before that the colour is only a stand-in for the first one
+    bool dirty = true;           // the swatch on the button is out of date; the next painting draws it anew
+    bool firstInserted = false;  // false: the colour only stands in for the first one
 
     friend class ColorPickerFixture;
 };
 
-/// The grid of colours that drops down from the button; a click or a key chooses one and closes it.
+/// The grid of colours that drops down from the button. A click or a key chooses one and closes it.
 class ColorPickerPopup : public QFrame
 {
     Q_OBJECT
@@ -78,7 +78,7 @@ public:
     QColor color(int index) const;                     // invalid outside the grid
     void setColorDialogEnabled(bool enabled);
 
-    void markSelected(ColorPickerItem* selectedItem);  // without choosing: nothing is emitted
+    void markSelected(ColorPickerItem* selectedItem);  // chooses nothing and emits nothing
     void exec();  // shows the popup and returns when it is hidden or deleted
 
 signals:
@@ -144,7 +144,7 @@ private:
     bool sel = false;
 };
 
-/// The last cell of the popup, three dots: it leads to the colour dialog.
+/// The last cell of the popup, three dots. It leads to the colour dialog.
 class ColorPickerButton : public QFrame
 {
     Q_OBJECT
