@@ -5,8 +5,8 @@
 #include <QByteArray>
 #include <QString>
 
-/// The message protocol between a TCP node and its program. A message is a type byte, a length of 32 bits and
-/// that many bytes, big-endian: what QDataStream writes for a byte array.
+/// The protocol between a TCP node and its program. A message is a type byte, a length of 32 bits and that
+/// many bytes. Numbers are big-endian: QDataStream writes a byte array in this way.
 namespace Bridge {
 
 enum MessageType : quint8 {
@@ -37,7 +37,7 @@ constexpr int headerSize = LATTIVO_HEADER_SIZE;                          // type
 constexpr int nodeControlHeaderSize = LATTIVO_NODE_CONTROL_HEADER_SIZE;  // and the sub-type
 constexpr quint32 colorSize = LATTIVO_COLOUR_SIZE;                       // red, green, blue
 
-/// UTF-8 up to the first zero byte.
+/// Reads a name: UTF-8 up to the first zero byte.
 inline QString nameFromBytes(const QByteArray& bytes)
 {
     return QString::fromUtf8(bytes.constData(),
