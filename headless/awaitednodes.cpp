@@ -27,7 +27,7 @@ QStringList AwaitedNodes::missing() const
     return missing;
 }
 
-/// A node that dies loses its program first, and so counts no longer.
+/// Watches a node until it dies: it then loses its program first, and so counts no longer.
 void AwaitedNodes::_watch(TcpNode* node)
 {
     connect(node, SIGNAL(connectionStateChanged()), this, SLOT(_lookAtSender()));

@@ -7,8 +7,8 @@
 class Network;
 class TcpNode;
 
-/// Tells when each of a number of names belongs to a node with a program attached. Programs come and go,
-/// rename their nodes and get new ones meanwhile; what that costs does not grow with the number of nodes.
+/// Tells when each of a number of names belongs to a node with a program attached. Meanwhile programs come
+/// and go, rename their nodes and get new ones. The cost of that does not grow with the number of nodes.
 class AwaitedNodes : public QObject
 {
     Q_OBJECT
@@ -16,7 +16,7 @@ class AwaitedNodes : public QObject
 public:
     AwaitedNodes(const QStringList& names, const Network& network, QObject* parent = nullptr);
 
-    QStringList missing() const;  // names without an attached node, in the order given
+    QStringList missing() const;  // the names without an attached node, in the order given
 
 signals:
     void allAttached();  // perhaps more than once
@@ -31,6 +31,6 @@ private:
 
     QStringList _names;
     QHash<QString, int> _attachedNodes;          // how many have this name; of the awaited names only
-    QHash<const TcpNode*, QString> _attachedAs;  // the name with which an attached node has been counted
+    QHash<const TcpNode*, QString> _attachedAs;  // the name under which an attached node counts
     int _missing = 0;                            // names
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-/// How the program ends; listed by --help.
+/// How the program ends. The option --help lists them.
 enum class ExitCode {
     Success = 0,
     WrongOption = 2,

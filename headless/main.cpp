@@ -12,7 +12,7 @@
 namespace {
 
 const QString silentStart
-    = QStringLiteral("default.warning=false");  // of folders that only a desktop session has
+    = QStringLiteral("default.warning=false");  // about folders that only a desktop session has
 const QLatin1String withoutDebugOutput("default.debug=false");
 
 QStringList argumentList(int argc, char* argv[])
@@ -37,13 +37,13 @@ ExitCode answer(const CommandLine& commandLine)
 
 int main(int argc, char* argv[])
 {
-    prepareProcess();                         // a closed standard output is no reason to lose dump and report
+    prepareProcess();                         // a closed standard output must not cost dump and report
     qputenv("QT_QPA_PLATFORM", "offscreen");  // the scene needs an application, but nobody looks at it
-    qputenv("QT_NO_GLIB", "1");               // the toolkit's own event loop costs a frame less than GLib's
+    qputenv("QT_NO_GLIB", "1");               // a frame costs less in Qt's own event loop than in GLib's
 
     QLoggingCategory::setFilterRules(silentStart);
-    int toolkitArgc = 1;  // the toolkit's own options are none of this program's
-    QApplication application(toolkitArgc, argv);
+    int qtArgc = 1;  // this program does not take Qt's own options
+    QApplication application(qtArgc, argv);
     const CommandLine commandLine = parseCommandLine(argumentList(argc, argv));
     if (!commandLine.options)
         return static_cast<int>(answer(commandLine));

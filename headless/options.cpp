@@ -10,22 +10,22 @@
 namespace {
 
 struct KnownOptions {
-    const QCommandLineOption listen{"listen", "Switch the TCP server on, on PORT (0: any free port).",
-                                    "PORT"};
-    const QCommandLineOption plugAndPlay{"plug-and-play", "Programs that match no node get a new one."};
+    const QCommandLineOption listen{"listen", "Switch the TCP server on at PORT (0: any free port).", "PORT"};
+    const QCommandLineOption plugAndPlay{"plug-and-play",
+                                         "Give a new node to each program that matches none."};
     const QCommandLineOption identifyBy{
-        "identify-by", "What programs identify themselves by: \"name\" or \"address\".", "name|address"};
+        "identify-by", "Let programs identify themselves by \"name\" or by \"address\".", "name|address"};
     const QCommandLineOption capture{"capture",
                                      "Switch the capture on and write it to FILE (pcap) at the end.", "FILE"};
     const QCommandLineOption seed{
-        "seed", "Start of the random numbers: the same inputs then give the same losses.", "N"};
+        "seed", "Start the random numbers at N: the same inputs then give the same losses.", "N"};
     const QCommandLineOption duration{"duration", "End after SECONDS.", "SECONDS"};
     const QCommandLineOption frames{"frames", "End when N frames have left their links.", "N"};
-    const QCommandLineOption waitFor{"wait-for",
-                                     "Count time and frames only once the nodes of these names are attached.",
-                                     "NAME[,NAME...]"};
+    const QCommandLineOption waitFor{
+        "wait-for", "Begin to count time and frames when the nodes of these names are attached.",
+        "NAME[,NAME...]"};
     const QCommandLineOption waitTimeout{
-        "wait-timeout", "How long to wait for the nodes of --wait-for (default: 30).", "SECONDS"};
+        "wait-timeout", "Give up waiting for these nodes after SECONDS (default: 30).", "SECONDS"};
     const QCommandLineOption report{"report", "Write what happened to FILE (JSON) at the end.", "FILE"};
     const QCommandLineOption debugOutput{"debug-output", "Write a \"*\" for each corrupted bit."};
     const QCommandLineOption help{{"h", "help"}, "Print this help."};
@@ -37,16 +37,17 @@ QString description()
     const auto line = [](ExitCode code, const char* meaning) {
         return QStringLiteral("\n  %1  %2").arg(static_cast<int>(code)).arg(QLatin1String(meaning));
     };
-    return "Simulates a network of point-to-point links without a window. Prints \"listening on port N\" "
-           "when\n"
-           "programs can attach; ends at the first of its end conditions, or on SIGINT, SIGTERM or SIGHUP.\n"
+    return "Simulates a network of point-to-point links without a window. Prints \"listening on port N\"\n"
+           "when programs can attach. Ends at the first of its end conditions, or on SIGINT, SIGTERM or\n"
+           "SIGHUP.\n"
            "\nExit codes:"
-        + line(ExitCode::Success, "ended in order") + line(ExitCode::WrongOption, "wrong option")
+        + line(ExitCode::Success, "the run ended in order")
+        + line(ExitCode::WrongOption, "an option is wrong")
         + line(ExitCode::SimulationNotLoaded, "the simulation file does not load")
         + line(ExitCode::PortNotOpened, "the port cannot be opened")
         + line(ExitCode::DumpNotWritten, "the dump of --capture cannot be written")
         + line(ExitCode::ReportNotWritten, "the report cannot be written")
-        + line(ExitCode::NodesMissing, "nodes of --wait-for did not attach in time");
+        + line(ExitCode::NodesMissing, "nodes of --wait-for were not attached in time");
 }
 
 void setUp(QCommandLineParser& parser, const KnownOptions& known)
@@ -55,11 +56,11 @@ void setUp(QCommandLineParser& parser, const KnownOptions& known)
     parser.addOptions({known.listen, known.plugAndPlay, known.identifyBy, known.capture, known.seed,
                        known.duration, known.frames, known.waitFor, known.waitTimeout, known.report,
                        known.debugOutput, known.help, known.version});
-    parser.addPositionalArgument("SIMULATION", "Simulation file to load; it is never written.",
+    parser.addPositionalArgument("SIMULATION", "Load this simulation file, which is never written.",
                                  "[SIMULATION]");
 }
 
-/// Reads option values one by one; remembers the first that is wrong.
+/// Reads the values of options one by one, and remembers the first wrong one.
 class ValueReader
 {
 public:
@@ -70,7 +71,7 @@ public:
 
     QString error() const { return _error; }
 
-    /// A whole number from \a smallest to \a largest; nothing when the option is not given.
+    /// Reads a whole number from \a smallest to \a largest. Returns nothing when the option is not given.
     template <typename Number>
     std::optional<Number> wholeNumber(const QCommandLineOption& option, qint64 smallest, qint64 largest)
     {
@@ -163,7 +164,7 @@ CommandLine parseCommandLine(const QStringList& arguments)
     if (parser.isSet(known.version))
         return {std::nullopt, QStringLiteral("lattivo-headless " LATTIVO_VERSION "\n"), false};
     if (parser.positionalArguments().size() > 1)
-        return failure("more than one simulation file");
+        return failure("there is more than one simulation file");
     if (parser.positionalArguments().contains(QString()))
         return failure("the name of the simulation file is empty");
 

@@ -51,7 +51,7 @@ bool OutputFile::open(OpenMode mode)
     return _check(_descriptor != -1) && QIODevice::open(mode);
 }
 
-/// Some disks tell only when a file is closed that they are full.
+/// Writes what is left and closes the file. Some disks tell only then that they are full.
 bool OutputFile::finish()
 {
     _writeOut();
@@ -73,7 +73,7 @@ qint64 OutputFile::writeData(const char* data, qint64 size)
     return _error.isNull() ? size : -1;
 }
 
-/// Pipes and devices have nothing to cut.
+/// Cuts the older contents. Pipes and devices have none.
 void OutputFile::_cut()
 {
     struct stat own = {};
@@ -82,7 +82,7 @@ void OutputFile::_cut()
     _isWritten = true;
 }
 
-/// Once something has failed, what is left is dropped.
+/// Gives the kernel what is unwritten. Once a call has failed, drops the rest.
 void OutputFile::_writeOut()
 {
     if (!_isWritten)
@@ -97,8 +97,8 @@ void OutputFile::_writeOut()
     _unwritten.clear();
 }
 
-/// Somebody may have written to it meanwhile, or put another file in its place. What a link points to goes,
-/// not the link.
+/// Removes the file, unless somebody has written to it or put another one in its place. Of a symbolic link,
+/// it removes what the link points to.
 void OutputFile::_removeIfEmpty() const
 {
     const QByteArray path = QFile::encodeName(QFileInfo(_name).canonicalFilePath());

@@ -4,13 +4,14 @@
 
 class NetworkSimulation;
 
-/// What is known of the run beside the simulation itself.
+/// What the report says of the run, beside the simulation itself.
 struct RunFacts {
     quint32 seed = 0;
-    double seconds = 0.0;        // since all waited-for nodes were attached
+    double seconds = 0.0;        // since all awaited nodes were attached
     qint64 framesLeftLinks = 0;  // since then
     QString endedBy;             // "duration", "frames", "signal", "missing nodes"
 };
 
-/// Nodes in stacking order, the lowest first, and the captured frames by outcome.
+/// Makes the report: the run, the nodes in stacking order, the lowest first, and the captured frames by
+/// outcome.
 QJsonObject makeReport(NetworkSimulation& simulation, const RunFacts& facts);

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int longestUnsentWait = 3000;  // ms that the programs have at the end, as after a protocol error
+constexpr int longestUnsentWait = 3000;  // ms for the programs at the end, as many as after a protocol error
 
 Network& network()
 {
@@ -65,7 +65,7 @@ ExitCode Runner::run()
     return _exitCode;
 }
 
-/// At the start, so that nobody waits an hour to learn that a folder does not exist.
+/// Opens the files at the start: nobody should wait an hour to learn that a folder does not exist.
 bool Runner::_openOutputs()
 {
     if (!_options.captureFile.isEmpty() && !_dump.open())
@@ -81,11 +81,12 @@ bool Runner::_openSimulation()
         return true;
     const QFileInfo info(_simulation);
     if (info.exists() && !info.isFile())  // opening a pipe could wait forever
-        return _failToLoad("not a file but a directory, a pipe or a device");
+        return _failToLoad("it is a directory, a pipe or a device");
     return _simulation.open(QIODevice::ReadOnly) || _failToLoad(_simulation.errorString());
 }
 
-/// By what has been opened: a name says nothing of hard links. Nothing has been written yet.
+/// Checks that no two names lead to one file, before anything is written. Compares what is open, since names
+/// say nothing of hard links.
 bool Runner::_checkFiles()
 {
     const auto check = [this](const OutputFile& file, int other, const QString& otherName) {
@@ -99,7 +100,8 @@ bool Runner::_checkFiles()
         && check(_report, _dump.descriptor(), _dump.name());
 }
 
-/// Not earlier: a pipe is open only when somebody reads it, and a signal must be able to end that wait.
+/// Catches signals, but not before the files are open: opening a pipe waits for its reader, and a signal must
+/// be able to end that.
 void Runner::_catchSignals()
 {
     _signals.emplace();
@@ -115,7 +117,7 @@ bool Runner::_loadSimulation()
     bool isLoaded = true;
     NetworkSimulation::loadNetworkSimulation(&_simulation, &isLoaded);
     _simulation.close();
-    return isLoaded || _failToLoad("not a simulation file, or damaged");
+    return isLoaded || _failToLoad("it is no simulation file, or is damaged");
 }
 
 void Runner::_applySettings()
@@ -131,7 +133,7 @@ void Runner::_applySettings()
         NetworkSimulation::instance()->capture()->setEnabled(true);
 }
 
-/// A simulation file that has the server on has started it already, or could not.
+/// Starts the server. A simulation file may have done so already, or have failed to.
 bool Runner::_startServer()
 {
     if (_options.listenPort) {
@@ -145,7 +147,7 @@ bool Runner::_startServer()
                          .arg(network().tcpPort())
                          .arg(network().tcpErrorString()));
     if (!network().isTcpEnabled()) {
-        fputs("lattivo-headless: the TCP server is off, no program can attach (see --listen)\n", stderr);
+        fputs("lattivo-headless: the TCP server is off, so no program can attach (see --listen)\n", stderr);
         return true;
     }
     printf("listening on port %d\n", network().listeningPort());
@@ -213,7 +215,7 @@ void Runner::_endBySignal()
     _end("signal");
 }
 
-/// Writes everything as it is at this moment; what the event loop still has to do does not show in it.
+/// Writes everything as it is now, without what the event loop still has to do.
 void Runner::_end(const QString& endedBy)
 {
     if (_hasEnded)
@@ -256,7 +258,7 @@ bool Runner::_failToLoad(const QString& reason)
                  QStringLiteral("cannot load the simulation %1: %2").arg(_simulation.fileName(), reason));
 }
 
-/// The first failure decides the exit code. Always false.
+/// Tells the user of a failure. The first one decides the exit code. Returns false always.
 bool Runner::_fail(ExitCode code, const QString& message)
 {
     fprintf(stderr, "lattivo-headless: %s\n", qPrintable(message));

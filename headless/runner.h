@@ -14,8 +14,8 @@
 
 class AwaitedNodes;
 
-/// One run of a simulation without a window: sets it up as the options say, waits for its end and writes what
-/// is asked for. Each failure is one line on standard error and an exit code of its own.
+/// One run of a simulation without a window. It sets the simulation up as the options say, waits for the end
+/// and writes what they ask for. Each failure has one line on standard error and an exit code of its own.
 class Runner : public QObject
 {
     Q_OBJECT
@@ -42,7 +42,7 @@ private:
     bool _startServer();
     void _awaitNodes();
     void _stopWaiting();
-    qint64 _framesLeftLinks() const;  // while the run counts
+    qint64 _framesLeftLinks() const;  // since the run began to count
     void _end(const QString& endedBy);
     void _writeDump();
     void _writeReport(const QString& endedBy);
@@ -55,10 +55,10 @@ private:
     OutputFile _dump;
     OutputFile _report;
     std::optional<TerminationSignals> _signals;  // empty until there is something to write at the end
-    AwaitedNodes* _awaitedNodes = nullptr;       // owned; null while nobody is waited for
+    AwaitedNodes* _awaitedNodes = nullptr;       // owned; null while the run waits for nobody
     QTimer _waitLimit;
     QTimer _runLimit;
-    QElapsedTimer _runTime;        // invalid until all waited-for nodes are attached
-    qint64 _framesLeftBefore = 0;  // when counting began
+    QElapsedTimer _runTime;        // invalid until all awaited nodes are attached
+    qint64 _framesLeftBefore = 0;  // when the run began to count
     bool _hasEnded = false;
 };

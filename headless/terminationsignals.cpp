@@ -8,7 +8,7 @@ namespace {
 
 int signalSockets[2] = {-1, -1};  // written to by the handler, read by the event loop
 
-/// Only what may run inside a signal handler.
+/// Wakes the event loop up. It does only what a signal handler may do.
 extern "C" void notifyEventLoop(int /*signal*/)
 {
     const char byte = 0;
@@ -36,12 +36,12 @@ TerminationSignals::TerminationSignals(QObject* parent)
     : QObject(parent)
 {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, signalSockets) != 0)
-        return;  // the signals then end the process the rough way
+        return;  // the signals then end the process at once
     _notifier.emplace(signalSockets[1], QSocketNotifier::Read);
     connect(&*_notifier, SIGNAL(activated(int)), this, SLOT(_drain()));
     catchSignal(SIGINT);
     catchSignal(SIGTERM);
-    if (!isIgnored(SIGHUP))  // as nohup does
+    if (!isIgnored(SIGHUP))  // as under nohup
         catchSignal(SIGHUP);
 }
 

@@ -5,8 +5,8 @@
 
 #include <optional>
 
-/// Turns SIGINT, SIGTERM and, unless the caller had it ignored, SIGHUP into a signal of the event loop. The
-/// second one of a kind ends the process at once. One object a process.
+/// Turns SIGINT, SIGTERM and SIGHUP into a signal of the event loop, but not a SIGHUP that the caller
+/// ignores. The second signal of a kind ends the process at once. A process has one such object.
 class TerminationSignals : public QObject
 {
     Q_OBJECT

@@ -6,8 +6,9 @@
 #include <QTcpSocket>
 #include <QTimer>
 
-/// A socket that a node has let go of is the network's while it lingers. It is watched until it ends: its
-/// program may still write, and would lose what the kernel has not sent if the process ended before.
+/// Also watches the sockets that nodes have let go of, which are the network's while they linger. It watches
+/// them until they end. Their programs may still write, and would lose what the kernel has not sent if the
+/// process ended before.
 UnsentBytes::UnsentBytes(const Network& network)
 {
     const QList<TcpNode*> nodes = itemsOf<TcpNode>(network.items());

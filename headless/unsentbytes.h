@@ -6,7 +6,7 @@
 
 class Network;
 
-/// What has been written to the programs and is not with them yet.
+/// Waits for what was written to the programs and has not been sent yet.
 class UnsentBytes : public QObject
 {
     Q_OBJECT
@@ -14,7 +14,7 @@ class UnsentBytes : public QObject
 public:
     explicit UnsentBytes(const Network& network);
 
-    /// Runs the event loop until all is sent, but no longer than \a longest milliseconds.
+    /// Runs the event loop until all is sent, but for \a longest milliseconds at most.
     void wait(int longest);
 
 private slots:
@@ -24,6 +24,6 @@ private slots:
 private:
     void _watch(const QObject* socket);
 
-    QSet<const QObject*> _sockets;  // not owned; those that hold some of it
+    QSet<const QObject*> _sockets;  // not owned; those with something to send
     QEventLoop _loop;
 };
