@@ -11,8 +11,8 @@
 
 namespace {
 
-const QString silentStart
-    = QStringLiteral("default.warning=false");  // about folders that only a desktop session has
+// Silences what Qt says of folders that only a desktop session has
+const QString silentStart = QStringLiteral("default.warning=false");
 const QLatin1String withoutDebugOutput("default.debug=false");
 
 QStringList argumentList(int argc, char* argv[])

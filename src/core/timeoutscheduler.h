@@ -32,10 +32,7 @@ public:
     /// begins no other. Returns false when one is running already.
     bool beginPass();
     void endPass();
-    qint64 passTime() const
-    {
-        return _passTime;
-    }  // ns, the beginning of the present pass; -1: none is running
+    qint64 passTime() const { return _passTime; }  // ns, when the present pass began; -1: none runs
 
     qint64 readClock() { return _lastReading = KernelTimer::now(); }  // ns of the monotonic clock
     qint64 lastReading() const { return _lastReading; }               // within a pass: a moment ago

@@ -19,9 +19,8 @@ public:
         DeliveredInTime = 8,
         DeliveredLate = 16,  ///< after the sender's deadline
         Delivered = DeliveredInTime | DeliveredLate,
-        ForceCapture = 32,  ///< the capture records it when it leaves the link
-        PromiscuousRx
-        = 64,  ///< the destination is not the receiving node's own address, as with every broadcast
+        ForceCapture = 32,   ///< the capture records it when it leaves the link
+        PromiscuousRx = 64,  ///< the destination is not the receiver's own address, as in every broadcast
     };
 
     /// Simulates the transmission. The nodes and the link are not owned. The frame is Invalid when one of

@@ -74,10 +74,7 @@ public:
     QString addressInputMask(int length) const;
 
     // Traffic
-    qint64 framesLeftLinks() const
-    {
-        return _framesLeftLinks;
-    }  // delivered or lost, since the network was made
+    qint64 framesLeftLinks() const { return _framesLeftLinks; }  // ever, delivered or lost
     void noteFrameLeavesLink();
 
     // Templates

@@ -12,8 +12,7 @@
 namespace {
 
 constexpr qreal previewOpacity = 0.5;
-constexpr qreal reachOfLinks
-    = 12.0;  // their bands reach 10 units, and their bounds may lack one on each side
+constexpr qreal reachOfLinks = 12.0;   // bands reach 10 units, and bounds may lack one on each side
 constexpr qreal previewZValue = -1.0;  // under the nodes, so that it never hides the one under the cursor
 
 /// Returns what shows a comment as it is, also where Qt would take it for markup.

@@ -17,8 +17,7 @@
 
 namespace {
 
-constexpr qint64 unsentLimit
-    = qint64{64} * 1024 * 1024;  // bytes; beyond it, a program that has stopped reading is dropped
+constexpr qint64 unsentLimit = qint64{64} * 1024 * 1024;  // bytes, for a program that does not read
 
 // What the node handles for one program before others have their turn: some milliseconds of work at most. It
 // handles a burst of 16 KiB, the most that is safe to have under way, as a whole.

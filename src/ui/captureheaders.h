@@ -48,6 +48,6 @@ private slots:
 private:
     void _showRows();
 
-    Throttle _showing{[this] { _showRows(); },
-                      0};  // shows none before all frames that are there have come in
+    // Runs nothing at once: first all frames that are there come in
+    Throttle _showing{[this] { _showRows(); }, 0};
 };

@@ -22,9 +22,7 @@ namespace {
 
 constexpr QSize smallestView(500, 400);
 constexpr QSize toolSize(32, 32);
-constexpr QSize
-    roomForFrame(16,
-                 48);  // pixels, more than window managers need, which draw the frame when the window shows
+constexpr QSize roomForFrame(16, 48);  // more than window managers draw, once the window shows
 
 Network* network()
 {
