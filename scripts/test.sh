@@ -12,7 +12,7 @@ for preset in dev asan; do
     echo "== $preset =="
     cmake --preset "$preset"
     cmake --build --preset "$preset" --parallel 2
-    ctest --preset "$preset"
+    ctest --preset "$preset" --parallel 2 # most tests wait for most of their time
 done
 
 echo "== fidelity, the short form =="
