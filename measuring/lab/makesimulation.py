@@ -1,12 +1,15 @@
-#!/usr/bin/env python3
-"""Writes the simulation file of a benchmark: pairs of linked nodes, a ring of them, or a star around node 0.
+"""Make simulation files: pairs of linked nodes, a ring of them, a star around node 0, or any other wiring.
 
-Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last two bytes), as wire.h has it too.
+Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last two bytes), as in wiring.h.
 """
 
-import argparse
+from __future__ import annotations
+
 import struct
 from dataclasses import dataclass, field
+from typing import Optional, Sequence, Tuple
+
+Color = Optional[Tuple[int, int, int]]  # None is the invalid colour, which inherits
 
 VERSIONED_MAGIC = 0xC191277D
 FILE_VERSION = 1
@@ -37,7 +40,7 @@ class Layout:
     left: float = 0.0
     top: float = 0.0
 
-    def position(self, index):
+    def position(self, index: int) -> tuple[float, float]:
         row, column = divmod(index, self.nodes_per_row)
         return (self.left + column * self.distance, self.top + row * self.distance)
 
@@ -66,9 +69,9 @@ class LinkSettings:
 class Simulation:
     pairs: int = 1
     single_nodes: int = 0  # without a link, behind all others
-    ring_steps: tuple = ()  # each node of the pairs is linked with those so many places further on instead
+    ring_steps: tuple[int, ...] = ()  # each node of the pairs is linked with those so many places further on instead
     star_links: int = 0  # 0: pairs
-    wiring: tuple = None  # any links instead, each as the numbers of its two ends
+    wiring: Sequence[tuple[int, int]] | None = None  # any links instead, each as the numbers of its two ends
     maximal_transfer_unit: int = MAXIMAL_TRANSFER_UNIT  # bytes
     confirms: bool = False
     confirmation_timeout: int = 1000  # ms
@@ -76,19 +79,19 @@ class Simulation:
     delay_deviation: int = 0  # ms
     reliability: float = 1.0  # per bit
     detection: float = 1.0  # per corrupted frame
-    own_nodes: dict = field(default_factory=dict)  # NodeSettings by number
-    own_links: dict = field(default_factory=dict)  # LinkSettings by place in links()
+    own_nodes: dict[int, NodeSettings] = field(default_factory=dict)  # by number
+    own_links: dict[int, LinkSettings] = field(default_factory=dict)  # by place in links()
     layout: Layout = field(default_factory=Layout)
 
-    def linked_node_count(self):
+    def linked_node_count(self) -> int:
         if self.wiring is not None:
             return 1 + max((end for ends in self.wiring for end in ends), default=-1)
         return 1 + self.star_links if self.star_links else 2 * self.pairs
 
-    def node_count(self):
+    def node_count(self) -> int:
         return self.linked_node_count() + self.single_nodes
 
-    def links(self):
+    def links(self) -> list[tuple[int, int]]:
         if self.wiring is not None:
             return list(self.wiring)
         if self.star_links:
@@ -99,35 +102,42 @@ class Simulation:
         return [(2 * pair, 2 * pair + 1) for pair in range(self.pairs)]
 
 
-def node_name(node):
+def node_name(node: int) -> str:
     return f"node-{node}"
 
 
-def node_address(node):
+def node_address(node: int) -> bytes:
     return struct.pack(">BxxxH", 2, node)
 
 
-def boolean(value):
+def boolean(value: bool) -> bytes:
     return struct.pack(">?", value)
 
 
-def byte_array(value):
+def byte_array(value: bytes) -> bytes:
     return struct.pack(">I", len(value)) + value
 
 
-def string(value):
+def string(value: str) -> bytes:
     return byte_array(value.encode("utf-16-be"))
 
 
-def color(rgb):
-    """None is the invalid colour, which inherits."""
+def color(rgb: Color) -> bytes:
     if rgb is None:
         return struct.pack(">bHHHHH", 0, 0xFFFF, 0, 0, 0, 0)
     wide = [component * 0x101 for component in rgb]
     return struct.pack(">bHHHHH", 1, 0xFFFF, *wide, 0)
 
 
-def node_record(node_type, node_id, position, address, body, name, promiscuous):
+def node_record(
+    node_type: int,
+    node_id: int,
+    position: tuple[float, float],
+    address: bytes,
+    body: bytes,
+    name: str,
+    promiscuous: int,
+) -> bytes:
     header = struct.pack(">iiQ", NODE_ITEM_TYPE, node_type, node_id)
     flags = 0
     return (
@@ -142,7 +152,7 @@ def node_record(node_type, node_id, position, address, body, name, promiscuous):
     )
 
 
-def node_settings(acknowledged, timeout, colors, stroke_width, shown):
+def node_settings(acknowledged: int, timeout: int, colors: Sequence[Color], stroke_width: float, shown: int) -> bytes:
     show_address = show_connection_count = show_name = shown
     return (
         struct.pack(">ii", acknowledged, timeout)
@@ -152,7 +162,7 @@ def node_settings(acknowledged, timeout, colors, stroke_width, shown):
     )
 
 
-def default_node(simulation):
+def default_node(simulation: Simulation) -> bytes:
     acknowledged = CHECKED if simulation.confirms else UNCHECKED
     timeout = simulation.confirmation_timeout if simulation.confirms else 0
     colors = (LIGHT_GRAY, ACTIVE_BLUE, TX_GREEN, RX_YELLOW)
@@ -160,16 +170,16 @@ def default_node(simulation):
     return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
 
 
-def node(index, position, own):
+def node(index: int, position: tuple[float, float], own: NodeSettings) -> bytes:
     body = node_settings(own.confirms, own.confirmation_timeout, (None,) * 4, -1.0, PARTIALLY_CHECKED)
     return node_record(TCP_NODE, node_id(index), position, node_address(index), body, node_name(index), own.promiscuous)
 
 
-def node_id(index):
+def node_id(index: int) -> int:
     return index + 1  # 0 names no node
 
 
-def connection_record(ends, settings, rgb, stroke_width):
+def connection_record(ends: tuple[int, int], settings: LinkSettings, rgb: Color, stroke_width: float) -> bytes:
     behaviour = (settings.reliability, settings.detection, settings.delay, settings.delay_deviation)
     return (
         struct.pack(">iQQ", CONNECTION_ITEM_TYPE, *ends)
@@ -181,18 +191,18 @@ def connection_record(ends, settings, rgb, stroke_width):
     )
 
 
-def default_connection(simulation):
+def default_connection(simulation: Simulation) -> bytes:
     settings = LinkSettings(
         False, simulation.reliability, simulation.detection, simulation.delay, simulation.delay_deviation
     )
     return connection_record((0, 0), settings, DARK_BLUE, 2.0)
 
 
-def connection(ends, own):
-    return connection_record([node_id(end) for end in ends], own, None, -1.0)
+def connection(ends: tuple[int, int], own: LinkSettings) -> bytes:
+    return connection_record((node_id(ends[0]), node_id(ends[1])), own, None, -1.0)
 
 
-def network_record(simulation):
+def network_record(simulation: Simulation) -> bytes:
     server_on = plug_and_play = name_based = False  # the runner's options decide
     parameters = (simulation.maximal_transfer_unit, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
     nodes = [
@@ -216,7 +226,8 @@ def network_record(simulation):
     )
 
 
-def simulation_file(simulation):
+def simulation_file(simulation: Simulation) -> bytes:
+    """Return the bytes of the file."""
     capture_enabled = view_follows = False
     return (
         struct.pack(">II", VERSIONED_MAGIC, FILE_VERSION)
@@ -224,30 +235,3 @@ def simulation_file(simulation):
         + struct.pack(">??", capture_enabled, view_follows)
         + struct.pack(">I", VERSIONED_MAGIC)
     )
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("file")
-    wiring = parser.add_mutually_exclusive_group()
-    wiring.add_argument("--pairs", type=int, default=1)
-    wiring.add_argument("--star", type=int, default=0, metavar="LINKS")
-    parser.add_argument("--confirm", action="store_true", help="every node gets confirmations")
-    parser.add_argument("--delay", type=int, default=0, help="of every link, in ms")
-    parser.add_argument("--deviation", type=int, default=0, help="width of the delay's random spread, in ms")
-    parser.add_argument("--reliability", type=float, default=1.0, help="of every link, per bit, 0 to 1")
-    options = parser.parse_args()
-    simulation = Simulation(
-        pairs=options.pairs,
-        star_links=options.star,
-        confirms=options.confirm,
-        delay=options.delay,
-        delay_deviation=options.deviation,
-        reliability=options.reliability,
-    )
-    with open(options.file, "wb") as file:
-        file.write(simulation_file(simulation))
-
-
-if __name__ == "__main__":
-    main()
