@@ -7,7 +7,6 @@ kernel puts them; the better of both counts. The share of corrupted frames is ch
 The exit code is 0 when every target is reached, 1 when one is missed and 2 when something could not be measured.
 """
 
-import argparse
 import contextlib
 import json
 import pathlib
@@ -21,12 +20,12 @@ import time
 from dataclasses import dataclass
 
 from measuring.lab import disturbance, makesimulation
-from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, choose_cores, find_program, pinned, progress
+from measuring.lab.bench import SEED, options_parser, read_options, write_json
+from measuring.lab.launcher import MeasurementFailed, choose_cores, pinned, progress
 
 ERROR_RATE = 1e-4  # per bit
 SIZES = (64, 255)  # bytes of a frame from its destination address to its end
 WINDOW = 64
-SEED = "1"
 PLACEMENTS = ("one core", "any core")
 
 VDE_TARGET = 2.0
@@ -374,31 +373,17 @@ def print_tables(rows, judged):
         print(f"{result['size']:4} bytes  {result['title']}: {result['ratio']:.2f} {word[result['reached']]}")
 
 
-def parse_options():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    keys = [tool.key for tool in TOOLS]
-    parser.add_argument("--build-dir", type=pathlib.Path, default=TOP_FOLDER / "build" / "release")
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--duration", type=float, default=2.0, help="of a measurement, in seconds")
-    parser.add_argument("--only", action="append", choices=keys, metavar="TOOL", help=", ".join(keys))
-    parser.add_argument("--json", type=pathlib.Path, metavar="FILE", help="write the rows there too")
-    options = parser.parse_args()
-    programs = {
-        "program": "lattivo-headless",
-        "client": "lattivo_loadclient",
-        "frame_load": "lattivo_frameload",
-        "ns3_link": "lattivo_ns3link",
-    }
-    for name, program in programs.items():
-        setattr(options, name, find_program(options.build_dir, program))
-        if getattr(options, name) is None:
-            parser.error(f"{program} is not built in {options.build_dir}; scripts/performance.sh builds it")
-    return options
-
-
-def main():
-    options = parse_options()
-    tools = [tool for tool in TOOLS if not options.only or tool.key in options.only]
+def main() -> int:
+    parser = options_parser(__doc__.splitlines()[0], [tool.key for tool in TOOLS])
+    options = read_options(
+        parser,
+        "scripts/performance.sh",
+        program="lattivo-headless",
+        client="lattivo_loadclient",
+        frame_load="lattivo_frameload",
+        ns3_link="lattivo_ns3link",
+    )
+    tools = [tool for tool in TOOLS if tool.key in options.wanted]
     with tempfile.TemporaryDirectory(prefix="lattivo-compare-") as folder:
         try:
             bench = Bench(options, folder)
@@ -410,11 +395,9 @@ def main():
     judged = verdicts(rows)
     disturbed, alone = disturbed_runs(runs)
     print_tables(rows, judged)
-    if options.json:
-        settings = {"rounds": options.rounds, "duration": options.duration, "window": WINDOW, "error_rate": ERROR_RATE}
-        counts = {"disturbed_runs": disturbed, "runs": alone, "failures": bench.failures}
-        result = {"rows": rows, "verdicts": judged, **counts, **settings}
-        options.json.write_text(json.dumps(result, indent=2, ensure_ascii=False) + "\n")
+    settings = {"rounds": options.rounds, "duration": options.duration, "window": WINDOW, "error_rate": ERROR_RATE}
+    counts = {"disturbed_runs": disturbed, "runs": alone, "failures": bench.failures}
+    write_json(options.json, {"rows": rows, "verdicts": judged, **counts, **settings})
     return 1 if any(result["reached"] is False for result in judged) else 0
 
 

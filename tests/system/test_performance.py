@@ -23,7 +23,10 @@ TOP_FOLDER = Path(__file__).resolve().parents[2]
 
 from measuring.compare import compare
 from measuring.lab import makesimulation
+from measuring.lab.bench import Bench, Workload
+from measuring.lab.document import write
 from measuring.lab.launcher import MeasurementFailed, find_program
+from measuring.lab.rows import Row, ratio_row
 from measuring.limit import document, run
 
 PATIENCE = 200.0  # seconds; only a failing test waits that long
@@ -31,8 +34,7 @@ PATIENCE = 200.0  # seconds; only a failing test waits that long
 
 def engine(ratio: float) -> dict:
     """Of one workload whose speed has to be 1.2 times the limit's."""
-    comparison = {"ours": 1000.0 * ratio, "limit": 1000.0, "ratio": ratio, "lowest": ratio, "highest": ratio}
-    row = run.row(run.Workload("small", "one pair"), "frames/s", comparison, 1.2, at_least=True)
+    row = ratio_row("limit", "small", "one pair", "frames/s", [1000.0 * ratio], [1000.0], 1.2, at_least=True)
     return {"rows": [row], "runs": 2, "disturbed_runs": 1}
 
 
@@ -72,7 +74,10 @@ SLOW = {**FAST, "ns3": 110_000}
 
 class DocumentTest(unittest.TestCase):
     def text(self, engine_figures: dict, comparison: dict, window: dict = WINDOW) -> str:
-        return document.document(engine_figures, comparison, window, machine="any")
+        output = Path(self.enterContext(tempfile.TemporaryDirectory())) / "performance.md"
+        texts = document.texts(engine_figures, comparison, window)
+        write(document.TEMPLATE, output, machine="any", **texts)
+        return output.read_text(encoding="utf-8")
 
     def test_a_missed_target_against_the_limit_stands_in_its_row_and_in_the_summary(self):
         text = self.text(engine(1.1), comparison_of(FAST))
@@ -92,8 +97,8 @@ class DocumentTest(unittest.TestCase):
 
     def test_the_floor_has_a_table_of_its_own(self):
         figures = engine(1.3)
-        costs = {"ours": 1.5, "limit": 1.2, "ratio": 1.25, "lowest": 1.2, "highest": 1.3}
-        figures["rows"].append(run.row(run.Workload("small", "one pair"), "CPU µs/frame", costs, 1.2, against="floor"))
+        costs = [1.44, 1.5, 1.56], [1.2, 1.2, 1.2]
+        figures["rows"].append(ratio_row("floor", "small", "one pair", "CPU µs/frame", *costs, 1.2))
         text = self.text(figures, comparison_of(FAST))
         section = text.partition("## Against the floor")[2].partition("\n## ")[0]
         self.assertIn("| one pair | CPU µs/frame | 1.50 | 1.20 | 1.25 | 1.20–1.30 | ≤ 1.20 | **MISSED** |", section)
@@ -101,17 +106,15 @@ class DocumentTest(unittest.TestCase):
         self.assertIn("- **MISSED**: one pair, CPU µs/frame against the floor", text)
 
     def test_a_missed_target_of_the_window_stands_in_its_row_and_in_the_summary(self):
-        speed = {"ours": 700.0, "limit": 1000.0, "ratio": 0.7, "lowest": 0.7, "highest": 0.7}
-        row = run.row(run.Workload("small", "one pair"), "frames/s", speed, 0.8, at_least=True)
+        row = ratio_row("headless", "small", "one pair", "frames/s", [700.0], [1000.0], 0.8, at_least=True)
         text = self.text(engine(1.3), comparison_of(FAST), {**WINDOW, "rows": [row]})
         self.assertIn("| one pair | frames/s | 700.00 | 1,000 | 0.70 | 0.70–0.70 | ≥ 0.80 | **MISSED** |", text)
         self.assertIn("- **MISSED**: with the window: one pair, frames/s", text)
 
     def test_growth_stands_in_the_table_without_a_target_too(self):
         figures = engine(1.3)
-        growth = {"ours": 9.0, "limit": 7.5, "ratio": 1.2, "lowest": 1.1, "highest": 1.3}
-        limits = run.Workload("pairs-growth", "the same, of the limit")
-        figures["rows"].append(run.row(limits, "CPU µs/frame", growth))
+        costs = [9.0], [7.5]
+        figures["rows"].append(ratio_row("growth", "pairs-growth", "the same, of the limit", "CPU µs/frame", *costs))
         self.assertIn(
             "| the same, of the limit | CPU µs/frame | 9.00 | 7.50 |", self.text(figures, comparison_of(FAST))
         )
@@ -136,29 +139,24 @@ class GrowthTest(unittest.TestCase):
     LIMIT = {64: 8.0, 256: 8.0}
     FLOOR = {64: 1.0, 256: 1.5}
 
-    def measured(self, costs: dict):
-        def figures(workload: run.Workload, _arguments: list) -> dict:
-            return {"server_cpu_seconds": costs[workload.pairs], "frames": 1_000_000, "lost": 0}
+    def contender(self, costs: dict):
+        def figures(workload: Workload, _arguments: list) -> dict:
+            return {"server_cpu_seconds": costs[workload.pairs], "frames": 1_000_000}
 
         return figures
 
-    def verdict(self, ours: dict) -> dict:
-        bench = types.SimpleNamespace(
-            options=types.SimpleNamespace(rounds=3, duration=1.0),
-            measure_simulator=self.measured(ours),
-            measure_limit=self.measured(self.LIMIT),
-            measure_floor=self.measured(self.FLOOR),
-            lost_frames=0,
-        )
-        return next(row for row in run.pairs_growth(bench) if row["against"] == "floor")
+    def verdict(self, ours: dict) -> Row:
+        lab = Bench(types.SimpleNamespace(rounds=3, duration=1.0), self.enterContext(tempfile.TemporaryDirectory()))
+        lab.contenders = lambda _workload: [self.contender(costs) for costs in (ours, self.LIMIT, self.FLOOR)]
+        return next(row for row in run.pairs_growth(lab) if row.table == "floor")
 
     def test_growth_as_the_floor_grows_is_reached(self):
         row = self.verdict({64: 2.0, 256: 3.0})
-        self.assertEqual((1.5, 1.5, 1.0, True), (row["ours"], row["limit"], row["ratio"], row["reached"]))
+        self.assertEqual((1.5, 1.5, 1.0, True), (row.ours, row.other, row.ratio, row.reached))
 
     def test_growth_beyond_the_floor_s_is_missed(self):
         row = self.verdict({64: 2.0, 256: 3.1})
-        self.assertEqual((1.55, 1.5, False), (row["ours"], row["limit"], row["reached"]))
+        self.assertEqual((1.55, 1.5, False), (row.ours, row.other, row.reached))
 
 
 class VerdictTest(unittest.TestCase):
@@ -330,7 +328,7 @@ class LimitTest(ProgramTest):
         self.assertIn(result.returncode, (0, 1), result.stderr)  # how fast they are is not judged here
         rows = json.loads((folder / "figures").read_text())["rows"]
         self.assertEqual(["small", "noisy-large", "in-step", "p99"], list(dict.fromkeys(row["key"] for row in rows)))
-        self.assertEqual({"small"}, {row["key"] for row in rows if row["against"] == "floor"})
+        self.assertEqual({"small"}, {row["key"] for row in rows if row["table"] == "floor"})
 
     def test_the_floor_relays_every_frame(self):
         limit_server = find_program(build_folder(), "lattivo_limitserver")
@@ -340,7 +338,9 @@ class LimitTest(ProgramTest):
         self.assertEqual((0, 0), (figures["lost"], figures["timeouts"]))
 
 
-@unittest.skipUnless(tools_are_there(), "VDE or ns-3 is not installed")
+@unittest.skipUnless(
+    tools_are_there(), "VDE or ns-3 is missing: scripts/performance.sh installs them and builds what attaches to them"
+)
 class ComparisonTest(unittest.TestCase):
     def test_frames_go_through_every_tool_and_are_corrupted_at_the_set_rate(self):
         folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
