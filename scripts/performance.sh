@@ -1,8 +1,8 @@
 #!/bin/sh
-# performance.sh [--rounds N] [--duration S] [--go-on]: measures the simulator against limit and floor and beside other tools,
-# and the program with its window shown, and writes docs/performance.md and its plots. --go-on leaves out what a run that was
-# broken off has measured of this build.
-# Exit code 1: a target is missed, as the document says; 2: something could not be measured, no document is written.
+# performance.sh [--rounds N] [--duration S] [--go-on] [--release]: compares lattivo-headless with limit and floor, with other
+# tools, and with the window. It writes performance.md and its plots into build/performance/, or with --release into
+# docs/results/. --go-on leaves out what an interrupted run has measured of this build.
+# Exit code 1: a target is missed, as the document says; 2: something could not be measured, and there is no document.
 set -eu
 
 cd "$(dirname "$0")/.."
@@ -17,20 +17,22 @@ usage()
 rounds=5
 duration=1.5
 goes_on=no
+results=build/performance
+output=$results
 while [ $# -gt 0 ]; do
     case "$1" in
     --rounds) rounds=${2:?}; shift 2 ;;
     --duration) duration=${2:?}; shift 2 ;;
     --go-on) goes_on=yes; shift ;;
+    --release) output=docs/results; shift ;;
     *) usage ;;
     esac
 done
 
-results=build/performance
 [ "$goes_on" = yes ] || rm -rf "$results"
 mkdir -p "$results"
 
-# measure FILE COMMAND...: writes the figures there; a missed target is told at the end, by the document.
+# measure FILE COMMAND...: writes the figures there. The document tells of missed targets at the end.
 measure()
 {
     file=$1
@@ -48,5 +50,4 @@ cmake --build --preset release --target lattivo-headless lattivo_frameload latti
 measure "$results/engine.json" scripts/bench.sh
 measure "$results/comparison.json" python3 -B -m measuring.compare.compare --build-dir build/release
 measure "$results/window.json" scripts/bench.sh --window
-python3 -B -m measuring.limit.document --engine "$results/engine.json" --comparison "$results/comparison.json" \
-    --window "$results/window.json" --output docs
+python3 -B -m measuring.limit.document "$results" --output "$output"
