@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Measures what hostile programs cost the runner: its memory, and how long two ordinary programs wait meanwhile.
 
 Each attack goes against a runner of its own, from a process of its own, for some seconds. The result is written as
@@ -10,31 +9,30 @@ from __future__ import annotations
 import argparse
 import json
 import multiprocessing
-import pathlib
 import random
 import resource
-import signal
 import socket
 import statistics
-import struct
-import subprocess
 import sys
 import tempfile
 import time
 from contextlib import ExitStack
 from dataclasses import asdict, dataclass
+from multiprocessing.sharedctypes import Synchronized
+from multiprocessing.synchronize import Event
+from pathlib import Path
 from typing import Callable
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-
-import bridge
+from lattivo import Frame, LattivoError, NodeControl, Outcome, messages
+from lattivo.codes import HEADER
 
 from measuring.lab import makesimulation
+from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, Server
 from tests.support import surroundings
+from tests.support.runner import Program, frame_between
 
-PATIENCE = 30.0  # s
+PATIENCE = 30.0  # s, of the hostile programs
 LEFT, RIGHT, ATTACKER, PARTNER = range(4)  # nodes: two ordinary programs, and two for the attacks
-FRAME_SIZE = 64  # bytes, of the ordinary programs
 LARGE_FRAME = 30000  # bytes; what arrives in one piece on the local machine
 CONFIRMATION_TIMEOUT = 50  # ms
 ANSWER_PAUSE = 0.002  # s between two ordinary frames
@@ -51,6 +49,8 @@ ANSWER_LIMIT = 1000.0  # ms; whoever waits longer takes the simulator for stoppe
 
 @dataclass
 class Measurement:
+    """What one attack has cost, against its limits."""
+
     attack: str
     rounds: int = 0  # of the attack
     answers: int = 0  # ordinary frames, each confirmed before the next
@@ -68,57 +68,14 @@ class Measurement:
         return self.survived and is_small and self.answer_worst_ms <= self.answer_limit_ms
 
 
-class Runner:
-    """The runner under attack, with two ordinary programs attached."""
-
-    def __init__(self, stack: ExitStack, program: pathlib.Path) -> None:
-        folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        settings = makesimulation.Simulation(
-            pairs=2, maximal_transfer_unit=LARGE_FRAME, confirms=True, confirmation_timeout=CONFIRMATION_TIMEOUT
-        )
-        (folder / "a.ltvo").write_bytes(makesimulation.simulation_file(settings))
-        self.process = subprocess.Popen(
-            [program, folder / "a.ltvo", "--listen", "0", "--plug-and-play"], stdout=subprocess.PIPE
-        )
-        stack.callback(self.process.stdout.close)
-        stack.callback(self.process.wait)
-        stack.callback(self.process.kill)
-        self.port = int(self.process.stdout.readline().split()[-1])
-        self.left, self.right = (attach(stack, self.port, node) for node in (LEFT, RIGHT))
-
-    def memory(self, field: str = "VmRSS") -> int:
-        return surroundings.memory_of(self.process.pid, field)
-
-    def answer_time(self, number: int) -> float:
-        """Send a frame from one ordinary program to the other; seconds until it is there and confirmed."""
-        frame = frame_between(LEFT, RIGHT, FRAME_SIZE, number)
-        start = time.perf_counter()
-        self.left.sendall(bridge.encode_frame(frame))
-        received = read(self.right, bridge.HEADER.size + FRAME_SIZE)
-        confirmation = read(self.left, bridge.HEADER.size + 1)
-        if received != bridge.encode_frame(frame) or confirmation[-1] != bridge.Outcome.DELIVERED:
-            raise AssertionError("an ordinary frame was lost")
-        return time.perf_counter() - start
-
-    def end(self) -> int:
-        self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(PATIENCE)
-
-
-def frame_between(source: int, destination: int, size: int, number: int) -> bytes:
-    addresses = makesimulation.node_address(destination) + makesimulation.node_address(source)
-    return (addresses + struct.pack(">I", number)).ljust(size, b"\0")
-
-
-def read(stream: socket.socket, size: int) -> bytes:
-    """Return exactly so many bytes; fewer when the other end has closed."""
-    data = b""
-    while len(data) < size:
-        piece = stream.recv(size - len(data))
-        if not piece:
-            break
-        data += piece
-    return data
+def start_runner(stack: ExitStack, program: Path) -> Server:
+    folder = Path(stack.enter_context(tempfile.TemporaryDirectory()))
+    settings = makesimulation.Simulation(
+        pairs=2, maximal_transfer_unit=LARGE_FRAME, confirms=True, confirmation_timeout=CONFIRMATION_TIMEOUT
+    )
+    (folder / "a.ltvo").write_bytes(makesimulation.simulation_file(settings))
+    command = [str(program), str(folder / "a.ltvo"), "--listen", "0", "--plug-and-play"]
+    return stack.enter_context(Server(command, folder / "log"))
 
 
 def connect(stack: ExitStack, port: int) -> socket.socket:
@@ -127,40 +84,40 @@ def connect(stack: ExitStack, port: int) -> socket.socket:
     return stream
 
 
-def attach(stack: ExitStack, port: int, node: int) -> socket.socket:
-    """A frame without addresses is reported as lost once the program is attached."""
-    stream = connect(stack, port)
-    stream.sendall(bridge.encode_address(makesimulation.node_address(node)) + bridge.encode_frame(b"\0"))
-    if len(read(stream, bridge.HEADER.size + 1)) <= bridge.HEADER.size:
-        raise AssertionError("an ordinary program was refused")
-    return stream
+def attach(stack: ExitStack, port: int, node: int) -> Program:
+    """Return an ordinary program once it is attached: a frame without addresses is reported as lost then."""
+    program = Program.connect(port=port, address=makesimulation.node_address(node))
+    stack.enter_context(program)
+    program.outcome_of(b"\0")
+    return program
 
 
-def wait_for_end(stream: socket.socket) -> None:
-    try:
-        while stream.recv(65536):
-            pass
-    except ConnectionError:
-        pass  # closed with our bytes unread
+def send_and_wait_for_end(port: int, data: bytes) -> None:
+    """Send bytes, nothing more, and read until the simulator ends the connection."""
+    with ExitStack() as stack:
+        stream = connect(stack, port)
+        try:
+            stream.sendall(data)
+            stream.shutdown(socket.SHUT_WR)
+            while stream.recv(65536):
+                pass
+        except ConnectionError:
+            pass  # closed with our bytes unread
 
 
 # Attacks: one round each
 
 
 def announce_too_much(port: int, _: random.Random) -> None:
-    """Frames, names and identifications whose length says 4 GiB."""
-    address = bridge.encode_address(makesimulation.node_address(ATTACKER))
+    """Send frames, names and identifications whose length says 4 GiB."""
+    address = messages.encode_address(makesimulation.node_address(ATTACKER))
+    body = bytes([NodeControl.NAME]) + bytes(SENT_OF_IT)
     for first, message_type in ((address, 1), (address, 3), (address, 4), (address, 7), (b"", 3)):
-        with ExitStack() as stack:
-            stream = connect(stack, port)
-            body = bytes([bridge.NodeControl.NAME]) + bytes(SENT_OF_IT)
-            stream.sendall(first + bridge.HEADER.pack(message_type, LARGEST_LENGTH) + body)
-            stream.shutdown(socket.SHUT_WR)
-            wait_for_end(stream)
+        send_and_wait_for_end(port, first + HEADER.pack(message_type, LARGEST_LENGTH) + body)
 
 
 def crowd(port: int, _: random.Random) -> None:
-    """Connections that say nothing."""
+    """Make connections that say nothing."""
     with ExitStack() as stack:
         for _number in range(CROWD):
             connect(stack, port)
@@ -168,25 +125,19 @@ def crowd(port: int, _: random.Random) -> None:
 
 
 def talk_nonsense(port: int, draws: random.Random) -> None:
-    """Random bytes in the place of an identification, and behind one."""
-    for first in (b"", bridge.encode_address(makesimulation.node_address(ATTACKER))):
-        with ExitStack() as stack:
-            stream = connect(stack, port)
-            stream.sendall(first + draws.randbytes(draws.randint(1, 2000)))
-            stream.shutdown(socket.SHUT_WR)
-            wait_for_end(stream)
+    """Send random bytes in the place of an identification, and behind one."""
+    for first in (b"", messages.encode_address(makesimulation.node_address(ATTACKER))):
+        send_and_wait_for_end(port, first + draws.randbytes(draws.randint(1, 2000)))
 
 
 def never_read(port: int, _: random.Random) -> None:
-    """A program that reads nothing of what its neighbour sends, until it is dropped."""
+    """Read nothing of what a neighbour sends, until the simulator drops this program."""
     with ExitStack() as stack:
         sender = attach(stack, port, ATTACKER)
         attach(stack, port, PARTNER)
-        outcome, number = bridge.Outcome.DELIVERED, 0
-        while outcome == bridge.Outcome.DELIVERED:
-            sender.sendall(bridge.encode_frame(frame_between(ATTACKER, PARTNER, LARGE_FRAME, number)))
-            answer = read(sender, bridge.HEADER.size + 1)
-            outcome, number = answer[-1], number + 1
+        number = 0
+        while sender.outcome_of(frame_between(ATTACKER, PARTNER, number, LARGE_FRAME)) == Outcome.DELIVERED:
+            number += 1
 
 
 def be_idle(_port: int, _: random.Random) -> None:
@@ -202,52 +153,63 @@ ATTACKS: dict[str, Callable[[int, random.Random], None]] = {
 }
 
 
-def attack_until(name: str, port: int, is_over: object, rounds: object) -> None:
+def attack_until(name: str, port: int, is_over: Event, rounds: Synchronized[int]) -> None:
     draws = random.Random(1)
     while rounds.value == 0 or not is_over.is_set():
         ATTACKS[name](port, draws)
         rounds.value += 1
 
 
-def measure_answers(runner: Runner, seconds: float, is_enough: Callable[[], bool]) -> list[float]:
-    times = []
+def answer_time(left: Program, right: Program, number: int) -> float:
+    """Send a frame from one ordinary program to the other; return the seconds until it is there and confirmed."""
+    frame = frame_between(LEFT, RIGHT, number)
+    start = time.perf_counter()
+    outcome = left.outcome_of(frame)
+    if right.next_message() != Frame(frame) or outcome != Outcome.DELIVERED:
+        raise AssertionError("an ordinary frame was lost")
+    return time.perf_counter() - start
+
+
+def measure_answers(pair: tuple[Program, Program], seconds: float, is_enough: Callable[[], bool]) -> list[float]:
+    times: list[float] = []
     start = time.monotonic()
     while time.monotonic() - start < seconds or not is_enough():
-        times.append(runner.answer_time(len(times)))
+        times.append(answer_time(*pair, len(times)))
         time.sleep(ANSWER_PAUSE)
     return times
 
 
-def measure(name: str, program: pathlib.Path, seconds: float) -> Measurement:
+def measure(name: str, program: Path, seconds: float) -> Measurement:
+    """Measure one attack; one that a program or the runner does not survive is not an error."""
     result = Measurement(name, growth_limit=WAITING + BUFFERS if name == "unread" else BUFFERS)
-    with ExitStack() as stack:
-        runner = Runner(stack, program)
-        measure_answers(runner, SETTLING, lambda: True)
-        result.resident_before = runner.memory()
-        is_over, rounds = multiprocessing.Event(), multiprocessing.Value("i", 0)
-        attacker = multiprocessing.Process(target=attack_until, args=(name, runner.port, is_over, rounds))
-        attacker.start()
-        stack.callback(attacker.kill)
-        try:
-            times = measure_answers(runner, seconds, lambda: rounds.value > 0 or not attacker.is_alive())
+    try:
+        with ExitStack() as stack:
+            runner = start_runner(stack, program)
+            pair = attach(stack, runner.port, LEFT), attach(stack, runner.port, RIGHT)
+            measure_answers(pair, SETTLING, lambda: True)
+            result.resident_before = surroundings.memory_of(runner.process.pid)
+            is_over, rounds = multiprocessing.Event(), multiprocessing.Value("i", 0)
+            attacker = multiprocessing.Process(target=attack_until, args=(name, runner.port, is_over, rounds))
+            attacker.start()
+            stack.callback(attacker.kill)
+            times = measure_answers(pair, seconds, lambda: rounds.value > 0 or not attacker.is_alive())
             is_over.set()
-            times += measure_answers(runner, SETTLING, lambda: not attacker.is_alive())
-        except (AssertionError, OSError) as error:
-            print(f"{name}: {error}", file=sys.stderr)
-            return result
-        result.rounds = rounds.value
-        result.answers = len(times)
-        result.answer_median_ms = 1000 * statistics.median(times)
-        result.answer_worst_ms = 1000 * max(times)
-        result.resident_peak = runner.memory("VmHWM")
-        result.survived = attacker.exitcode == 0 and runner.end() == 0
+            times += measure_answers(pair, SETTLING, lambda: not attacker.is_alive())
+            result.rounds = rounds.value
+            result.answers = len(times)
+            result.answer_median_ms = 1000 * statistics.median(times)
+            result.answer_worst_ms = 1000 * max(times)
+            result.resident_peak = surroundings.memory_of(runner.process.pid, "VmHWM")
+        result.survived = attacker.exitcode == 0
+    except (AssertionError, LattivoError, MeasurementFailed, OSError) as error:
+        print(f"{name}: {error}", file=sys.stderr)
     return result
 
 
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--program", type=pathlib.Path, default=ROOT / "build/release/lattivo-headless")
-    parser.add_argument("--output", type=pathlib.Path, required=True)
+    parser.add_argument("--program", type=Path, default=TOP_FOLDER / "build/release/lattivo-headless")
+    parser.add_argument("--output", type=Path, required=True)
     parser.add_argument("--seconds", type=float, default=5.0, help="of each attack")
     options = parser.parse_args()
     hard_limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
