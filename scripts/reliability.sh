@@ -1,28 +1,34 @@
 #!/bin/sh
-# reliability.sh [FUZZ_SECONDS [SOAK_MINUTES]]: tests the machine's faults, measures attacks, fuzzes each target for so
-# long (1800) and soaks for so long (30), and writes docs/reliability.md. Takes as long as the sum, and half as long again.
-# reliability.sh --measure: tests and measures only; reliability.sh --from-summaries: runs nothing. The rest of the document
-# is then what earlier runs have left under build/.
+# reliability.sh [--release] [FUZZ_SECONDS [SOAK_MINUTES]]: tests the machine's faults, measures attacks, fuzzes each target
+# for so long (1800) and soaks for so long (30). It writes reliability.md into build/reliability/, or into docs/results/ with
+# --release. It takes as long as the sum, and half as long again.
+# reliability.sh [--release] --measure: tests and measures only; --from-summaries: runs nothing. The rest of the document is
+# then what earlier runs have left under build/.
 # Exit code 1: a promise does not hold, as the document says; 2: something could not be run.
 set -eu
 
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
 
-export PYTHONPATH=examples
+export PYTHONPATH=.:client/python:examples
+folder=build/reliability
+if [ "${1:-}" = --release ]; then
+    shift
+    folder=docs/results
+fi
 mode=${1:-all}
 fuzz_seconds=1800
 soak_minutes=${2:-30}
 case $mode in
-    all | --measure | --from-summaries) ;;
-    *[!0-9]*)
-        sed -n '2,6s/^# //p' "scripts/$(basename "$0")" >&2
-        exit 2
-        ;;
-    *)
-        fuzz_seconds=$mode
-        mode=all
-        ;;
+all | --measure | --from-summaries) ;;
+*[!0-9]*)
+    sed -n '2,7s/^# //p' "scripts/$(basename "$0")" >&2
+    exit 2
+    ;;
+*)
+    fuzz_seconds=$mode
+    mode=all
+    ;;
 esac
 
 # accept_findings OUTPUT COMMAND...: what was found is told by the document; the output of an earlier run is not.
@@ -35,13 +41,6 @@ accept_findings()
     [ -f "$output" ] || exit 2
 }
 
-# The tests of the machine's faults, one line a test.
-test_faults()
-{
-    QT_QPA_PLATFORM=offscreen timeout 300 build/release/tests/unit/tst_filefaults || true
-    timeout 600 /usr/bin/python3 -B -m unittest -v tests.system.test_faults || true
-}
-
 test_and_measure()
 {
     # shellcheck disable=SC2086,SC2154  # one word a package
@@ -50,19 +49,19 @@ test_and_measure()
     cmake --build --preset release --parallel 2 >&2
     export LATTIVO_HEADLESS="$PWD/build/release/lattivo-headless" LATTIVO_PROGRAM="$PWD/build/release/lattivo"
     mkdir -p build/reliability
-    rm -f build/reliability/tests.json
-    test_faults >build/reliability/tests.log 2>&1
+    accept_findings build/reliability/tests.json \
+        timeout 1200 /usr/bin/python3 -B -m measuring.reliability.faults --output build/reliability/tests.json
     accept_findings build/reliability/measurements.json \
         python3 -B -m measuring.reliability.measure --output build/reliability/measurements.json
 }
 
 case $mode in
-    --from-summaries) exec /usr/bin/python3 -B -m measuring.reliability.document ;;
-    all)
-        accept_findings build/fuzz/summary.json scripts/fuzz.sh "$fuzz_seconds"
-        accept_findings build/fuzz/coverage.json scripts/fuzz.sh --coverage
-        accept_findings build/soak/summary.json scripts/soak.sh "$soak_minutes"
-        ;;
+--measure) test_and_measure ;;
+all)
+    accept_findings build/fuzz/summary.json scripts/fuzz.sh "$fuzz_seconds"
+    accept_findings build/fuzz/coverage.json scripts/fuzz.sh --coverage
+    accept_findings build/soak/summary.json scripts/soak.sh "$soak_minutes"
+    test_and_measure
+    ;;
 esac
-test_and_measure
-exec /usr/bin/python3 -B -m measuring.reliability.document --test-log build/reliability/tests.log
+exec python3 -B -m measuring.reliability.document --output "$folder"
