@@ -49,18 +49,6 @@ QByteArray address(int number, int length)
     return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
 }
 
-QTcpSocket* newSocket(Fuzz::Program& program)
-{
-    auto* socket = new QTcpSocket;
-    Fuzz::require(socket->setSocketDescriptor(program.takeSimulatorEnd()), "a descriptor can be adopted");
-    return socket;
-}
-
-quint32 wordAt(const QByteArray& bytes, int offset)
-{
-    return qFromBigEndian<quint32>(bytes.constData() + offset);
-}
-
 struct SentFrame {
     QByteArray bytes;
     QByteArray senderAddress;  // when it was sent
@@ -96,7 +84,7 @@ private:
         const qint64 left = piece.size() - begin - Bridge::headerSize;
         if (left < 0)
             return _end();
-        const quint32 word = wordAt(piece, begin + 1);
+        const quint32 word = qFromBigEndian<quint32>(piece.constData() + begin + 1);
         if (type == Bridge::NodeControl)
             return _readControl(piece, begin, word);
 
@@ -181,7 +169,7 @@ private:
     int _read(const QByteArray& bytes, int begin)
     {
         Fuzz::require(bytes.size() - begin > Bridge::headerSize, "a program gets whole messages");
-        const quint32 length = wordAt(bytes, begin + 1);
+        const quint32 length = qFromBigEndian<quint32>(bytes.constData() + begin + 1);
         const QByteArray body = bytes.mid(begin + Bridge::headerSize, static_cast<int>(length));
         Fuzz::require(length > 0 && body.size() == static_cast<int>(length), "a program gets whole bodies");
         if (bytes.at(begin) == Bridge::Frame) {
@@ -199,12 +187,11 @@ private:
 };
 
 /// A sender with the program that the fuzzer is, linked to a receiver with a program of its own.
-class Scene
+class Scene : public Fuzz::Scene
 {
 public:
     explicit Scene(uint8_t choices)
-        : _choices(choices)
-        , _network(Fuzz::newNetwork())
+        : Fuzz::Scene(choices)
     {
         auto& parameters = TestAccess::parameters(*_network);
         if (_is(AreAddressesShort)) {
@@ -220,8 +207,6 @@ public:
         TestAccess::promiscuousMode(*_receiver) = _is(IsReceiverPromiscuous) ? Qt::Checked : Qt::Unchecked;
         _addLinks();
     }
-    ~Scene() { Fuzz::deleteNetwork(); }
-    Q_DISABLE_COPY_MOVE(Scene)
 
     void playWith(const QByteArrayList& pieces)
     {
@@ -239,12 +224,12 @@ public:
     }
 
 private:
-    bool _is(Choice choice) const { return Fuzz::isChosen(_choices, choice); }
-
     TcpNode* _addNode(int number, Fuzz::Program& program)
     {
         const QByteArray identity = number == 0 ? QByteArray() : address(number, _network->addressLength());
-        auto* node = new TcpNode(identity, newSocket(program));
+        auto* socket = new QTcpSocket;
+        Fuzz::require(socket->setSocketDescriptor(program.takeSimulatorEnd()), "a descriptor can be adopted");
+        auto* node = new TcpNode(identity, socket);
         _network->addItem(node);
         return node;
     }
@@ -355,8 +340,6 @@ private:
         outcome->losses += isDelivered || isReturned ? 0 : 1;
     }
 
-    uint8_t _choices;
-    Network* _network;  // owned by the simulation
     Fuzz::Program _sendingProgram;
     Fuzz::Program _receivingProgram;
     TcpNode* _sender = nullptr;
@@ -369,8 +352,6 @@ private:
 /// The input is a byte of choices and what the program of an attached node sends.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Fuzz::Input input(data, size);
-    Scene scene(input.takeByte());
-    scene.playWith(input.takePieces());
+    Fuzz::play<Scene>(data, size);
     return 0;
 }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned mostCuts = 7;
 
-/// The toolkit only warns of a connection between signals and slots that do not fit.
+/// Qt only warns of a connection between signals and slots that do not fit.
 void endOnFailedConnect(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& message)
 {
     Fuzz::require(!message.startsWith(QLatin1String("QObject::connect: ")), qPrintable(message));
@@ -36,10 +36,10 @@ int qInitResources_resources()
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** argv)
 {
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    qputenv("QT_NO_GLIB", "1");                    // the toolkit's own event loop has less to do
+    qputenv("QT_NO_GLIB", "1");                    // Qt's own event loop has less to do
     qputenv("QT_LOGGING_RULES", "*.debug=false");  // a "*" for each flipped bit
     qInstallMessageHandler(endOnFailedConnect);
-    static int argumentCount = 1;            // the fuzzer's own options are not the toolkit's
+    static int argumentCount = 1;            // the fuzzer's own options are not Qt's
     new QApplication(argumentCount, *argv);  // lives as long as the process
     return 0;
 }

@@ -69,10 +69,35 @@ private:
     int _position = 0;
 };
 
-/// Bit \a number of \a choices.
-inline bool isChosen(uint8_t choices, unsigned number)
+/// A new network, set up as the first byte of an input chooses; it is gone with the scene.
+class Scene
 {
-    return (choices >> number & 1U) != 0;
+public:
+    explicit Scene(uint8_t choices)
+        : _network(newNetwork())
+        , _choices(choices)
+    {
+    }
+    ~Scene() { deleteNetwork(); }
+    Scene(const Scene&) = delete;
+    Scene& operator=(const Scene&) = delete;
+
+protected:
+    /// Tells whether the bit \a choice is set.
+    bool _is(unsigned choice) const { return (_choices >> choice & 1U) != 0; }
+
+    Network* _network;  // owned by the simulation
+
+private:
+    uint8_t _choices;
+};
+
+/// Runs an input that begins with a byte of choices; the rest is what a program sends.
+template <typename SomeScene> void play(const uint8_t* data, size_t size)
+{
+    Input input(data, size);
+    SomeScene scene(input.takeByte());
+    scene.playWith(input.takePieces());
 }
 
 /// The program's end of a connection, the other end of which is a socket of the simulator. Both are made by

@@ -80,12 +80,11 @@ struct Expectation {
     bool isNodeNew = false;
 };
 
-class Scene
+class Scene : public Fuzz::Scene
 {
 public:
     explicit Scene(uint8_t choices)
-        : _choices(choices)
-        , _network(Fuzz::newNetwork())
+        : Fuzz::Scene(choices)
     {
         if (_is(IsAddressShort))
             TestAccess::parameters(*_network).addressLength = shortAddressLength;
@@ -102,8 +101,6 @@ public:
         _network->addItem(plain);
         _network->addItem(new Connection(_known, plain));
     }
-    ~Scene() { Fuzz::deleteNetwork(); }
-    Q_DISABLE_COPY_MOVE(Scene)
 
     void playWith(const QByteArrayList& pieces)
     {
@@ -123,7 +120,6 @@ public:
     }
 
 private:
-    bool _is(Choice choice) const { return Fuzz::isChosen(_choices, choice); }
     QList<QTcpSocket*>& _pending() { return TestAccess::server(*_network).pending; }
 
     void _connect(Fuzz::Program& program, const QByteArrayList& pieces)
@@ -179,8 +175,6 @@ private:
         Fuzz::require(program.hasEnded() == expected.isRefused(), "a refused program loses its connection");
     }
 
-    uint8_t _choices;
-    Network* _network;  // owned by the simulation
     TcpNode* _known = nullptr;
     Fuzz::Program _first;
     Fuzz::Program _second;
@@ -191,8 +185,6 @@ private:
 /// The input is a byte of choices and what a program sends as soon as it is connected.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Fuzz::Input input(data, size);
-    Scene scene(input.takeByte());
-    scene.playWith(input.takePieces());
+    Fuzz::play<Scene>(data, size);
     return 0;
 }

@@ -25,8 +25,7 @@ constexpr int mostDeliveries = 4;   // frames of a link: to each of a few nodes,
 constexpr int longestFrame = 2000;  // bytes
 constexpr int pictureSize = 32;     // pixels
 constexpr int idSize = 8;
-constexpr int trailerSize = 4;
-constexpr int captureRecordSize = 2;
+constexpr int tailSize = 2 + 4;  // capture record and trailer
 constexpr int countSize = 4;
 constexpr int nodeIdOffset = 8;          // within a node record
 constexpr int connectionEndsOffset = 4;  // within a connection record
@@ -49,16 +48,10 @@ Network& network()
     return *simulation().network();
 }
 
-/// Topmost first, as in a file.
+/// Returns them as a file has them: topmost first.
 template <typename Item> QList<Item*> items()
 {
-    QList<Item*> found;
-    const QList<QGraphicsItem*> all = network().items(Qt::DescendingOrder);
-    for (QGraphicsItem* item : all) {
-        if (auto* wanted = dynamic_cast<Item*>(item))
-            found.append(wanted);
-    }
-    return found;
+    return itemsOf<Item>(network().items(Qt::DescendingOrder));
 }
 
 /// A file in memory only, which the program reaches by its name.
@@ -102,21 +95,6 @@ template <typename Record> QByteArray recordOf(Record* item)
     return bytes;
 }
 
-/// A saved file without what another save of the same simulation may write otherwise: nodes are numbered in
-/// the order of \a nodes instead of named by their ids.
-struct SavedParts {
-    QByteArray head;  // up to the number of nodes
-    QByteArrayList nodes;
-    QByteArrayList connections;
-    QByteArray tail;  // capture record and trailer
-
-    bool operator==(const SavedParts& other) const
-    {
-        return head == other.head && nodes == other.nodes && connections == other.connections
-            && tail == other.tail;
-    }
-};
-
 QByteArray number(int value)
 {
     return QByteArray::number(value).rightJustified(idSize, '0');
@@ -126,7 +104,9 @@ QByteArray number(int value)
 /// next.
 enum class Order { AsSaved, Reversed };
 
-SavedParts partsOf(const QByteArray& file, Order order)
+/// Returns a saved file without what another save of the same simulation may write otherwise: nodes are
+/// numbered in their order instead of named by their ids, and the order is that of the first save.
+QByteArray normalised(const QByteArray& file, Order order)
 {
     QList<Node*> nodes = items<Node>();
     QList<Connection*> connections = items<Connection>();
@@ -135,27 +115,20 @@ SavedParts partsOf(const QByteArray& file, Order order)
         std::reverse(connections.begin(), connections.end());
     }
 
-    SavedParts parts;
-    int recordsSize = 0;
-    for (Node* node : qAsConst(nodes)) {
-        QByteArray record = recordOf(node);
-        recordsSize += record.size();
-        parts.nodes.append(record.replace(nodeIdOffset, idSize, QByteArray()));
-    }
+    QByteArray records;
+    for (Node* node : qAsConst(nodes))
+        records += recordOf(node).replace(nodeIdOffset, idSize, number(nodes.indexOf(node)));
     for (Connection* connection : qAsConst(connections)) {
-        QByteArray record = recordOf(connection);
-        recordsSize += record.size();
         const QByteArray ends
             = number(nodes.indexOf(connection->node(0))) + number(nodes.indexOf(connection->node(1)));
-        parts.connections.append(record.replace(connectionEndsOffset, 2 * idSize, ends));
+        records += recordOf(connection).replace(connectionEndsOffset, 2 * idSize, ends);
     }
 
-    const int tailSize = captureRecordSize + trailerSize;
-    const int headSize = file.size() - recordsSize - 2 * countSize - tailSize;
+    const int headSize = file.size() - records.size() - 2 * countSize - tailSize;
     const int templateSize = recordOf(network().defaultNode()).size();
-    parts.head = file.left(headSize).replace(headSize - templateSize + nodeIdOffset, idSize, QByteArray());
-    parts.tail = file.right(tailSize);
-    return parts;
+    const QByteArray head
+        = file.left(headSize).replace(headSize - templateSize + nodeIdOffset, idSize, number(0));
+    return head + records + file.right(tailSize);
 }
 
 template <typename Item> void makeForms(const QList<Item*>& items)
@@ -171,7 +144,7 @@ void makeAllForms()
     makeForms(items<Connection>());
 }
 
-/// Of an area in the middle and of all that there is.
+/// Paints an area in the middle and all that there is.
 void paint()
 {
     QImage image(pictureSize, pictureSize, QImage::Format_ARGB32_Premultiplied);
@@ -192,8 +165,8 @@ QByteArray frame(const QByteArray& destination)
     return bytes;
 }
 
-/// To every address first, as few are delivered; then to all and to nobody; with the least and the most bytes
-/// of a valid frame, and none.
+/// Sends frames to every address first, as few are delivered; then to all and to nobody; with the least and
+/// the most bytes of a valid frame, and none.
 void sendFrames()
 {
     QByteArrayList frames;
@@ -224,7 +197,8 @@ void noteFate(const Frame& frame)
     lost.noteIf(!isDelivered && !frame.isCRCCorrect());
 }
 
-/// Those whose delay is up by the events, some of each link before their time; the others stay in flight.
+/// Delivers the frames whose delay is up by the events, some of each link before their time. The others stay
+/// in flight.
 void deliverFrames()
 {
     Fuzz::passEvents();
@@ -251,7 +225,7 @@ void readCapture()
     Fuzz::require(simulation().exportPcapDump(dump.path()), "a dump can be written");
 }
 
-/// With frames in flight; a form of it is open.
+/// Deletes a node with frames in flight, while a form of it is open.
 void deleteTopmostNode()
 {
     const QList<Node*> nodes = items<Node>();
@@ -264,18 +238,18 @@ void deleteTopmostNode()
     Fuzz::require(items<Node>().size() == nodes.size() - 1, "one node is deleted");
 }
 
-/// Loads \a file, which was \a parts when it was saved, and saves again.
-void checkReload(const QByteArray& file, const SavedParts& parts, bool wasServerOn)
+/// Loads \a file, which was \a known when it was saved, and saves again.
+void checkReload(const QByteArray& file, const QByteArray& known, bool wasServerOn)
 {
     Fuzz::require(loadSimulation(file), "what was saved can be loaded");
     if (network().isTcpEnabled() == wasServerOn)  // else another process has taken the port meanwhile
-        Fuzz::require(partsOf(saved(), Order::Reversed) == parts, "what was loaded is saved as it was");
+        Fuzz::require(normalised(saved(), Order::Reversed) == known, "what was loaded is saved as it was");
 }
 
 void use()
 {
     const QByteArray file = saved();
-    const SavedParts parts = partsOf(file, Order::AsSaved);
+    const QByteArray known = normalised(file, Order::AsSaved);
     const bool isServerOn = network().isTcpEnabled();
     const bool isCaptureOn = simulation().capture()->isEnabled();
     (simulation().fileVersion() == 0 ? loadedOld : loadedNew).noteIf(true);
@@ -291,7 +265,7 @@ void use()
     Fuzz::require(saved() == file, "neither forms nor frames change what is saved");
 
     deleteTopmostNode();
-    checkReload(file, parts, isServerOn);
+    checkReload(file, known, isServerOn);
 }
 
 }  // namespace
