@@ -1,25 +1,18 @@
-#!/usr/bin/env python3
 """Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-*, from the examples in the documents."""
 
-import pathlib
+from __future__ import annotations
+
 import re
-import struct
+from typing import Any
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-CORPUS = ROOT / "tests" / "fuzz" / "corpus"
+from measuring.lab import makesimulation
+from measuring.lab.launcher import TOP_FOLDER
+from measuring.lab.makesimulation import CHECKED, LinkSettings, NodeSettings, Simulation
+
+CORPUS = TOP_FOLDER / "tests" / "fuzz" / "corpus"
 EXAMPLE = re.compile(r"<!-- example: (\S+) -->\n```\n(.*?)```", re.DOTALL)
-
-COUNTS_AND_TAIL_SIZE = 4 + 4 + 2 + 4  # numbers of nodes and connections, capture record, trailer
-TAIL_SIZE = 2 + 4
-PROMISCUOUS_SIZE = 4  # the end of a node record; not in version 0
-NODE_ID = slice(8, 16)
-NODE_POSITION = slice(16, 32)
-NODE_ADDRESS_END = 42
-NODE_FLAGS = slice(42, 46)
-CONNECTION_ENDS = slice(4, 20)
-CONNECTION_BROKEN = slice(20, 21)
-CONNECTION_RELIABILITIES = slice(21, 37)  # of a bit and of the error detection
-CHECKED = struct.pack(">i", 2)
+DELAY = 1000  # ms: the target looks at frames in flight
+Examples = dict[str, bytes]  # by name
 
 # Bits of the first byte, as the targets define them
 BY_NAME, PLUG_AND_PLAY, SHORT_ADDRESS, SECOND_PROGRAM = 0x01, 0x02, 0x04, 0x08
@@ -28,66 +21,39 @@ CONFIRMATIONS, PROMISCUOUS, NOISY, BROKEN, FURTHER_LINKS = 0x01, 0x02, 0x04, 0x0
 SHORT_ADDRESSES, NO_ADDRESS, CLOSES = 0x20, 0x40, 0x80
 
 
-def examples():
-    text = "".join((ROOT / "docs" / name).read_text(encoding="utf-8") for name in ("protocol.md", "files.md"))
+def examples() -> Examples:
+    text = "".join((TOP_FOLDER / "docs" / name).read_text(encoding="utf-8") for name in ("protocol.md", "files.md"))
     return {name: bytes.fromhex(re.sub("#.*", "", block)) for name, block in EXAMPLE.findall(text)}
 
 
-def replaced(content, place, value):
-    return content[: place.start] + value + content[place.stop :]
+def simulation_files(known: Examples) -> Examples:
+    def file(*wiring: tuple[int, int], **settings: Any) -> bytes:
+        simulation = Simulation(wiring=wiring, confirms=True, delay=DELAY, **settings)
+        content: bytes = makesimulation.simulation_file(simulation)
+        return content
 
-
-def node(known, number, flags=0):
-    """The node of the example under another id, at another place and with another address."""
-    record = replaced(known["node-record"], NODE_ID, struct.pack(">Q", number))
-    record = replaced(record, NODE_POSITION, struct.pack(">dd", 100 * number, 60 * number))
-    record = replaced(record, slice(NODE_ADDRESS_END - 1, NODE_ADDRESS_END), bytes([number]))
-    return replaced(record, NODE_FLAGS, struct.pack(">I", flags))
-
-
-def connection(known, first, second, is_broken=False):
-    record = replaced(known["connection-record"], CONNECTION_ENDS, struct.pack(">QQ", first, second))
-    return replaced(record, CONNECTION_BROKEN, bytes([is_broken]))
-
-
-def simulation(empty, nodes, connections):
-    head, tail = empty[:-COUNTS_AND_TAIL_SIZE], empty[-TAIL_SIZE:]
-    count = struct.Struct(">I").pack
-    return head + count(len(nodes)) + b"".join(nodes) + count(len(connections)) + b"".join(connections) + tail
-
-
-def simulation_files(known):
-    new, old = known["new-simulation"], known["new-simulation-version-0"]
-    nodes = [node(known, number) for number in (1, 2, 3)]
-    old_nodes = [record[:-PROMISCUOUS_SIZE] for record in nodes]
-    promiscuous_nodes = [record[:-PROMISCUOUS_SIZE] + CHECKED for record in nodes]
-    chain = [connection(known, 1, 2), connection(known, 2, 3)]
+    chain = (0, 1), (1, 2)
+    promiscuous = {node: NodeSettings(promiscuous=CHECKED) for node in range(3)}
     # Every frame is changed; on one link the receiver notices, on the other it does not.
-    noisy_chain = [
-        replaced(link, CONNECTION_RELIABILITIES, struct.pack(">dd", 0.9, detection))
-        for link, detection in zip(chain, (1, 0))
-    ]
+    noisy = {link: LinkSettings(reliability=0.9, detection=1 - link) for link in range(2)}
     return {
-        "new": new,
-        "new-version-0": old,
-        "example": (ROOT / "examples" / "lossy-link.ltvo").read_bytes(),
-        "one-node": simulation(new, nodes[:1], []),
-        "chain": simulation(new, nodes, chain),
-        "chain-version-0": simulation(old, old_nodes, chain),
-        "promiscuous": simulation(new, promiscuous_nodes, chain),
-        "noisy": simulation(new, nodes, noisy_chain),
-        "odd-links": simulation(
-            new, [node(known, 1), node(known, 2, flags=2)], [connection(known, 1, 1), connection(known, 2, 1, True)]
-        ),
+        "new": known["new-simulation"],
+        "new-version-0": known["new-simulation-version-0"],
+        "example": (TOP_FOLDER / "examples" / "lossy-link.ltvo").read_bytes(),
+        "one-node": file(single_nodes=1),
+        "chain": file(*chain),
+        "promiscuous": file(*chain, own_nodes=promiscuous),
+        "noisy": file(*chain, own_links=noisy),
+        "odd-links": file((0, 0), (1, 0), own_links={1: LinkSettings(broken=True)}),
     }
 
 
-def in_pieces(choices, *pieces):
-    """A byte of choices, the number of cuts, the length of each piece but the last, the pieces."""
+def in_pieces(choices: int, *pieces: bytes) -> bytes:
+    """Return a byte of choices, the number of cuts, the length of each piece but the last, the pieces."""
     return bytes([choices, len(pieces) - 1]) + bytes(map(len, pieces[:-1])) + b"".join(pieces)
 
 
-def identifications(known):
+def identifications(known: Examples) -> Examples:
     by_address, by_name = known["identify-address"], known["identify-name"]
     left = by_name.replace(b"Right", b"Left").replace(b"\x06", b"\x05", 1)
     frame = known["frame-from-program"]
@@ -109,7 +75,7 @@ def identifications(known):
     }
 
 
-def bridge_messages(known):
+def bridge_messages(known: Examples) -> Examples:
     frame = known["frame-from-program"]
     broadcast = frame[:5] + b"\xff" * 6 + frame[11:]
     to_nobody = frame[:5] + b"\xee" * 6 + frame[11:]
@@ -134,14 +100,14 @@ def bridge_messages(known):
     }
 
 
-def write(target, seeds):
+def write(target: str, seeds: Examples) -> None:
     folder = CORPUS / target
     folder.mkdir(parents=True, exist_ok=True)
     for name, content in seeds.items():
         (folder / f"seed-{name}").write_bytes(content)
 
 
-def main():
+def main() -> None:
     known = examples()
     write("simulationfile", simulation_files(known))
     write("identification", identifications(known))
