@@ -1,16 +1,15 @@
-#!/usr/bin/env python3
 """Runs the fuzz targets, each from its seeds and from what earlier runs have learnt, and sums up what happened.
 
-Prints a line for each target and one for each finding, and writes summary.json (with --coverage: coverage.json)
-into the build folder. The exit code is 0 when nothing was found, 1 when something was, 2 when a target could not
-be run.
+Prints a line for each target and one for each finding, and writes summary.json (with --coverage-dir: coverage.json) into
+the build folder. The exit code is 0 when nothing was found, 1 when something was, 2 when a target could not be run.
 """
+
+from __future__ import annotations
 
 import argparse
 import base64
 import json
 import os
-import pathlib
 import re
 import shutil
 import subprocess
@@ -19,8 +18,10 @@ import tempfile
 import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import asdict, dataclass, field
+from pathlib import Path
+from typing import Sequence
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[2]
 FUZZ = ROOT / "tests" / "fuzz"
 TARGETS = ("bridge", "identification", "simulationfile")
 
@@ -47,11 +48,19 @@ COVERED_SOURCES = (
 )
 
 ENVIRONMENT = {
+    **os.environ,
     "ASAN_OPTIONS": "quarantine_size_mb=32:malloc_context_size=10",
     "LSAN_OPTIONS": f"suppressions={FUZZ / 'leaks.supp'}:print_suppressions=0",
     "QT_QPA_PLATFORM": "offscreen",
     "UBSAN_OPTIONS": "print_stacktrace=1",
 }
+LIMITS = [
+    f"-max_len={LARGEST_INPUT}",
+    f"-rss_limit_mb={MEMORY_LIMIT}",
+    f"-malloc_limit_mb={ALLOCATION_LIMIT}",
+    f"-timeout={HANGING_INPUT}",
+    f"-report_slow_units={LONGEST_INPUT}",
+]
 
 
 class Failure(Exception):
@@ -60,6 +69,8 @@ class Failure(Exception):
 
 @dataclass
 class Finding:
+    """An input that the program does not stand."""
+
     kind: str  # crash, leak, oom, timeout or slow-unit
     input: str  # path, from the project's top folder; empty when none could be named
     what: str
@@ -67,6 +78,8 @@ class Finding:
 
 @dataclass
 class Result:
+    """What the runs of a target have come to; the names are those in summary.json."""
+
     target: str
     seconds: float = 0.0
     executions: int = 0
@@ -78,9 +91,22 @@ class Result:
     seeds: list[int] = field(default_factory=list)  # of the fuzzer's own draws, one for each time it was started
     findings: list[Finding] = field(default_factory=list)
 
+    def note_figures(self, output: str) -> None:
+        def last_number(pattern: str) -> int:
+            return int((re.findall(pattern, output) or [0])[-1])
+
+        self.seeds += map(int, re.findall(r"INFO: Seed: (\d+)", output))
+        self.executions += last_number(r"stat::number_of_executed_units:\s+(\d+)")
+        self.edgesCovered = max(self.edgesCovered, last_number(r"cov: (\d+)"))
+        self.edges = last_number(r"Loaded \d+ modules +\((\d+) ")
+        self.corpusInputs = max(self.corpusInputs, last_number(r"corp: (\d+)/"))
+        self.peakMemoryMiB = max(self.peakMemoryMiB, last_number(r"stat::peak_rss_mb:\s+(\d+)"))
+
 
 class Target:
-    def __init__(self, name, build_dir):
+    """A fuzzer and its folders."""
+
+    def __init__(self, name: str, build_dir: Path) -> None:
         self.name = name
         self.program = build_dir / "tests" / "fuzz" / f"fuzz_{name}"
         self.learnt = build_dir / "learnt" / name
@@ -90,117 +116,78 @@ class Target:
         self.corpus.mkdir(parents=True, exist_ok=True)
         self.artifacts.mkdir(exist_ok=True)
 
-    def seed_folders(self):
+    def seed_folders(self) -> list[Path]:
         return [folder for folder in (FUZZ / "corpus" / self.name, FUZZ / "regressions" / self.name) if folder.is_dir()]
 
-    def fuzz(self, *arguments):
-        """Run the fuzzer to its end; return its exit code and all that it has printed."""
-        command = [self.program, f"-artifact_prefix={self.artifacts}/", *arguments]
+    def fuzz(self, *arguments: str | Path) -> tuple[int, str, list[Path]]:
+        """Run the fuzzer to its end; return its exit code, all that it has printed and the inputs that it has kept."""
+        known = set(self.artifacts.iterdir())
+        command: list[str | Path] = [self.program, f"-artifact_prefix={self.artifacts}/", *arguments]
         done = subprocess.run(
-            [str(word) for word in command],
+            command,
             cwd=self.learnt,
-            env=os.environ | ENVIRONMENT,
+            env=ENVIRONMENT,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            check=False,
         )
-        return done.returncode, done.stdout.decode(errors="replace")
+        return done.returncode, done.stdout.decode(errors="replace"), sorted(set(self.artifacts.iterdir()) - known)
 
-    def limits(self):
-        return [
-            f"-max_len={LARGEST_INPUT}",
-            f"-rss_limit_mb={MEMORY_LIMIT}",
-            f"-malloc_limit_mb={ALLOCATION_LIMIT}",
-            f"-timeout={HANGING_INPUT}",
-            f"-report_slow_units={LONGEST_INPUT}",
-        ]
-
-
-def last_number(pattern, text):
-    numbers = re.findall(pattern, text)
-    return int(numbers[-1]) if numbers else 0
+    def is_slow_again(self, artifact: Path) -> bool:
+        """Tell whether the processor itself needs that long: a busy machine makes no input slow."""
+        command: list[str | Path] = [self.program, "-detect_leaks=0", f"-timeout={HANGING_INPUT}", artifact]
+        with subprocess.Popen(
+            command, env=ENVIRONMENT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
+        ) as process:
+            _, status, usage = os.wait4(process.pid, 0)
+            process.returncode = os.waitstatus_to_exitcode(status)
+        return usage.ru_utime + usage.ru_stime > LONGEST_INPUT
 
 
-def note_figures(result, output):
-    result.seeds += map(int, re.findall(r"INFO: Seed: (\d+)", output))
-    result.executions += last_number(r"stat::number_of_executed_units:\s+(\d+)", output)
-    result.edgesCovered = max(result.edgesCovered, last_number(r"cov: (\d+)", output))
-    result.edges = last_number(r"Loaded \d+ modules +\((\d+) ", output)
-    result.corpusInputs = max(result.corpusInputs, last_number(r"corp: (\d+)/", output))
-    result.peakMemoryMiB = max(result.peakMemoryMiB, last_number(r"stat::peak_rss_mb:\s+(\d+)", output))
-
-
-def first_complaint(output):
-    """What a sanitizer, the fuzzer or a target's own check has said."""
+def first_complaint(output: str) -> str:
+    """Return what a sanitizer, the fuzzer or a target's own check has said."""
     match = re.search(r"Broken promise: .*|[^\n]*runtime error: .*|(?:ERROR|SUMMARY): .*", output)
     return match.group(0).strip() if match else "the fuzzer ended for no reason that it named"
 
 
-def is_slow_again(target, artifact):
-    """Whether the processor itself needs that long: a busy machine makes no input slow."""
-    command = [str(target.program), "-detect_leaks=0", f"-timeout={HANGING_INPUT}", str(artifact)]
-    quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-    with subprocess.Popen(command, env=os.environ | ENVIRONMENT, **quiet) as process:
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(status)
-    return usage.ru_utime + usage.ru_stime > LONGEST_INPUT
-
-
-def findings_of(target, known_artifacts, output):
-    """The inputs that were written down, but for slow ones that are not slow when they run alone."""
+def findings_of(target: Target, artifacts: list[Path], output: str) -> list[Finding]:
+    """Return the inputs that were kept, but for slow ones that are not slow when they run alone."""
     findings = []
-    for artifact in sorted(set(target.artifacts.iterdir()) - known_artifacts):
+    for artifact in artifacts:
         kind = artifact.name.rpartition("-")[0]
         if artifact.stat().st_size == 0 and "LeakSanitizer" in output:
             artifact.unlink()  # a leak that shows at the end only: of no input in particular
-        elif kind in ("slow-unit", "timeout") and not is_slow_again(target, artifact):
+        elif kind in ("slow-unit", "timeout") and not target.is_slow_again(artifact):
             artifact.unlink()
         else:
             what = "slow: more than a second" if kind == "slow-unit" else first_complaint(output)
             findings.append(Finding(kind, os.path.relpath(artifact, ROOT), what))
+    if "LeakSanitizer: detected memory leaks" in output:
+        _, told, inputs = target.fuzz("-runs=0", target.corpus, *target.seed_folders())  # to name the input
+        findings.append(Finding("leak", os.path.relpath(inputs[0], ROOT) if inputs else "", first_complaint(told)))
     return findings
 
 
-def leaks_of(target, output):
-    """Names the input that leaks, if it is among those that were kept."""
-    known = set(target.artifacts.iterdir())
-    target.fuzz("-runs=0", target.corpus, *target.seed_folders())
-    inputs = sorted(set(target.artifacts.iterdir()) - known)
-    path = os.path.relpath(inputs[0], ROOT) if inputs else ""
-    return [Finding("leak", path, first_complaint(output))]
+def run(target: Target, seconds: int, seed: int) -> Result:
+    """Start the fuzzer until the time is over: it ends with each finding, but for slow inputs.
 
-
-def run_once(target, seconds, seed, result):
-    """One start of the fuzzer, which ends with its first finding; slow inputs do not end it. Leaks are looked for
-    at the end: to look after each input would take longer than all the rest."""
-    known = set(target.artifacts.iterdir())
-    dictionary = FUZZ / f"{target.name}.dict"
-    options = [f"-dict={dictionary}", f"-max_total_time={seconds}", "-detect_leaks=0", "-print_final_stats=1"]
-    code, output = target.fuzz(*options, f"-seed={seed}", *target.limits(), target.corpus, *target.seed_folders())
-    with target.log.open("a", encoding="utf-8") as log:
-        log.write(output)
-
-    note_figures(result, output)
-    found = findings_of(target, known, output)
-    if "LeakSanitizer: detected memory leaks" in output:
-        found += leaks_of(target, output)
-    if code != 0 and not found:
-        found = [Finding("crash", "", first_complaint(output))]
-    result.findings += found
-
-
-def run(target, seconds, seed):
-    """A seed of 0 lets the fuzzer choose one; so does every start behind a finding, which would come again."""
+    Leaks are looked for at the end: to look after each input would take longer than all the rest. A seed of 0 lets the
+    fuzzer choose one; so does every start behind a finding, which would come again.
+    """
     if not target.program.exists():
         raise Failure(f"{target.program} was not built")
     target.log.write_text("", encoding="utf-8")
     result = Result(target.name)
+    options = [f"-dict={FUZZ / target.name}.dict", "-detect_leaks=0", "-print_final_stats=1", *LIMITS]
     start = time.monotonic()
-    left = seconds
-    while left >= 1 and len(result.findings) < MOST_FINDINGS:
-        run_once(target, round(left), 0 if result.seeds else seed, result)
-        left = seconds - (time.monotonic() - start)
+    while (left := round(start + seconds - time.monotonic())) >= 1 and len(result.findings) < MOST_FINDINGS:
+        start_options = [f"-max_total_time={left}", f"-seed={0 if result.seeds else seed}"]
+        code, output, artifacts = target.fuzz(*options, *start_options, target.corpus, *target.seed_folders())
+        with target.log.open("a", encoding="utf-8") as log:
+            log.write(output)
+        result.note_figures(output)
+        found = findings_of(target, artifacts, output)
+        result.findings += found or ([Finding("crash", "", first_complaint(output))] if code else [])
     if result.executions == 0 and not result.findings:
         raise Failure(f"{target.name} has run no input; see {target.log}")
     result.seconds = round(time.monotonic() - start, 1)
@@ -208,7 +195,7 @@ def run(target, seconds, seed):
     return result
 
 
-def report(result):
+def report(result: Result) -> None:
     print(
         f"{result.target}: {result.executions} executions in {result.seconds:.0f} s ({result.executionsPerSecond}/s), "
         f"{result.edgesCovered} of {result.edges} edges, {result.corpusInputs} inputs in the corpus, "
@@ -222,7 +209,8 @@ def report(result):
             print("    base64: " + base64.b64encode((ROOT / finding.input).read_bytes()).decode(), flush=True)
 
 
-def fuzz_all(targets, seconds, seed, build_dir):
+def fuzz_all(targets: Sequence[Target], seconds: int, seed: int, build_dir: Path) -> bool:
+    """Return whether nothing was found."""
     results = []
     with ThreadPoolExecutor(AT_A_TIME) as runners:
         for result in runners.map(lambda target: run(target, seconds, seed), targets):
@@ -232,73 +220,58 @@ def fuzz_all(targets, seconds, seed, build_dir):
     return not any(result.findings for result in results)
 
 
-def write_summary(path, results):
-    """Of a target that has not run this time the figures of its last run stay."""
+def write_summary(path: Path, results: Sequence[Result]) -> None:
+    """Keep the figures of the last run of a target that has not run this time."""
     known = json.loads(path.read_text(encoding="utf-8"))["targets"] if path.exists() else []
     by_target = {result["target"]: result for result in known} | {result.target: asdict(result) for result in results}
     summary = {"targets": [by_target[name] for name in sorted(by_target)]}
     path.write_text(json.dumps(summary, indent=2) + "\n", encoding="utf-8")
 
 
-def minimise(target):
-    """Replaces the committed inputs, but for the written seeds, by the fewest that reach as much as all known ones."""
+def minimise(target: Target) -> None:
+    """Replace the committed inputs, but for the written seeds, by the fewest that reach as much as all known ones."""
     committed = FUZZ / "corpus" / target.name
     with tempfile.TemporaryDirectory() as folder:
-        merged = pathlib.Path(folder)
+        merged = Path(folder)
         for seed in committed.glob(SEED_PREFIX + "*"):
             shutil.copy(seed, merged)
-        code, output = target.fuzz("-merge=1", "-use_counters=0", *target.limits(), merged, committed, target.corpus)
+        code, output, _ = target.fuzz("-merge=1", "-use_counters=0", *LIMITS, merged, committed, target.corpus)
         if code != 0:
             raise Failure(f"{target.name}: {first_complaint(output)}")
-        for old in committed.iterdir():
-            old.unlink()
-        for kept in merged.iterdir():
-            shutil.copy(kept, committed)
+        shutil.rmtree(committed)
+        shutil.copytree(merged, committed)
     files = list(committed.iterdir())
     print(f"{target.name}: {len(files)} inputs, {sum(file.stat().st_size for file in files)} bytes")
 
 
-def replay(target, coverage_dir):
-    """Run every known input with the counting program; return the file with the counts."""
-    program = coverage_dir / "tests" / "fuzz" / f"replay_{target.name}"
-    counts = coverage_dir / f"{target.name}.profraw"
-    environment = os.environ | ENVIRONMENT | {"LLVM_PROFILE_FILE": str(counts)}
-    command = [program, *target.seed_folders(), target.corpus]
-    subprocess.run(list(map(str, command)), env=environment, stdout=subprocess.DEVNULL, check=True)
-    return program, counts
+def cover(targets: Sequence[Target], build_dir: Path, coverage_dir: Path) -> None:
+    """Count the lines of the parsers, and of what they feed, that all known inputs reach together."""
+    programs = [coverage_dir / "tests" / "fuzz" / f"replay_{target.name}" for target in targets]
+    counts = [coverage_dir / f"{target.name}.profraw" for target in targets]
+    for target, program, file in zip(targets, programs, counts):
+        environment = {**ENVIRONMENT, "LLVM_PROFILE_FILE": str(file)}
+        command = [program, *target.seed_folders(), target.corpus]
+        subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, check=True)
 
-
-def lines_of(programs, counts, merged):
-    subprocess.run(["llvm-profdata", "merge", "-sparse", "-o", str(merged), *map(str, counts)], check=True)
-    objects = [word for program in programs[1:] for word in ("-object", str(program))]
-    command = ["llvm-cov", "export", "-summary-only", f"-instr-profile={merged}", str(programs[0]), *objects]
-    exported = json.loads(subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout)
-    return {entry["filename"]: entry["summary"]["lines"] for entry in exported["data"][0]["files"]}
-
-
-def lines_of_source(lines, source):
-    """The compiler's names of files are absolute, or relative to its own folder."""
-    return next(counts for name, counts in lines.items() if name.endswith("/" + source))
-
-
-def cover(targets, build_dir, coverage_dir):
-    """How many lines of the parsers, and of what they feed, all known inputs reach together."""
-    replayed = [replay(target, coverage_dir) for target in targets]
-    programs, counts = zip(*replayed)
-    lines = lines_of(programs, counts, coverage_dir / "all.profdata")
+    merged = coverage_dir / "all.profdata"
+    subprocess.run(["llvm-profdata", "merge", "-sparse", "-o", merged, *counts], check=True)
+    objects = [f"-object={program}" for program in programs[1:]]
+    export = ["llvm-cov", "export", "-summary-only", f"-instr-profile={merged}", programs[0], *objects]
+    exported = json.loads(subprocess.run(export, stdout=subprocess.PIPE, check=True).stdout)["data"][0]["files"]
     files = []
     for source in COVERED_SOURCES:
-        found = lines_of_source(lines, source)
-        files.append({"file": source, "lines": found["count"], "linesCovered": found["covered"]})
-        print(f"{source}: {found['covered']} of {found['count']} lines ({found['percent']:.1f} %)")
+        # The compiler's names of files are absolute, or relative to its own folder
+        lines = next(entry["summary"]["lines"] for entry in exported if entry["filename"].endswith("/" + source))
+        files.append({"file": source, "lines": lines["count"], "linesCovered": lines["covered"]})
+        print(f"{source}: {lines['covered']} of {lines['count']} lines ({lines['percent']:.1f} %)")
     summary = {"targets": [target.name for target in targets], "files": files}
     (build_dir / "coverage.json").write_text(json.dumps(summary, indent=2) + "\n", encoding="utf-8")
 
 
-def parse_arguments():
+def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--build-dir", type=pathlib.Path, default=ROOT / "build" / "fuzz")
-    parser.add_argument("--coverage-dir", type=pathlib.Path, help="count lines instead, with this folder's programs")
+    parser.add_argument("--build-dir", type=Path, default=ROOT / "build" / "fuzz")
+    parser.add_argument("--coverage-dir", type=Path, help="count lines instead, with this folder's programs")
     parser.add_argument("--minimise", action="store_true", help="renew the committed inputs instead")
     parser.add_argument("--seconds", type=int, default=20, help="for each target")
     parser.add_argument("--seed", type=int, default=0, help="that an earlier run has told; 0: another one each time")
@@ -310,7 +283,7 @@ def parse_arguments():
     return arguments
 
 
-def main():
+def main() -> int:
     arguments = parse_arguments()
     build_dir = arguments.build_dir.resolve()
     targets = [Target(name, build_dir) for name in arguments.targets or TARGETS]
