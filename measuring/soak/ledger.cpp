@@ -17,11 +17,9 @@ bool isValidSize(const Network& network, qint64 size)
 qint64 framesInFlight(const Network& network)
 {
     qint64 frames = 0;
-    const QList<QGraphicsItem*> items = network.items();
-    for (QGraphicsItem* item : items) {
-        if (auto* link = dynamic_cast<Connection*>(item))
-            frames += TestAccess::framesInFlight(*link).size();
-    }
+    const QList<Connection*> links = itemsOf<Connection>(network.items());
+    for (Connection* link : links)
+        frames += TestAccess::framesInFlight(*link).size();
     return frames;
 }
 
@@ -35,11 +33,9 @@ void Ledger::begin(Network* network)
          {&_sends, &_copies, &_ontoBrokenLinks, &_ofBadSize, &_taken, &_left, &_delivered, &_vanished})
         *count = 0;
     connect(network, SIGNAL(frameLeftLink()), this, SLOT(_countLeaving()));
-    const QList<QGraphicsItem*> items = network->items();
-    for (QGraphicsItem* item : items) {
-        if (auto* node = dynamic_cast<Node*>(item))
-            watch(node);
-    }
+    const QList<Node*> nodes = itemsOf<Node>(network->items());
+    for (Node* node : nodes)
+        watch(node);
 }
 
 void Ledger::watch(Node* node)

@@ -14,6 +14,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
@@ -35,12 +36,11 @@ Ledger& ledger()
 /// Finds the item with the number that an argument holds; null when there is none of that kind.
 template <typename Item> Item* itemOf(const QJsonValue& number)
 {
-    const QList<QGraphicsItem*> items = network().items();
-    for (QGraphicsItem* item : items) {
-        if (number.toInt() > 0 && item->data(numberKey).toInt() == number.toInt())
-            return dynamic_cast<Item*>(item);
-    }
-    return nullptr;
+    const QList<Item*> items = itemsOf<Item>(network().items());
+    const auto found = std::find_if(items.begin(), items.end(), [&](const Item* item) {
+        return number.toInt() > 0 && item->data(numberKey).toInt() == number.toInt();
+    });
+    return found == items.end() ? nullptr : *found;
 }
 
 /// Returns the number of an item, which gets one when it is first asked for.
@@ -213,13 +213,11 @@ const RemoteCommand tellState("state", [](const QJsonObject& /*arguments*/) -> Q
     QJsonArray nodes;
     QJsonArray links;
     const QList<QGraphicsItem*> items = network().items(Qt::AscendingOrder);
-    for (QGraphicsItem* item : items) {
-        if (auto* node = dynamic_cast<Node*>(item))
-            nodes.append(nodeState(node));
-        else if (auto* link = dynamic_cast<Connection*>(item))
-            links.append(QJsonObject{{"number", numberOf(link)},
-                                     {"from", numberOf(link->node(0))},
-                                     {"to", numberOf(link->node(1))}});
+    for (Node* node : itemsOf<Node>(items))
+        nodes.append(nodeState(node));
+    for (Connection* link : itemsOf<Connection>(items)) {
+        links.append(QJsonObject{
+            {"number", numberOf(link)}, {"from", numberOf(link->node(0))}, {"to", numberOf(link->node(1))}});
     }
     return {{"nodes", nodes}, {"links", links}};
 });

@@ -190,12 +190,7 @@ double timeUntilSeen()
 /// Returns nodes from all over the network.
 QList<Node*> nodesToDelete()
 {
-    QList<Node*> nodes;
-    const QList<QGraphicsItem*> items = RemoteControl::network().items();
-    for (QGraphicsItem* item : items) {
-        if (auto* node = dynamic_cast<Node*>(item))
-            nodes.append(node);
-    }
+    const QList<Node*> nodes = itemsOf<Node>(RemoteControl::network().items());
     if (nodes.size() < deletedNodes)
         qFatal("only %d nodes to delete", nodes.size());
     QList<Node*> spread;

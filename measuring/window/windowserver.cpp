@@ -20,10 +20,9 @@ PaintWatch& application()
 
 const Node* nodeOfName(const QString& name)
 {
-    const QList<QGraphicsItem*> items = RemoteControl::network().items();
-    for (const QGraphicsItem* item : items) {
-        const auto* node = dynamic_cast<const Node*>(item);
-        if (node && node->name() == name)
+    const QList<Node*> nodes = itemsOf<Node>(RemoteControl::network().items());
+    for (const Node* node : nodes) {
+        if (node->name() == name)
             return node;
     }
     return nullptr;

@@ -141,7 +141,7 @@ class Target:
         ) as process:
             _, status, usage = os.wait4(process.pid, 0)
             process.returncode = os.waitstatus_to_exitcode(status)
-        return usage.ru_utime + usage.ru_stime > LONGEST_INPUT
+        return bool(usage.ru_utime + usage.ru_stime > LONGEST_INPUT)
 
 
 def first_complaint(output: str) -> str:
