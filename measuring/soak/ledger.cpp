@@ -7,7 +7,7 @@
 
 namespace {
 
-/// A frame holds both addresses whole and is no longer than the network allows.
+/// Tells whether a frame holds both addresses whole and is no longer than the network allows.
 bool isValidSize(const Network& network, qint64 size)
 {
     const int lastOffset = std::max(network.sourceAddressOffset(), network.destinationAddressOffset());
@@ -68,7 +68,8 @@ QJsonObject Ledger::totals() const
     };
 }
 
-/// The node tells of a frame before it hands it to its links. \a frames is 0 when its statistics are reset.
+/// Counts a frame, of which the node tells before it hands it to its links. \a frames is 0 when its
+/// statistics are reset.
 void Ledger::_countSend(int frames)
 {
     const auto* node = qobject_cast<Node*>(sender());
@@ -93,7 +94,7 @@ void Ledger::_countCopies(const Node& node, qint64 size)
     }
 }
 
-/// \a frames is 0 when the statistics are reset.
+/// Counts a frame that a node got. \a frames is 0 when the statistics are reset.
 void Ledger::_countDelivery(int frames)
 {
     if (frames != 0)

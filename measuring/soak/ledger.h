@@ -22,11 +22,11 @@ class Ledger : public QObject
     Q_OBJECT
 
 public:
-    /// Begins a new account. Nodes that come later are to be watched before they get a link.
+    /// Begins a new account. Watch nodes that come later before they get a link.
     void begin(Network* network);
     void watch(Node* node);  // a second time: ignored
 
-    /// To be called before the link is broken or deleted.
+    /// Counts what a link holds that is about to be broken or deleted.
     void vanishWith(Connection* link);
 
     QJsonObject totals() const;

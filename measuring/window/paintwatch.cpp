@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Of the same clock as Python's time.monotonic_ns().
+/// Reads the same clock as Python's time.monotonic_ns().
 qint64 monotonicNanoseconds()
 {
     return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -34,7 +34,7 @@ QPoint PaintWatch::place() const
     return _view->viewport()->mapToGlobal(_view->mapFromScene(_item->pos()));
 }
 
-/// What is painted reaches the display before the outermost event is done.
+/// Notes a picture when the outermost event is done: what was painted has reached the display then.
 bool PaintWatch::notify(QObject* receiver, QEvent* event)
 {
     if (_isPictureOfItem(receiver, event))

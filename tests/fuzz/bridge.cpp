@@ -7,6 +7,7 @@
 #include "protocol/bridgeprotocol.h"
 #include "testaccess.h"
 
+#include <QDataStream>
 #include <QTcpSocket>
 #include <QtEndian>
 
@@ -43,7 +44,7 @@ Fuzz::Goal switchedOn("a node that was switched on again sends");
 Fuzz::Goal gotFirstAddress("a node gets its first address");
 Fuzz::Goal detachedByError("an error detaches a program");
 
-/// As in docs/protocol.md: 02:00:00:00:00 and the number.
+/// Returns an address as docs/protocol.md has it: 02:00:00:00:00 and the number.
 QByteArray address(int number, int length)
 {
     return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
@@ -143,7 +144,7 @@ private:
     bool _wasDisabled = false;
 };
 
-/// What frames lead to where no bit changes.
+/// Holds what frames lead to when no bit changes.
 struct ExpectedOutcome {
     QByteArrayList delivered;  // to the receiver
     QByteArrayList returned;   // to the sender itself
@@ -152,13 +153,22 @@ struct ExpectedOutcome {
     int losses = 0;            // that are reported
 };
 
-/// The bodies of messages to a program. Every message is whole, known and as long as its kind may be.
+/// Reads what a program gets: every message is whole, known and as long as its kind may be.
 struct MessagesToProgram {
     explicit MessagesToProgram(const QByteArray& bytes)
     {
-        int position = 0;
-        while (position < bytes.size())
-            position = _read(bytes, position);
+        QDataStream stream(bytes);
+        while (!stream.atEnd()) {
+            quint8 type = 0;
+            QByteArray body;
+            stream >> type >> body;
+            Fuzz::require(stream.status() == QDataStream::Ok && !body.isEmpty(),
+                          "a program gets whole messages");
+            if (type == Bridge::Frame)
+                frames.append(body);
+            else
+                _countOutcome(type, body);
+        }
     }
 
     QByteArrayList frames;
@@ -166,23 +176,13 @@ struct MessagesToProgram {
     int losses = 0;
 
 private:
-    int _read(const QByteArray& bytes, int begin)
+    void _countOutcome(quint8 type, const QByteArray& body)
     {
-        Fuzz::require(bytes.size() - begin > Bridge::headerSize, "a program gets whole messages");
-        const quint32 length = qFromBigEndian<quint32>(bytes.constData() + begin + 1);
-        const QByteArray body = bytes.mid(begin + Bridge::headerSize, static_cast<int>(length));
-        Fuzz::require(length > 0 && body.size() == static_cast<int>(length), "a program gets whole bodies");
-        if (bytes.at(begin) == Bridge::Frame) {
-            frames.append(body);
-        } else {
-            const int outcome = body.at(0);
-            Fuzz::require(bytes.at(begin) == Bridge::Confirmation && length == 1,
-                          "a program gets what it knows");
-            Fuzz::require(outcome == Bridge::FrameDelivered || outcome == Bridge::FrameNotDelivered,
-                          "an outcome is one or the other");
-            ++(outcome == Bridge::FrameDelivered ? confirmations : losses);
-        }
-        return begin + Bridge::headerSize + body.size();
+        const int outcome = body.at(0);
+        Fuzz::require(type == Bridge::Confirmation && body.size() == 1, "a program gets what it knows");
+        Fuzz::require(outcome == Bridge::FrameDelivered || outcome == Bridge::FrameNotDelivered,
+                      "an outcome is one or the other");
+        ++(outcome == Bridge::FrameDelivered ? confirmations : losses);
     }
 };
 
@@ -248,7 +248,7 @@ private:
         _network->addItem(new Connection(_sender, _sender));
     }
 
-    /// \a piece has been sent and nothing of it was read yet.
+    /// Checks what becomes of a piece that has been sent and not yet read.
     void _check(const QByteArray& piece)
     {
         const bool wasAttached = _sender->socket() != nullptr;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned mostCuts = 7;
 
-/// Qt only warns of a connection between signals and slots that do not fit.
+/// Ends the process when signal and slot do not fit: Qt only warns.
 void endOnFailedConnect(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& message)
 {
     Fuzz::require(!message.startsWith(QLatin1String("QObject::connect: ")), qPrintable(message));
@@ -58,7 +58,7 @@ Fuzz::Goal::Goal(const char* what)
     goals().push_back(this);
 }
 
-/// Made by the first goal: nothing else says which file's variables are made first.
+/// Makes the list for the first goal: nothing else says which file's variables are made first.
 std::vector<const Fuzz::Goal*>& Fuzz::goals()
 {
     static std::vector<const Goal*> all;
@@ -78,7 +78,7 @@ void Fuzz::deleteNetwork()
     require(TestAccess::allTcpNodes().isEmpty(), "no node outlives its network");
 }
 
-/// Deletions that were put off run where a program's event loop would run them.
+/// Runs deletions that were put off where a program's event loop would run them.
 void Fuzz::passEvents(int passes)
 {
     for (int i = 0; i < passes; ++i) {
@@ -135,7 +135,7 @@ int Fuzz::Program::takeSimulatorEnd()
     return std::exchange(_simulatorEnd, -1);
 }
 
-/// Bytes that the kernel does not take, because the simulator has closed or reads nothing, are lost.
+/// Loses the bytes that the kernel does not take, because the simulator has closed or reads nothing.
 void Fuzz::Program::send(const QByteArray& bytes)
 {
     const auto taken = ::send(_ownEnd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL);

@@ -38,13 +38,13 @@ private:
     bool _isReached = false;
 };
 
-/// Of the target in this program.
+/// Returns the goals of the target in this program.
 std::vector<const Goal*>& goals();
 
-/// A new simulation, and the same random draws for each input.
+/// Makes a new simulation, with the same random draws for each input.
 Network* newNetwork();
 
-/// Nothing of the input may be left for the next one.
+/// Deletes the simulation, of which nothing may be left for the next input.
 void deleteNetwork();
 
 /// Runs what is due by now, never waits.
@@ -60,8 +60,8 @@ public:
 
     uint8_t takeByte();
 
-    /// The rest, as a stream may cut it: a byte with the number of cuts, a byte for the length of each piece
-    /// but the last, then the bytes themselves. Pieces may be empty.
+    /// Takes the rest, as a stream may cut it: a byte with the number of cuts, a byte for the length of each
+    /// piece but the last, then the bytes themselves. Pieces may be empty.
     QByteArrayList takePieces();
 
 private:

@@ -44,7 +44,7 @@ struct AcceptingServer : QTcpServer {
     using QTcpServer::incomingConnection;
 };
 
-/// As if the kernel had just accepted the program.
+/// Acts as if the kernel had just accepted the program.
 void accept(QTcpServer& server, Fuzz::Program& program)
 {
     (server.*(&AcceptingServer::incomingConnection))(program.takeSimulatorEnd());
@@ -52,7 +52,7 @@ void accept(QTcpServer& server, Fuzz::Program& program)
     Fuzz::passEvents();
 }
 
-/// What docs/protocol.md says of the first bytes, told anew.
+/// Tells anew what docs/protocol.md says of the first bytes.
 struct Expectation {
     Expectation(const Network& network, const QByteArray& bytes)
     {

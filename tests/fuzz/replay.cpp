@@ -9,7 +9,7 @@
 
 namespace {
 
-/// \a path itself, or the files of the folder whose names match; none for a folder that is not there.
+/// Returns \a path itself, or the files of the folder whose names match; none for a folder that is not there.
 QStringList filesOf(const QString& path, const QString& namePattern)
 {
     if (QFileInfo(path).isFile())
@@ -22,7 +22,7 @@ QStringList filesOf(const QString& path, const QString& namePattern)
     return files;
 }
 
-/// Named before it runs: the last name in the output is that of the input that ended the program.
+/// Names the input before it runs: the last name in the output is that of the input that ended the program.
 bool replay(const QString& path)
 {
     std::printf("%s\n", qPrintable(path));
