@@ -650,7 +650,8 @@ lattivo_result lattivo_send_active(lattivo_client* client, bool active, int time
 
 lattivo_result lattivo_flush(lattivo_client* client, int timeout)
 {
-    return flush_until(client, deadline_after(timeout));
+    const lattivo_result result = give_to_kernel(client); /* mostly enough, and needs no clock */
+    return result == LATTIVO_AGAIN ? flush_until(client, deadline_after(timeout)) : result;
 }
 
 size_t lattivo_largest_frame(lattivo_client* client)
