@@ -367,46 +367,40 @@ bool FrameLoad::_fail(const std::string& reason)
     return false;
 }
 
-const char usage[]
-    = "usage: lattivo_frameload --vde SWITCH --vde SWITCH | --sender-fd N --receiver-fd N [options]\n"
-      "  --size S                     bytes of a frame, at least 32 (64)\n"
-      "  --window W                   frames in flight (64)\n"
-      "  --warm-up S, --duration S    seconds (0.3, 2)\n"
-      "  --watch-pid PID              report that process's processor time; may be given again\n"
-      "Prints one line of JSON. Exit code 1: the frames do not get through, 2: wrong option.\n";
-
-bool readCommandLine(int argc, char** argv, Options& options)
+Options readCommandLine(int argc, char** argv)
 {
-    CommandLine commandLine;
-    commandLine.addValue("--vde", [&](const std::string& folder) {
+    Options options;
+    CommandLine line(
+        "usage: lattivo_frameload --vde SWITCH --vde SWITCH | --sender-fd N --receiver-fd N [options]\n"
+        "Prints one line of JSON. Exit code 1: the frames do not get through, 2: wrong option.");
+    const auto addSwitch = [&](const std::string& folder) {
         options.switches.push_back(folder);
         return true;
-    });
-    commandLine.addNumber("--sender-fd", options.senderFd);
-    commandLine.addNumber("--receiver-fd", options.receiverFd);
-    commandLine.addNumber("--size", options.frameBytes, fillerOffset + 1);
-    commandLine.addNumber("--window", options.window, 1);
-    commandLine.addNumber("--warm-up", options.warmUp);
-    commandLine.addNumber("--duration", options.duration);
-    commandLine.addValue("--watch-pid", [&](const std::string& pid) {
+    };
+    const auto addPid = [&](const std::string& pid) {
         options.watchedPids.push_back(std::atoi(pid.c_str()));
         return true;
-    });
-    const bool isUnderstood = commandLine.read(argc, argv) && options.frameBytes <= largestFrameBytes;
+    };
+    line.addValue("--vde", addSwitch, "control folder of a switch");
+    line.addNumber("--sender-fd", options.senderFd, 0, "where frames go in, one a datagram");
+    line.addNumber("--receiver-fd", options.receiverFd, 0, "where they come out");
+    line.addNumber("--size", options.frameBytes, fillerOffset + 1, "bytes of a frame (64)");
+    line.addNumber("--window", options.window, 1, "frames in flight (64)");
+    line.addNumber("--warm-up", options.warmUp, 0, "seconds (0.3)");
+    line.addNumber("--duration", options.duration, 0, "seconds (2)");
+    line.addValue("--watch-pid", addPid, "a process whose processor time is reported; several are added up");
+    line.read(argc, argv);
     const bool hasDescriptors = options.senderFd >= 0 && options.receiverFd >= 0;
-    return isUnderstood && (options.switches.size() == 2) != hasDescriptors;
+    if (options.frameBytes > largestFrameBytes || (options.switches.size() == 2) == hasDescriptors)
+        line.refuse();
+    return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    if (!readCommandLine(argc, argv, options)) {
-        std::fputs(usage, stderr);
-        return 2;
-    }
-    FrameLoad load(options);
+    FrameLoad load(readCommandLine(argc, argv));
     if (!load.run()) {
         std::fprintf(stderr, "lattivo_frameload: %s\n", load.failure().c_str());
         return EXIT_FAILURE;

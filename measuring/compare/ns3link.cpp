@@ -122,30 +122,28 @@ void announce()
     std::fflush(stdout);
 }
 
-const char usage[]
-    = "usage: lattivo_ns3link --input-fd N --output-fd N [--error-rate P] [--every-bit] [--seed N]\n"
-      "Carries Ethernet frames between two datagram sockets through a link of ns-3 until it is ended.\n";
-
-bool readCommandLine(int argc, char** argv, Options& options)
+Options readCommandLine(int argc, char** argv)
 {
-    CommandLine commandLine;
-    commandLine.addNumber("--input-fd", options.inputFd, 1);
-    commandLine.addNumber("--output-fd", options.outputFd, 1);
-    commandLine.addNumber("--error-rate", options.errorRate);
-    commandLine.addFlag("--every-bit", options.everyBit);
-    commandLine.addNumber("--seed", options.seed, 1);
-    return commandLine.read(argc, argv) && options.inputFd > 0 && options.outputFd > 0;
+    Options options;
+    CommandLine line(
+        "usage: lattivo_ns3link --input-fd N --output-fd N [options]\n"
+        "Carries Ethernet frames between two datagram sockets through a link of ns-3 until it is ended.");
+    line.addNumber("--input-fd", options.inputFd, 1, "frames for the link");
+    line.addNumber("--output-fd", options.outputFd, 1, "frames from the link");
+    line.addNumber("--error-rate", options.errorRate, 0, "per bit (0)");
+    line.addFlag("--every-bit", options.everyBit, "draw for each bit");
+    line.addNumber("--seed", options.seed, 1, "of the random numbers (1)");
+    line.read(argc, argv);
+    if (options.inputFd < 0 || options.outputFd < 0)
+        line.refuse();
+    return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    if (!readCommandLine(argc, argv, options)) {
-        std::fputs(usage, stderr);
-        return 2;
-    }
+    const Options options = readCommandLine(argc, argv);
     ns3::GlobalValue::Bind("SimulatorImplementationType", ns3::StringValue("ns3::RealtimeSimulatorImpl"));
     ns3::RngSeedManager::SetSeed(options.seed);
     const Link link(options);

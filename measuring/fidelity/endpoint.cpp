@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -32,12 +30,6 @@ int connectedSocket(std::uint16_t port)
 }
 
 }  // namespace
-
-void fail(const std::string& reason)
-{
-    std::fprintf(stderr, "lattivo_fidelityclient: %s\n", reason.c_str());
-    std::exit(EXIT_FAILURE);
-}
 
 Endpoint::Endpoint(std::uint16_t port, int node, Attachment attachment)
     : _node(node)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "commandline.h"
 #include "wire.h"
 
 #include <chrono>
@@ -10,9 +11,6 @@
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds patience{20};  // without any progress
-
-/// Ends the process: a measurement that did not work out is none.
-[[noreturn]] void fail(const std::string& reason);
 
 /// The program of one node: its socket, and the bytes that do not make a whole message yet.
 class Endpoint

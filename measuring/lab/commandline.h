@@ -1,6 +1,8 @@
 #pragma once
 
 #include <charconv>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <string>
@@ -10,25 +12,38 @@
 class CommandLine
 {
 public:
-    void addFlag(const std::string& name, bool& flag) { _flags[name] = &flag; }
-
-    template <typename Number> void addNumber(const std::string& name, Number& number, double least = 0)
+    explicit CommandLine(const std::string& usage)
+        : _usage(usage + '\n')
     {
-        addValue(name, [&number, least](const std::string& text) {
+    }
+
+    void addFlag(const std::string& name, bool& flag, const std::string& help)
+    {
+        _flags[name] = &flag;
+        _usage += "  " + name + ": " + help + '\n';
+    }
+
+    template <typename Number>
+    void addNumber(const std::string& name, Number& number, double least, const std::string& help)
+    {
+        const auto take = [&number, least](const std::string& text) {
             const char* const end = text.data() + text.size();
             const auto [last, error] = std::from_chars(text.data(), end, number);
             return error == std::errc() && last == end && static_cast<double>(number) >= least;
-        });
+        };
+        addValue(name, take, help);
     }
 
     /// \a take says whether the value is right. The option may come several times.
-    void addValue(const std::string& name, const std::function<bool(const std::string&)>& take)
+    void addValue(const std::string& name, const std::function<bool(const std::string&)>& take,
+                  const std::string& help)
     {
         _values[name] = take;
+        _usage += "  " + name + " VALUE: " + help + '\n';
     }
 
-    /// False at the first word that is no option, and at an option whose value is wrong or missing.
-    [[nodiscard]] bool read(int argc, char** argv) const
+    /// Refuses the first word that is no option, and an option whose value is wrong or missing.
+    void read(int argc, char** argv) const
     {
         for (int i = 1; i < argc; ++i) {
             const auto flag = _flags.find(argv[i]);
@@ -36,12 +51,26 @@ public:
             if (flag != _flags.end())
                 *flag->second = true;
             else if (value == _values.end() || ++i == argc || !value->second(argv[i]))
-                return false;
+                refuse();
         }
-        return true;
+    }
+
+    /// Shows how the program is used, and ends it.
+    [[noreturn]] void refuse() const
+    {
+        std::fputs(_usage.c_str(), stderr);
+        std::exit(2);
     }
 
 private:
+    std::string _usage;
     std::map<std::string, bool*> _flags;
     std::map<std::string, std::function<bool(const std::string&)>> _values;
 };
+
+/// Ends the process: a measurement that did not work out is none.
+[[noreturn]] inline void fail(const std::string& reason)
+{
+    std::fprintf(stderr, "%s\n", reason.c_str());
+    std::exit(EXIT_FAILURE);
+}

@@ -161,6 +161,7 @@ class Launcher:
         watch = ProcessorWatch((self.client_core, self.server_core))
         ends = ["--port", str(server.port), "--watch-pid", str(server.process.pid)]
         figures = self.run([client, *ends, *arguments], self.client_core, LOAD_PATIENCE)
+        figures["frames_per_second"] = figures["frames"] / figures["seconds"]
         return figures, watch.disturbance(max(figures["server_wait_seconds"], figures["client_wait_seconds"]))
 
 

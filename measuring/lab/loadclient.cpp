@@ -11,11 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -121,36 +118,35 @@ public:
     {
         std::uint32_t bits = 0;
         std::memcpy(&bits, &microseconds, sizeof bits);
-        ++_counts[bits >> shift];
+        ++_counts[bits >> droppedBits];
         ++_count;
     }
 
     /// What at least this share (0 to 1) of all does not exceed; 0 if there is none.
-    float percentile(double share) const
+    double percentile(double share) const
     {
         const double rank = share * static_cast<double>(_count);
         std::uint64_t seen = 0;
         std::uint32_t bucket = 0;
         while (bucket < _counts.size() && (seen == 0 || static_cast<double>(seen) < rank))
             seen += _counts[bucket++];
-        const std::uint32_t middle = seen > 0 ? (2 * bucket - 1) << (shift - 1) : 0;
+        const std::uint32_t middle = seen > 0 ? (2 * bucket - 1) << (droppedBits - 1) : 0;
         float microseconds = 0.0F;
         std::memcpy(&microseconds, &middle, sizeof middle);
-        return microseconds;
+        return static_cast<double>(microseconds);
     }
 
 private:
-    static constexpr unsigned shift
-        = 16;  // of a number's bits: sign, exponent and 7 bits of the fraction stay
+    static constexpr unsigned droppedBits = 16;  // sign, exponent and 7 bits of the fraction stay
 
-    std::array<std::uint64_t, 1U << (31 - shift)> _counts{};  // durations have no sign
+    std::array<std::uint64_t, 1U << (31 - droppedBits)> _counts{};  // durations have no sign
     std::uint64_t _count = 0;
 };
 
 std::uint64_t nanoseconds(Clock::time_point time)
 {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
+    const std::chrono::nanoseconds sinceStart = time.time_since_epoch();
+    return static_cast<std::uint64_t>(sinceStart.count());
 }
 
 std::uint64_t readNumber(const char* bytes)
@@ -160,68 +156,365 @@ std::uint64_t readNumber(const char* bytes)
     return value;
 }
 
-void printNumber(const char* name, std::uint64_t value)
+void printNumber(const char* name, double value)
 {
-    std::printf("\"%s\": %" PRIu64 ", ", name, value);
+    std::printf("\"%s\": %.6f, ", name, value);
 }
 
-void printNumber(const char* name, double value, const char* end = ", ")
+/// Prints a part of a JSON object: what happened between two snapshots.
+void printSection(const Snapshot& from, const Snapshot& to)
 {
-    std::printf("\"%s\": %.6f%s", name, value, end);
+    printNumber("seconds", Seconds(to.time - from.time).count());
+    printNumber("server_cpu_seconds", to.server.running - from.server.running);
+    printNumber("server_wait_seconds", to.server.waiting - from.server.waiting);
+    printNumber("client_cpu_seconds", to.client.running - from.client.running);
+    printNumber("client_wait_seconds", to.client.waiting - from.client.waiting);
+    std::printf("\"frames\": %lu", to.frames - from.frames);
 }
 
 /// Drives both ends of every lane and measures what arrives.
 class LoadClient
 {
 public:
-    explicit LoadClient(const Options& options);
+    explicit LoadClient(const Options& options)
+        : _options(options)
+        , _epoll(epoll_create1(EPOLL_CLOEXEC))
+        , _programs(options.wiring.nodeCount())
+        , _lanes(options.wiring.senderCount() * options.lanesPerPair())
+    {
+        for (std::size_t i = 0; i < _lanes.size(); ++i)
+            _wire(i);
+    }
 
-    [[nodiscard]] bool run();
-    std::string failure() const { return _failure; }
-    void printResults() const;
+    void run()
+    {
+        _connectAll();
+        _reachAll();
+        _measure();
+        while (!_options.isPaced() && !_hasAllArrived()) {  // paced links are full on purpose
+            _pump(pollTime);
+            _checkProgress();
+        }
+        if (_counters.damaged > 0)
+            fail("frames arrived with other contents");
+    }
+
+    void printResults() const
+    {
+        std::printf("{");
+        printSection(_snapshots.front(), _snapshots.back());
+        std::printf(", ");
+        printNumber("latency_median_us", _latencies.percentile(0.50));
+        printNumber("latency_p99_us", _latencies.percentile(0.99));
+        std::printf("\"lost\": %lu, \"timeouts\": %lu, \"sections\": [", _counters.lost, _counters.timeouts);
+        for (std::size_t i = 1; i < _snapshots.size(); ++i) {
+            std::printf(i > 1 ? ", {" : "{");
+            printSection(_snapshots[i - 1], _snapshots[i]);
+            std::printf("}");
+        }
+        std::printf("]}\n");
+    }
 
 private:
     // Phases
-    bool _connectAll();
-    bool _reachAll();
-    bool _measure();
-    bool _drain();
 
-    // Messages
-    bool _pump(milliseconds patience);
-    bool _pumpFor(milliseconds time);
-    bool _receive(int node);
-    void _handleMessage(int node, const lattivo_message& message, Clock::time_point now);
-    void _takeFrame(Lane& lane, int node, const char* frame, std::size_t bytes, Clock::time_point now);
-    bool _isIntact(const Lane& lane, const char* frame, std::size_t bytes) const;
-    bool _send(Lane& lane, FrameKind kind, std::uint64_t count);
+    void _wire(std::size_t number)
+    {
+        Lane& lane = _lanes[number];
+        const bool isWayBack = _options.isInStep && number % 2 == 1;
+        const int first = _options.wiring.sender(static_cast<int>(number) / _options.lanesPerPair());
+        lane.sender = isWayBack ? first + 1 : first;
+        lane.firstReceiver = isWayBack ? first : first + 1;
+        lane.receivers.resize(_options.wiring.receiversPerSender());
+        const bool isBroadcast = _options.wiring.isStar();
+        lane.frame = isBroadcast ? std::string(addressBytes, '\xff') : nodeAddress(lane.firstReceiver);
+        lane.frame += nodeAddress(lane.sender);
+        while (lane.frame.size() < _options.frameBytes)
+            lane.frame += static_cast<char>(lane.frame.size());
+        if (!_options.isInStep)
+            _programs[lane.sender].lane = number;
+        for (std::size_t i = 0; i < lane.receivers.size(); ++i)
+            _programs[lane.firstReceiver + i].lane = number;
+    }
 
-    // Load
-    bool _areAllReached() const;
-    bool _sendProbes();
-    std::uint64_t _inFlight(const Lane& lane) const;
-    bool _hasAllArrived() const;
-    bool _refill(Lane& lane);
-    bool _fill(Lane& lane);
-    bool _refillAll();
-    bool _beginStep();
-    bool _pace();
-    bool _step();
-    bool _checkProgress();
-    void _giveUpOnFramesInFlight(Lane& lane);
-    bool _isFinished(Clock::time_point begin) const;
+    void _connectAll()
+    {
+        lattivo_options options{};
+        options.largest_frame = _options.frameBytes;
+        for (std::size_t node = 0; node < _programs.size(); ++node) {
+            const std::string address = nodeAddress(static_cast<int>(node));
+            lattivo_client* client = nullptr;
+            lattivo_result result = lattivo_open(&client, "127.0.0.1", _options.port, &options);
+            _programs[node].client.reset(client);
+            if (result == LATTIVO_OK)
+                result = lattivo_identify_by_address(client, address.data(), address.size());
+            if (result != LATTIVO_OK)
+                fail(lattivo_error(client));
+            epoll_event event{};
+            event.events = EPOLLIN;
+            event.data.u64 = node;
+            epoll_ctl(_epoll, EPOLL_CTL_ADD, lattivo_descriptor(client), &event);
+        }
+    }
 
-    // Results
-    Snapshot _snapshot() const;
+    /// Probes until every receiver has seen one: only then are all nodes certain to be attached.
+    void _reachAll()
+    {
+        const Clock::time_point begin = Clock::now();
+        for (milliseconds wait = firstProbeWait; !_areAllReached(); wait *= 2) {
+            if (Clock::now() - begin > attachTimeout)
+                fail("not every node could be reached within 30 s");
+            for (Lane& lane : _lanes)
+                _send(lane, Probe, 1);
+            const Clock::time_point nextProbe = Clock::now() + wait;
+            while (!_areAllReached() && Clock::now() < nextProbe)
+                _pump(paceTime);
+        }
+        // the probes' confirmations, negative ones included, would pass for those of the load
+        const Clock::time_point end = Clock::now() + milliseconds(_options.lossTimeout) + quietTime;
+        while (_options.confirms && Clock::now() < end)
+            _pump(paceTime);
+    }
+
+    void _measure()
+    {
+        const Clock::time_point begin = Clock::now();
+        _isLoading = true;
+        _paceBegin = begin;
+        for (Lane& lane : _lanes) {
+            lane.lastProgress = begin;
+            _refill(lane);
+        }
+        while (Seconds(Clock::now() - begin).count() < _options.warmUp)
+            _step();
+        _counters = Counters();
+        _latencies = Latencies();
+        _snapshots = {_snapshot()};
+        while (!_isFinished()) {
+            _step();
+            const std::uint64_t nextCheckpoint = _options.checkpointFrames * _snapshots.size();
+            if (nextCheckpoint > 0 && _frames() >= nextCheckpoint)
+                _snapshots.push_back(_snapshot());
+        }
+        _snapshots.push_back(_snapshot());
+        _isLoading = false;
+    }
+
+    bool _isFinished() const
+    {
+        if (_options.frames > 0)
+            return _frames() >= _options.frames;
+        return Seconds(Clock::now() - _snapshots.front().time).count() >= _options.duration;
+    }
+
     std::uint64_t _frames() const { return _counters.received / _options.wiring.receiversPerSender(); }
-    void _printSections() const;
-    bool _fail(const std::string& reason);
+
+    Snapshot _snapshot() const
+    {
+        const bool isWatching = _options.watchedPid > 0;
+        return {_frames(), Clock::now(), isWatching ? timesOf(_options.watchedPid) : ProcessTimes(),
+                timesOf(getpid())};
+    }
+
+    // Receiving
+
+    void _pump(milliseconds patience)
+    {
+        epoll_event events[eventsPerWait];
+        const int count = epoll_wait(_epoll, events, eventsPerWait, static_cast<int>(patience.count()));
+        for (int i = 0; i < count; ++i) {
+            const auto node = static_cast<int>(events[i].data.u64);
+            _receive(node);
+            if (_isLoading)
+                _refill(_lanes[_programs[node].lane]);
+        }
+    }
+
+    /// Handles what one read brings.
+    void _receive(int node)
+    {
+        lattivo_client* client = _programs[node].client.get();
+        lattivo_message message{};
+        lattivo_result result = lattivo_receive(client, &message, 0);
+        const Clock::time_point now = Clock::now();
+        while (result == LATTIVO_OK) {
+            _handleMessage(node, message, now);
+            result = lattivo_has_more(client) ? lattivo_receive(client, &message, 0) : LATTIVO_AGAIN;
+        }
+        if (result != LATTIVO_AGAIN)
+            fail(lattivo_error(client));
+    }
+
+    void _handleMessage(int node, const lattivo_message& message, Clock::time_point now)
+    {
+        Lane& lane = _lanes[_programs[node].lane];
+        lane.lastProgress = now;
+        if (message.type == LATTIVO_MESSAGE_FRAME)
+            _takeFrame(lane, node, reinterpret_cast<const char*>(message.frame), message.size, now);
+        else if (message.type == LATTIVO_MESSAGE_CONFIRMATION && lane.sent > 0)
+            ++lane.confirmed;  // of the load, not of a probe
+    }
+
+    void _takeFrame(Lane& lane, int node, const char* frame, std::size_t bytes, Clock::time_point now)
+    {
+        if (node < lane.firstReceiver || !_isIntact(lane, frame, bytes)) {
+            ++_counters.damaged;
+            return;
+        }
+        Receiver& receiver = lane.receivers[node - lane.firstReceiver];
+        const std::uint64_t sequence = readNumber(frame + sequenceOffset);
+        if (frame[kindOffset] == Probe) {
+            receiver.isReached = true;
+        } else if (sequence >= receiver.expected) {          // not one that has been given up
+            _counters.lost += sequence - receiver.expected;  // a link never reorders its frames
+            receiver.expected = sequence + 1;
+            ++_counters.received;
+            const std::uint64_t latency = nanoseconds(now) - readNumber(frame + sendTimeOffset);
+            _latencies.add(static_cast<float>(latency) / 1e3F);
+        }
+    }
+
+    bool _isIntact(const Lane& lane, const char* frame, std::size_t bytes) const
+    {
+        const char* sent = lane.frame.data();
+        return bytes == _options.frameBytes && std::memcmp(frame, sent, kindOffset) == 0
+            && std::memcmp(frame + fillerOffset, sent + fillerOffset, bytes - fillerOffset) == 0;
+    }
+
+    bool _areAllReached() const
+    {
+        const auto isReached = [](const Receiver& receiver) { return receiver.isReached; };
+        return std::all_of(_lanes.begin(), _lanes.end(), [&](const Lane& lane) {
+            return std::all_of(lane.receivers.begin(), lane.receivers.end(), isReached);
+        });
+    }
+
+    std::uint64_t _inFlight(const Lane& lane) const
+    {
+        std::uint64_t completed = _options.confirms ? std::min(lane.confirmed, lane.sent) : lane.sent;
+        for (const Receiver& receiver : lane.receivers)
+            completed = std::min(completed, receiver.expected);
+        return lane.sent - completed;
+    }
+
+    bool _hasAllArrived() const
+    {
+        return std::all_of(_lanes.begin(), _lanes.end(),
+                           [this](const Lane& lane) { return _inFlight(lane) == 0; });
+    }
+
+    // Sending
+
+    /// Sends \a count frames together. What does not find room, because a paced load fills the links, follows
+    /// with the next frame.
+    void _send(Lane& lane, FrameKind kind, std::uint64_t count)
+    {
+        const auto patience = static_cast<int>(deadServerTime.count());
+        lattivo_client* client = _programs[lane.sender].client.get();
+        char* frame = lane.frame.data();
+        const std::uint64_t now = nanoseconds(Clock::now());
+        frame[kindOffset] = kind;
+        std::memcpy(frame + sendTimeOffset, &now, sizeof now);
+        lattivo_result result = LATTIVO_OK;
+        for (std::uint64_t i = 0; i < count && result == LATTIVO_OK; ++i) {
+            const std::uint64_t sequence = lane.sent + i;
+            std::memcpy(frame + sequenceOffset, &sequence, sizeof sequence);
+            result = lattivo_send_frame(client, frame, lane.frame.size(), patience);
+        }
+        if (result == LATTIVO_OK)
+            result = lattivo_flush(client, _options.isPaced() ? 0 : patience);
+        if (result != LATTIVO_OK && !(_options.isPaced() && result == LATTIVO_AGAIN))
+            fail(lattivo_error(client));
+        if (kind == Load)
+            lane.sent += count;
+    }
+
+    void _refill(Lane& lane)
+    {
+        if (_options.isInStep)
+            _beginStep();
+        else if (!_options.isPaced())
+            _fill(lane);
+    }
+
+    void _fill(Lane& lane)
+    {
+        while (_inFlight(lane) < _options.window)
+            _send(lane, Load, std::min(_options.window - _inFlight(lane), framesPerBatch));
+    }
+
+    /// Lets all send again, once nothing is under way any more.
+    void _beginStep()
+    {
+        while (_arrivedLanes < _lanes.size() && _inFlight(_lanes[_arrivedLanes]) == 0)
+            ++_arrivedLanes;
+        if (_arrivedLanes < _lanes.size())
+            return;
+        _arrivedLanes = 0;
+        for (Lane& lane : _lanes)
+            _fill(lane);
+    }
+
+    void _step()
+    {
+        _pump(_options.isPaced() ? paceTime : pollTime);
+        if (_options.isPaced())
+            _pace();
+        _checkProgress();
+    }
+
+    /// Sends what is due by now, to the lanes in turn. What a hold-up has left over is made good in bursts,
+    /// or not at all when it is too much: then the rate is seen to be missed.
+    void _pace()
+    {
+        const Clock::time_point now = Clock::now();
+        const auto due = static_cast<std::uint64_t>(Seconds(now - _paceBegin).count() * _options.rate);
+        const std::uint64_t end = std::min(due, _paced + framesPerBurst);
+        for (; _paced < end; ++_paced) {
+            Lane& lane = _lanes[_paced % _lanes.size()];
+            if (lattivo_flush(_programs[lane.sender].client.get(), 0) == LATTIVO_AGAIN)
+                break;  // the last one still waits for room
+            _send(lane, Load, 1);
+        }
+        if (static_cast<double>(due - _paced) > longestHoldUp * _options.rate) {
+            _paceBegin = now;
+            _paced = 0;
+        }
+    }
+
+    /// A frame that a link has corrupted leaves a window of one frame without an event to go on with.
+    void _checkProgress()
+    {
+        const Clock::time_point now = Clock::now();
+        if (now - _lastProgressCheck < pollTime)
+            return;
+        _lastProgressCheck = now;
+        for (Lane& lane : _lanes) {
+            const auto silence = now - lane.lastProgress;
+            if (_inFlight(lane) == 0 || silence < milliseconds(_options.lossTimeout))
+                continue;
+            if (silence > deadServerTime)
+                fail("nothing came from the server for 10 s");
+            _giveUpOnFramesInFlight(lane);
+            if (_isLoading)
+                _refill(lane);
+        }
+    }
+
+    void _giveUpOnFramesInFlight(Lane& lane)
+    {
+        ++_counters.timeouts;
+        for (Receiver& receiver : lane.receivers) {
+            _counters.lost += lane.sent - receiver.expected;
+            receiver.expected = lane.sent;
+        }
+        lane.confirmed = lane.sent;
+    }
 
     Options _options;
     int _epoll;
     std::vector<Program> _programs;  // by node
     std::vector<Lane> _lanes;
-    std::string _failure;
 
     bool _isLoading = false;
     std::size_t _arrivedLanes = 0;  // in step, from the first on: nothing of theirs is under way
@@ -234,452 +527,42 @@ private:
     std::vector<Snapshot> _snapshots;  // begin, checkpoints, end
 };
 
-LoadClient::LoadClient(const Options& options)
-    : _options(options)
-    , _epoll(epoll_create1(EPOLL_CLOEXEC))
-    , _programs(options.wiring.nodeCount())
-    , _lanes(options.wiring.senderCount() * options.lanesPerPair())
+Options readCommandLine(int argc, char** argv)
 {
-    for (std::size_t i = 0; i < _lanes.size(); ++i) {
-        Lane& lane = _lanes[i];
-        const bool isWayBack = options.isInStep && i % 2 == 1;
-        const int first = options.wiring.sender(static_cast<int>(i) / options.lanesPerPair());
-        lane.sender = isWayBack ? first + 1 : first;
-        lane.firstReceiver = isWayBack ? first : first + 1;
-        lane.receivers.resize(options.wiring.receiversPerSender());
-        lane.frame
-            = options.wiring.isStar() ? std::string(addressBytes, '\xff') : nodeAddress(lane.firstReceiver);
-        lane.frame += nodeAddress(lane.sender);
-        while (lane.frame.size() < options.frameBytes)
-            lane.frame += static_cast<char>(lane.frame.size());
-        if (!options.isInStep)
-            _programs[lane.sender].lane = i;
-        for (std::size_t k = 0; k < lane.receivers.size(); ++k)
-            _programs[lane.firstReceiver + k].lane = i;
-    }
-}
-
-bool LoadClient::run()
-{
-    if (!_connectAll() || !_reachAll() || !_measure())
-        return false;
-    const bool isDrained = _options.isPaced() || _drain();  // paced links are full on purpose
-    return isDrained && (_counters.damaged == 0 || _fail("frames arrived with other contents"));
-}
-
-bool LoadClient::_connectAll()
-{
-    lattivo_options options{};
-    options.largest_frame = _options.frameBytes;
-    for (std::size_t node = 0; node < _programs.size(); ++node) {
-        const std::string address = nodeAddress(static_cast<int>(node));
-        lattivo_client* client = nullptr;
-        lattivo_result result = lattivo_open(&client, "127.0.0.1", _options.port, &options);
-        _programs[node].client.reset(client);
-        if (result == LATTIVO_OK)
-            result = lattivo_identify_by_address(client, address.data(), address.size());
-        if (result != LATTIVO_OK)
-            return _fail(lattivo_error(client));
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.u64 = node;
-        epoll_ctl(_epoll, EPOLL_CTL_ADD, lattivo_descriptor(client), &event);
-    }
-    return true;
-}
-
-/// Probes until every receiver has seen one: only then are all nodes certain to be attached.
-bool LoadClient::_reachAll()
-{
-    const Clock::time_point begin = Clock::now();
-    for (milliseconds wait = firstProbeWait; !_areAllReached(); wait *= 2) {
-        if (Clock::now() - begin > attachTimeout)
-            return _fail("not every node could be reached within 30 s");
-        if (!_sendProbes())
-            return false;
-        const Clock::time_point nextProbe = Clock::now() + wait;
-        while (!_areAllReached() && Clock::now() < nextProbe) {
-            if (!_pump(paceTime))
-                return false;
-        }
-    }
-    // the probes' confirmations, negative ones included, would pass for those of the load
-    if (_options.confirms && !_pumpFor(milliseconds(_options.lossTimeout) + quietTime))
-        return false;
-    _counters = Counters();
-    return true;
-}
-
-bool LoadClient::_measure()
-{
-    _isLoading = true;
-    _paceBegin = Clock::now();
-    if (!_refillAll())
-        return false;
-    const Clock::time_point warmUpBegin = Clock::now();
-    while (Seconds(Clock::now() - warmUpBegin).count() < _options.warmUp) {
-        if (!_step())
-            return false;
-    }
-    _counters = Counters();
-    _latencies = Latencies();
-    _snapshots = {_snapshot()};
-    while (!_isFinished(_snapshots.front().time)) {
-        if (!_step())
-            return false;
-        const std::uint64_t nextCheckpoint = _options.checkpointFrames * _snapshots.size();
-        if (nextCheckpoint > 0 && _frames() >= nextCheckpoint)
-            _snapshots.push_back(_snapshot());
-    }
-    _snapshots.push_back(_snapshot());
-    _isLoading = false;
-    return true;
-}
-
-/// What is still under way has to arrive or be counted as lost.
-bool LoadClient::_drain()
-{
-    while (!_hasAllArrived()) {
-        if (!_pump(pollTime) || !_checkProgress())
-            return false;
-    }
-    return true;
-}
-
-bool LoadClient::_pump(milliseconds patience)
-{
-    epoll_event events[eventsPerWait];
-    const int count = epoll_wait(_epoll, events, eventsPerWait, static_cast<int>(patience.count()));
-    for (int i = 0; i < count; ++i) {
-        const auto node = static_cast<int>(events[i].data.u64);
-        if (!_receive(node) || (_isLoading && !_refill(_lanes[_programs[node].lane])))
-            return false;
-    }
-    return true;
-}
-
-bool LoadClient::_pumpFor(milliseconds time)
-{
-    const Clock::time_point end = Clock::now() + time;
-    while (Clock::now() < end) {
-        if (!_pump(paceTime))
-            return false;
-    }
-    return true;
-}
-
-/// Handles what one read brings.
-bool LoadClient::_receive(int node)
-{
-    lattivo_client* client = _programs[node].client.get();
-    lattivo_message message{};
-    lattivo_result result = lattivo_receive(client, &message, 0);
-    const Clock::time_point now = Clock::now();
-    while (result == LATTIVO_OK) {
-        _handleMessage(node, message, now);
-        result = lattivo_has_more(client) ? lattivo_receive(client, &message, 0) : LATTIVO_AGAIN;
-    }
-    return result == LATTIVO_AGAIN || _fail(lattivo_error(client));
-}
-
-void LoadClient::_handleMessage(int node, const lattivo_message& message, Clock::time_point now)
-{
-    Lane& lane = _lanes[_programs[node].lane];
-    lane.lastProgress = now;
-    if (message.type == LATTIVO_MESSAGE_FRAME)
-        _takeFrame(lane, node, reinterpret_cast<const char*>(message.frame), message.size, now);
-    else if (message.type == LATTIVO_MESSAGE_CONFIRMATION && lane.sent > 0)
-        ++lane.confirmed;  // of the load, not of a probe
-}
-
-void LoadClient::_takeFrame(Lane& lane, int node, const char* frame, std::size_t bytes, Clock::time_point now)
-{
-    if (node < lane.firstReceiver || !_isIntact(lane, frame, bytes)) {
-        ++_counters.damaged;
-        return;
-    }
-    Receiver& receiver = lane.receivers[node - lane.firstReceiver];
-    const std::uint64_t sequence = readNumber(frame + sequenceOffset);
-    if (frame[kindOffset] == Probe) {
-        receiver.isReached = true;
-    } else if (sequence >= receiver.expected) {          // not one that has been given up
-        _counters.lost += sequence - receiver.expected;  // a link never reorders its frames
-        receiver.expected = sequence + 1;
-        ++_counters.received;
-        const std::uint64_t latency = nanoseconds(now) - readNumber(frame + sendTimeOffset);
-        _latencies.add(static_cast<float>(latency) / 1e3F);
-    }
-}
-
-bool LoadClient::_isIntact(const Lane& lane, const char* frame, std::size_t bytes) const
-{
-    const char* sent = lane.frame.data();
-    return bytes == _options.frameBytes && std::memcmp(frame, sent, kindOffset) == 0
-        && std::memcmp(frame + fillerOffset, sent + fillerOffset, bytes - fillerOffset) == 0;
-}
-
-/// Sends \a count frames together. What does not find room, because a paced load fills the links, follows
-/// with the next frame.
-bool LoadClient::_send(Lane& lane, FrameKind kind, std::uint64_t count)
-{
-    lattivo_client* client = _programs[lane.sender].client.get();
-    char* frame = lane.frame.data();
-    const std::uint64_t now = nanoseconds(Clock::now());
-    frame[kindOffset] = kind;
-    std::memcpy(frame + sendTimeOffset, &now, sizeof now);
-    lattivo_result result = LATTIVO_OK;
-    for (std::uint64_t sequence = lane.sent; sequence < lane.sent + count && result == LATTIVO_OK;
-         ++sequence) {
-        std::memcpy(frame + sequenceOffset, &sequence, sizeof sequence);
-        result = lattivo_send_frame(client, frame, lane.frame.size(), deadServerTime.count());
-    }
-    if (result == LATTIVO_OK)
-        result = lattivo_flush(client, _options.isPaced() ? 0 : deadServerTime.count());
-    if (kind == Load)
-        lane.sent += count;
-    return result == LATTIVO_OK || (_options.isPaced() && result == LATTIVO_AGAIN)
-        || _fail(lattivo_error(client));
-}
-
-bool LoadClient::_areAllReached() const
-{
-    const auto isReached = [](const Receiver& receiver) { return receiver.isReached; };
-    return std::all_of(_lanes.begin(), _lanes.end(), [&](const Lane& lane) {
-        return std::all_of(lane.receivers.begin(), lane.receivers.end(), isReached);
-    });
-}
-
-bool LoadClient::_sendProbes()
-{
-    for (Lane& lane : _lanes) {
-        if (!_send(lane, Probe, 1))
-            return false;
-    }
-    return true;
-}
-
-std::uint64_t LoadClient::_inFlight(const Lane& lane) const
-{
-    std::uint64_t completed = _options.confirms ? std::min(lane.confirmed, lane.sent) : lane.sent;
-    for (const Receiver& receiver : lane.receivers)
-        completed = std::min(completed, receiver.expected);
-    return lane.sent - completed;
-}
-
-bool LoadClient::_hasAllArrived() const
-{
-    return std::all_of(_lanes.begin(), _lanes.end(),
-                       [this](const Lane& lane) { return _inFlight(lane) == 0; });
-}
-
-bool LoadClient::_refill(Lane& lane)
-{
-    if (_options.isPaced())
-        return true;  // _pace() sends
-    return _options.isInStep ? _beginStep() : _fill(lane);
-}
-
-bool LoadClient::_fill(Lane& lane)
-{
-    while (_inFlight(lane) < _options.window) {
-        if (!_send(lane, Load, std::min(_options.window - _inFlight(lane), framesPerBatch)))
-            return false;
-    }
-    return true;
-}
-
-bool LoadClient::_refillAll()
-{
-    const Clock::time_point now = Clock::now();
-    for (Lane& lane : _lanes) {
-        lane.lastProgress = now;
-        if (!_refill(lane))
-            return false;
-    }
-    return true;
-}
-
-/// Lets all send again, once nothing is under way any more.
-bool LoadClient::_beginStep()
-{
-    while (_arrivedLanes < _lanes.size() && _inFlight(_lanes[_arrivedLanes]) == 0)
-        ++_arrivedLanes;
-    if (_arrivedLanes < _lanes.size())
-        return true;
-    _arrivedLanes = 0;
-    return std::all_of(_lanes.begin(), _lanes.end(), [this](Lane& lane) { return _fill(lane); });
-}
-
-/// Sends what is due by now, to the lanes in turn. What a hold-up has left over is made good in bursts, or
-/// not at all when it is too much: then the rate is seen to be missed.
-bool LoadClient::_pace()
-{
-    const Clock::time_point now = Clock::now();
-    const auto due = static_cast<std::uint64_t>(Seconds(now - _paceBegin).count() * _options.rate);
-    const std::uint64_t end = std::min(due, _paced + framesPerBurst);
-    for (; _paced < end; ++_paced) {
-        Lane& lane = _lanes[_paced % _lanes.size()];
-        if (lattivo_flush(_programs[lane.sender].client.get(), 0) == LATTIVO_AGAIN)
-            break;  // the last one still waits for room
-        if (!_send(lane, Load, 1))
-            return false;
-    }
-    if (static_cast<double>(due - _paced) > longestHoldUp * _options.rate) {
-        _paceBegin = now;
-        _paced = 0;
-    }
-    return true;
-}
-
-bool LoadClient::_step()
-{
-    const bool isPaced = _options.isPaced();
-    return _pump(isPaced ? paceTime : pollTime) && (!isPaced || _pace()) && _checkProgress();
-}
-
-/// A frame that a link has corrupted leaves a window of one frame without an event to go on with.
-bool LoadClient::_checkProgress()
-{
-    const Clock::time_point now = Clock::now();
-    if (now - _lastProgressCheck < pollTime)
-        return true;
-    _lastProgressCheck = now;
-    for (Lane& lane : _lanes) {
-        const auto silence = now - lane.lastProgress;
-        if (_inFlight(lane) == 0 || silence < milliseconds(_options.lossTimeout))
-            continue;
-        if (silence > deadServerTime)
-            return _fail("nothing came from the server for 10 s");
-        _giveUpOnFramesInFlight(lane);
-        if (_isLoading && !_refill(lane))
-            return false;
-    }
-    return true;
-}
-
-void LoadClient::_giveUpOnFramesInFlight(Lane& lane)
-{
-    ++_counters.timeouts;
-    for (Receiver& receiver : lane.receivers) {
-        _counters.lost += lane.sent - receiver.expected;
-        receiver.expected = lane.sent;
-    }
-    lane.confirmed = lane.sent;
-}
-
-bool LoadClient::_isFinished(Clock::time_point begin) const
-{
-    if (_options.frames > 0)
-        return _frames() >= _options.frames;
-    return Seconds(Clock::now() - begin).count() >= _options.duration;
-}
-
-Snapshot LoadClient::_snapshot() const
-{
-    Snapshot snapshot;
-    snapshot.frames = _frames();
-    snapshot.time = Clock::now();
-    if (_options.watchedPid > 0)
-        snapshot.server = timesOf(_options.watchedPid);
-    snapshot.client = timesOf(getpid());
-    return snapshot;
-}
-
-/// One object a section: what happened between two checkpoints.
-void LoadClient::_printSections() const
-{
-    std::printf("\"sections\": [");
-    for (std::size_t i = 1; i < _snapshots.size(); ++i) {
-        const Snapshot& from = _snapshots[i - 1];
-        const Snapshot& to = _snapshots[i];
-        std::printf(i > 1 ? ", {" : "{");
-        printNumber("frames", to.frames - from.frames);
-        printNumber("seconds", Seconds(to.time - from.time).count());
-        printNumber("server_cpu_seconds", to.server.running - from.server.running, "}");
-    }
-    std::printf("]");
-}
-
-void LoadClient::printResults() const
-{
-    const Snapshot& begin = _snapshots.front();
-    const Snapshot& end = _snapshots.back();
-    const double seconds = Seconds(end.time - begin.time).count();
-    std::printf("{");
-    printNumber("frames", end.frames);
-    printNumber("seconds", seconds);
-    printNumber("frames_per_second", static_cast<double>(end.frames) / seconds);
-    printNumber("server_cpu_seconds", end.server.running - begin.server.running);
-    printNumber("server_wait_seconds", end.server.waiting - begin.server.waiting);
-    printNumber("client_cpu_seconds", end.client.running - begin.client.running);
-    printNumber("client_wait_seconds", end.client.waiting - begin.client.waiting);
-    printNumber("latency_median_us", static_cast<double>(_latencies.percentile(0.50)));
-    printNumber("latency_p99_us", static_cast<double>(_latencies.percentile(0.99)));
-    printNumber("lost", _counters.lost);
-    printNumber("timeouts", _counters.timeouts);
-    _printSections();
-    std::printf("}\n");
-}
-
-bool LoadClient::_fail(const std::string& reason)
-{
-    if (_failure.empty())
-        _failure = reason;
-    return false;
-}
-
-const char usage[]
-    = "usage: lattivo_loadclient --port N [options]\n"
-      "  --pairs P | --star LINKS     one sender to one receiver each, or one sender broadcasting (1 pair)\n"
-      "  --size S                     bytes of a frame, at least 29 (64)\n"
-      "  --window W                   frames in flight per sender (64)\n"
-      "  --confirm                    the window also waits for confirmations\n"
-      "  --in-step                    both ends of each pair send their window, and all send again\n"
-      "                               when everything has arrived; not with --star, --confirm or --rate\n"
-      "  --rate F                     F frames per second instead of a window\n"
-      "  --warm-up S, --duration S    seconds (0.3, 2)\n"
-      "  --frames N                   measure N frames instead of a duration\n"
-      "  --checkpoint N               figures for every N frames\n"
-      "  --loss-timeout MS            without progress until frames count as lost (1000)\n"
-      "  --watch-pid PID              report that process's processor time\n"
-      "Prints one line of JSON. Exit code 1: the server failed the client, 2: wrong option.\n";
-
-bool readCommandLine(int argc, char** argv, Options& options)
-{
-    CommandLine commandLine;
-    commandLine.addNumber("--port", options.port, 1);
-    commandLine.addNumber("--pairs", options.wiring.pairs, 1);
-    commandLine.addNumber("--star", options.wiring.starLinks, 1);
-    commandLine.addNumber("--size", options.frameBytes, fillerOffset);
-    commandLine.addNumber("--window", options.window, 1);
-    commandLine.addFlag("--confirm", options.confirms);
-    commandLine.addFlag("--in-step", options.isInStep);
-    commandLine.addNumber("--rate", options.rate);
-    commandLine.addNumber("--warm-up", options.warmUp);
-    commandLine.addNumber("--duration", options.duration);
-    commandLine.addNumber("--frames", options.frames);
-    commandLine.addNumber("--checkpoint", options.checkpointFrames);
-    commandLine.addNumber("--loss-timeout", options.lossTimeout, 1);
-    commandLine.addNumber("--watch-pid", options.watchedPid, 1);
-    const bool isUnderstood = commandLine.read(argc, argv) && options.port > 0;
+    Options options;
+    CommandLine line("usage: lattivo_loadclient --port N [options]; prints one line of JSON\n"
+                     "Exit code 1: the server failed the client, 2: wrong option.");
+    line.addNumber("--port", options.port, 1, "of the server");
+    line.addNumber("--pairs", options.wiring.pairs, 1, "one sender and one receiver each (1)");
+    line.addNumber("--star", options.wiring.starLinks, 1,
+                   "receivers of one sender that broadcasts, no pairs");
+    line.addNumber("--size", options.frameBytes, fillerOffset, "bytes of a frame (64)");
+    line.addNumber("--window", options.window, 1, "frames in flight per sender (64)");
+    line.addFlag("--confirm", options.confirms, "the window also waits for confirmations");
+    line.addFlag("--in-step", options.isInStep,
+                 "both ends of each pair send their window, and all send again when everything has arrived; "
+                 "not with --star, --confirm or --rate");
+    line.addNumber("--rate", options.rate, 0, "frames per second of all senders, instead of a window");
+    line.addNumber("--warm-up", options.warmUp, 0, "seconds (0.3)");
+    line.addNumber("--duration", options.duration, 0, "seconds (2)");
+    line.addNumber("--frames", options.frames, 0, "measured frames, instead of a duration");
+    line.addNumber("--checkpoint", options.checkpointFrames, 0, "figures for every so many frames");
+    line.addNumber("--loss-timeout", options.lossTimeout, 1,
+                   "ms without progress until frames count as lost (1000)");
+    line.addNumber("--watch-pid", options.watchedPid, 1, "the process whose processor time is reported");
+    line.read(argc, argv);
     const bool isSteppable = !options.wiring.isStar() && !options.confirms && !options.isPaced();
-    return isUnderstood && (isSteppable || !options.isInStep);
+    if (options.port == 0 || (options.isInStep && !isSteppable))
+        line.refuse();
+    return options;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    if (!readCommandLine(argc, argv, options)) {
-        std::fputs(usage, stderr);
-        return 2;
-    }
-    LoadClient client(options);
-    if (!client.run()) {
-        std::fprintf(stderr, "lattivo_loadclient: %s\n", client.failure().c_str());
-        return EXIT_FAILURE;
-    }
+    LoadClient client(readCommandLine(argc, argv));
+    client.run();
     client.printResults();
     return EXIT_SUCCESS;
 }

@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,19 +40,17 @@ constexpr int bitsPerByte = 8;
 constexpr int eventsPerWait = 256;
 
 struct Options {
-    std::uint16_t port = 0;  // 0: any free one
     Wiring wiring;
     double reliability = 1.0;     // per bit
     bool isWithoutDraws = false;  // every frame crosses its link, and no random number decides it
     unsigned seed = 1;
     bool confirms = false;
-    bool isStrict = false;  // a message that is only partly there is an error
 };
 
 struct Client {
     int fd = -1;
     int node = -1;               // -1: not identified yet
-    std::string partialMessage;  // kept until the rest arrives; always empty in strict mode
+    std::string partialMessage;  // kept until the rest arrives
     std::string output;          // collected during one read, then what the kernel did not take
     bool waitsForRoom = false;
 };
@@ -78,7 +75,7 @@ std::size_t wholeMessageBytes(const char* buffer, std::size_t size)
     return bytes <= size ? bytes : 0;
 }
 
-/// The same draws and comparisons as a simulated link makes; a corrupted frame is always detected and
+/// Makes the same draws and comparisons as a simulated link; a corrupted frame is always detected and
 /// dropped.
 bool crossesTheLink(std::size_t frameBytes, double reliability)
 {
@@ -92,292 +89,213 @@ bool crossesTheLink(std::size_t frameBytes, double reliability)
     return !(errorDetectionReliability > qrand() / drawRange);
 }
 
-int listeningSocket(std::uint16_t port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool listens = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0
-        && listen(fd, SOMAXCONN) == 0;
-    return listens ? fd : -1;
-}
-
-std::uint16_t portOf(int fd)
-{
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
-}
-
-/// SIGINT and SIGTERM as a readable descriptor: they end the event loop like any other event.
-int terminationSignals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return signalfd(-1, &signals, 0);
-}
-
 /// Relays frame messages between the sockets of linked nodes and does nothing that a relay could leave out.
 class LimitServer
 {
 public:
-    explicit LimitServer(const Options& options);
+    explicit LimitServer(const Options& options)
+        : _options(options)
+        , _epoll(epoll_create1(0))
+        , _nodes(options.wiring.nodeCount())
+        , _neighbours(options.wiring.nodeCount())
+    {
+        const Wiring& wiring = options.wiring;
+        for (int i = 0; i < wiring.senderCount(); ++i) {
+            const int sender = wiring.sender(i);
+            for (int receiver = sender + 1; receiver <= sender + wiring.receiversPerSender(); ++receiver) {
+                _neighbours[sender].push_back(receiver);
+                _neighbours[receiver].push_back(sender);
+            }
+        }
+    }
 
-    [[nodiscard]] bool listen();
-    [[nodiscard]] bool run();
+    void listen()
+    {
+        _listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(_listener, reinterpret_cast<sockaddr*>(&address), size) != 0
+            || ::listen(_listener, SOMAXCONN) != 0)
+            fail("lattivo_limitserver: cannot listen");
+        getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &size);
+        _watch(_listener, EPOLL_CTL_ADD, EPOLLIN);
+        std::printf("listening on port %d\n", ntohs(address.sin_port));
+        std::fflush(stdout);
+    }
+
+    [[noreturn]] void run()
+    {
+        for (;;) {
+            epoll_event events[eventsPerWait];
+            const int count = epoll_wait(_epoll, events, eventsPerWait, -1);
+            for (int i = 0; i < count; ++i) {
+                if (events[i].data.fd == _listener)
+                    _accept();
+                else
+                    _handle(events[i].data.fd, events[i].events);
+            }
+        }
+    }
 
 private:
-    void _watch(int fd, int operation, std::uint32_t events) const;
-    void _accept();
-    void _handle(int fd, std::uint32_t events);
-    void _read(Client& client);
-    std::size_t _relayWholeMessages(Client& client, std::size_t bytes);
-    bool _keepRest(Client& client, std::size_t handled, std::size_t bytes);
-    bool _handleMessage(Client& client, const char* message, std::size_t bytes);
-    bool _identify(Client& client, const char* message, std::size_t bytes);
-    void _relay(Client& sender, const char* message, std::size_t bytes);
-    bool _crosses(std::size_t frameBytes) const;
-    void _flush(Client& client) const;
-    void _drop(Client& client);
+    void _watch(int fd, int operation, std::uint32_t events) const
+    {
+        epoll_event event{};
+        event.events = events;
+        event.data.fd = fd;
+        epoll_ctl(_epoll, operation, fd, &event);
+    }
+
+    void _accept()
+    {
+        const int fd = accept4(_listener, nullptr, nullptr, SOCK_NONBLOCK);
+        if (fd < 0)
+            return;
+        const int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        _clients[fd] = std::make_unique<Client>();
+        _clients[fd]->fd = fd;
+        _watch(fd, EPOLL_CTL_ADD, EPOLLIN);
+    }
+
+    void _handle(int fd, std::uint32_t events)
+    {
+        const auto found = _clients.find(fd);
+        if (found == _clients.end())
+            return;
+        Client& client = *found->second;
+        if (events & EPOLLOUT)
+            _flush(client);
+        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
+            _read(client);
+    }
+
+    void _read(Client& client)
+    {
+        const std::size_t kept = client.partialMessage.copy(_input.data(), client.partialMessage.size());
+        const ssize_t received = recv(client.fd, _input.data() + kept, _input.size() - kept, 0);
+        if (received < 0 && (errno == EAGAIN || errno == EINTR))
+            return;
+        if (received <= 0 || !_relayWholeMessages(client, kept + static_cast<std::size_t>(received)))
+            _drop(client);
+    }
+
+    /// False at a message that is not understood. What is only a part of one is kept.
+    bool _relayWholeMessages(Client& client, std::size_t bytes)
+    {
+        std::size_t handled = 0;
+        while (const std::size_t next = wholeMessageBytes(_input.data() + handled, bytes - handled)) {
+            if (!_handleMessage(client, _input.data() + handled, next))
+                return false;
+            handled += next;
+        }
+        client.partialMessage.assign(_input.data() + handled, bytes - handled);
+        if (client.node < 0)
+            return true;
+        for (const int neighbour : _neighbours[client.node]) {
+            if (_nodes[neighbour])
+                _flush(*_nodes[neighbour]);
+        }
+        _flush(client);
+        return true;
+    }
+
+    bool _handleMessage(Client& client, const char* message, std::size_t bytes)
+    {
+        if (client.node < 0)
+            return _identify(client, message, bytes);
+        if (message[0] != FrameMessage)
+            return false;
+        _relay(client, message, bytes);
+        return true;
+    }
+
+    bool _identify(Client& client, const char* message, std::size_t bytes)
+    {
+        const std::string identification(message, bytes);
+        for (int node = 0; node < static_cast<int>(_nodes.size()); ++node) {
+            if (identification == messageOf(NodeControl, byAddress + nodeAddress(node))) {
+                client.node = node;
+                _nodes[node] = &client;
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void _relay(Client& sender, const char* message, std::size_t bytes)
+    {
+        static const std::string confirmations[]
+            = {messageOf(Confirmation, {lost}), messageOf(Confirmation, {delivered})};
+        bool isDelivered = false;
+        for (const int neighbour : _neighbours[sender.node]) {
+            Client* receiver = _nodes[neighbour];
+            if (!receiver || !_crosses(bytes - headerBytes))
+                continue;
+            receiver->output.append(message, bytes);
+            isDelivered = true;
+        }
+        if (_options.confirms)
+            sender.output += confirmations[isDelivered];
+    }
+
+    bool _crosses(std::size_t frameBytes) const
+    {
+        return _options.isWithoutDraws || crossesTheLink(frameBytes, _options.reliability);
+    }
+
+    void _flush(Client& client) const
+    {
+        if (client.output.empty())
+            return;
+        const ssize_t sent
+            = send(client.fd, client.output.data(), client.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0)
+            client.output.erase(0, static_cast<std::size_t>(sent));
+        const bool waits = !client.output.empty();
+        if (waits != client.waitsForRoom)
+            _watch(client.fd, EPOLL_CTL_MOD, EPOLLIN | (waits ? std::uint32_t{EPOLLOUT} : 0));
+        client.waitsForRoom = waits;
+    }
+
+    void _drop(Client& client)
+    {
+        if (client.node >= 0 && _nodes[client.node] == &client)
+            _nodes[client.node] = nullptr;
+        const int fd = client.fd;
+        _clients.erase(fd);
+        close(fd);
+    }
 
     Options _options;
     int _epoll;
-    int _signals;
     int _listener = -1;
     std::vector<char> _input = std::vector<char>(readBufferBytes);  // of the socket that is being read
     std::map<int, std::unique_ptr<Client>> _clients;                // by descriptor
     std::vector<Client*> _nodes;                                    // not owned; null: nobody is attached
     std::vector<std::vector<int>> _neighbours;                      // by node
-    bool _hasSeenParts = false;                                     // of messages
 };
-
-LimitServer::LimitServer(const Options& options)
-    : _options(options)
-    , _epoll(epoll_create1(0))
-    , _signals(terminationSignals())
-    , _nodes(options.wiring.nodeCount())
-    , _neighbours(options.wiring.nodeCount())
-{
-    const Wiring& wiring = options.wiring;
-    for (int i = 0; i < wiring.senderCount(); ++i) {
-        const int sender = wiring.sender(i);
-        for (int receiver = sender + 1; receiver <= sender + wiring.receiversPerSender(); ++receiver) {
-            _neighbours[sender].push_back(receiver);
-            _neighbours[receiver].push_back(sender);
-        }
-    }
-}
-
-bool LimitServer::listen()
-{
-    _listener = listeningSocket(_options.port);
-    if (_listener < 0)
-        return false;
-    _watch(_listener, EPOLL_CTL_ADD, EPOLLIN);
-    _watch(_signals, EPOLL_CTL_ADD, EPOLLIN);
-    std::printf("listening on port %d\n", portOf(_listener));
-    std::fflush(stdout);
-    return true;
-}
-
-bool LimitServer::run()
-{
-    bool terminated = false;
-    while (!terminated) {
-        epoll_event events[eventsPerWait];
-        const int count = epoll_wait(_epoll, events, eventsPerWait, -1);
-        for (int i = 0; i < count; ++i) {
-            if (events[i].data.fd == _signals)
-                terminated = true;
-            else if (events[i].data.fd == _listener)
-                _accept();
-            else
-                _handle(events[i].data.fd, events[i].events);
-        }
-    }
-    return !_hasSeenParts;
-}
-
-void LimitServer::_watch(int fd, int operation, std::uint32_t events) const
-{
-    epoll_event event{};
-    event.events = events;
-    event.data.fd = fd;
-    epoll_ctl(_epoll, operation, fd, &event);
-}
-
-void LimitServer::_accept()
-{
-    const int fd = accept4(_listener, nullptr, nullptr, SOCK_NONBLOCK);
-    if (fd < 0)
-        return;
-    const int on = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    _clients[fd] = std::make_unique<Client>();
-    _clients[fd]->fd = fd;
-    _watch(fd, EPOLL_CTL_ADD, EPOLLIN);
-}
-
-void LimitServer::_handle(int fd, std::uint32_t events)
-{
-    const auto found = _clients.find(fd);
-    if (found == _clients.end())
-        return;
-    Client& client = *found->second;
-    if (events & EPOLLOUT)
-        _flush(client);
-    if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
-        _read(client);
-}
-
-void LimitServer::_read(Client& client)
-{
-    const std::size_t kept = client.partialMessage.copy(_input.data(), client.partialMessage.size());
-    const ssize_t received = recv(client.fd, _input.data() + kept, _input.size() - kept, 0);
-    if (received < 0 && (errno == EAGAIN || errno == EINTR))
-        return;
-    const std::size_t bytes = kept + static_cast<std::size_t>(std::max<ssize_t>(received, 0));
-    const std::size_t handled = received > 0 ? _relayWholeMessages(client, bytes) : 0;
-    if (received <= 0 || !_keepRest(client, handled, bytes))
-        _drop(client);
-}
-
-/// Bytes of the messages that were handled; stops at one that is not understood.
-std::size_t LimitServer::_relayWholeMessages(Client& client, std::size_t bytes)
-{
-    std::size_t handled = 0;
-    while (const std::size_t next = wholeMessageBytes(_input.data() + handled, bytes - handled)) {
-        if (!_handleMessage(client, _input.data() + handled, next))
-            break;
-        handled += next;
-    }
-    if (client.node < 0)
-        return handled;
-    for (const int neighbour : _neighbours[client.node]) {
-        if (_nodes[neighbour])
-            _flush(*_nodes[neighbour]);
-    }
-    _flush(client);
-    return handled;
-}
-
-/// False when what follows the handled messages is not the beginning of a message that may still be
-/// completed.
-bool LimitServer::_keepRest(Client& client, std::size_t handled, std::size_t bytes)
-{
-    client.partialMessage.assign(_input.data() + handled, bytes - handled);
-    if (handled == bytes)
-        return true;
-    if (wholeMessageBytes(_input.data() + handled, bytes - handled) > 0)
-        return false;
-    _hasSeenParts = true;
-    return !_options.isStrict;
-}
-
-bool LimitServer::_handleMessage(Client& client, const char* message, std::size_t bytes)
-{
-    if (client.node < 0)
-        return _identify(client, message, bytes);
-    if (message[0] != FrameMessage)
-        return false;
-    _relay(client, message, bytes);
-    return true;
-}
-
-bool LimitServer::_identify(Client& client, const char* message, std::size_t bytes)
-{
-    const std::string identification(message, bytes);
-    for (int node = 0; node < static_cast<int>(_nodes.size()); ++node) {
-        if (identification == messageOf(NodeControl, byAddress + nodeAddress(node))) {
-            client.node = node;
-            _nodes[node] = &client;
-            return true;
-        }
-    }
-    return false;
-}
-
-void LimitServer::_relay(Client& sender, const char* message, std::size_t bytes)
-{
-    static const std::string confirmations[]
-        = {messageOf(Confirmation, {lost}), messageOf(Confirmation, {delivered})};
-    bool isDelivered = false;
-    for (const int neighbour : _neighbours[sender.node]) {
-        Client* receiver = _nodes[neighbour];
-        if (!receiver || !_crosses(bytes - headerBytes))
-            continue;
-        receiver->output.append(message, bytes);
-        isDelivered = true;
-    }
-    if (_options.confirms)
-        sender.output += confirmations[isDelivered];
-}
-
-bool LimitServer::_crosses(std::size_t frameBytes) const
-{
-    return _options.isWithoutDraws || crossesTheLink(frameBytes, _options.reliability);
-}
-
-void LimitServer::_flush(Client& client) const
-{
-    if (client.output.empty())
-        return;
-    const ssize_t sent
-        = send(client.fd, client.output.data(), client.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent > 0)
-        client.output.erase(0, static_cast<std::size_t>(sent));
-    const bool waits = !client.output.empty();
-    if (waits != client.waitsForRoom)
-        _watch(client.fd, EPOLL_CTL_MOD, EPOLLIN | (waits ? std::uint32_t{EPOLLOUT} : 0));
-    client.waitsForRoom = waits;
-}
-
-void LimitServer::_drop(Client& client)
-{
-    if (client.node >= 0 && _nodes[client.node] == &client)
-        _nodes[client.node] = nullptr;
-    const int fd = client.fd;
-    _clients.erase(fd);
-    close(fd);
-}
-
-const char usage[] = "usage: lattivo_limitserver [--port N] [--pairs P | --star LINKS] [--confirm]\n"
-                     "                           [--reliability R | --no-draws] [--seed N] [--strict]\n";
-
-bool readCommandLine(int argc, char** argv, Options& options)
-{
-    CommandLine commandLine;
-    commandLine.addNumber("--port", options.port);
-    commandLine.addNumber("--pairs", options.wiring.pairs, 1);
-    commandLine.addNumber("--star", options.wiring.starLinks, 1);
-    commandLine.addFlag("--confirm", options.confirms);
-    commandLine.addNumber("--reliability", options.reliability);
-    commandLine.addFlag("--no-draws", options.isWithoutDraws);
-    commandLine.addNumber("--seed", options.seed);
-    commandLine.addFlag("--strict", options.isStrict);
-    return commandLine.read(argc, argv);
-}
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
     Options options;
-    if (!readCommandLine(argc, argv, options)) {
-        std::fputs(usage, stderr);
-        return 2;
-    }
+    CommandLine line("usage: lattivo_limitserver [options]; ends with SIGTERM");
+    line.addNumber("--pairs", options.wiring.pairs, 1, "one sender and one receiver each (1)");
+    line.addNumber("--star", options.wiring.starLinks, 1,
+                   "receivers of one sender that broadcasts, no pairs");
+    line.addFlag("--confirm", options.confirms, "tell senders what became of each frame");
+    line.addNumber("--reliability", options.reliability, 0, "of the links, per bit (1)");
+    line.addFlag("--no-draws", options.isWithoutDraws, "relay every frame, whatever the reliability");
+    line.addNumber("--seed", options.seed, 0, "of the random numbers (1)");
+    line.read(argc, argv);
+
+    std::signal(SIGTERM, [](int) { std::_Exit(EXIT_SUCCESS); });
     qsrand(options.seed);
     LimitServer server(options);
-    if (!server.listen()) {
-        std::perror("lattivo_limitserver: cannot listen");
-        return 1;
-    }
-    return server.run() ? EXIT_SUCCESS : EXIT_FAILURE;
+    server.listen();
+    server.run();
 }
