@@ -157,10 +157,13 @@ class TestFullSpeed(KitTest):
         if change:
             change(sender)
         failures: list[lattivo.LattivoError] = []
+        all_received = threading.Event()
 
         def send() -> None:
             try:
                 sender.send_frames(numbered_frames(sizes, FRAMES), PATIENCE)
+                while not all_received.wait(0.1):
+                    sender.receive(0)  # tells when the connection has ended
             except lattivo.LattivoError as error:
                 failures.append(error)
 
@@ -175,6 +178,7 @@ class TestFullSpeed(KitTest):
                     self.assertEqual((number, len(message.payload)), (received, sizes[received % len(sizes)]))
                     received += 1
             self.stops = stopper.stops
+        all_received.set()
         sending.join()
         if not failures:
             self.assertEqual(received, FRAMES)
