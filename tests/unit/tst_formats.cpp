@@ -89,8 +89,8 @@ private slots:
     void initTestCase()
     {
         QVERIFY(_folder.isValid());
-        const QString documents
-            = QString::fromUtf8(contentsOf(LATTIVO_DOCS "/protocol.md") + contentsOf(LATTIVO_DOCS "/files.md"));
+        const QString documents = QString::fromUtf8(contentsOf(LATTIVO_DOCS "/protocol.md")
+                                                    + contentsOf(LATTIVO_DOCS "/files.md"));
         const QRegularExpression block("<!-- example: (\\S+) -->\n```\n(.*?)```",
                                        QRegularExpression::DotMatchesEverythingOption);
         QRegularExpressionMatchIterator blocks = block.globalMatch(documents);
