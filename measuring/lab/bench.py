@@ -60,6 +60,7 @@ class Workload:
         )
 
 
+Result = TypeVar("Result")
 Contender = Callable[[Workload, Sequence[str]], Figures]  # measures a workload, with these arguments for the client
 
 
@@ -109,7 +110,7 @@ class Bench(Launcher):
         duration = ["--duration", str(self.options.duration)]
         for number in range(self.options.rounds):
             for workload in workloads:
-                progress.begin(f"round {number + 1} of {self.options.rounds}: {workload.title}")
+                self.begin_round(number, workload.title)
                 contenders = self.contenders(workload)
                 results = runs[workload.key] = runs[workload.key] or [[] for _ in contenders]
                 turns = list(zip(results, contenders))
@@ -117,6 +118,17 @@ class Bench(Launcher):
                 for figures, contender in turns[first:] + turns[:first]:
                     figures.append(contender(workload, duration))
         return runs
+
+    def rounds(self, title: str, measure: Callable[[], Result]) -> list[Result]:
+        """Return the results of all rounds."""
+        results = []
+        for number in range(self.options.rounds):
+            self.begin_round(number, title)
+            results.append(measure())
+        return results
+
+    def begin_round(self, number: int, title: str) -> None:
+        progress.begin(f"round {number + 1} of {self.options.rounds}: {title}")
 
     def report(self) -> None:
         if self.lost_frames:

@@ -32,3 +32,12 @@ inline ProcessTimes timesOf(int pid)
     }
     return times;
 }
+
+/// Returns how long the main thread has waited so far while other programs had its processor core, in ns.
+inline double processorWait()
+{
+    double running = 0.0;
+    double waiting = 0.0;
+    std::ifstream("/proc/self/schedstat") >> running >> waiting;
+    return waiting;
+}

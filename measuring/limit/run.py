@@ -18,7 +18,7 @@ from typing import Callable, Sequence
 
 from measuring.lab import bench
 from measuring.lab.bench import Contender, Workload, cpu_per_frame, workload_rows
-from measuring.lab.launcher import Figures, Server, progress
+from measuring.lab.launcher import Figures, Server
 from measuring.lab.rows import Row, ratio_row, single_row
 
 LARGEST_P99_US = 40_000  # what a delayed acknowledgement of the kernel would cost
@@ -118,11 +118,7 @@ def captured_growth(lab: LimitBench) -> Row:
 
 def growth_row(lab: LimitBench, key: str, title: str, target: float, costs: Callable[[], tuple[float, float]]) -> Row:
     """Compare the cost of a frame (CPU µs) with much and with little; `costs` returns those of a round, little first."""
-    rounds = []
-    for number in range(lab.options.rounds):
-        progress.begin(f"round {number + 1} of {lab.options.rounds}: {title}")
-        rounds.append(costs())
-    little, much = zip(*rounds)
+    little, much = zip(*lab.rounds(title, costs))
     return ratio_row("growth", key, title, "CPU µs/frame", much, little, target)
 
 

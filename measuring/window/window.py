@@ -16,11 +16,11 @@ import subprocess
 import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
-from typing import Any, Callable, Iterator, Sequence
+from typing import Iterator, Sequence
 
 from measuring.lab import bench, makesimulation
 from measuring.lab.bench import Bench, Contender, Workload, workload_rows
-from measuring.lab.launcher import Figures, MeasurementFailed, Server, pinned, processor_wait, progress
+from measuring.lab.launcher import Figures, MeasurementFailed, Server, pinned, processor_wait
 from measuring.lab.remotecontrol import RemoteControl
 from measuring.lab.rows import Row, ratio_row, single_row
 
@@ -173,17 +173,9 @@ def virtual_display(core: int) -> Iterator[str]:
         server.wait()
 
 
-def rounds(lab: Bench, title: str, measure: Callable[[], Any]) -> list[Any]:
-    results = []
-    for number in range(lab.options.rounds):
-        progress.begin(f"round {number + 1} of {lab.options.rounds}: {title}")
-        results.append(measure())
-    return results
-
-
 def drag_rows(lab: WindowBench) -> list[Row]:
     title = f"{2 * DRAG_PAIRS} nodes, {2 * DRAG_PAIRS * len(DRAG_RING_STEPS)} links with traffic: drag"
-    answers = rounds(lab, title, lab.drag)
+    answers = lab.rounds(title, lab.drag)
     return [
         single_row("alone", "drag", title, "p95 ms", [p95(times) for times in answers], DRAG_TARGET),
         single_row("alone", "drag", title, "median ms", [statistics.median(times) for times in answers]),
@@ -192,7 +184,7 @@ def drag_rows(lab: WindowBench) -> list[Row]:
 
 def capture_rows(lab: WindowBench) -> list[Row]:
     title = f"capture of {CAPTURED_FRAMES:,} frames"
-    results = rounds(lab, title, lab.capture)
+    results = lab.rounds(title, lab.capture)
     many, few, memory = [
         [result[name] for result in results] for name in ("many_rows_us", "few_rows_us", "bytes_per_frame")
     ]
@@ -206,7 +198,7 @@ def capture_rows(lab: WindowBench) -> list[Row]:
 
 def file_rows(lab: WindowBench) -> list[Row]:
     title = f"{2 * LARGE_PAIRS:,} nodes and links"
-    results = rounds(lab, title, lab.files)
+    results = lab.rounds(title, lab.files)
     load = [result["load_ms"] + result["first_picture_ms"] for result in results]
     save = [result["save_ms"] for result in results]
     deletions = [p95(result["delete_ms"]) for result in results]

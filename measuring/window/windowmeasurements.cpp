@@ -1,7 +1,7 @@
 #include "capture/capture.h"
 #include "network/network.h"
 #include "nodes/node.h"
-#include "processorwait.h"
+#include "processtimes.h"
 #include "remotecontrol.h"
 #include "ui/mainwindow.h"
 
@@ -88,6 +88,8 @@ qint64 residentBytes()
 class Stopwatch
 {
 public:
+    Stopwatch() { start(); }
+
     void start()
     {
         _waitBefore = processorWait();
@@ -96,21 +98,14 @@ public:
 
     double milliseconds() const
     {
-        const qint64 elapsed = _timer.nsecsElapsed();
-        return static_cast<double>(elapsed - (processorWait() - _waitBefore)) / 1e6;
+        const double waited = processorWait() - _waitBefore;
+        return (static_cast<double>(_timer.nsecsElapsed()) - waited) / 1e6;
     }
 
 private:
     QElapsedTimer _timer;
-    qint64 _waitBefore = 0;
+    double _waitBefore = 0.0;
 };
-
-Stopwatch startedStopwatch()
-{
-    Stopwatch stopwatch;
-    stopwatch.start();
-    return stopwatch;
-}
 
 /// Returns the time until a page is seen, in ms, of each page.
 QJsonArray pageTimes(QTableView* table)
@@ -120,7 +115,7 @@ QJsonArray pageTimes(QTableView* table)
     for (int page = 0; page < measuredPages; ++page) {
         bar->setValue(static_cast<int>(static_cast<qint64>(bar->maximum()) * page / measuredPages));
         QCoreApplication::processEvents();
-        const Stopwatch stopwatch = startedStopwatch();
+        const Stopwatch stopwatch;
         bar->triggerAction(QAbstractSlider::SliderPageStepAdd);
         table->viewport()->repaint();
         times.append(stopwatch.milliseconds());
@@ -182,7 +177,7 @@ double timeOfFileAction(const MainWindow& window, const QString& text, const QSt
 
 double timeUntilSeen()
 {
-    const Stopwatch stopwatch = startedStopwatch();
+    const Stopwatch stopwatch;
     QCoreApplication::processEvents();
     return stopwatch.milliseconds();
 }
@@ -209,7 +204,7 @@ QJsonArray deletionTimes(QWidget* view)
         timeUntilSeen();
 
         QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
-        const Stopwatch stopwatch = startedStopwatch();
+        const Stopwatch stopwatch;
         QCoreApplication::sendEvent(view, &press);
         QCoreApplication::processEvents();
         times.append(stopwatch.milliseconds());
