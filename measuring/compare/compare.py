@@ -7,9 +7,11 @@ kernel puts them; the better of both counts. The share of corrupted frames is ch
 The exit code is 0 when every target is reached, 1 when one is missed and 2 when something could not be measured.
 """
 
+from __future__ import annotations
+
+import argparse
 import contextlib
 import json
-import pathlib
 import select
 import socket
 import statistics
@@ -18,6 +20,9 @@ import sys
 import tempfile
 import time
 from dataclasses import dataclass
+from pathlib import Path
+from types import TracebackType
+from typing import Any, Callable, Iterable, Sequence
 
 from measuring.lab import disturbance, makesimulation
 from measuring.lab.bench import SEED, options_parser, read_options, write_json
@@ -44,7 +49,7 @@ OTHERS_TRIES = 3  # of a run of another tool that fails
 
 @dataclass
 class Figures:
-    """Of one run."""
+    """What one run gave."""
 
     frames: int  # that the link took: delivered, or dropped as corrupted
     corrupted: int
@@ -58,24 +63,24 @@ class Figures:
 class Run:
     """The processes of one measurement, all of which end with it."""
 
-    def __init__(self, bench, placement):
+    def __init__(self, bench: Bench, placement: str) -> None:
         self.bench = bench
         self.placement = placement
-        self.processes = []
-        self.folder = pathlib.Path(tempfile.mkdtemp(dir=bench.folder))
+        self.processes: list[subprocess.Popen[bytes]] = []
+        self.folder = Path(tempfile.mkdtemp(dir=bench.folder))
         self.log = open(self.folder / "errors", "w+")
 
-    def __enter__(self):
+    def __enter__(self) -> Run:
         return self
 
-    def __exit__(self, kind, error, trace):
+    def __exit__(self, kind: type | None, error: BaseException | None, trace: TracebackType | None) -> None:
         for process in reversed(self.processes):
             process.terminate()
         for process in self.processes:
             end(process)
         self.log.close()
 
-    def start(self, command, pass_fds=()):
+    def start(self, command: Sequence[str], pass_fds: Sequence[int] = ()) -> subprocess.Popen[bytes]:
         process = subprocess.Popen(
             self._placed(command, self.bench.server_core),
             stdin=subprocess.PIPE,  # kept open: consoles of some end with it
@@ -86,27 +91,28 @@ class Run:
         self.processes.append(process)
         return process
 
-    def first_line(self, process):
+    def first_line(self, process: subprocess.Popen[bytes]) -> str:
+        assert process.stdout
         ready, _, _ = select.select([process.stdout], [], [], START_PATIENCE)
         line = process.stdout.readline().decode().strip() if ready else ""
         if not line:
-            raise MeasurementFailed(f"{process.args[-1]} does not start: {self.errors()}")
+            raise MeasurementFailed(f"{process.args!r} does not start: {self.errors()}")
         return line
 
-    def wait_for(self, path):
+    def wait_for(self, path: Path) -> None:
         limit = time.monotonic() + START_PATIENCE
         while not path.exists():
             if time.monotonic() > limit:
                 raise MeasurementFailed(f"{path.name} does not appear: {self.errors()}")
             time.sleep(0.01)
 
-    def client(self, command, size, pass_fds=()):
-        """What the client prints."""
+    def client(self, command: Sequence[str], size: int, pass_fds: Sequence[int] = ()) -> dict[str, Any]:
+        """Return what the client prints, and the share of the kernel."""
         load = ["--size", str(size), "--window", str(WINDOW), "--warm-up", str(WARM_UP)]
         load += ["--duration", str(self.bench.options.duration)]
         watched = [word for process in self.processes for word in ("--watch-pid", str(process.pid))]
         result = subprocess.run(
-            self._placed(command + load + watched, self.bench.client_core),
+            self._placed([*command, *load, *watched], self.bench.client_core),
             capture_output=True,
             text=True,
             timeout=CLIENT_PATIENCE,
@@ -116,21 +122,21 @@ class Run:
             raise MeasurementFailed(f"{result.stderr.strip()} {self.errors()}")
         return {**json.loads(result.stdout), "kernel_share": self._kernel_share()}
 
-    def _kernel_share(self):
-        stats = [pathlib.Path(f"/proc/{process.pid}/stat").read_text() for process in self.processes]
+    def _kernel_share(self) -> float:
+        stats = [Path(f"/proc/{process.pid}/stat").read_text() for process in self.processes]
         times = [stat.rpartition(")")[2].split()[11:13] for stat in stats]  # ticks in user mode and in the kernel
         user, kernel = [sum(int(pair[index]) for pair in times) for index in (0, 1)]
         return kernel / max(1, user + kernel)
 
-    def errors(self):
+    def errors(self) -> str:
         self.log.seek(0)
         return self.log.read()[-500:].strip()
 
-    def _placed(self, command, core):
+    def _placed(self, command: Sequence[str], core: int) -> Sequence[str]:
         return pinned(command, core) if self.placement == "one core" else command
 
 
-def end(process):
+def end(process: subprocess.Popen[bytes]) -> None:
     try:
         process.communicate(timeout=START_PATIENCE)
     except subprocess.TimeoutExpired:
@@ -139,15 +145,15 @@ def end(process):
 
 
 class Bench:
-    def __init__(self, options, folder):
+    def __init__(self, options: argparse.Namespace, folder: str) -> None:
         self.options = options
         self.folder = folder
         self.client_core, self.server_core = choose_cores()
-        self.failures = []  # of runs that were made again
+        self.failures: list[str] = []  # of runs that were made again
 
 
-def lattivo(current, size):
-    """Error detection is on: what the link corrupts does not arrive."""
+def lattivo(current: Run, size: int) -> Figures:
+    """Measure a link whose error detection is on: what it corrupts does not arrive."""
     file = current.folder / "simulation.ltvo"
     file.write_bytes(makesimulation.simulation_file(makesimulation.Simulation(reliability=1.0 - ERROR_RATE)))
     options = current.bench.options
@@ -158,8 +164,8 @@ def lattivo(current, size):
     return figures(result, result["frames"] + result["lost"], result["lost"])
 
 
-def vde(current, size):
-    """What the noise damages arrives."""
+def vde(current: Run, size: int) -> Figures:
+    """Measure a link of which even damaged frames arrive."""
     ends = [current.folder / name for name in ("left", "right")]
     for path in ends:
         current.start(["vde_switch", "--sock", str(path)])
@@ -175,8 +181,8 @@ def vde(current, size):
     return figures(result, frames, result["damaged"])
 
 
-def ns3(current, size, *arguments):
-    """The error model drops what it takes for corrupted."""
+def ns3(current: Run, size: int, *arguments: str) -> Figures:
+    """Measure a link whose error model drops what it takes for corrupted."""
     rate = 1.0 - (1.0 - ERROR_RATE) ** (size / (size - ETHERNET_HEADER))  # for the same share of corrupted frames
     with contextlib.ExitStack() as sockets:
         outside_in, inside_in, inside_out, outside_out = [
@@ -191,15 +197,15 @@ def ns3(current, size, *arguments):
     return figures(result, result["intact"] + result["lost"], result["lost"])
 
 
-def ns3_every_bit(current, size):
+def ns3_every_bit(current: Run, size: int) -> Figures:
     return ns3(current, size, "--every-bit")
 
 
-def fd(one):
+def fd(one: socket.socket) -> str:
     return str(one.fileno())
 
 
-def figures(result, frames, corrupted):
+def figures(result: dict[str, Any], frames: int, corrupted: int) -> Figures:
     if frames == corrupted:
         raise MeasurementFailed("no frame arrived intact")
     return Figures(
@@ -217,8 +223,8 @@ def figures(result, frames, corrupted):
 class Tool:
     key: str
     title: str
-    measure: callable
-    decided_bits: callable  # of a frame of so many bytes, each by a draw of its own
+    measure: Callable[[Run, int], Figures]
+    decided_bits: Callable[[int], int]  # of a frame of so many bytes, each by a draw of its own
 
 
 TOOLS = [
@@ -229,9 +235,11 @@ TOOLS = [
 ]
 
 
-def measure(bench, tools):
-    """Figures of all rounds by tool, size and placement."""
-    runs = {}
+Runs = dict[tuple[str, int, str], list[Figures]]  # of all rounds by tool, size and placement
+
+
+def measure(bench: Bench, tools: Sequence[Tool]) -> Runs:
+    runs: Runs = {}
     for number in range(bench.options.rounds):
         for size in SIZES:
             for tool in tools if number % 2 == 0 else reversed(tools):
@@ -242,8 +250,8 @@ def measure(bench, tools):
     return runs
 
 
-def measure_patiently(bench, tool, size, placement):
-    """Again when another tool fails, which held up by the host may lose all that is under way. Lattivo must not."""
+def measure_patiently(bench: Bench, tool: Tool, size: int, placement: str) -> Figures:
+    """Measure again when another tool fails: held up by the host it may lose what is under way. Lattivo must not."""
     for _ in range(0 if tool.key == "lattivo" else OTHERS_TRIES - 1):
         try:
             return measure_once(bench, tool, size, placement)
@@ -252,25 +260,28 @@ def measure_patiently(bench, tool, size, placement):
     return measure_once(bench, tool, size, placement)
 
 
-def measure_once(bench, tool, size, placement):
+def measure_once(bench: Bench, tool: Tool, size: int, placement: str) -> Figures:
     with Run(bench, placement) as current:
         result = tool.measure(current, size)
     check_corruption(tool, size, result)
     return result
 
 
-def expected_share(size):
-    return 1.0 - (1.0 - ERROR_RATE) ** (8 * size)
+def expected_share(size: int) -> float:
+    return float(1.0 - (1.0 - ERROR_RATE) ** (8 * size))
 
 
-def check_corruption(tool, size, result):
+def check_corruption(tool: Tool, size: int, result: Figures) -> None:
     share, expected = result.corrupted / result.frames, expected_share(size)
     noise = 5.0 * (expected / result.frames) ** 0.5  # five standard deviations
     if abs(share - expected) > SHARE_TOLERANCE * expected + noise:
         raise MeasurementFailed(f"{tool.title}: {share:.4f} of the frames were corrupted instead of {expected:.4f}")
 
 
-def row(tool, size, placement, results):
+Row = dict[str, Any]  # as the document takes it
+
+
+def row(tool: Tool, size: int, placement: str, results: Sequence[Figures]) -> Row:
     speeds = [result.frames / result.seconds for result in results]
     speed = statistics.median(speeds)
     frames = sum(result.frames for result in results)
@@ -293,7 +304,7 @@ def row(tool, size, placement, results):
     }
 
 
-def rows_of(runs, tools):
+def rows_of(runs: Runs, tools: Sequence[Tool]) -> list[Row]:
     return [
         row(tool, size, placement, runs[tool.key, size, placement])
         for size in SIZES
@@ -309,8 +320,8 @@ class Reading:
     key: str  # of the other tool
     title: str
     figure: str
-    target: float = None
-    best: callable = max  # of the two placements
+    target: float | None = None
+    best: Callable[[Iterable[float]], float] = max  # of the two placements
 
 
 READINGS = [
@@ -328,13 +339,13 @@ READINGS = [
 ]
 
 
-def verdicts(rows):
+def verdicts(rows: Sequence[Row]) -> list[Row]:
     measured = {row["key"] for row in rows}
     readings = [reading for reading in READINGS if {"lattivo", reading.key} <= measured]
     return [verdict(reading, size, rows) for reading in readings for size in SIZES]
 
 
-def verdict(reading, size, rows):
+def verdict(reading: Reading, size: int, rows: Sequence[Row]) -> Row:
     ours, theirs = [
         reading.best(row[reading.figure] for row in rows if (row["key"], row["size"]) == (key, size))
         for key in ("lattivo", reading.key)
@@ -351,14 +362,14 @@ def verdict(reading, size, rows):
     }
 
 
-def disturbed_runs(runs):
-    """Alone on its core the client has nobody to wait for."""
+def disturbed_runs(runs: Runs) -> tuple[int, int]:
+    """Return how many runs were disturbed, of how many: alone on its core the client has nobody to wait for."""
     alone = [result for (_, _, placement), results in runs.items() if placement == "one core" for result in results]
     disturbed = [result for result in alone if result.client_wait > disturbance.USUAL.waited * result.seconds]
     return len(disturbed), len(alone)
 
 
-def print_tables(rows, judged):
+def print_tables(rows: Sequence[Row], judged: Sequence[Row]) -> None:
     for result in rows:
         print(
             f"{result['size']:4} bytes  {result['tool']:24} {result['placement']:9}"
@@ -397,7 +408,8 @@ def main() -> int:
     print_tables(rows, judged)
     settings = {"rounds": options.rounds, "duration": options.duration, "window": WINDOW, "error_rate": ERROR_RATE}
     counts = {"disturbed_runs": disturbed, "runs": alone, "failures": bench.failures}
-    write_json(options.json, {"rows": rows, "verdicts": judged, **counts, **settings})
+    result: Row = {"rows": rows, "verdicts": judged, **counts, **settings}
+    write_json(options.json, result)
     return 1 if any(result["reached"] is False for result in judged) else 0
 
 
