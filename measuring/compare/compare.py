@@ -24,8 +24,10 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, Callable, Iterable, Sequence
 
+from measuring.compare import tables
 from measuring.lab import disturbance, makesimulation
 from measuring.lab.bench import SEED, options_parser, read_options, write_json
+from measuring.lab.document import aligned
 from measuring.lab.launcher import MeasurementFailed, choose_cores, pinned, progress
 
 ERROR_RATE = 1e-4  # per bit
@@ -278,10 +280,7 @@ def check_corruption(tool: Tool, size: int, result: Figures) -> None:
         raise MeasurementFailed(f"{tool.title}: {share:.4f} of the frames were corrupted instead of {expected:.4f}")
 
 
-Row = dict[str, Any]  # as the document takes it
-
-
-def row(tool: Tool, size: int, placement: str, results: Sequence[Figures]) -> Row:
+def row(tool: Tool, size: int, placement: str, results: Sequence[Figures]) -> tables.Row:
     speeds = [result.frames / result.seconds for result in results]
     speed = statistics.median(speeds)
     frames = sum(result.frames for result in results)
@@ -304,7 +303,7 @@ def row(tool: Tool, size: int, placement: str, results: Sequence[Figures]) -> Ro
     }
 
 
-def rows_of(runs: Runs, tools: Sequence[Tool]) -> list[Row]:
+def rows_of(runs: Runs, tools: Sequence[Tool]) -> list[tables.Row]:
     return [
         row(tool, size, placement, runs[tool.key, size, placement])
         for size in SIZES
@@ -339,13 +338,13 @@ READINGS = [
 ]
 
 
-def verdicts(rows: Sequence[Row]) -> list[Row]:
+def verdicts(rows: Sequence[tables.Row]) -> list[tables.Row]:
     measured = {row["key"] for row in rows}
     readings = [reading for reading in READINGS if {"lattivo", reading.key} <= measured]
     return [verdict(reading, size, rows) for reading in readings for size in SIZES]
 
 
-def verdict(reading: Reading, size: int, rows: Sequence[Row]) -> Row:
+def verdict(reading: Reading, size: int, rows: Sequence[tables.Row]) -> tables.Row:
     ours, theirs = [
         reading.best(row[reading.figure] for row in rows if (row["key"], row["size"]) == (key, size))
         for key in ("lattivo", reading.key)
@@ -369,21 +368,6 @@ def disturbed_runs(runs: Runs) -> tuple[int, int]:
     return len(disturbed), len(alone)
 
 
-def print_tables(rows: Sequence[Row], judged: Sequence[Row]) -> None:
-    for result in rows:
-        print(
-            f"{result['size']:4} bytes  {result['tool']:24} {result['placement']:9}"
-            f" {result['frames_per_second']:>10,.0f} frames/s ({result['lowest']:,.0f}–{result['highest']:,.0f})"
-            f" {result['cpu_us']:6.2f} µs/frame  client {result['client_share']:4.0%}"
-            f" kernel {result['kernel_share']:4.0%}"
-            f"  corrupted {result['corrupted_share']:.4f} of {result['expected_share']:.4f}"
-        )
-    print()
-    for result in judged:
-        word = {None: "", True: f"(≥ {result['target']}) ok", False: f"(≥ {result['target']}) MISSED"}
-        print(f"{result['size']:4} bytes  {result['title']}: {result['ratio']:.2f} {word[result['reached']]}")
-
-
 def main() -> int:
     parser = options_parser(__doc__.splitlines()[0], [tool.key for tool in TOOLS])
     options = read_options(
@@ -405,10 +389,10 @@ def main() -> int:
     rows = rows_of(runs, tools)
     judged = verdicts(rows)
     disturbed, alone = disturbed_runs(runs)
-    print_tables(rows, judged)
+    print(aligned(tables.figures(rows)), aligned(tables.verdicts(judged)), sep="\n\n")
     settings = {"rounds": options.rounds, "duration": options.duration, "window": WINDOW, "error_rate": ERROR_RATE}
     counts = {"disturbed_runs": disturbed, "runs": alone, "failures": bench.failures}
-    result: Row = {"rows": rows, "verdicts": judged, **counts, **settings}
+    result: tables.Row = {"rows": rows, "verdicts": judged, **counts, **settings}
     write_json(options.json, result)
     return 1 if any(result["reached"] is False for result in judged) else 0
 

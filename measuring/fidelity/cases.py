@@ -3,14 +3,12 @@
 from __future__ import annotations
 
 import collections
-import sys
 import time
 from dataclasses import dataclass, field
 
 import bridge
 
 from measuring.fidelity import measure, replay
-from measuring.fidelity.measure import TOP_FOLDER
 from measuring.lab import confirmations, makesimulation
 from measuring.lab.confirmations import Fate
 from measuring.lab.launcher import MeasurementFailed

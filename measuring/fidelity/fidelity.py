@@ -17,7 +17,7 @@ from dataclasses import dataclass, field
 import numpy
 
 from measuring.fidelity import analysis, cases, fidelitydocument, measure, replay, tables
-from measuring.lab.launcher import MeasurementFailed, find_program, progress
+from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, find_program, progress
 from measuring.lab.makesimulation import LinkSettings
 
 RELIABILITIES = (1.0, 0.9999, 0.999, 0.99, 0.9, 0.5, 0.0)
@@ -240,7 +240,7 @@ def measure_all(laboratory, options):
 
 def parse_options():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build-dir", type=pathlib.Path, default=measure.TOP_FOLDER / "build" / "release")
+    parser.add_argument("--build-dir", type=pathlib.Path, default=TOP_FOLDER / "build" / "release")
     parser.add_argument("--output", type=pathlib.Path, help="folder of the document (build/fidelity; of --short: none)")
     parser.add_argument("--seed", type=int, default=1, help="of the simulator's random numbers (1)")
     parser.add_argument("--short", action="store_true", help="a part of the settings, fewer frames, no limits of time")
@@ -253,7 +253,7 @@ def parse_options():
     if None in (options.program, options.client):
         parser.error(f"not everything is built in {options.build_dir}; scripts/fidelity.sh builds it")
     if options.output is None and not options.short:
-        options.output = measure.TOP_FOLDER / "build" / "fidelity"
+        options.output = TOP_FOLDER / "build" / "fidelity"
     return options
 
 

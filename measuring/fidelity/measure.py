@@ -10,8 +10,8 @@ import random
 import numpy
 
 from measuring.fidelity import analysis, replay
-from measuring.lab import disturbance, makesimulation
-from measuring.lab.launcher import TOP_FOLDER, Launcher
+from measuring.lab import disturbance
+from measuring.lab.launcher import Launcher
 from measuring.lab.makesimulation import CHECKED, LinkSettings, NodeSettings, Simulation
 
 MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation

@@ -10,6 +10,8 @@ import subprocess
 from pathlib import Path
 from typing import Iterable, Sequence
 
+BAR_COLORS = ("#2f6db3", "#e08a1e")
+
 
 def write(template: Path, output: Path, **texts: object) -> None:
     """Fill the $names of a template; a name without a text raises KeyError."""
@@ -22,6 +24,21 @@ def table(heads: Sequence[str], rows: Iterable[Sequence[str]], left: Sequence[st
     """Return a table; the columns in `left` begin at the left, the others end at the right. None: all at the left."""
     ruler = ["---" if left is None or head in left else "--:" for head in heads]
     return "\n".join("| " + " | ".join(line) + " |" for line in [heads, ruler, *rows])
+
+
+def aligned(text: str) -> str:
+    """Return a table as a terminal shows it best."""
+    lines = [[cell.strip() for cell in line.strip("|").split("|")] for line in text.splitlines()]
+    widths = [max(map(len, column)) for column in zip(*lines)]
+    sides = [">" if mark.endswith(":") else "<" for mark in lines[1]]
+    lines[1] = ["-" * width for width in widths]
+    return "\n".join(
+        "  ".join(f"{cell:{side}{width}}" for cell, side, width in zip(line, sides, widths)) for line in lines
+    )
+
+
+def verdict_word(reached: bool | None) -> str:
+    return {None: "", True: "reached", False: "**MISSED**"}[reached]
 
 
 def machine_table(packages: Sequence[str]) -> str:
@@ -76,6 +93,33 @@ class Plot:
     def write(self, file: Path) -> None:
         script = [*self.settings, f"set output '{file}'", *self._data, "plot " + ", ".join(self._curves)]
         subprocess.run(["gnuplot"], input="\n".join(script), text=True, check=True)
+
+
+def clustered_plot(
+    titles: Sequence[str], columns: Sequence[Sequence[object]], label: str, *settings: str, height: int = 380
+) -> Plot:
+    """Return a plot of bars, a cluster for each text of the first column."""
+    plot = Plot(
+        "set style data histogram",
+        "set style histogram clustered gap 1.5",
+        "set style fill solid 0.9 noborder",
+        "set boxwidth 0.9",
+        "set border 3",
+        "set tics nomirror",
+        "set xrange [-0.6:*]",
+        "set yrange [0:*]",
+        f"set ylabel '{label}'",
+        *settings,
+        width=860,
+        height=height,
+        key="above left",
+    )
+    bars = [
+        f"using {place}:xtic(1) title '{title}' linecolor rgb '{color}'"
+        for place, (title, color) in enumerate(zip(titles, BAR_COLORS), start=2)
+    ]
+    plot.add(columns, *bars)
+    return plot
 
 
 def cell(value: object) -> str:

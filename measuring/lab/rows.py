@@ -6,6 +6,8 @@ import statistics
 from dataclasses import dataclass
 from typing import Iterator, Sequence
 
+from measuring.lab.document import aligned, table
+
 TABLES = {  # what stands above the first column, ours and the other
     "limit": ("workload", "Lattivo", "limit"),
     "floor": ("workload", "Lattivo", "floor"),
@@ -78,27 +80,21 @@ def number(value: float | None) -> str:
     return f"{value:,.0f}" if value >= 1000 else f"{value:.2f}"
 
 
-def heads(table: str) -> list[str]:
-    first, ours, other = TABLES[table]
+def heads(name: str) -> list[str]:
+    first, ours, other = TABLES[name]
     return [first, "figure", ours, other, "ratio", "rounds", "target", "verdict"]
 
 
 def by_table(rows: Sequence[Row]) -> Iterator[tuple[str, list[Row]]]:
     """Give each table that has rows."""
-    for table in TABLES:
-        found = [row for row in rows if row.table == table]
+    for name in TABLES:
+        found = [row for row in rows if row.table == name]
         if found:
-            yield table, found
+            yield name, found
 
 
 def print_tables(rows: Sequence[Row]) -> None:
     words = {None: "", True: "ok", False: "MISSED"}
-    for table, members in by_table(rows):
-        lines = [heads(table)] + [[*row.cells(), words[row.reached]] for row in members]
-        widths = [max(map(len, column)) for column in zip(*lines)]
-        lines.insert(1, ["-" * width for width in widths])
-        for line in lines:
-            cells = [cell.ljust(width) for cell, width in zip(line[:2], widths)]
-            cells += [cell.rjust(width) for cell, width in zip(line[2:], widths[2:])]
-            print("  ".join(cells).rstrip())
-        print()
+    for name, members in by_table(rows):
+        lines = [[*row.cells(), words[row.reached]] for row in members]
+        print(aligned(table(heads(name), lines, left=heads(name)[:2])), end="\n\n")

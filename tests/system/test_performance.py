@@ -24,7 +24,7 @@ TOP_FOLDER = Path(__file__).resolve().parents[2]
 from measuring.compare import compare
 from measuring.lab import makesimulation
 from measuring.lab.bench import Bench, Workload
-from measuring.lab.document import write
+from measuring.lab.document import aligned, table, write
 from measuring.lab.launcher import MeasurementFailed, find_program
 from measuring.lab.rows import Row, ratio_row
 from measuring.limit import document, run
@@ -131,6 +131,13 @@ class DocumentTest(unittest.TestCase):
         judged = document.judged_targets(engine(1.3), comparison_of(SLOW), WINDOW)
         self.assertEqual([False, False], [reached for words, reached in judged if "ns-3" in words])
         self.assertEqual([True, True, True], [reached for words, reached in judged if "ns-3" not in words])
+
+
+class TableTest(unittest.TestCase):
+    def test_a_terminal_shows_columns_one_below_the_other(self):
+        text = table(["workload", "figure"], [["one", "5"], ["another one", "1,000"]], left=["workload"])
+        lines = ["workload     figure", "-----------  ------", "one               5", "another one   1,000"]
+        self.assertEqual(lines, aligned(text).splitlines())
 
 
 class GrowthTest(unittest.TestCase):
@@ -255,6 +262,15 @@ class PacedLoadTest(ProgramTest):
             time.sleep(self.STOP_TIME)
             simulator.send_signal(signal.SIGCONT)
         self.assertGreater(self.figures(client)["frames"], 0)
+
+
+class OptionsTest(ProgramTest):
+    def test_a_value_that_is_no_whole_number_is_refused(self):
+        for value in ("12x", "", "-1", "1e99"):
+            client = self.start_client(1, "--window", value)
+            _, errors = client.communicate(timeout=PATIENCE)
+            self.assertEqual(2, client.returncode, value)
+            self.assertIn("usage: lattivo_loadclient", errors)
 
 
 class StepTest(ProgramTest):
