@@ -87,7 +87,7 @@ void ThrottledUpdate::_enqueue()
 void ThrottledUpdate::_repaint() const
 {
     QGraphicsScene* scene = _item ? _item->scene() : _scene;
-    if (scene && _isWatched && !_isWatched(*scene))
+    if (!scene || (_isWatched && !_isWatched(*scene)))
         return;
     if (_item)
         _item->update();
