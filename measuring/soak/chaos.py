@@ -32,8 +32,7 @@ from measuring.soak.simulator import (
 
 MOST_NODES = 40
 FEWEST_NODES = 5
-MOST_TALKERS = 25
-MOST_HALF_OPEN = 60
+MOST_PROGRAMS = 60
 KNOWN_ADDRESSES = 12
 NAMES = 20
 REFRESH = 0.5  # s between two looks at the items
@@ -47,13 +46,12 @@ CONNECTIONS_TOO_MANY = 60
 EXHAUSTION = 2.0  # s
 FLOOD_FRAME = 29_000  # bytes
 UNSENT_LIMIT = 64 << 20  # bytes: a program that does not read is dropped beyond it
-FLOOD_LIMIT = UNSENT_LIMIT + (24 << 20)  # and what the kernel holds
+FLOOD_LIMIT = UNSENT_LIMIT + (24 << 20)  # and what the kernel holds for the program
 FLOOD_PATIENCE = 120.0  # s
 FRAMES_BETWEEN_LOOKS = 100
 
 Draw = Callable[[random.Random], Any]
 Operation = Callable[["Chaos"], None]
-Program = TypeVar("Program", bound=Hostile)
 Item = TypeVar("Item")
 
 ORDINARY: dict[Operation, float] = {}  # with how often each is drawn, compared with the others
@@ -114,12 +112,6 @@ LINK_SETTINGS = {
 }
 
 
-class Talker(Hostile):
-    """A program that is about to be attached, or is."""
-
-    stalled_until = 0.0  # s of the monotonic clock; it reads nothing before
-
-
 class Chaos:
     """All of it, one operation after the other."""
 
@@ -131,8 +123,7 @@ class Chaos:
         self.tally: collections.Counter[str] = collections.Counter()
         self.connections = 0
         self.errors: list[str] = []
-        self.talkers: list[Talker] = []
-        self.half_open: list[Hostile] = []
+        self.programs: list[Hostile] = []  # of which some have never said a word
         self._nodes: list[dict[str, Any]] = []
         self._links: list[int] = []
         self._looked_at = 0.0
@@ -160,13 +151,9 @@ class Chaos:
 
     def leave(self) -> None:
         """Let go of all sockets, one way or the other."""
-        for program in self.programs():
-            self._farewell(program)
-        self.talkers, self.half_open = [], []
+        while self.programs:
+            self._farewell()
         self._looked_at = 0.0
-
-    def programs(self) -> list[Hostile]:
-        return [*self.talkers, *self.half_open]
 
     def _idle(self, seconds: float) -> None:
         end = time.monotonic() + seconds
@@ -178,16 +165,11 @@ class Chaos:
             time.sleep(min(left, 0.02))
 
     def _serve_programs(self) -> None:
-        now = time.monotonic()
-        for talker in self.talkers:
-            if now >= talker.stalled_until:
-                talker.read()
-        for program in self.half_open:
+        for program in self.programs[:]:
             program.read()
-        for ended in [program for program in self.programs() if program.has_ended]:
-            ended.close()
-        self.talkers = [talker for talker in self.talkers if not talker.has_ended]
-        self.half_open = [program for program in self.half_open if not program.has_ended]
+            if program.has_ended:
+                program.close()
+                self.programs.remove(program)
 
     def _look(self) -> None:
         """Learn which items chaos may touch."""
@@ -220,7 +202,7 @@ class Chaos:
         names = [b"", b"x" * 20_000, b"a\0b", "\u202e\U0001f600".encode() * 50]
         wholes = [messages.encode_control(NodeControl.NAME, name) for name in names]
         whole = self.rng.choice([*wholes, messages.encode_address(b"\2" * 7)])
-        self._add_talker(whole[: self.rng.choice([len(whole), len(whole), 3, 6, 10])])
+        self._add_program(whole[: self.rng.choice([len(whole), len(whole), 3, 6, 10])])
 
     @ordinary(3)
     def come_back(self) -> None:
@@ -231,30 +213,25 @@ class Chaos:
 
     def _attach_as(self, name: str, address: bytes) -> None:
         by_name = self.simulator.by_name
-        self._add_talker(messages.encode_name(name) if by_name else messages.encode_address(address))
+        self._add_program(messages.encode_name(name) if by_name else messages.encode_address(address))
 
-    def _add_talker(self, first_bytes: bytes) -> None:
-        if len(self.talkers) >= MOST_TALKERS:
-            self._farewell(self.talkers.pop(self.rng.randrange(len(self.talkers))))
-        talker = self._connect(Talker)
-        talker.send(first_bytes)
-        self.talkers.append(talker)
-
-    def _connect(self, kind: type[Program]) -> Program:
+    def _add_program(self, first_bytes: bytes = b"") -> None:
+        if len(self.programs) >= MOST_PROGRAMS:
+            self._farewell()
         self.connections += 1
-        program = kind(self.simulator.port)
+        program = Hostile(self.simulator.port)
         if not program.wait_until_connected(HANG):
             self.errors.append(f"no connection in {HANG:.0f} s")
-        return program
+        program.send(first_bytes)
+        self.programs.append(program)
+
+    def _farewell(self) -> None:
+        """Let one of them go, one way or the other."""
+        program = self.programs.pop(self.rng.randrange(len(self.programs)))
+        self.rng.choice([program.close, program.reset])()
 
     def _attached_node(self) -> dict[str, Any] | None:
         return self._some([node for node in self._nodes if node["attached"]])
-
-    def _farewell(self, program: Hostile) -> None:
-        self.rng.choice([program.close, program.reset])()
-
-    def _some_talker(self) -> Talker | None:
-        return self._some([talker for talker in self.talkers if not talker.has_ended])
 
     def _some_address(self) -> bytes:
         known = programs.address(CHAOS_KIND, self.rng.randrange(KNOWN_ADDRESSES))
@@ -265,8 +242,8 @@ class Chaos:
         return messages.encode_frame(self._some_address() + self._some_address() + body)
 
     def _send_politely(self, sent: Sequence[bytes]) -> None:
-        if talker := self._some_talker():
-            all(talker.send_politely(message, 0.2) for message in sent)  # until one is not taken
+        if program := self._some(self.programs):
+            all(program.send_politely(message, 0.2) for message in sent)  # until one is not taken
 
     @ordinary(25)
     def talk(self) -> None:
@@ -282,8 +259,8 @@ class Chaos:
     @ordinary(3)
     def talk_recklessly(self) -> None:
         """Send as fast as the socket takes it: messages are cut anywhere."""
-        if talker := self._some_talker():
-            all(talker.send(self._some_frame()) for _ in range(300))  # until one is not taken whole
+        if program := self._some(self.programs):
+            all(program.send(self._some_frame()) for _ in range(300))  # until one is not taken whole
 
     @ordinary(5)
     def control(self) -> None:
@@ -308,31 +285,30 @@ class Chaos:
     @ordinary(3)
     def stall(self) -> None:
         """Read nothing for a while, and then go on."""
-        if talker := self._some_talker():
-            talker.stalled_until = time.monotonic() + self.rng.uniform(1.0, LONGEST_STALL)
+        if program := self._some(self.programs):
+            program.stalled_until = time.monotonic() + self.rng.uniform(1.0, LONGEST_STALL)
 
     @ordinary(6)
     def die_in_mid_message(self) -> None:
-        if talker := self._some_talker():
+        if program := self._some(self.programs):
             message = self._some_frame()
-            talker.send(self._some_frame() + message[: self.rng.randrange(1, len(message))])
-            self.talkers.remove(talker)
-            self._farewell(talker)
+            program.send(self._some_frame() + message[: self.rng.randrange(1, len(message))])
+            self.programs.remove(program)
+            self.rng.choice([program.close, program.reset])()
 
     @ordinary(2)
     def scan_port(self) -> None:
         """Make connections and close them at once, with and without a word."""
-        for _ in range(self.rng.randint(1, 20)):
-            program = self._connect(Hostile)
-            if self.rng.random() < 0.5:
-                program.send(self.rng.choice([b"GET / HTTP/1.0\r\n\r\n", self.rng.randbytes(40), b"\3", b"\3\0\0\0"]))
-            self._farewell(program)
+        words = [b"", b"GET / HTTP/1.0\r\n\r\n", self.rng.randbytes(40), b"\3", b"\3\0\0\0"]
+        scan = self._gather(self.rng.randint(1, 20))
+        for program in scan:
+            program.wait_until_connected(HANG)
+            program.send(self.rng.choice(words))
+        self._disperse(scan)
 
     @ordinary(3)
     def connect_and_be_silent(self) -> None:
-        if len(self.half_open) >= MOST_HALF_OPEN:
-            self.half_open.pop(self.rng.randrange(len(self.half_open))).close()
-        self.half_open.append(self._connect(Hostile))
+        self._add_program()
 
     # The user
 
@@ -457,7 +433,7 @@ class Chaos:
         self._disperse(crowd)
         # How many the simulator held before is no measure: the kernel may have connected programs that are still to
         # be accepted.
-        most = LISTENING + 2 * len(honest.LINKS) + len(self.programs())
+        most = LISTENING + 2 * len(honest.LINKS) + len(self.programs)
         if not self.simulator.wait_until(lambda: self.simulator.open_sockets() <= most, CROWD_PATIENCE):
             self.errors.append(f"{self.simulator.open_sockets()} sockets behind a crowd, for {most} at most")
 
@@ -510,11 +486,15 @@ class Chaos:
         self._look()
 
     def _flood(self, source: Client, frame: bytes) -> None:
-        sent = 0
         deadline = time.monotonic() + FLOOD_PATIENCE
-        while self.simulator.are_attached("flood-to"):
-            sent += len(frame) * source.send_frames([frame] * FRAMES_BETWEEN_LOOKS, HANG)
+        while True:
+            for _ in range(FRAMES_BETWEEN_LOOKS):
+                source.send_frame(frame, HANG)
             self._serve_programs()
+            nodes = {node["name"]: node for node in self.simulator.nodes()}
+            sent = nodes["flood-from"]["sent"] * len(frame)  # by the node: the kernel holds more
+            if not nodes["flood-to"]["attached"]:
+                break
             if sent > FLOOD_LIMIT or time.monotonic() > deadline:
                 self.errors.append(f"a program that has not read {sent} bytes is still attached")
                 return

@@ -245,7 +245,6 @@ class Course:
 
     def _replace(self, ending: str) -> Json:
         """Replace it with all sockets open: none outlives its simulation. Return the honest programs' report."""
-        self.honest.ask(Honest.expect_end)
         answer = self.simulator.do("replace", **self._next_simulation(ending))
         if answer["loaded"] != (ending != "damaged"):
             self._note("service", f"a {ending} file: loaded is {answer['loaded']}")
@@ -253,7 +252,7 @@ class Course:
         self._check_equation(answer["account"])
         self.frames.update({f"links_{name}": count for name, count in answer["account"].items()})
         report: Json = self.honest.ask(Honest.confirm_end)
-        survivors = [program for program in self.chaos.programs() if not program.wait_for_end(HANG)]
+        survivors = [program for program in self.chaos.programs if not program.wait_for_end(HANG)]
         if survivors:
             self._note("service", f"{len(survivors)} connections outlive their simulation")
         self.chaos.leave()

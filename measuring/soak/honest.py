@@ -146,20 +146,21 @@ class Honest:
     def __init__(self) -> None:
         self.talkers: list[Talker] = []
         self.is_talking = False
-        self.expects_end = False
 
     def attach(self, port: int, by_name: bool) -> None:
         for pair, link in enumerate(LINKS):
             ends = [Talker(2 * pair + end, link, port, by_name) for end in range(2)]
             ends[0].partner, ends[1].partner = ends[1], ends[0]
             self.talkers += ends
-        self.expects_end = False
 
     def start(self) -> None:
         self.is_talking = True
 
-    def report(self) -> dict[str, Any]:
+    def report(self, expects_end: bool = False) -> dict[str, Any]:
         self.work()  # what has come while this program itself was away is not the simulator's delay
+        for talker in self.talkers:
+            if talker.has_ended and not expects_end:
+                talker.note("the simulator has ended the connection")
         return {
             "sent": sum(len(talker.sent_times) for talker in self.talkers),
             "received": sum(talker.received for talker in self.talkers),
@@ -182,10 +183,6 @@ class Honest:
         nodes = {node_name(talker.number): [len(talker.sent_times), talker.received] for talker in self.talkers}
         return {**self.report(), "nodes": nodes}
 
-    def expect_end(self) -> None:
-        """Let the simulation be replaced."""
-        self.expects_end = True
-
     def confirm_end(self) -> dict[str, Any]:
         """Wait until all connections have ended; return the last report."""
         self.is_talking = False
@@ -193,7 +190,7 @@ class Honest:
         for talker in self.talkers:
             if not talker.has_ended:
                 talker.note("the old simulation has kept the connection")
-        report = self.report()
+        report = self.report(expects_end=True)
         for talker in self.talkers:
             talker.client.close(0.0)
         self.talkers = []
@@ -203,8 +200,6 @@ class Honest:
         for talker in self.talkers:
             if not talker.has_ended:
                 talker.work(self.is_talking)
-                if talker.has_ended and not self.expects_end:
-                    talker.note("the simulator has ended the connection")
 
     def _is_complete(self) -> bool:
         return not any(talker.outstanding() or talker.missing_confirmations() > 0 for talker in self.talkers)

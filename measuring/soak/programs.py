@@ -31,6 +31,7 @@ class Hostile:
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.socket.connect_ex((HOST, port))
         self.has_ended = False
+        self.stalled_until = 0.0  # s of the monotonic clock; it reads nothing before
 
     def wait_until_connected(self, seconds: float) -> bool:
         """Return whether the kernel connects it in time."""
@@ -56,9 +57,9 @@ class Hostile:
         return self.send(message)
 
     def read(self) -> None:
-        """Read all that has come."""
+        """Read all that has come, unless it stalls."""
         try:
-            while not self.has_ended:
+            while not self.has_ended and time.monotonic() >= self.stalled_until:
                 self.has_ended = not self.socket.recv(READ_SIZE)
         except BlockingIOError:
             pass
@@ -68,6 +69,7 @@ class Hostile:
     def wait_for_end(self, seconds: float) -> bool:
         """Return whether the simulator ends the connection in time."""
         deadline = time.monotonic() + seconds
+        self.stalled_until = 0.0
         while not self.has_ended and time.monotonic() < deadline:
             self._wait_for(select.POLLIN, deadline - time.monotonic())
             self.read()

@@ -13,10 +13,10 @@ import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
+from measuring.soak.books import EQUATION
 from measuring.soak.course import Course, Json, Plan
 
-PRINTED = ["seconds", "warm_up_seconds", "epochs", "connections", "frames", "start", "end"]
-PRINTED += ["worst_answer_seconds", "answer_limit_seconds"]
+PRINTED = ["seconds", "warm_up_seconds", "connections", "worst_answer_seconds", "answer_limit_seconds"]
 
 
 def parse_build(text: str) -> tuple[str, Path]:
@@ -35,23 +35,16 @@ def parse_options() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def figures(name: str, value: object) -> dict[str, str]:
-    """Return the numbers in a part of a summary, with the way to each as its name."""
-    if isinstance(value, dict):
-        return {key: text for each, part in value.items() for key, text in figures(f"{name} {each}", part).items()}
-    return {name: f"{value:,.1f}" if isinstance(value, float) else f"{value:,}" if isinstance(value, int) else "-"}
-
-
 def column(summary: Json) -> dict[str, str]:
     """Return what is printed of a build, by title."""
-    parts = [figures(key, summary[key]) for key in PRINTED]
+    figures = {name: summary[name] for name in PRINTED}
+    figures["operations"] = sum(summary["operations"].values())
+    for part in ("epochs", "frames", "start", "end"):
+        for name, value in (summary[part] or {}).items():
+            figures[f"{part}: {name}"] = sum(value.values()) if isinstance(value, dict) else value
+    numbers = {title: f"{value:,.1f}" if isinstance(value, float) else f"{value:,}" for title, value in figures.items()}
     words = {True: "yes", False: "NO", None: "not judged"}
-    verdicts = {title: words[summary["verdicts"][key]] for key, title in summary["verdict_titles"].items()}
-    return {
-        "operations": f"{sum(summary['operations'].values()):,}",
-        **dict(j for i in parts for j in i.items()),
-        **verdicts,
-    }
+    return {**numbers, **{title: words[summary["verdicts"][key]] for key, title in summary["verdict_titles"].items()}}
 
 
 def print_table(summaries: dict[str, Json]) -> None:
@@ -75,8 +68,8 @@ def main() -> int:
     result = {"minutes": options.minutes, "seed": options.seed, "passed": has_passed, "builds": summaries}
     (options.folder / "summary.json").write_text(json.dumps(result, indent=2) + "\n", encoding="utf-8")
     print_table(summaries)
+    print(f"\nThe equation: {EQUATION}")
     for name, summary in summaries.items():
-        print(f"{name}: {summary['equation']}")
         for verdict, texts in summary["failures"].items():
             print(*(f"FAILED, {name}, {verdict}: {text}" for text in texts), sep="\n", file=sys.stderr)
     return 0 if has_passed else 1

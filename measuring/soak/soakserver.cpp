@@ -93,13 +93,11 @@ bool callSlot(QWidget* form, const QByteArray& name, QVariant value)
 QJsonObject nodeState(Node* node)
 {
     const auto* tcpNode = dynamic_cast<const TcpNode*>(node);
-    const QTcpSocket* socket = tcpNode ? tcpNode->socket() : nullptr;
     return {
         {"number", numberOf(node)},
         {"name", node->name()},
         {"address", QString::fromLatin1(node->address().toHex())},
-        {"attached", socket != nullptr},
-        {"peer", socket ? socket->peerPort() : 0},
+        {"attached", tcpNode && tcpNode->socket()},
         {"sent", node->sendFramesCount()},
         {"received", node->receivedFramesCount()},
     };
