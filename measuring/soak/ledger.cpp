@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr char sentBytes[] = "sentBytes";  // property of a watched node: how many it had sent before
+
 /// Tells whether a frame holds both addresses whole and is no longer than the network allows.
 bool isValidSize(const Network& network, qint64 size)
 {
@@ -28,10 +30,7 @@ qint64 framesInFlight(const Network& network)
 void Ledger::begin(Network* network)
 {
     _network = network;
-    _sentBytes.clear();
-    for (qint64* count :
-         {&_sends, &_copies, &_ontoBrokenLinks, &_ofBadSize, &_taken, &_left, &_delivered, &_vanished})
-        *count = 0;
+    _sums = Sums();
     connect(network, SIGNAL(frameLeftLink()), this, SLOT(_countLeaving()));
     const QList<Node*> nodes = itemsOf<Node>(network->items());
     for (Node* node : nodes)
@@ -40,30 +39,29 @@ void Ledger::begin(Network* network)
 
 void Ledger::watch(Node* node)
 {
-    if (_sentBytes.contains(node))
+    if (node->property(sentBytes).isValid())
         return;
-    _sentBytes.insert(node, node->sendBytesCount());
+    node->setProperty(sentBytes, node->sendBytesCount());
     connect(node, SIGNAL(sendStatisticsChanged(int,int)), this, SLOT(_countSend(int)));
     connect(node, SIGNAL(receivedStatisticsChanged(int,int)), this, SLOT(_countDelivery(int)));
-    connect(node, SIGNAL(destroyed(QObject*)), this, SLOT(_forget(QObject*)));
 }
 
 void Ledger::vanishWith(Connection* link)
 {
-    _vanished += TestAccess::framesInFlight(*link).size();
+    _sums.vanished += TestAccess::framesInFlight(*link).size();
 }
 
 QJsonObject Ledger::totals() const
 {
     return {
-        {"sends", _sends},
-        {"copies", _copies},
-        {"onto_broken_links", _ontoBrokenLinks},
-        {"of_bad_size", _ofBadSize},
-        {"taken", _taken},
-        {"delivered", _delivered},
-        {"lost", _left - _delivered},
-        {"vanished", _vanished},
+        {"sends", _sums.sends},
+        {"copies", _sums.copies},
+        {"onto_broken_links", _sums.ontoBrokenLinks},
+        {"of_bad_size", _sums.ofBadSize},
+        {"taken", _sums.taken},
+        {"delivered", _sums.delivered},
+        {"lost", _sums.left - _sums.delivered},
+        {"vanished", _sums.vanished},
         {"in_flight", framesInFlight(*_network)},
     };
 }
@@ -72,25 +70,25 @@ QJsonObject Ledger::totals() const
 /// statistics are reset.
 void Ledger::_countSend(int frames)
 {
-    const auto* node = qobject_cast<Node*>(sender());
-    const qint64 size = node->sendBytesCount() - _sentBytes.value(node);
-    _sentBytes[node] = node->sendBytesCount();
+    auto* node = qobject_cast<Node*>(sender());
+    const qint64 size = node->sendBytesCount() - node->property(sentBytes).toLongLong();
+    node->setProperty(sentBytes, node->sendBytesCount());
     if (frames == 0)
         return;
-    ++_sends;
+    ++_sums.sends;
     _countCopies(*node, size);
 }
 
 void Ledger::_countCopies(const Node& node, qint64 size)
 {
     for (const Connection* link : node.connections()) {
-        ++_copies;
+        ++_sums.copies;
         if (link->isBroken())
-            ++_ontoBrokenLinks;
+            ++_sums.ontoBrokenLinks;
         else if (!isValidSize(*_network, size))
-            ++_ofBadSize;
+            ++_sums.ofBadSize;
         else
-            ++_taken;
+            ++_sums.taken;
     }
 }
 
@@ -98,5 +96,5 @@ void Ledger::_countCopies(const Node& node, qint64 size)
 void Ledger::_countDelivery(int frames)
 {
     if (frames != 0)
-        ++_delivered;
+        ++_sums.delivered;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QHash>
 #include <QJsonObject>
 #include <QObject>
 
@@ -34,20 +33,22 @@ public:
 private slots:
     void _countSend(int frames);
     void _countDelivery(int frames);
-    void _countLeaving() { ++_left; }
-    void _forget(QObject* node) { _sentBytes.remove(node); }
+    void _countLeaving() { ++_sums.left; }
 
 private:
     void _countCopies(const Node& node, qint64 size);
 
-    Network* _network = nullptr;               // not owned; dies after the last question for totals
-    QHash<const QObject*, qint64> _sentBytes;  // of each watched node, when it sent last
-    qint64 _sends = 0;
-    qint64 _copies = 0;  // one a send and link
-    qint64 _ontoBrokenLinks = 0;
-    qint64 _ofBadSize = 0;
-    qint64 _taken = 0;
-    qint64 _left = 0;       // delivered or lost
-    qint64 _delivered = 0;  // to nodes
-    qint64 _vanished = 0;   // with links that were broken or deleted
+    struct Sums {
+        qint64 sends = 0;
+        qint64 copies = 0;  // one a send and link
+        qint64 ontoBrokenLinks = 0;
+        qint64 ofBadSize = 0;
+        qint64 taken = 0;
+        qint64 left = 0;       // delivered or lost
+        qint64 delivered = 0;  // to nodes
+        qint64 vanished = 0;   // with links that were broken or deleted
+    };
+
+    Network* _network = nullptr;  // not owned; dies after the last question for totals
+    Sums _sums;
 };
