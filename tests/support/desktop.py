@@ -22,7 +22,7 @@ STILL_TIME = 0.1  # seconds without a change; half a blink of a text cursor take
 FRAME = (1, 20)  # pixels that the window manager draws on the left of a window and above
 WHITE = (255, 255, 255)
 
-TOOLKIT_SETTINGS = {
+QT_SETTINGS = {
     "QT_QPA_PLATFORM": "xcb",
     "QT_QPA_PLATFORMTHEME": "",  # the toolkit's own dialogs
     "QT_XCB_GL_INTEGRATION": "none",  # nothing is drawn with it, and its drivers leak memory
@@ -76,10 +76,10 @@ def accepts(port: int) -> bool:
 
 def environment(folder: Path, **more: str) -> dict[str, str]:
     """Return an environment without the settings of the user's desktop; the home is the given folder."""
-    kept = ("PATH", "LD_LIBRARY_PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "FONTCONFIG_FILE")
+    kept = ("PATH", "PYTHONPATH", "LD_LIBRARY_PATH", "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS", "FONTCONFIG_FILE")
     own = {name: os.environ[name] for name in kept if name in os.environ}
     places = {"HOME": str(folder), "XDG_RUNTIME_DIR": str(folder), "XDG_CONFIG_HOME": str(folder)}
-    return {**own, **places, **TOOLKIT_SETTINGS, "LC_ALL": "C.UTF-8", **more}
+    return {**own, **places, **QT_SETTINGS, "LC_ALL": "C.UTF-8", **more}
 
 
 class Picture:
