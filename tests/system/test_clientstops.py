@@ -79,8 +79,8 @@ class KitTest(unittest.TestCase):
 
     def end_load(self, load: subprocess.Popen[str]) -> tuple[int, str]:
         """Wait for the end; return how many frames have arrived, and what was written to standard error."""
-        output, errors = load.communicate(timeout=PATIENCE)
-        return int(output), errors
+        load.wait(PATIENCE)
+        return int(load.stdout.read()), load.stderr.read()  # communicate() loses what came with an earlier line
 
 
 def read_line(process: subprocess.Popen[str]) -> str:
