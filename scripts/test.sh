@@ -12,8 +12,5 @@ for preset in dev asan; do
     echo "== $preset =="
     cmake --preset "$preset"
     cmake --build --preset "$preset" --parallel 2
-    ctest --preset "$preset" --parallel 2 # most tests wait for most of their time
+    ctest --preset "$preset" --parallel 4 # most tests wait for most of their time
 done
-
-echo "== fidelity, the short form =="
-scripts/fidelity.sh --short
