@@ -28,6 +28,15 @@ def in_background(test: unittest.TestCase, work: Callable[[], object]) -> thread
     return thread
 
 
+def silent_server(test: unittest.TestCase, host: str = "127.0.0.2", port: int = 0) -> socket.socket:
+    """Return a server that answers no connection until the test ends: its queue of one is full."""
+    server = socket.create_server((host, port), backlog=0)
+    test.addCleanup(server.close)
+    test.addCleanup(socket.create_connection(server.getsockname()).close)
+    test.assertTrue(select.select([server], [], [], PATIENCE)[0])
+    return server
+
+
 class ClientTest(unittest.TestCase):
     """A client that has identified itself by address, and its peer."""
 
@@ -154,6 +163,25 @@ class TestConnect(unittest.TestCase):
     def test_a_simulator_that_never_reads_the_name_is_given_up(self) -> None:
         with self.assertRaisesRegex(lattivo.ConnectError, "has not answered for 0.2 s"):
             lattivo.Client.connect(port=self.listener.port, name="Left", timeout=0.2)
+
+    def test_a_simulator_that_leaves_the_second_knock_unanswered_is_given_up(self) -> None:
+        def answer_one_knock() -> None:
+            self.addCleanup(self.listener.accept().close)
+            self.listener.accept().close()
+
+        in_background(self, answer_one_knock)
+        with self.assertRaisesRegex(lattivo.ConnectError, "has not answered for 0.5 s"):
+            lattivo.Client.connect(port=self.listener.port, name="Left", timeout=0.5)
+
+    def test_a_host_that_does_not_answer_has_refused_nothing(self) -> None:
+        host, port = silent_server(self).getsockname()
+        with self.assertRaisesRegex(lattivo.ConnectError, "has not answered for 0.2 s") as caught:
+            lattivo.Client.connect(host, port, name="Left", timeout=0.2)
+        self.assertEqual(caught.exception.code, lattivo.ErrorCode.NO_CONNECTION)
+
+    def test_a_pause_that_outlasts_the_timeout_does_not_attach(self) -> None:
+        with self.assertRaisesRegex(lattivo.ConnectError, "has not answered for 0.2 s"):
+            lattivo.Client.connect(port=self.listener.port, name="Left", timeout=0.2, attach_pause=PATIENCE)
 
     def test_a_failure_leaves_no_socket_open(self) -> None:
         with self.assertRaises(lattivo.ConnectError):

@@ -237,18 +237,23 @@ def run(work: steps.Steps[steps.Result], deadline: Deadline) -> steps.Result:
     try:
         while True:
             wait = next(work)
-            seconds = deadline.shorten(wait.seconds)
-            if wait.events:
-                poll = select.poll()
-                poll.register(wait.descriptor, wait.events)
-                poll.poll(None if seconds is None else seconds * 1000)
-            else:
-                time.sleep(seconds or 0.0)
+            if not _is_ready_within(deadline.shorten(wait.seconds), wait):
+                deadline.shorten(0.0)  # the wait may have ended because the caller's time is over
     except StopIteration as done:
         result: steps.Result = done.value
         return result
     finally:
         work.close()
+
+
+def _is_ready_within(seconds: Optional[float], wait: steps.Wait) -> bool:
+    """Wait for the events; return whether one has come."""
+    if not wait.events:
+        time.sleep(seconds or 0.0)
+        return False
+    poll = select.poll()
+    poll.register(wait.descriptor, wait.events)
+    return bool(poll.poll(None if seconds is None else seconds * 1000))
 
 
 def look_up(host: str, port: int) -> Sequence[steps.AddressInfo]:
