@@ -5,10 +5,12 @@ from __future__ import annotations
 import multiprocessing
 import select
 import socket
+import struct
 import threading
 import time
 import unittest
 from typing import Callable, Iterator
+from unittest import mock
 
 import lattivo
 from lattivo import channel, messages
@@ -142,6 +144,24 @@ class TestConnect(unittest.TestCase):
         self.peer.close()
         self.refuse_knocks()
         self.assertIsInstance(self.error, lattivo.Refused)
+
+    def test_a_name_that_is_refused_by_a_reset_is_refused_too(self) -> None:
+        """Reset the connection between the client's last look at it and its first knock."""
+        read = channel.Channel.read
+
+        def read_and_reset(reader: channel.Channel) -> bool:
+            self.assertFalse(read(reader))
+            with self.listener.accept() as peer:
+                peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self.listener.server.close()
+            reset.stop()
+            return False
+
+        reset = mock.patch.object(channel.Channel, "read", read_and_reset)
+        reset.start()
+        self.addCleanup(mock.patch.stopall)
+        with self.assertRaises(lattivo.Refused):
+            lattivo.Client.connect(port=self.listener.port, name="Left", timeout=PATIENCE)
 
     def test_a_server_that_is_switched_off_has_refused_the_name(self) -> None:
         self.connect_by_name()

@@ -48,12 +48,12 @@ def open_channel(
 ) -> Steps[Channel]:
     """Connect to the first of the addresses that answers and identify the program."""
     identification = messages.encode_identification(name, address)
-    connected = yield from _connect_to_any(host, port, addresses)
+    connected, peer = yield from _connect_to_any(host, port, addresses)
     try:
         channel = Channel(connected, largest_frame, end_of_record=end_of_record)
         yield from send(channel, identification)
         if name is not None and attach_pause is None:
-            yield from _await_attachment(channel, connected)
+            yield from _await_attachment(channel, connected.family, peer)
         elif name is not None:
             yield Wait(channel.fileno(), 0, attach_pause)
             channel.read()
@@ -74,13 +74,13 @@ def no_answer(host: str, port: int, timeout: Optional[float]) -> ConnectError:
     return ConnectError(f"{host} port {port} has not answered for {timeout:g} s")
 
 
-def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> Steps[socket.socket]:
+def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> Steps[Tuple[socket.socket, Any]]:
     reason = "it has no address"
     for family, kind, protocol, _, address in addresses:
         connected = socket.socket(family, kind, protocol)
         try:
             yield from _connect(connected, address)
-            return connected
+            return connected, address
         except OSError as error:
             connected.close()
             reason = error.strerror or str(error)
@@ -101,7 +101,7 @@ def _connect(unconnected: socket.socket, address: Any) -> Steps[None]:
             raise OSError(error, os.strerror(error)) from None
 
 
-def _await_attachment(channel: Channel, connected: socket.socket) -> Steps[None]:
+def _await_attachment(channel: Channel, family: int, peer: Any) -> Steps[None]:
     """Wait until the simulator has read the name: what it reads together with a name is lost, and it does not answer.
 
     It takes connections one after the other, and looks at all that have sent something before it looks again. So when
@@ -113,15 +113,15 @@ def _await_attachment(channel: Channel, connected: socket.socket) -> Steps[None]
     for _ in range(KNOCKS):
         if channel.read():
             return  # it says something: it has attached the program
-        yield from _knock(connected)
+        yield from _knock(family, peer)
     channel.read()
 
 
-def _knock(connected: socket.socket) -> Steps[None]:
+def _knock(family: int, peer: Any) -> Steps[None]:
     """Connect once more and wait until the simulator has ended that connection."""
-    with socket.socket(connected.family, socket.SOCK_STREAM) as knock:
+    with socket.socket(family, socket.SOCK_STREAM) as knock:
         try:
-            yield from _connect(knock, connected.getpeername())
+            yield from _connect(knock, peer)
             knock.send(messages.encode_message(MessageType.CLOSE, b""), socket.MSG_NOSIGNAL)
         except ConnectionError:
             return  # a server that is switched off has ended all connections that are not identified
