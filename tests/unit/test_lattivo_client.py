@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import multiprocessing
 import select
 import socket
@@ -86,6 +87,23 @@ class TestConnect(unittest.TestCase):
     def test_a_host_without_address_is_an_error_of_its_own(self) -> None:
         with self.assertRaisesRegex(lattivo.UnknownHost, "no.such.host.invalid"):
             lattivo.Client.connect("no.such.host.invalid", address=LEFT)
+
+    def look_up_as(self, *addresses: tuple[int, str]) -> None:
+        """Let every host have these addresses, each with its family, and the listener's port."""
+        infos = [(family, socket.SOCK_STREAM, 0, "", (host, self.listener.port)) for family, host in addresses]
+        patch = mock.patch.object(socket, "getaddrinfo", return_value=infos)
+        patch.start()
+        self.addCleanup(patch.stop)
+
+    def test_an_address_of_an_unknown_family_is_passed_over(self) -> None:
+        self.look_up_as((255, "unknown"), (socket.AF_INET, "127.0.0.1"))
+        lattivo.Client.connect("two.example", self.listener.port, address=LEFT).close(0.0)
+
+    def test_a_socket_that_the_system_refuses_is_no_connection(self) -> None:
+        failure = OSError(errno.EMFILE, "Too many open files")
+        with mock.patch.object(socket, "socket", side_effect=failure):
+            with self.assertRaisesRegex(lattivo.ConnectError, "Too many open files"):
+                lattivo.Client.connect(port=self.listener.port, address=LEFT)
 
     def test_a_port_out_of_range_is_an_error(self) -> None:
         with self.assertRaises(lattivo.LattivoError):

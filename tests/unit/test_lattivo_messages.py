@@ -69,9 +69,10 @@ class TestCodes(unittest.TestCase):
             self.skipTest("the kit in C is not here")
         (listed,) = re.findall(r"typedef enum lattivo_result \{(.*?)\}", path.read_text(encoding="utf-8"), re.DOTALL)
         names = re.findall(r"LATTIVO_(\w+)", re.sub(r"/\*.*?\*/", "", listed, flags=re.DOTALL))
-        for code in lattivo.ErrorCode:
-            with self.subTest(code.name):
-                self.assertEqual(names.index(code.name), code.value)
+        codes_in_c = {name: number for number, name in enumerate(names)}
+        for only_in_c in ("OK", "OUT_OF_MEMORY", "SYSTEM_ERROR"):
+            del codes_in_c[only_in_c]
+        self.assertEqual({code.name: code.value for code in lattivo.ErrorCode}, codes_in_c)
 
 
 class TestEncoding(unittest.TestCase):

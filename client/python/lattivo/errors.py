@@ -6,7 +6,11 @@ import enum
 
 
 class ErrorCode(enum.IntEnum):
-    """Tells failures apart; the kit in C has the same codes."""
+    """Tells failures apart, with the numbers of the kit in C.
+
+    Two of its codes are missing. Where memory is short, Python raises MemoryError. Where the operating system refuses a
+    call, there is no connection.
+    """
 
     AGAIN = 1
     WRONG_USE = 2

@@ -77,16 +77,16 @@ def no_answer(host: str, port: int, timeout: Optional[float]) -> ConnectError:
 def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> Steps[Tuple[socket.socket, Any]]:
     reason = "it has no address"
     for family, kind, protocol, _, address in addresses:
-        connected = socket.socket(family, kind, protocol)
         try:
-            yield from _connect(connected, address)
+            connected = socket.socket(family, kind, protocol)
+            try:
+                yield from _connect(connected, address)
+            except BaseException:
+                connected.close()
+                raise
             return connected, address
         except OSError as error:
-            connected.close()
             reason = error.strerror or str(error)
-        except BaseException:
-            connected.close()
-            raise
     raise ConnectError(f"no connection to {host} port {port}: {reason}")
 
 
