@@ -99,6 +99,11 @@ class TestConnect(unittest.TestCase):
         self.look_up_as((255, "unknown"), (socket.AF_INET, "127.0.0.1"))
         lattivo.Client.connect("two.example", self.listener.port, address=LEFT).close(0.0)
 
+    def test_a_silent_address_leaves_time_for_the_next(self) -> None:
+        silent_server(self, "127.0.0.2", self.listener.port)
+        self.look_up_as((socket.AF_INET, "127.0.0.2"), (socket.AF_INET, "127.0.0.1"))
+        lattivo.Client.connect("two.example", self.listener.port, address=LEFT, timeout=1.0).close(0.0)
+
     def test_a_socket_that_the_system_refuses_is_no_connection(self) -> None:
         failure = OSError(errno.EMFILE, "Too many open files")
         with mock.patch.object(socket, "socket", side_effect=failure):

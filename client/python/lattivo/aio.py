@@ -187,6 +187,7 @@ def connect(
         name=name,
         address=address,
         largest_frame=largest_frame,
+        timeout=timeout,
         attach_pause=attach_pause,
         end_of_record=end_of_record,
     )

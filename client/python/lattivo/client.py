@@ -49,6 +49,7 @@ class Client:
         With attach_pause the client waits so many seconds behind a name and makes no further connections: for a
         tunnel, which may carry each connection at its own speed.
         end_of_record=False sends slowly, as on a platform without MSG_EOR.
+        The timeout does not end the look-up of the host, which the system does in its own time.
         """
         deadline = Deadline(timeout)
         opening = steps.open_channel(
@@ -58,6 +59,7 @@ class Client:
             name=name,
             address=address,
             largest_frame=largest_frame,
+            timeout=timeout,
             attach_pause=attach_pause,
             end_of_record=end_of_record,
         )

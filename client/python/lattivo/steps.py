@@ -6,6 +6,7 @@ ends it early by closing it, when the caller's time is over.
 
 from __future__ import annotations
 
+import errno
 import os
 import select
 import socket
@@ -43,12 +44,16 @@ def open_channel(
     name: Optional[str],
     address: Optional[bytes],
     largest_frame: int,
+    timeout: Optional[float],
     attach_pause: Optional[float],
     end_of_record: bool,
 ) -> Steps[Channel]:
-    """Connect to the first of the addresses that answers and identify the program."""
+    """Connect to the first of the addresses that answers and identify the program.
+
+    Whoever runs this ends it when the timeout is over.
+    """
     identification = messages.encode_identification(name, address)
-    connected, peer = yield from _connect_to_any(host, port, addresses)
+    connected, peer = yield from _connect_to_any(host, port, addresses, timeout)
     try:
         channel = Channel(connected, largest_frame, end_of_record=end_of_record)
         yield from send(channel, identification)
@@ -74,13 +79,16 @@ def no_answer(host: str, port: int, timeout: Optional[float]) -> ConnectError:
     return ConnectError(f"{host} port {port} has not answered for {timeout:g} s")
 
 
-def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> Steps[Tuple[socket.socket, Any]]:
+def _connect_to_any(
+    host: str, port: int, addresses: Sequence[AddressInfo], timeout: Optional[float]
+) -> Steps[Tuple[socket.socket, Any]]:
     reason = "it has no address"
-    for family, kind, protocol, _, address in addresses:
+    share = timeout / len(addresses) if timeout and addresses else None  # one that is silent leaves time to the others
+    for number, (family, kind, protocol, _, address) in enumerate(addresses, 1):
         try:
             connected = socket.socket(family, kind, protocol)
             try:
-                yield from _connect(connected, address)
+                yield from _connect(connected, address, share if number < len(addresses) else None)
             except BaseException:
                 connected.close()
                 raise
@@ -90,15 +98,14 @@ def _connect_to_any(host: str, port: int, addresses: Sequence[AddressInfo]) -> S
     raise ConnectError(f"no connection to {host} port {port}: {reason}")
 
 
-def _connect(unconnected: socket.socket, address: Any) -> Steps[None]:
+def _connect(unconnected: socket.socket, address: Any, seconds: Optional[float] = None) -> Steps[None]:
     unconnected.setblocking(False)
-    try:
-        unconnected.connect(address)
-    except BlockingIOError:
-        yield Wait(unconnected.fileno(), select.POLLOUT)
-        error = unconnected.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
-        if error:
-            raise OSError(error, os.strerror(error)) from None
+    error = unconnected.connect_ex(address)
+    if error == errno.EINPROGRESS:
+        yield Wait(unconnected.fileno(), select.POLLOUT, seconds)
+        error = unconnected.connect_ex(address)  # tells what has become of it
+    if error not in (0, errno.EISCONN):
+        raise OSError(error, os.strerror(error))
 
 
 def _await_attachment(channel: Channel, family: int, peer: Any) -> Steps[None]:
