@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import array
 import re
 import unittest
 from pathlib import Path
@@ -95,6 +96,10 @@ class TestEncoding(unittest.TestCase):
         for name, message in encoded.items():
             with self.subTest(name):
                 self.assertEqual(message, documented[name])
+
+    def test_the_length_of_a_frame_counts_bytes_whatever_its_items_are(self) -> None:
+        payload = memoryview(array.array("H", [1, 2, 3]))
+        self.assertEqual(messages.encode_frame(payload), bytes.fromhex("01 00000006") + payload.tobytes())
 
     def test_the_length_of_a_name_counts_utf8_bytes_and_the_subtype(self) -> None:
         self.assertEqual(messages.encode_name("é"), bytes.fromhex("03 00000003 05 C3A9"))

@@ -43,7 +43,7 @@ _DEBUG_COMMANDS = {command.value: DebugCommand(command) for command in Command}
 
 def encode_message(message_type: int, body: bytes) -> bytes:
     """Return the bytes of any message."""
-    return HEADER.pack(message_type, len(body)) + body
+    return HEADER.pack(message_type, memoryview(body).nbytes) + body  # len() may count items of several bytes
 
 
 def encode_frame(payload: bytes) -> bytes:
@@ -63,7 +63,10 @@ def encode_address(address: bytes) -> bytes:
 
 def encode_name(name: str) -> bytes:
     """Return the message that identifies the program by name or, later, changes the node's name."""
-    data = name.encode("utf-8")
+    try:
+        data = name.encode("utf-8")
+    except UnicodeEncodeError as error:
+        raise WrongUse(f"a name is text that UTF-8 can hold, not {name!r}") from error
     if 0 in data:
         raise WrongUse("a name holds no zero byte: it would end there")
     return encode_control(NodeControl.NAME, data)
