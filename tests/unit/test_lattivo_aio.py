@@ -11,7 +11,7 @@ import unittest
 import lattivo
 from lattivo import messages
 from tests.support.scriptedpeer import PATIENCE, Listener, read_exactly
-from tests.unit.test_lattivo_client import DELIVERED, IDENTIFICATION_SIZE, LEFT, TINY, echo
+from tests.unit.test_lattivo_client import DELIVERED, IDENTIFICATION_SIZE, LEFT, TINY, WRONG_OPENINGS, echo
 
 
 async def in_thread(work, *arguments):
@@ -56,9 +56,10 @@ class TestConnect(unittest.IsolatedAsyncioTestCase):
         with self.assertRaises(lattivo.UnknownHost):
             await lattivo.aio.connect("no.such.host.invalid", address=LEFT)
 
-    async def test_a_name_or_an_address_is_needed_at_once(self) -> None:
-        with self.assertRaises(lattivo.WrongUse):
-            lattivo.aio.connect(port=self.listener.port)
+    async def test_a_wrong_argument_is_an_error_at_once(self) -> None:
+        for wrong in WRONG_OPENINGS:
+            with self.subTest(wrong), self.assertRaises(lattivo.WrongUse):
+                lattivo.aio.connect(**{"port": self.listener.port, "address": LEFT, **wrong})
 
     async def test_behind_a_name_two_further_connections_must_have_ended(self) -> None:
         connecting = asyncio.ensure_future(self.connect_by_name())

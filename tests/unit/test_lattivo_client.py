@@ -21,6 +21,16 @@ LEFT = bytes.fromhex("020000000001")
 DELIVERED = bytes.fromhex("02 00000001 01")
 IDENTIFICATION_SIZE = 12  # bytes, by address
 TINY = 0.05  # seconds
+WRONG_OPENINGS = (
+    {"address": None},
+    {"port": 0},
+    {"port": 65536 + 8844},
+    {"timeout": float("inf")},
+    {"timeout": float("nan")},
+    {"name": "Left", "address": None, "attach_pause": -1.0},
+    {"name": "Left", "address": None, "attach_pause": 3e6},
+    {"name": "\udcff", "address": None},
+)
 
 
 def in_background(test: unittest.TestCase, work: Callable[[], object]) -> threading.Thread:
@@ -110,16 +120,11 @@ class TestConnect(unittest.TestCase):
             with self.assertRaisesRegex(lattivo.ConnectError, "Too many open files"):
                 lattivo.Client.connect(port=self.listener.port, address=LEFT)
 
-    def test_a_port_out_of_range_is_an_error(self) -> None:
-        with self.assertRaises(lattivo.LattivoError):
-            lattivo.Client.connect(port=65536, address=LEFT)
-
-    def test_a_name_or_an_address_is_needed_before_anything_happens(self) -> None:
-        with self.assertRaises(lattivo.WrongUse):
-            lattivo.Client.connect(port=self.listener.port)
-        self.listener.server.setblocking(False)
-        with self.assertRaises(BlockingIOError):
-            self.listener.server.accept()
+    def test_a_wrong_argument_is_an_error_before_anything_happens(self) -> None:
+        for wrong in (*WRONG_OPENINGS, {"largest_frame": 0}):
+            with self.subTest(wrong), self.assertRaises(lattivo.WrongUse):
+                lattivo.Client.connect(**{"port": self.listener.port, "address": LEFT, **wrong})
+        self.assertFalse(select.select([self.listener.server], [], [], 0)[0])
 
     def connect_by_name(self, **options: object) -> None:
         """Connect in the background, and note the client or the error."""
@@ -385,6 +390,13 @@ class TestReceiving(ClientTest):
         self.assertIsNone(self.client.receive(0))
         self.assertEqual(self.client.receive_messages(0), [])
         self.assertIsNone(self.client.receive(TINY))
+
+    def test_a_timeout_beyond_what_the_system_can_wait_is_wrong(self) -> None:
+        self.peer.sendall(DELIVERED)
+        for timeout in (3e6, float("inf"), float("nan")):
+            with self.subTest(timeout), self.assertRaises(lattivo.WrongUse):
+                self.client.receive(timeout)
+        self.assertIsNotNone(self.client.receive(PATIENCE))
 
     def test_messages_come_one_by_one_or_together(self) -> None:
         self.peer.sendall(DELIVERED + messages.encode_frame(b"one") + messages.encode_frame(b"two"))

@@ -179,7 +179,7 @@ def connect(
     end_of_record: bool = True,
 ) -> _Opening:
     """Connect and identify, as lattivo.Client.connect() does: await it, or use it with "async with"."""
-    messages.encode_identification(name, address)  # raises WrongUse here, not later
+    steps.check_opening(port, name, address, timeout, attach_pause)  # raises WrongUse here, not later
     opening = functools.partial(
         steps.open_channel,
         host,

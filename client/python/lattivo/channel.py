@@ -47,7 +47,7 @@ OPTIONS_SIZE = 36
 class Channel:
     """A connected socket, the messages that arrive on it and the segment that waits to leave."""
 
-    def __init__(self, connected: socket.socket, largest_frame: int, *, end_of_record: bool = True) -> None:
+    def __init__(self, connected: socket.socket, decoder: Decoder, *, end_of_record: bool = True) -> None:
         """Take the socket over; end_of_record=False does without MSG_EOR."""
         self._socket = connected
         connected.setblocking(False)
@@ -62,7 +62,7 @@ class Channel:
         self._is_slow = not end_of_record
         if end_of_record:
             self._flags |= socket.MSG_EOR
-        self._decoder = Decoder(largest_frame)
+        self._decoder = decoder
         self._queue = bytearray()  # whole messages that leave with one call
         self._is_torn = False  # the kernel took only a part of the queue
         self._written = 0  # bytes, by the kernel taken over

@@ -51,6 +51,7 @@ class Client:
         end_of_record=False sends slowly, as on a platform without MSG_EOR.
         The timeout does not end the look-up of the host, which the system does in its own time.
         """
+        steps.check_opening(port, name, address, timeout, attach_pause)
         deadline = Deadline(timeout)
         opening = steps.open_channel(
             host,
@@ -128,11 +129,12 @@ class Client:
 
     def receive(self, timeout: Optional[float] = None) -> Optional[Message]:
         """Return the next message; None when none has come in time. Send meanwhile what is queued."""
+        deadline = Deadline(timeout)
         message = self._channel.decoder.next_message()
         if message is not None:
             return message
         try:
-            return run(steps.receive(self._channel), Deadline(timeout))
+            return run(steps.receive(self._channel), deadline)
         except Timeout:
             return None
 
@@ -221,6 +223,7 @@ class Deadline:
 
     def __init__(self, timeout: Optional[float]) -> None:
         """Begin now; timeout is in seconds, None has no end."""
+        steps.check_seconds(timeout)
         self._timeout = timeout
         self._end = None if timeout is None else time.monotonic() + timeout
 

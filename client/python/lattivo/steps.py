@@ -15,11 +15,13 @@ from typing import Any, Generator, List, NamedTuple, Optional, Sequence, Tuple, 
 from . import messages
 from .channel import Channel
 from .codes import MessageType
-from .errors import ConnectError, Disconnected, Refused
-from .messages import Message
+from .errors import ConnectError, Disconnected, Refused, WrongUse
+from .messages import Decoder, Message
 
 TAKEN_PAUSE = 0.001  # seconds between two looks whether the other kernel has taken the name
 KNOCKS = 2
+LARGEST_PORT = 65535
+LONGEST_WAIT = 2e6  # seconds, 23 days: poll() counts milliseconds in 31 bits
 
 Result = TypeVar("Result")
 AddressInfo = Tuple[int, int, int, str, Any]  # as getaddrinfo() gives it
@@ -34,6 +36,25 @@ class Wait(NamedTuple):
 
 
 Steps = Generator[Wait, None, Result]
+
+
+def check_seconds(seconds: Optional[float]) -> None:
+    """Raise WrongUse for a time that the system cannot wait. A negative one is over already."""
+    if seconds is not None and not seconds <= LONGEST_WAIT:
+        raise WrongUse(f"a time is at most {LONGEST_WAIT:g} s, not {seconds:g}; None has no end")
+
+
+def check_opening(
+    port: int, name: Optional[str], address: Optional[bytes], timeout: Optional[float], attach_pause: Optional[float]
+) -> None:
+    """Raise WrongUse for what cannot be opened, before anything happens."""
+    messages.encode_identification(name, address)
+    if not 1 <= port <= LARGEST_PORT:
+        raise WrongUse(f"a port is from 1 to {LARGEST_PORT}, not {port}")
+    check_seconds(timeout)
+    check_seconds(attach_pause)
+    if attach_pause is not None and attach_pause < 0:
+        raise WrongUse(f"a pause is not negative: {attach_pause:g}")
 
 
 def open_channel(
@@ -53,9 +74,10 @@ def open_channel(
     Whoever runs this ends it when the timeout is over.
     """
     identification = messages.encode_identification(name, address)
+    decoder = Decoder(largest_frame)
     connected, peer = yield from _connect_to_any(host, port, addresses, timeout)
     try:
-        channel = Channel(connected, largest_frame, end_of_record=end_of_record)
+        channel = Channel(connected, decoder, end_of_record=end_of_record)
         yield from send(channel, identification)
         if name is not None and attach_pause is None:
             yield from _await_attachment(channel, connected.family, peer)
