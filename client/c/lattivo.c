@@ -484,6 +484,8 @@ static lattivo_result knock(lattivo_client* client, int64_t deadline)
     bool is_waiting = true;
     if (descriptor < 0 && errno == ECONNREFUSED)
         return LATTIVO_OK;
+    if (descriptor < 0 && time_left(deadline) == 0)
+        return fail_silent(client);
     if (descriptor < 0)
         return fail(client, LATTIVO_SYSTEM_ERROR, "%s cannot be reached again: %s", client->place,
                     strerror(errno));
@@ -587,7 +589,8 @@ lattivo_result lattivo_close(lattivo_client* client)
         if (result == LATTIVO_AGAIN)
             result = LATTIVO_NO_CONNECTION;
         shutdown(client->descriptor, SHUT_WR);
-        drained = drain(client, deadline);
+        /* What has not answered in time is not waited for once more. */
+        drained = result == LATTIVO_NO_CONNECTION ? result : drain(client, deadline);
         if (result == LATTIVO_OK)
             result = drained;
         close(client->descriptor);
@@ -769,6 +772,8 @@ lattivo_result lattivo_receive(lattivo_client* client, lattivo_message* message,
             return fail_input(client, result);
         give_to_kernel(client); /* a failure shows again below, behind the messages that came before it */
         result = read_input(client);
+        if (result == LATTIVO_AGAIN && client->failure != LATTIVO_OK)
+            return client->failure; /* the connection may stand, but has been given up */
         if (result == LATTIVO_AGAIN && !wait_for(client, POLLIN, deadline))
             return LATTIVO_AGAIN;
     }

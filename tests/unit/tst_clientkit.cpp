@@ -187,6 +187,30 @@ private slots:
         QVERIFY2(client.error().endsWith(" has not answered for 50 ms"), qPrintable(client.error()));
     }
 
+    void receivingGivesTheFailureOfIdentifying()
+    {
+        const Listener listener;
+        const lattivo_options options = shortOptions();
+        const Client client(listener.port(), &options);
+        lattivo_identify_by_name(client, "Left");
+        lattivo_message message;
+        QCOMPARE(lattivo_receive(client, &message, patience), LATTIVO_NO_CONNECTION);
+        QVERIFY2(client.error().endsWith(" has not answered for 50 ms"), qPrintable(client.error()));
+    }
+
+    void closingDoesNotWaitForASilentSimulatorOnceMore()
+    {
+        const Listener listener;
+        lattivo_options options{};
+        options.timeout = 1000;
+        Client client(listener.port(), &options);
+        lattivo_identify_by_name(client, "Left");
+        QElapsedTimer time;
+        time.start();
+        QCOMPARE(client.close(), LATTIVO_NO_CONNECTION);
+        QVERIFY(time.elapsed() < options.timeout);
+    }
+
     void aPauseMakesFurtherConnectionsNeedless()
     {
         const Listener listener;
