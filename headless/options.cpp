@@ -22,8 +22,7 @@ struct KnownOptions {
     const QCommandLineOption duration{"duration", "End after SECONDS.", "SECONDS"};
     const QCommandLineOption frames{"frames", "End when N frames have left their links.", "N"};
     const QCommandLineOption waitFor{
-        "wait-for", "Begin to count time and frames when the nodes of these names are attached.",
-        "NAME[,NAME...]"};
+        "wait-for", "Start counting time and frames once all these nodes are attached.", "NAME[,NAME...]"};
     const QCommandLineOption waitTimeout{
         "wait-timeout", "Give up waiting for these nodes after SECONDS (default: 30).", "SECONDS"};
     const QCommandLineOption report{"report", "Write what happened to FILE (JSON) at the end.", "FILE"};
@@ -41,7 +40,7 @@ QString description()
            "when programs can attach. Ends at the first of its end conditions, or on SIGINT, SIGTERM or\n"
            "SIGHUP.\n"
            "\nExit codes:"
-        + line(ExitCode::Success, "the run ended in order")
+        + line(ExitCode::Success, "the run ended normally")
         + line(ExitCode::WrongOption, "an option is wrong")
         + line(ExitCode::SimulationNotLoaded, "the simulation file does not load")
         + line(ExitCode::PortNotOpened, "the port cannot be opened")
