@@ -20,7 +20,7 @@ NetworkSimulation* NetworkSimulation::newNetworkSimulation()
     return _instance;
 }
 
-/// Keeps the pointer until all is gone: the items ask for it while they go.
+/// Clears the instance last: items use it in their destructors.
 void NetworkSimulation::deleteNetworkSimulation()
 {
     delete _instance;

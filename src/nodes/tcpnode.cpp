@@ -153,7 +153,7 @@ void TcpNode::_socketDataIndication()
 }
 
 /// Handles a bounded number of messages, then lets the other programs in. Until the rest is handled, all of
-/// it stays in the socket too, which reads nothing more meanwhile.
+/// it stays in the socket too, which stops reading until then.
 void TcpNode::_handleInput()
 {
     if (!_socket)
@@ -246,8 +246,8 @@ void TcpNode::_handleAddress(MessageReader& reader, quint32 dataLength)
         setAddress(newAddress, WithTraffic);
 }
 
-/// Reads the active colour, of which the inactive one is a pale version. A component above 210 makes that one
-/// invalid, on purpose: the default node's takes its place.
+/// Reads the active colour, of which the inactive one is a pale version. A component of 212 or more
+/// makes the pale one invalid, on purpose: the default node's colour takes its place.
 void TcpNode::_handleColor(MessageReader& reader, quint32 dataLength)
 {
     if (dataLength != Bridge::colorSize)
