@@ -50,7 +50,7 @@ LIGHTEST_NODE = 225  # an inactive one is a little darker, dialogs are lighter
 COLOR_CONTRAST = 40  # between the channels of the colours of an active node
 
 
-class Session:
+class Visit:
     """One run of the program, from its start to its end, with all that it left behind."""
 
     def __init__(self, screen: desktop.Desktop, folder: Path) -> None:
@@ -162,36 +162,36 @@ def setUpModule() -> None:
 
 
 class TestWindow(unittest.TestCase):
-    """All tests look at what one session left."""
+    """All tests look at what one visit left."""
 
     @classmethod
     def setUpClass(cls) -> None:
         folder = Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="lattivo-")))
         with desktop.Desktop(folder) as screen:
-            cls.session = Session(screen, folder)
+            cls.visit = Visit(screen, folder)
             try:
-                cls.session.run()
+                cls.visit.run()
             except BaseException as error:
                 picture = Path(tempfile.gettempdir()) / "lattivo-window-failed.png"
                 picture.write_bytes(screen.picture().png())
                 printed = (folder / "printed").read_text(encoding="utf-8", errors="replace")
                 raise AssertionError(f"{error}\nthe screen: {picture}\nprinted: {printed}") from error
-        cls.opened = formatreader.read_simulation(cls.session.opened_file.read_bytes())
-        cls.dump = formatreader.read_dump(cls.session.dump_file.read_bytes())
-        cls.saved = formatreader.read_simulation(cls.session.saved_file.read_bytes())
+        cls.opened = formatreader.read_simulation(cls.visit.opened_file.read_bytes())
+        cls.dump = formatreader.read_dump(cls.visit.dump_file.read_bytes())
+        cls.saved = formatreader.read_simulation(cls.visit.saved_file.read_bytes())
 
     def test_the_program_ends_in_order(self) -> None:
-        self.assertEqual(self.session.exit_code, 0)
+        self.assertEqual(self.visit.exit_code, 0)
 
     def test_only_a_star_for_each_flipped_bit_is_printed(self) -> None:
-        lines = self.session.printed.splitlines()
+        lines = self.visit.printed.splitlines()
         self.assertGreater(len(lines), 0)  # so many bits were sent over the lossy link
         self.assertEqual(set(lines), {"*"})
 
     def test_every_sent_frame_has_one_outcome(self) -> None:
-        sent = figures(self.session.sender_report)
+        sent = figures(self.visit.sender_report)
         self.assertEqual((sent["sent"], sent["unanswered"]), (FRAMES, 0))
-        self.assertEqual(figures(self.session.receiver_report)["received"], sent["confirmed"])
+        self.assertEqual(figures(self.visit.receiver_report)["received"], sent["confirmed"])
 
     def test_every_sent_frame_is_in_the_dump_in_its_order(self) -> None:
         frames = [record.frame for record in self.dump]
@@ -202,7 +202,7 @@ class TestWindow(unittest.TestCase):
 
     def test_the_dump_has_the_flipped_bits_that_the_receiver_got(self) -> None:
         corrupted = sum(numbered.number_of(record.frame) is None for record in self.dump)
-        self.assertEqual(corrupted, figures(self.session.receiver_report)["corrupted"])
+        self.assertEqual(corrupted, figures(self.visit.receiver_report)["corrupted"])
 
     def test_the_times_in_the_dump_never_go_back(self) -> None:
         times = [record.milliseconds for record in self.dump]
@@ -210,7 +210,7 @@ class TestWindow(unittest.TestCase):
         self.assertLess(times[-1] - times[0], PATIENCE * 1000)
 
     def test_the_settings_made_in_the_window_are_saved(self) -> None:
-        self.assertEqual((self.saved.is_server_on, self.saved.port), (True, self.session.port))
+        self.assertEqual((self.saved.is_server_on, self.saved.port), (True, self.visit.port))
         self.assertEqual((self.saved.is_capture_on, self.saved.view_follows), (True, True))
         self.assertEqual(self.saved.frame_parameters, (255, 6, 0, 6))
         self.assertEqual(self.saved.broadcast_address, b"\xff" * 6)
@@ -277,16 +277,16 @@ class TestDialogs(unittest.TestCase):
     def test_frames_go_through_while_a_file_dialog_is_open(self) -> None:
         folder = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="lattivo-")))
         screen = self.enterContext(desktop.Desktop(folder, QT_QPA_PLATFORMTHEME="gtk3"))
-        session = Session(screen, folder)
-        session.begin()
-        receiver = session.start_receiver()
+        visit = Visit(screen, folder)
+        visit.begin()
+        receiver = visit.start_receiver()
         screen.press_keys("ctrl+o")
-        screen.wait_for_window("Load Network", session.window.window)
-        sent = figures(session.start_sender().communicate(timeout=PATIENCE)[0])
+        screen.wait_for_window("Load Network", visit.window.window)
+        sent = figures(visit.start_sender().communicate(timeout=PATIENCE)[0])
         self.assertEqual((sent["sent"], sent["unanswered"]), (FRAMES, 0))
         screen.press_keys("Escape")
-        screen.wait_for_focus(session.window.window)
-        session.window.quit()
+        screen.wait_for_focus(visit.window.window)
+        visit.window.quit()
         receiver.communicate()
 
 
