@@ -24,7 +24,7 @@ WHITE = (255, 255, 255)
 
 QT_SETTINGS = {
     "QT_QPA_PLATFORM": "xcb",
-    "QT_QPA_PLATFORMTHEME": "",  # the toolkit's own dialogs
+    "QT_QPA_PLATFORMTHEME": "",  # Qt's own dialogs
     "QT_XCB_GL_INTEGRATION": "none",  # nothing is drawn with it, and its drivers leak memory
     "QT_LOGGING_RULES": "qt.qpa.xcb.warning=false",  # it asks for a frame that the window manager just removed
     "DBUS_SESSION_BUS_ADDRESS": "disabled:",  # a bus would be started otherwise
