@@ -47,7 +47,7 @@ class Layout:
 
 @dataclass
 class NodeSettings:
-    """A node's own; what is left out follows the default node."""
+    """Settings of one node; what is left out follows the default node."""
 
     confirms: int = PARTIALLY_CHECKED
     confirmation_timeout: int = -1  # ms; below 1: the default node's
@@ -56,7 +56,7 @@ class NodeSettings:
 
 @dataclass
 class LinkSettings:
-    """A link's own; what is left out follows the default connection."""
+    """Settings of one link; what is left out follows the default link."""
 
     broken: bool = False
     reliability: float = -1.0  # negative: the default's

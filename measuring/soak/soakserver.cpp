@@ -59,7 +59,7 @@ QJsonObject added(NetworkItem* item)
     return {{"number", numberOf(item)}};
 }
 
-/// Makes the form of the item with that number, of the "default node" or of the "default connection".
+/// Makes the form of the item with that number, of the default node or of the default link.
 QWidget* newFormOf(const QJsonValue& item)
 {
     if (item == QJsonValue("default node"))

@@ -28,7 +28,7 @@ constexpr int idSize = 8;
 constexpr int tailSize = 2 + 4;  // capture record and trailer
 constexpr int countSize = 4;
 constexpr int nodeIdOffset = 8;          // within a node record
-constexpr int connectionEndsOffset = 4;  // within a connection record
+constexpr int connectionEndsOffset = 4;  // within a link record
 
 Fuzz::Goal loadedOld("a file of version 0 is loaded");
 Fuzz::Goal loadedNew("a file of version 1 is loaded");

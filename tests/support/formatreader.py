@@ -56,7 +56,7 @@ class Node:
     acknowledge_timeout: int  # ms
     colors: bytes  # inactive, active, transmitting, receiving
     stroke_width: float
-    shown: tuple[int, int, int]  # address, number of connections, name
+    shown: tuple[int, int, int]  # address, number of links, name
     name: str
     comment: str
     promiscuous: int
@@ -100,11 +100,11 @@ class Simulation:
         return found[0]
 
     def link(self, first: Node, second: Node) -> Connection:
-        """Return the one connection from the first node to the second."""
+        """Return the one link from the first node to the second."""
         ends = (first.node_id, second.node_id)
-        found = [connection for connection in self.connections if connection.ends == ends]
+        found = [link for link in self.connections if link.ends == ends]
         if len(found) != 1:
-            raise AssertionError(f"{len(found)} connections from {first.name!r} to {second.name!r}")
+            raise AssertionError(f"{len(found)} links from {first.name!r} to {second.name!r}")
         return found[0]
 
 

@@ -75,7 +75,7 @@ inline Stored::Connection plainConnection(quint64 firstEnd, quint64 secondEnd)
     return connection;
 }
 
-/// Fills \a simulation with three nodes, two connections and no default value.
+/// Fills \a simulation with three nodes, two links and no default value.
 inline Stored::Simulation filled(Stored::Simulation simulation)
 {
     simulation.maximalTransferUnit = 1500;
@@ -130,7 +130,7 @@ inline QByteArray replaced(QByteArray bytes, int offset, const QByteArray& by)
     return bytes.replace(offset, by.size(), by);
 }
 
-/// Returns where the count of nodes stands in a simulation without items; that of connections follows it.
+/// Returns where the count of nodes stands in a simulation without items; that of links follows it.
 inline int nodeCountOffset(const QByteArray& bytes)
 {
     return bytes.size() - 4 - 2 - 4 - 4;
