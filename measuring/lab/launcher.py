@@ -94,7 +94,7 @@ class Server:
             raise MeasurementFailed(f"{self.name} ended with code {code}: {self._last_words()}")
 
     def end(self) -> int:
-        """End it in order; return its exit code, that of a kill when it does not end."""
+        """Ask it to end, and kill it if it does not; return its exit code."""
         self._ask_to_end()
         try:
             self.process.communicate(timeout=END_PATIENCE)

@@ -64,7 +64,7 @@ struct Options {
     int lanesPerPair() const { return isInStep ? 2 : 1; }
 };
 
-/// A measurement that is over owes the simulator nothing and does not wait for it.
+/// Does not wait for replies at the end.
 struct HangUp {
     void operator()(lattivo_client* client) const
     {
@@ -122,7 +122,7 @@ public:
         ++_count;
     }
 
-    /// What at least this share (0 to 1) of all does not exceed; 0 if there is none.
+    /// Returns a percentile (share 0 to 1); 0 if nothing was counted.
     double percentile(double share) const
     {
         const double rank = share * static_cast<double>(_count);

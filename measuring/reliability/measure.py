@@ -60,7 +60,7 @@ class Measurement:
     resident_peak: int = 0
     growth_limit: int = BUFFERS  # of the memory; bytes
     answer_limit_ms: float = ANSWER_LIMIT
-    survived: bool = False  # no ordinary frame was lost, and the runner ended in order
+    survived: bool = False  # no ordinary frame was lost, and the runner ended normally
 
     @property
     def holds(self) -> bool:

@@ -380,7 +380,7 @@ class Chaos:
 
     @ordinary(2)
     def select(self) -> None:
-        """Select an item, whose form stays up while it lives its life, or nothing."""
+        """Select an item, whose form then stays open, or nothing."""
         numbers = [node["number"] for node in self._nodes] + self._links + [0]
         self.simulator.do("select", item=self.rng.choice(numbers))
 

@@ -119,7 +119,7 @@ class WindowBench(Bench):
             raise MeasurementFailed(f"only {figures['frames_per_second']:.0f} frames/s were sent during the drag")
 
     def _move_pointer(self, left: int, top: int, pid: int) -> list[tuple[int, int, int]]:
-        """Drag to the right; return of each move the time (ns), what the process has waited so far, the place."""
+        """Drag to the right; return the time of each move (ns), the process's waiting so far, and the place."""
         pointer = subprocess.Popen(
             pinned(["xdotool", "-"], self.client_core), stdin=subprocess.PIPE, text=True, env=self.environment
         )

@@ -34,7 +34,7 @@ def unavailable() -> str:
 
 
 def make_mounts_private() -> None:
-    """Let nobody else see what this process mounts from now on; all of it vanishes with its end."""
+    """Make later mounts private; they end with the process."""
     _check(_libc.unshare(_CLONE_NEWNS))
     _check(_libc.mount(b"none", b"/", None, _MS_REC | _MS_PRIVATE, None))
 
@@ -84,7 +84,7 @@ class Machine:
 
     @contextmanager
     def inside(self) -> Iterator[None]:
-        """Sockets that are made and programs that are started meanwhile belong to this machine."""
+        """Sockets made inside this context, and programs started in it, belong to this machine."""
         with open("/proc/thread-self/ns/net", "rb") as own, open(f"/proc/{self.pid}/ns/net", "rb") as other:
             _check(_libc.setns(other.fileno(), _CLONE_NEWNET))
             try:

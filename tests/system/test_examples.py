@@ -66,7 +66,7 @@ class ExampleTest(unittest.TestCase):
         return self.start_simulator(simulation, *arguments)
 
     def end(self, simulator: subprocess.Popen[str]) -> dict[str, object]:
-        """End the simulator in order and return its report."""
+        """Ask the simulator to end, and return its report."""
         simulator.send_signal(signal.SIGTERM)
         _, errors = simulator.communicate(timeout=PATIENCE)
         self.assertEqual((errors, simulator.returncode), ("", 0))

@@ -496,7 +496,7 @@ class TestClose(ClientTest):
         self.client.queue_frame(b"last")
         closing = in_background(self, lambda: self.client.close(PATIENCE))
         self.assertEqual(read_exactly(self.peer, 9), messages.encode_frame(b"last"))
-        self.assertEqual(self.peer.recv(1), b"")  # ended in order; a reset would raise
+        self.assertEqual(self.peer.recv(1), b"")  # ended normally; a reset would raise
         self.assertTrue(closing.is_alive())
         self.peer.close()
         closing.join(PATIENCE)
