@@ -5,7 +5,6 @@
 
 #include <QApplication>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -16,7 +15,7 @@
 
 namespace {
 
-constexpr unsigned mostCuts = 7;
+constexpr int mostCuts = 7;
 
 /// Ends the process when signal and slot do not fit: Qt only warns.
 void endOnFailedConnect(QtMsgType /*type*/, const QMessageLogContext& /*context*/, const QString& message)
@@ -87,30 +86,18 @@ void Fuzz::passEvents(int passes)
     }
 }
 
-Fuzz::Input::Input(const uint8_t* data, size_t size)
-    : _bytes(reinterpret_cast<const char*>(data), static_cast<int>(size))
+QByteArrayList Fuzz::piecesOf(const QByteArray& input)
 {
-}
-
-uint8_t Fuzz::Input::takeByte()
-{
-    return _position < _bytes.size() ? static_cast<uint8_t>(_bytes.at(_position++)) : 0;
-}
-
-QByteArrayList Fuzz::Input::takePieces()
-{
-    const unsigned cuts = takeByte() & mostCuts;
-    std::vector<int> lengths;
-    for (unsigned i = 0; i < cuts; ++i)
-        lengths.push_back(takeByte());
-
+    const int cuts = input.isEmpty() ? 0 : input.at(0) & mostCuts;
+    const QByteArray whole = input.leftJustified(1 + cuts, '\0');
     QByteArrayList pieces;
-    for (const int length : lengths) {
-        pieces.append(_bytes.mid(_position, length));
-        _position = std::min(_position + length, _bytes.size());
+    int position = 1 + cuts;
+    for (int cut = 1; cut <= cuts; ++cut) {
+        const int length = static_cast<uint8_t>(whole.at(cut));
+        pieces.append(whole.mid(position, length));
+        position += length;
     }
-    pieces.append(_bytes.mid(_position));
-    _position = _bytes.size();
+    pieces.append(whole.mid(position));
     return pieces;
 }
 

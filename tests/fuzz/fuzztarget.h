@@ -52,22 +52,10 @@ void passEvents(int passes = 1);
 
 constexpr int passesOfAFrame = 4;  // from the socket over a link without delay to the other socket
 
-/// Takes the front of an input as choices of the fuzzer; what is missing reads as zero.
-class Input
-{
-public:
-    Input(const uint8_t* data, size_t size);
-
-    uint8_t takeByte();
-
-    /// Takes the rest, as a stream may cut it: a byte with the number of cuts, a byte for the length of each
-    /// piece but the last, then the bytes themselves. Pieces may be empty.
-    QByteArrayList takePieces();
-
-private:
-    QByteArray _bytes;
-    int _position = 0;
-};
+/// Returns what a program sends, as a stream may cut it. \a input holds a byte with the number of cuts, a
+/// byte for the length of each piece but the last, then the bytes themselves. Pieces may be empty, and bytes
+/// that are missing read as zero.
+QByteArrayList piecesOf(const QByteArray& input);
 
 /// A new network, set up as the first byte of an input chooses; it is gone with the scene.
 class Scene
@@ -95,9 +83,9 @@ private:
 /// Runs an input that begins with a byte of choices; the rest is what a program sends.
 template <typename SomeScene> void play(const uint8_t* data, size_t size)
 {
-    Input input(data, size);
-    SomeScene scene(input.takeByte());
-    scene.playWith(input.takePieces());
+    const QByteArray input(reinterpret_cast<const char*>(data), static_cast<int>(size));
+    SomeScene scene(size > 0 ? data[0] : 0);
+    scene.playWith(piecesOf(input.mid(1)));
 }
 
 /// The program's end of a connection, the other end of which is a socket of the simulator. Both are made by

@@ -1,8 +1,6 @@
 #include "fuzztarget.h"
 
-#include <QDirIterator>
-#include <QFile>
-#include <QStringList>
+#include <QDir>
 
 #include <cstdio>
 #include <cstring>
@@ -10,16 +8,10 @@
 namespace {
 
 /// Returns \a path itself, or the files of the folder whose names match; none for a folder that is not there.
-QStringList filesOf(const QString& path, const QString& namePattern)
+QFileInfoList filesOf(const QFileInfo& path, const QString& namePattern)
 {
-    if (QFileInfo(path).isFile())
-        return {path};
-    QStringList files;
-    QDirIterator folder(path, {namePattern}, QDir::Files);
-    while (folder.hasNext())
-        files.append(folder.next());
-    files.sort();
-    return files;
+    return path.isFile() ? QFileInfoList{path}
+                         : QDir(path.filePath()).entryInfoList({namePattern}, QDir::Files, QDir::Name);
 }
 
 /// Names the input before it runs: the last name in the output is that of the input that ended the program.
@@ -58,11 +50,11 @@ int main(int argc, char** argv)
     LLVMFuzzerInitialize(&argc, &argv);
     const bool isForSeeds = argc > 1 && std::strcmp(argv[1], "--seeds") == 0;
     const QString namePattern = isForSeeds ? QStringLiteral("seed-*") : QStringLiteral("*");
-    QStringList files;
+    QFileInfoList files;
     for (int i = isForSeeds ? 2 : 1; i < argc; ++i)
         files += filesOf(QString::fromLocal8Bit(argv[i]), namePattern);
-    for (const QString& file : qAsConst(files)) {
-        if (!replay(file))
+    for (const QFileInfo& file : qAsConst(files)) {
+        if (!replay(file.filePath()))
             return 1;
     }
     std::printf("%d inputs\n", files.size());

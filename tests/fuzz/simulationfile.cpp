@@ -7,6 +7,7 @@
 #include "testaccess.h"
 
 #include <QDataStream>
+#include <QFile>
 #include <QImage>
 #include <QPainter>
 #include <QWidget>
@@ -54,36 +55,20 @@ template <typename Item> QList<Item*> items()
     return itemsOf<Item>(network().items(Qt::DescendingOrder));
 }
 
-/// A file in memory only, which the program reaches by its name.
-class MemoryFile
+/// Returns the name of an empty file, always the same one, which is in memory only.
+QString emptyFile()
 {
-public:
-    MemoryFile()
-        : _descriptor(memfd_create("fuzz", MFD_CLOEXEC))
-    {
-    }
-    ~MemoryFile() { ::close(_descriptor); }
-    Q_DISABLE_COPY_MOVE(MemoryFile)
-
-    QString path() const { return QStringLiteral("/proc/self/fd/%1").arg(_descriptor); }
-
-    QByteArray contents() const
-    {
-        QByteArray bytes(static_cast<int>(::lseek(_descriptor, 0, SEEK_END)), '\0');
-        const ssize_t size = ::pread(_descriptor, bytes.data(), static_cast<size_t>(bytes.size()), 0);
-        Fuzz::require(size == bytes.size(), "what was written can be read");
-        return bytes;
-    }
-
-private:
-    int _descriptor;
-};
+    static const int descriptor = memfd_create("fuzz", MFD_CLOEXEC);
+    Fuzz::require(::ftruncate(descriptor, 0) == 0, "a file can be emptied");
+    return QStringLiteral("/proc/self/fd/%1").arg(descriptor);
+}
 
 QByteArray saved()
 {
-    const MemoryFile file;
-    Fuzz::require(simulation().save(file.path()), "a simulation can be saved");
-    return file.contents();
+    QFile file(emptyFile());
+    Fuzz::require(simulation().save(file.fileName()), "a simulation can be saved");
+    Fuzz::require(file.open(QIODevice::ReadOnly), "what was written can be read");
+    return file.readAll();
 }
 
 template <typename Record> QByteArray recordOf(Record* item)
@@ -221,8 +206,7 @@ void readCapture()
         capture->data(capture->index(lastRow, column), Qt::ToolTipRole);
         capture->data(capture->index(lastRow, column), Qt::DecorationRole);
     }
-    const MemoryFile dump;
-    Fuzz::require(simulation().exportPcapDump(dump.path()), "a dump can be written");
+    Fuzz::require(simulation().exportPcapDump(emptyFile()), "a dump can be written");
 }
 
 /// Deletes a node with frames in flight, while a form of it is open.
