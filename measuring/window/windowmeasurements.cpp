@@ -134,45 +134,23 @@ QAction* action(const MainWindow& window, const QString& text)
     return nullptr;
 }
 
-/// Answers the file dialog of an action as soon as it is there; the stopwatch starts with the answer.
-class FileDialogAnswer : public QObject
+/// Answers the file dialog of an action as soon as it is there; returns the time from the answer on, in ms.
+double timeOfFileAction(const MainWindow& window, const QString& text, const QString& fileName)
 {
-    Q_OBJECT
-
-public:
-    explicit FileDialogAnswer(const QString& fileName)
-        : _fileName(fileName)
-    {
-        connect(&_look, SIGNAL(timeout()), this, SLOT(_answer()));
-        _look.start(dialogLookInterval);
-    }
-
-    double sinceAnswer() const { return _stopwatch.milliseconds(); }
-
-private slots:
-    void _answer()
-    {
+    Stopwatch stopwatch;
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, [&] {
         auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
         if (!dialog)
             return;
-        _look.stop();
-        dialog->findChild<QLineEdit*>()->setText(_fileName);
-        _stopwatch.start();
+        look.stop();
+        dialog->findChild<QLineEdit*>()->setText(fileName);
+        stopwatch.start();
         QMetaObject::invokeMethod(dialog, "accept");
-    }
-
-private:
-    QString _fileName;
-    QTimer _look;
-    Stopwatch _stopwatch;
-};
-
-/// Returns the time from the answer of the dialog on, in ms.
-double timeOfFileAction(const MainWindow& window, const QString& text, const QString& fileName)
-{
-    const FileDialogAnswer answer(fileName);
+    });
+    look.start(dialogLookInterval);
     action(window, text)->trigger();
-    return answer.sinceAnswer();
+    return stopwatch.milliseconds();
 }
 
 double timeUntilSeen()
@@ -247,5 +225,3 @@ const RemoteCommand measureFiles("measure_files", [](const QJsonObject& argument
 });
 
 }  // namespace
-
-#include "windowmeasurements.moc"
