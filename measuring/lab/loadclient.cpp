@@ -5,15 +5,15 @@
 #include <lattivo.h>
 
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,16 +23,18 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 using std::chrono::milliseconds;
 
-// A frame's bytes behind the two addresses; filler up to the wanted size follows.
-constexpr std::size_t kindOffset = 12;
-constexpr std::size_t sequenceOffset = 13;  // 64 bits, in this machine's byte order
-constexpr std::size_t sendTimeOffset = 21;  // likewise, nanoseconds of the steady clock
-constexpr std::size_t fillerOffset = 29;
-
-enum FrameKind : char {
-    Probe = 1,  // asks whether the road to the receiver is open; never counted
-    Load = 2,
+/// What a frame holds behind its two addresses; filler up to the wanted size follows.
+struct Stamp {
+    std::uint64_t number = 0;
+    Clock::duration sent{};
 };
+
+/// A frame of this number asks whether the road to the receiver is open, and is never counted. The number
+/// behind it is 0.
+constexpr std::uint64_t probe = ~std::uint64_t{0};
+
+constexpr std::size_t stampOffset = 2 * addressBytes;
+constexpr std::size_t fillerOffset = stampOffset + sizeof(Stamp);
 
 constexpr int eventsPerWait = 256;
 constexpr std::uint64_t framesPerBatch = 8;    // at most, that leave together
@@ -64,32 +66,18 @@ struct Options {
     int lanesPerPair() const { return isInStep ? 2 : 1; }
 };
 
-/// Does not wait for replies at the end.
-struct HangUp {
-    void operator()(lattivo_client* client) const
-    {
-        shutdown(lattivo_descriptor(client), SHUT_RDWR);
-        lattivo_close(client);
-    }
-};
-
 /// What drives one node.
 struct Program {
-    std::unique_ptr<lattivo_client, HangUp> client;
-    std::size_t lane = 0;  // whose frames and confirmations it gets
-};
-
-struct Receiver {
-    bool isReached = false;      // by a probe
-    std::uint64_t expected = 0;  // the next frame's number
+    lattivo_client* client = nullptr;  // open until the process ends
+    std::size_t lane = 0;              // whose frames and confirmations it gets
 };
 
 /// One sender with everybody who receives its frames.
 struct Lane {
-    int sender = 0;         // a node
-    int firstReceiver = 0;  // likewise; the others follow it
-    std::vector<Receiver> receivers;
-    std::string frame;  // only kind, number and time change between sends
+    int sender = 0;                       // a node
+    int firstReceiver = 0;                // likewise; the others follow it
+    std::vector<std::uint64_t> expected;  // by receiver: the next frame's number
+    std::string frame;                    // only the stamp changes between sends
     std::uint64_t sent = 0;
     std::uint64_t confirmed = 0;  // also the negative ones
     Clock::time_point lastProgress;
@@ -105,8 +93,6 @@ struct Snapshot {
 struct Counters {
     std::uint64_t received = 0;  // by all receivers
     std::uint64_t lost = 0;
-    std::uint64_t damaged = 0;
-    std::uint64_t timeouts = 0;
 };
 
 /// Counts durations in buckets that grow with them, so that no percentile is off by more than 0.4 %. Memory
@@ -142,19 +128,6 @@ private:
     std::array<std::uint64_t, 1U << (31 - droppedBits)> _counts{};  // durations have no sign
     std::uint64_t _count = 0;
 };
-
-std::uint64_t nanoseconds(Clock::time_point time)
-{
-    const std::chrono::nanoseconds sinceStart = time.time_since_epoch();
-    return static_cast<std::uint64_t>(sinceStart.count());
-}
-
-std::uint64_t readNumber(const char* bytes)
-{
-    std::uint64_t value = 0;
-    std::memcpy(&value, bytes, sizeof value);
-    return value;
-}
 
 void printNumber(const char* name, double value)
 {
@@ -195,8 +168,6 @@ public:
             _pump(pollTime);
             _checkProgress();
         }
-        if (_counters.damaged > 0)
-            fail("frames arrived with other contents");
     }
 
     void printResults() const
@@ -206,7 +177,7 @@ public:
         std::printf(", ");
         printNumber("latency_median_us", _latencies.percentile(0.50));
         printNumber("latency_p99_us", _latencies.percentile(0.99));
-        std::printf("\"lost\": %lu, \"timeouts\": %lu, \"sections\": [", _counters.lost, _counters.timeouts);
+        std::printf("\"lost\": %lu, \"sections\": [", _counters.lost);
         for (std::size_t i = 1; i < _snapshots.size(); ++i) {
             std::printf(i > 1 ? ", {" : "{");
             printSection(_snapshots[i - 1], _snapshots[i]);
@@ -225,7 +196,7 @@ private:
         const int first = _options.wiring.sender(static_cast<int>(number) / _options.lanesPerPair());
         lane.sender = isWayBack ? first + 1 : first;
         lane.firstReceiver = isWayBack ? first : first + 1;
-        lane.receivers.resize(_options.wiring.receiversPerSender());
+        lane.expected.resize(_options.wiring.receiversPerSender());
         const bool isBroadcast = _options.wiring.isStar();
         lane.frame = isBroadcast ? std::string(addressBytes, '\xff') : nodeAddress(lane.firstReceiver);
         lane.frame += nodeAddress(lane.sender);
@@ -233,8 +204,10 @@ private:
             lane.frame += static_cast<char>(lane.frame.size());
         if (!_options.isInStep)
             _programs[lane.sender].lane = number;
-        for (std::size_t i = 0; i < lane.receivers.size(); ++i)
+        for (std::size_t i = 0; i < lane.expected.size(); ++i) {
             _programs[lane.firstReceiver + i].lane = number;
+            _unreached.insert(lane.firstReceiver + static_cast<int>(i));
+        }
     }
 
     void _connectAll()
@@ -243,9 +216,8 @@ private:
         options.largest_frame = _options.frameBytes;
         for (std::size_t node = 0; node < _programs.size(); ++node) {
             const std::string address = nodeAddress(static_cast<int>(node));
-            lattivo_client* client = nullptr;
+            lattivo_client*& client = _programs[node].client;
             lattivo_result result = lattivo_open(&client, "127.0.0.1", _options.port, &options);
-            _programs[node].client.reset(client);
             if (result == LATTIVO_OK)
                 result = lattivo_identify_by_address(client, address.data(), address.size());
             if (result != LATTIVO_OK)
@@ -261,13 +233,13 @@ private:
     void _reachAll()
     {
         const Clock::time_point begin = Clock::now();
-        for (milliseconds wait = firstProbeWait; !_areAllReached(); wait *= 2) {
+        for (milliseconds wait = firstProbeWait; !_unreached.empty(); wait *= 2) {
             if (Clock::now() - begin > attachTimeout)
                 fail("not every node could be reached within 30 s");
             for (Lane& lane : _lanes)
-                _send(lane, Probe, 1);
+                _send(lane, probe, 1);
             const Clock::time_point nextProbe = Clock::now() + wait;
-            while (!_areAllReached() && Clock::now() < nextProbe)
+            while (!_unreached.empty() && Clock::now() < nextProbe)
                 _pump(paceTime);
         }
         // the probes' confirmations, negative ones included, would pass for those of the load
@@ -311,9 +283,7 @@ private:
 
     Snapshot _snapshot() const
     {
-        const bool isWatching = _options.watchedPid > 0;
-        return {_frames(), Clock::now(), isWatching ? timesOf(_options.watchedPid) : ProcessTimes(),
-                timesOf(getpid())};
+        return {_frames(), Clock::now(), timesOf(_options.watchedPid), timesOf(getpid())};
     }
 
     // Receiving
@@ -333,7 +303,7 @@ private:
     /// Handles what one read brings.
     void _receive(int node)
     {
-        lattivo_client* client = _programs[node].client.get();
+        lattivo_client* client = _programs[node].client;
         lattivo_message message{};
         lattivo_result result = lattivo_receive(client, &message, 0);
         const Clock::time_point now = Clock::now();
@@ -357,43 +327,34 @@ private:
 
     void _takeFrame(Lane& lane, int node, const char* frame, std::size_t bytes, Clock::time_point now)
     {
-        if (node < lane.firstReceiver || !_isIntact(lane, frame, bytes)) {
-            ++_counters.damaged;
-            return;
-        }
-        Receiver& receiver = lane.receivers[node - lane.firstReceiver];
-        const std::uint64_t sequence = readNumber(frame + sequenceOffset);
-        if (frame[kindOffset] == Probe) {
-            receiver.isReached = true;
-        } else if (sequence >= receiver.expected) {          // not one that has been given up
-            _counters.lost += sequence - receiver.expected;  // a link never reorders its frames
-            receiver.expected = sequence + 1;
+        if (node < lane.firstReceiver || !_isIntact(lane, frame, bytes))
+            fail("a frame arrived with other contents");
+        std::uint64_t& expected = lane.expected[node - lane.firstReceiver];
+        Stamp stamp;
+        std::memcpy(&stamp, frame + stampOffset, sizeof stamp);
+        if (stamp.number == probe) {
+            _unreached.erase(node);
+        } else if (stamp.number >= expected) {          // not one that has been given up
+            _counters.lost += stamp.number - expected;  // a link never reorders its frames
+            expected = stamp.number + 1;
             ++_counters.received;
-            const std::uint64_t latency = nanoseconds(now) - readNumber(frame + sendTimeOffset);
-            _latencies.add(static_cast<float>(latency) / 1e3F);
+            const std::chrono::duration<float, std::micro> latency = now.time_since_epoch() - stamp.sent;
+            _latencies.add(latency.count());
         }
     }
 
     bool _isIntact(const Lane& lane, const char* frame, std::size_t bytes) const
     {
         const char* sent = lane.frame.data();
-        return bytes == _options.frameBytes && std::memcmp(frame, sent, kindOffset) == 0
+        return bytes == _options.frameBytes && std::memcmp(frame, sent, stampOffset) == 0
             && std::memcmp(frame + fillerOffset, sent + fillerOffset, bytes - fillerOffset) == 0;
-    }
-
-    bool _areAllReached() const
-    {
-        const auto isReached = [](const Receiver& receiver) { return receiver.isReached; };
-        return std::all_of(_lanes.begin(), _lanes.end(), [&](const Lane& lane) {
-            return std::all_of(lane.receivers.begin(), lane.receivers.end(), isReached);
-        });
     }
 
     std::uint64_t _inFlight(const Lane& lane) const
     {
         std::uint64_t completed = _options.confirms ? std::min(lane.confirmed, lane.sent) : lane.sent;
-        for (const Receiver& receiver : lane.receivers)
-            completed = std::min(completed, receiver.expected);
+        for (const std::uint64_t expected : lane.expected)
+            completed = std::min(completed, expected);
         return lane.sent - completed;
     }
 
@@ -405,28 +366,23 @@ private:
 
     // Sending
 
-    /// Sends \a count frames together. What does not find room, because a paced load fills the links, follows
-    /// with the next frame.
-    void _send(Lane& lane, FrameKind kind, std::uint64_t count)
+    /// Sends \a count frames together, from number \a first on. What does not find room, because a paced load
+    /// fills the links, follows with the next frame.
+    void _send(Lane& lane, std::uint64_t first, std::uint64_t count)
     {
         const auto patience = static_cast<int>(deadServerTime.count());
-        lattivo_client* client = _programs[lane.sender].client.get();
-        char* frame = lane.frame.data();
-        const std::uint64_t now = nanoseconds(Clock::now());
-        frame[kindOffset] = kind;
-        std::memcpy(frame + sendTimeOffset, &now, sizeof now);
+        lattivo_client* client = _programs[lane.sender].client;
+        Stamp stamp{first, Clock::now().time_since_epoch()};
+        lane.sent = first + count;
         lattivo_result result = LATTIVO_OK;
-        for (std::uint64_t i = 0; i < count && result == LATTIVO_OK; ++i) {
-            const std::uint64_t sequence = lane.sent + i;
-            std::memcpy(frame + sequenceOffset, &sequence, sizeof sequence);
-            result = lattivo_send_frame(client, frame, lane.frame.size(), patience);
+        for (; stamp.number != lane.sent && result == LATTIVO_OK; ++stamp.number) {
+            std::memcpy(&lane.frame[stampOffset], &stamp, sizeof stamp);
+            result = lattivo_send_frame(client, lane.frame.data(), lane.frame.size(), patience);
         }
         if (result == LATTIVO_OK)
             result = lattivo_flush(client, _options.isPaced() ? 0 : patience);
         if (result != LATTIVO_OK && !(_options.isPaced() && result == LATTIVO_AGAIN))
             fail(lattivo_error(client));
-        if (kind == Load)
-            lane.sent += count;
     }
 
     void _refill(Lane& lane)
@@ -440,7 +396,7 @@ private:
     void _fill(Lane& lane)
     {
         while (_inFlight(lane) < _options.window)
-            _send(lane, Load, std::min(_options.window - _inFlight(lane), framesPerBatch));
+            _send(lane, lane.sent, std::min(_options.window - _inFlight(lane), framesPerBatch));
     }
 
     /// Lets all send again, once nothing is under way any more.
@@ -472,9 +428,9 @@ private:
         const std::uint64_t end = std::min(due, _paced + framesPerBurst);
         for (; _paced < end; ++_paced) {
             Lane& lane = _lanes[_paced % _lanes.size()];
-            if (lattivo_flush(_programs[lane.sender].client.get(), 0) == LATTIVO_AGAIN)
+            if (lattivo_flush(_programs[lane.sender].client, 0) == LATTIVO_AGAIN)
                 break;  // the last one still waits for room
-            _send(lane, Load, 1);
+            _send(lane, lane.sent, 1);
         }
         if (static_cast<double>(due - _paced) > longestHoldUp * _options.rate) {
             _paceBegin = now;
@@ -503,10 +459,9 @@ private:
 
     void _giveUpOnFramesInFlight(Lane& lane)
     {
-        ++_counters.timeouts;
-        for (Receiver& receiver : lane.receivers) {
-            _counters.lost += lane.sent - receiver.expected;
-            receiver.expected = lane.sent;
+        for (std::uint64_t& expected : lane.expected) {
+            _counters.lost += lane.sent - expected;
+            expected = lane.sent;
         }
         lane.confirmed = lane.sent;
     }
@@ -515,6 +470,7 @@ private:
     int _epoll;
     std::vector<Program> _programs;  // by node
     std::vector<Lane> _lanes;
+    std::set<int> _unreached;  // nodes that no probe has reached yet
 
     bool _isLoading = false;
     std::size_t _arrivedLanes = 0;  // in step, from the first on: nothing of theirs is under way
@@ -564,5 +520,6 @@ int main(int argc, char** argv)
     LoadClient client(readCommandLine(argc, argv));
     client.run();
     client.printResults();
-    return EXIT_SUCCESS;
+    std::fflush(stdout);
+    std::_Exit(EXIT_SUCCESS);  // at once: to close a connection in order is to wait for the simulator
 }
