@@ -379,6 +379,16 @@ static int connect_to(const struct sockaddr* peer, socklen_t size, int64_t deadl
     return -1;
 }
 
+/* Returns the deadline for the first of some addresses: each gets the same share of the time that is left, so
+ * that a silent one does not use up what the next ones need. */
+static int64_t share_of_time(int64_t deadline, const struct addrinfo* addresses)
+{
+    int count = 0;
+    for (; addresses; addresses = addresses->ai_next)
+        ++count;
+    return deadline_after(time_left(deadline) / count);
+}
+
 /* Tries the host's addresses in turn. */
 static lattivo_result connect_client(lattivo_client* client, const char* host, uint16_t port)
 {
@@ -395,7 +405,8 @@ static lattivo_result connect_client(lattivo_client* client, const char* host, u
     if (error != 0)
         return fail(client, LATTIVO_UNKNOWN_HOST, "%.200s cannot be found: %s", host, gai_strerror(error));
     for (address = addresses; address && client->descriptor < 0; address = address->ai_next) {
-        client->descriptor = connect_to(address->ai_addr, address->ai_addrlen, deadline);
+        client->descriptor
+            = connect_to(address->ai_addr, address->ai_addrlen, share_of_time(deadline, address));
         error = errno;
         memcpy(&client->peer, address->ai_addr, address->ai_addrlen);
         client->peer_size = address->ai_addrlen;
@@ -414,7 +425,7 @@ static lattivo_result take_memory(lattivo_client* client)
     client->output = malloc(client->output_capacity);
     client->input = malloc(client->input_capacity);
     if (client->output && client->input)
-        return LATTIVO_OK;
+        return client->failure; /* the peer may have gone meanwhile */
     close(client->descriptor);
     client->descriptor = -1;
     return fail(client, LATTIVO_SYSTEM_ERROR, "there is no memory for frames of %zu bytes",

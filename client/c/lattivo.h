@@ -38,7 +38,9 @@ typedef enum lattivo_result {
     LATTIVO_SYSTEM_ERROR     /* a call of the operating system has failed */
 } lattivo_result;
 
-/* Members that are 0 take the default, so `lattivo_options options = {0};` is a good start. */
+/* Members that are 0 take the default, so `lattivo_options options = {0};` is a good start. The addresses of
+ * a host share the timeout. The system's search for the host's name comes before, with time limits of its
+ * own. */
 typedef struct lattivo_options {
     size_t largest_frame; /* bytes of the largest frame that can be received; default 65536 */
     int timeout;          /* ms until connecting, identifying or closing is given up; default 10000 */

@@ -80,6 +80,8 @@ private:
 class Listener
 {
 public:
+    static constexpr int backlog = 10;  // one more program than that can wait
+
     /// \a receiveBuffer bounds the window that programs see; 0: as large as the kernel makes it.
     explicit Listener(int family = AF_INET, int receiveBuffer = 0)
         : _descriptor(::socket(family, SOCK_STREAM, 0))
@@ -96,7 +98,7 @@ public:
             size = sizeof *address4;
         }
         _isListening = ::bind(_descriptor, reinterpret_cast<sockaddr*>(&address), size) == 0
-            && ::listen(_descriptor, 10) == 0;
+            && ::listen(_descriptor, backlog) == 0;
         ::getsockname(_descriptor, reinterpret_cast<sockaddr*>(&address), &size);
         _port = ntohs(address.sin6_port);  // at the same place in both families
     }

@@ -3,8 +3,14 @@
 #include <QString>
 #include <QtTest>
 
+#include <netdb.h>
+
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -43,13 +49,67 @@ constexpr int nameMessageSize = 10;
 const char knockMessage[] = "07 00000000";
 constexpr int knockMessageSize = 5;
 
+/// Lets programs wait at a listener until its kernel answers no more, as a silent host.
+std::vector<std::unique_ptr<FarEnd>> fill(const Listener& listener)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listener.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::vector<std::unique_ptr<FarEnd>> waiting;
+    for (int i = 0; i <= Listener::backlog; ++i) {
+        const int program = ::socket(AF_INET, SOCK_STREAM, 0);
+        ::connect(program, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        waiting.push_back(std::make_unique<FarEnd>(program));
+    }
+    return waiting;
+}
+
+std::vector<quint16> portsOfHost;  // what every host is found at, in this order; empty: as the system says
+std::function<void()> onConnecting;
+
 }  // namespace
+
+// The linker leads the library's own calls here.
+extern "C" {
+
+int __real_connect(int descriptor, const sockaddr* address, socklen_t size);
+int __real_getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** addresses);
+
+int __wrap_connect(int descriptor, const sockaddr* address, socklen_t size)
+{
+    const int result = __real_connect(descriptor, address, size);
+    const int error = errno;
+    if (onConnecting)
+        onConnecting();
+    errno = error;
+    return result;
+}
+
+int __wrap_getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** addresses)
+{
+    if (portsOfHost.empty())
+        return __real_getaddrinfo(host, service, hints, addresses);
+    addrinfo** next = addresses;
+    for (const quint16 port : portsOfHost) {
+        __real_getaddrinfo("127.0.0.1", std::to_string(port).c_str(), hints, next);
+        next = &(*next)->ai_next;
+    }
+    return 0;
+}
+}
 
 class TestClientKit : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void cleanup()
+    {
+        portsOfHost.clear();
+        onConnecting = nullptr;
+    }
+
     // Connecting
 
     void aMissingListenerIsNamedWithItsPort()
@@ -77,6 +137,30 @@ private slots:
         const lattivo_options options = shortOptions();
         const Client client(listener.port(), &options, "localhost");
         QCOMPARE(client.result, LATTIVO_OK);
+    }
+
+    void theNextAddressIsTriedWhenOneIsSilent()
+    {
+        const Listener silent;
+        const auto waiting = fill(silent);
+        const Listener listener;
+        portsOfHost = {silent.port(), listener.port()};
+        lattivo_options options{};
+        options.timeout = 1000;
+        QElapsedTimer time;
+        time.start();
+        const Client client(1, &options, "host");
+        QCOMPARE(client.result, LATTIVO_OK);
+        QVERIFY(time.elapsed() < options.timeout);
+    }
+
+    void aConnectionThatEndsAtOnceIsTold()
+    {
+        const Listener listener;
+        onConnecting = [&listener] { listener.accept()->close(); };
+        const Client client(listener.port());
+        QCOMPARE(client.result, LATTIVO_CLOSED);
+        QVERIFY2(client.error().endsWith(" has closed the connection"), qPrintable(client.error()));
     }
 
     void aSimulatorIsReachedByIpVersion6()
@@ -209,6 +293,16 @@ private slots:
         time.start();
         QCOMPARE(client.close(), LATTIVO_NO_CONNECTION);
         QVERIFY(time.elapsed() < options.timeout);
+    }
+
+    void aSimulatorThatTakesNoMoreConnectionsIsGivenUp()
+    {
+        const Listener listener;
+        const lattivo_options options = shortOptions();
+        const Client client(listener.port(), &options);
+        const auto peer = listener.accept();
+        const auto waiting = fill(listener);
+        QCOMPARE(lattivo_identify_by_name(client, "Left"), LATTIVO_NO_CONNECTION);
     }
 
     void aPauseMakesFurtherConnectionsNeedless()
