@@ -266,6 +266,8 @@ static lattivo_result flush_until(lattivo_client* client, int64_t deadline)
     lattivo_result result = give_to_kernel(client);
     while (result == LATTIVO_AGAIN && wait_for(client, 0, deadline))
         result = give_to_kernel(client);
+    if (result == LATTIVO_AGAIN)
+        return fail(client, result, "there is no room to send within the given time");
     return result;
 }
 
@@ -455,7 +457,7 @@ lattivo_result lattivo_open(lattivo_client** client, const char* host, uint16_t 
     if (!made)
         return LATTIVO_OUT_OF_MEMORY;
     made->descriptor = -1;
-    made->failure = LATTIVO_NO_CONNECTION; /* for who goes on without one */
+    made->failure = LATTIVO_NO_CONNECTION; /* if the caller goes on after a failed open */
     result = take_options(made, options);
     if (result == LATTIVO_OK && !host)
         result = fail(made, LATTIVO_WRONG_USE, "there is no host to connect to");
@@ -786,7 +788,7 @@ lattivo_result lattivo_receive(lattivo_client* client, lattivo_message* message,
         if (result == LATTIVO_AGAIN && client->failure != LATTIVO_OK)
             return client->failure; /* the connection may stand, but has been given up */
         if (result == LATTIVO_AGAIN && !wait_for(client, POLLIN, deadline))
-            return LATTIVO_AGAIN;
+            return fail(client, result, "nothing has arrived within the given time");
     }
 }
 
@@ -821,7 +823,7 @@ const char* lattivo_result_text(lattivo_result result)
 {
     switch (result) {
     case LATTIVO_OK:
-        return "everything went well";
+        return "success";
     case LATTIVO_AGAIN:
         return "nothing has arrived, or there is no room to send, within the given time";
     case LATTIVO_WRONG_USE:
@@ -829,7 +831,7 @@ const char* lattivo_result_text(lattivo_result result)
     case LATTIVO_TOO_LARGE:
         return "the message does not fit into a segment of the path";
     case LATTIVO_OUT_OF_MEMORY:
-        return "there is no memory";
+        return "out of memory";
     case LATTIVO_UNKNOWN_HOST:
         return "the host cannot be found";
     case LATTIVO_NO_CONNECTION:
@@ -841,7 +843,7 @@ const char* lattivo_result_text(lattivo_result result)
     case LATTIVO_FRAME_TOO_LARGE:
         return "a frame arrives that is larger than the client's largest frame";
     case LATTIVO_PROTOCOL_ERROR:
-        return "what arrives is no message";
+        return "invalid message received";
     case LATTIVO_SYSTEM_ERROR:
         return "a call of the operating system has failed";
     }

@@ -391,7 +391,7 @@ private slots:
         for (int result = LATTIVO_OK; result <= LATTIVO_SYSTEM_ERROR + 1; ++result)
             texts += QString::fromUtf8(lattivo_result_text(static_cast<lattivo_result>(result)));
         QCOMPARE(texts.size(), LATTIVO_SYSTEM_ERROR + 2);
-        QCOMPARE(QString::fromUtf8(lattivo_error(nullptr)), QStringLiteral("there is no memory"));
+        QCOMPARE(QString::fromUtf8(lattivo_error(nullptr)), QStringLiteral("out of memory"));
     }
 };
 

@@ -143,6 +143,7 @@ private slots:
         QVERIFY(!lattivo_wants_write(pair.client));
         QCOMPARE(lattivo_timeout(pair.client), 1);
         QCOMPARE(lattivo_flush(pair.client, 1), LATTIVO_AGAIN);
+        QCOMPARE(pair.client.error(), QStringLiteral("there is no room to send within the given time"));
         pair.peer->receive(pair.peer->unreadBytes());
         QCOMPARE(lattivo_flush(pair.client, patience), LATTIVO_OK);
         QCOMPARE(lattivo_timeout(pair.client), -1);
@@ -314,6 +315,7 @@ private slots:
         time.start();
         QCOMPARE(pair.receive(shortPause), LATTIVO_AGAIN);
         QVERIFY(time.elapsed() >= shortPause - 1);
+        QCOMPARE(pair.client.error(), QStringLiteral("nothing has arrived within the given time"));
     }
 
     void noMemoryIsTakenOnceConnected()
