@@ -34,7 +34,7 @@ typedef enum lattivo_result {
     LATTIVO_REFUSED,         /* the simulator does not take the identification */
     LATTIVO_CLOSED,          /* the simulator has closed the connection, or the network has lost it */
     LATTIVO_FRAME_TOO_LARGE, /* a frame arrives that is larger than the client's largest frame */
-    LATTIVO_PROTOCOL_ERROR,  /* what arrives is no message */
+    LATTIVO_PROTOCOL_ERROR,  /* an invalid message has arrived */
     LATTIVO_SYSTEM_ERROR     /* a call of the operating system has failed */
 } lattivo_result;
 
@@ -81,9 +81,9 @@ LATTIVO_API lattivo_result lattivo_close(lattivo_client* client);
 
 /* Sending */
 
-/* Each of these queues one message. What is queued leaves with lattivo_flush(), with lattivo_receive(), or
- * when the queue is full. LATTIVO_AGAIN: the message did not find room within timeout ms, and is not queued.
- * A timeout of 0 does not wait, a negative one waits forever. */
+/* Each of these queues one message. What is queued leaves with lattivo_flush(), when lattivo_receive() has no
+ * more messages at hand, or when the queue is full. LATTIVO_AGAIN: the message did not find room within
+ * timeout ms, and is not queued. A timeout of 0 does not wait, a negative one waits forever. */
 LATTIVO_API lattivo_result lattivo_send_frame(lattivo_client* client, const void* frame, size_t size,
                                               int timeout);
 LATTIVO_API lattivo_result lattivo_send_address(lattivo_client* client, const void* address, size_t size,
@@ -102,7 +102,8 @@ LATTIVO_API size_t lattivo_largest_frame(lattivo_client* client);
 
 /* Receiving */
 
-/* Sends what is queued, then gives the next message, for which it waits up to timeout ms. Receive often: the
+/* Gives the next message, for which it waits up to timeout ms. Sends what is queued before it waits or looks
+ * for new bytes, but not while whole messages are here already: lattivo_flush() does. Receive often: the
  * simulator drops a program when 64 MiB wait for it. */
 LATTIVO_API lattivo_result lattivo_receive(lattivo_client* client, lattivo_message* message, int timeout);
 

@@ -86,6 +86,18 @@ private slots:
         QCOMPARE(pair.peer->receive(6), hex("01 00000001 41"));
     }
 
+    void receivingSendsNothingWhileMessagesAreHere()
+    {
+        Pair pair;
+        pair.peer->send(hex("02 00000001 01 02 00000001 01"));
+        QCOMPARE(pair.receive(), LATTIVO_OK);
+        lattivo_send_frame(pair.client, "\x41", 1, 0);
+        QCOMPARE(pair.receive(0), LATTIVO_OK);
+        QVERIFY(!pair.peer->isReadable(0));
+        QCOMPARE(pair.receive(0), LATTIVO_AGAIN);
+        QCOMPARE(pair.peer->receive(6), hex("01 00000001 41"));
+    }
+
     void aFullQueueLeavesByItself()
     {
         const Pair pair;
