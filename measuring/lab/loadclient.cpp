@@ -1,8 +1,7 @@
+#include "attach.h"
 #include "commandline.h"
 #include "processtimes.h"
 #include "wiring.h"
-
-#include <lattivo.h>
 
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -212,16 +211,9 @@ private:
 
     void _connectAll()
     {
-        lattivo_options options{};
-        options.largest_frame = _options.frameBytes;
         for (std::size_t node = 0; node < _programs.size(); ++node) {
-            const std::string address = nodeAddress(static_cast<int>(node));
             lattivo_client*& client = _programs[node].client;
-            lattivo_result result = lattivo_open(&client, "127.0.0.1", _options.port, &options);
-            if (result == LATTIVO_OK)
-                result = lattivo_identify_by_address(client, address.data(), address.size());
-            if (result != LATTIVO_OK)
-                fail(lattivo_error(client));
+            client = attach(_options.port, static_cast<int>(node), _options.frameBytes);
             epoll_event event{};
             event.events = EPOLLIN;
             event.data.u64 = node;
