@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import math
 from dataclasses import dataclass
+from typing import Sequence
 
 import numpy
 from scipy import stats
@@ -107,27 +108,23 @@ def binomial_shares(numbers, trials, share):
     return numpy.exp(stats.binom.logpmf(numbers, trials, share))
 
 
-def flips_fit(frames_by_flips, frames, frame_bytes, reliability):
-    """The number of flipped bits of each frame against the binomial distribution."""
-    bits = frame_bytes * BITS_PER_BYTE
-    observed = numpy.zeros(bits + 1)
-    for flips, count in frames_by_flips.items():
-        observed[int(flips)] = count
-    if observed.sum() != frames:
+def flips_fit(frames_by_flips: Sequence[int], frames: int, reliability: float) -> Fit:
+    """Test the number of flipped bits of each frame against the binomial distribution."""
+    if sum(frames_by_flips) != frames:
         return exact_fit(False)
-    expected = frames * binomial_shares(numpy.arange(bits + 1), bits, 1 - reliability)
-    return chi_square(observed, expected, GENERATOR_DEVIATION)
+    flips = numpy.arange(len(frames_by_flips))
+    expected = frames * binomial_shares(flips, len(flips) - 1, 1 - reliability)
+    return chi_square(frames_by_flips, expected, GENERATOR_DEVIATION)
 
 
-def variance_ratio(frames_by_flips, frame_bytes, reliability):
-    """Of the number of flipped bits: measured to that of the binomial distribution. None: nothing varies."""
-    flips = numpy.array([int(number) for number in frames_by_flips])
-    weights = numpy.array(list(frames_by_flips.values()))
-    expected = frame_bytes * BITS_PER_BYTE * reliability * (1 - reliability)
+def variance_ratio(frames_by_flips: Sequence[int], reliability: float) -> float | None:
+    """Return the variance of the number of flipped bits, measured to binomial. None: nothing varies."""
+    flips = numpy.arange(len(frames_by_flips))
+    expected = (len(flips) - 1) * reliability * (1 - reliability)
     if expected == 0:
         return None
-    mean = numpy.average(flips, weights=weights)
-    return float(numpy.average((flips - mean) ** 2, weights=weights) / expected)
+    mean = numpy.average(flips, weights=frames_by_flips)
+    return float(numpy.average((flips - mean) ** 2, weights=frames_by_flips) / expected)
 
 
 def spread_fit(flips_by_bit, frames):

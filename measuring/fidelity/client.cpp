@@ -1,6 +1,5 @@
 #include "commandline.h"
-#include "options.h"
-#include "wire.h"
+#include "measurement.h"
 
 #include <cstdlib>
 #include <map>
@@ -26,7 +25,7 @@ Options readCommandLine(int argc, char** argv)
         "Exit code 1: the simulator failed the client, 2: wrong option.");
     line.addNumber("--port", options.port, 1, "of the simulator");
     line.addNumber("--frames", options.frames, 1, "of each sender (1000)");
-    line.addNumber("--size", options.frameBytes, 2 * Wire::addressBytes,
+    line.addNumber("--size", options.frameBytes, 2 * addressBytes,
                    "bytes of a frame, addresses included (12)");
     line.addNumber("--pairs", options.pairs, 1, "of nodes (1)");
     line.addNumber("--rate", options.rate, 0,
@@ -39,7 +38,7 @@ Options readCommandLine(int argc, char** argv)
     if (!isMeasurement)
         line.refuse();
     line.read(argc - 1, argv + 1);
-    if (options.port == 0 || options.frameBytes + Wire::headerBytes > Wire::maximalBytesInFlight)
+    if (options.port == 0 || options.frameBytes + LATTIVO_HEADER_SIZE > burstBytes)
         line.refuse();
     return options;
 }

@@ -1,85 +1,107 @@
 #pragma once
 
-#include "commandline.h"
-#include "wire.h"
+#include "attach.h"
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-constexpr std::chrono::seconds patience{20};  // without any progress
+constexpr milliseconds patience{20000};  // without any progress
 
-/// The program of one node: its socket, and the bytes that do not make a whole message yet.
+/// The program of one node.
 class Endpoint
 {
 public:
-    enum Attachment {
-        Coming,   // at the simulator's next look
-        Awaited,  // only for nodes that get confirmations
-    };
-
-    /// Connects and identifies itself by address.
-    Endpoint(std::uint16_t port, int node, Attachment attachment);
-    ~Endpoint();
-    Endpoint(const Endpoint&) = delete;
-    Endpoint& operator=(const Endpoint&) = delete;
-
-    int descriptor() const { return _descriptor; }
-    void send(const std::string& messages) const;
-
-    /// Reads what has arrived, without waiting, and calls \a handle(type, body, bytes) for each message.
-    template <typename Handle> void receive(Handle handle)
+    Endpoint(std::uint16_t port, int node)
+        : _node(node)
+        , _client(attach(port, node, 0), &lattivo_close)
     {
-        _read();
-        std::size_t handled = 0;
-        while (const std::size_t bytes
-               = Wire::wholeMessageBytes(_input.data() + handled, _inputBytes - handled)) {
-            const char* message = _input.data() + handled;
-            handle(static_cast<std::uint8_t>(*message), message + Wire::headerBytes,
-                   bytes - Wire::headerBytes);
-            handled += bytes;
+    }
+
+    /// Waits until the simulator has taken a node that gets confirmations. Sends a frame that is too short:
+    /// the simulator draws no random number, and reports it as lost.
+    void awaitAttachment()
+    {
+        send(std::string(2 * addressBytes - 1, '\0'));
+        lattivo_message message{};
+        _check(lattivo_receive(_client.get(), &message, patience.count()));
+    }
+
+    /// Queues a frame.
+    void send(const std::string& frame)
+    {
+        _check(lattivo_send_frame(_client.get(), frame.data(), frame.size(), patience.count()));
+    }
+
+    /// Waits until all frames have left.
+    void flush() { _check(lattivo_flush(_client.get(), patience.count())); }
+
+    /// Sends what finds room, without waiting; true when all frames have left.
+    bool isFlushed()
+    {
+        const lattivo_result result = lattivo_flush(_client.get(), 0);
+        return result != LATTIVO_AGAIN && _check(result);
+    }
+
+    /// Reads once, when something has come, and calls \a handle for each message. Returns whether there was
+    /// one.
+    template <typename Handle> bool receive(milliseconds wait, Handle handle)
+    {
+        lattivo_message message{};
+        lattivo_result result = lattivo_receive(_client.get(), &message, wait.count());
+        const bool hasReceived = result == LATTIVO_OK;
+        while (result == LATTIVO_OK) {
+            handle(message);
+            result = lattivo_has_more(_client.get()) ? lattivo_receive(_client.get(), &message, 0)
+                                                     : LATTIVO_AGAIN;
         }
-        _discard(handled);
+        return result == LATTIVO_AGAIN ? hasReceived : _check(result);
     }
 
 private:
-    void _awaitAttachment();
-    void _read();
-    void _discard(std::size_t bytes);
+    /// Ends the measurement when a call has failed or has lasted too long.
+    bool _check(lattivo_result result) const
+    {
+        if (result != LATTIVO_OK)
+            fail("node " + std::to_string(_node) + ": "
+                 + (result == LATTIVO_AGAIN ? "the simulator stands still" : lattivo_error(_client.get())));
+        return true;
+    }
 
     int _node;
-    int _descriptor;
-    std::vector<char> _input;
-    std::size_t _inputBytes = 0;
+    std::unique_ptr<lattivo_client, decltype(&lattivo_close)> _client;
 };
-
-/// Waits until one of the endpoints has something to read, or a moment has passed.
-void awaitInput(const std::vector<const Endpoint*>& endpoints, std::chrono::milliseconds moment);
 
 /// A node without a link, whose broadcasts the simulator confirms at once and without drawing a random
 /// number. An answer to a request that came after frames of other nodes says that those have been read.
 class Pulse
 {
 public:
-    Pulse(std::uint16_t port, int node);
+    Pulse(std::uint16_t port, int node)
+        : _endpoint(port, node)
+        , _broadcast(std::string(addressBytes, '\xff') + nodeAddress(node))
+    {
+        _endpoint.awaitAttachment();
+    }
 
-    const Endpoint& endpoint() const { return _endpoint; }
-    bool isUnderWay() const { return _isUnderWay; }
-
-    void request();
-
-    /// Reads without waiting; true when the answer has come.
-    bool hasAnswer();
-
-    std::uint64_t lastRoundTrip() const { return _lastRoundTrip; }  // ns
+    /// Sends a request and waits for the answer, without sleeping. Returns how long that took.
+    std::chrono::nanoseconds roundTrip()
+    {
+        const Clock::time_point begin = Clock::now();
+        _endpoint.send(_broadcast);
+        _endpoint.flush();
+        while (!_endpoint.receive(milliseconds(0), [](const lattivo_message&) {})) {
+            if (Clock::now() - begin > patience)
+                fail("the simulator stands still");
+        }
+        return Clock::now() - begin;
+    }
 
 private:
     Endpoint _endpoint;
     std::string _broadcast;
-    bool _isUnderWay = false;
-    Clock::time_point _requestTime;
-    std::uint64_t _lastRoundTrip = 0;
 };

@@ -126,7 +126,7 @@ def delay_row(laboratory, effort, own, defaults, effective):
         sum(value <= deadline for value in drawn[frames * place : frames * (place + 1)])
         for place, deadline in enumerate(deadlines)
     ]
-    return tables.DelayRow(link, default_link, delay, deviation, deadlines, figures["pairs"], replayed)
+    return tables.DelayRow(link, default_link, delay, deviation, deadlines, figures, replayed)
 
 
 def delay_rows(laboratory, effort):

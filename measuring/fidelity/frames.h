@@ -1,6 +1,6 @@
 #pragma once
 
-#include "wire.h"
+#include "wiring.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -14,12 +14,10 @@ class Frames
 {
 public:
     Frames(int sender, std::size_t bytes)
-        : _start(Wire::nodeAddress(sender + 1))
+        : _start(nodeAddress(sender + 1))
         , _bytes(bytes)
     {
     }
-
-    std::size_t messageBytes() const { return Wire::headerBytes + _bytes; }
 
     std::string frame(std::uint64_t number) const
     {
@@ -35,7 +33,7 @@ public:
         return frame;
     }
 
-    /// Which of the first \a count frames this one is; \a count: none of them.
+    /// Returns which of the first \a count frames this one is; \a count: none of them.
     std::uint64_t numberOf(const std::string& frame, std::uint64_t count) const
     {
         std::uint64_t mark = 0;
@@ -46,14 +44,13 @@ public:
         return number < count && frame == this->frame(number) ? number : count;
     }
 
-    std::string message(std::uint64_t number) const { return Wire::message(Wire::Frame, frame(number)); }
-
 private:
-    static constexpr std::size_t markBytes = Wire::addressBytes;
+    static constexpr std::size_t markBytes = addressBytes;
     static constexpr std::uint64_t markMask = (std::uint64_t{1} << 8 * markBytes) - 1;
     static constexpr std::uint64_t markFactor = 0x5deece66d1U;  // odd, so that it has an inverse
 
-    /// Modulo 2^64. Each step doubles the number of right bits, of which an odd number itself gives three.
+    /// Inverts modulo 2^64. Each step doubles the number of right bits, of which an odd number itself gives
+    /// three.
     static constexpr std::uint64_t inverse(std::uint64_t odd)
     {
         std::uint64_t result = odd;
@@ -62,7 +59,7 @@ private:
         return result;
     }
 
-    /// One to one, and close numbers come out far apart.
+    /// Maps one to one; close numbers come out far apart.
     static std::uint64_t scrambled(std::uint64_t word)
     {
         word += 0x9e3779b97f4a7c15U;

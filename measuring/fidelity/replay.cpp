@@ -10,8 +10,8 @@ constexpr std::uint32_t multiplier = 48271;
 constexpr double scale = 2147483647.0;
 constexpr unsigned bitsPerByte = 8;
 
-/// Modulo the modulus 2^31 - 1, where 2^31 is 1: the upper bits are added to the lower ones. Neither factor
-/// is 0.
+/// Multiplies modulo 2^31 - 1, where 2^31 is 1: the upper bits are added to the lower ones. Neither factor is
+/// 0.
 constexpr std::uint32_t product(std::uint32_t a, std::uint32_t b)
 {
     const std::uint64_t wide = std::uint64_t{a} * b;
@@ -19,7 +19,7 @@ constexpr std::uint32_t product(std::uint32_t a, std::uint32_t b)
     return (folded & modulus) + (folded >> modulusBits);
 }
 
-/// What leads from a number to the one after it, to the second after it...
+/// Returns what leads from a number to the one after it, to the second after it...
 constexpr std::array<std::uint32_t, bitsPerByte> factors()
 {
     std::array<std::uint32_t, bitsPerByte> factors{multiplier};
@@ -33,7 +33,7 @@ bool isFlipped(std::uint32_t draw, double reliability)
     return !(reliability > draw / scale);
 }
 
-/// The smallest draw that flips a bit; the modulus itself, which is never drawn, when none does.
+/// Finds the smallest draw that flips a bit; the modulus itself, which is never drawn, when none does.
 std::uint32_t firstFlippedDraw(double reliability)
 {
     std::uint32_t low = 0;
@@ -83,8 +83,8 @@ void Replay::_skip(std::uint64_t draws)
     }
 }
 
-/// One draw a bit, the lowest bit of a byte first. The draws of a byte do not wait for one another: a million
-/// long frames would take minutes else.
+/// Draws once a bit, the lowest bit of a byte first. The draws of a byte do not wait for one another: else a
+/// million long frames would take minutes.
 void Replay::_drawMask(std::size_t bytes)
 {
     static constexpr auto fromLast = factors();

@@ -12,7 +12,7 @@ class Replay
 public:
     Replay(std::uint32_t seed, double reliability, double detection);
 
-    /// The next frame's fate.
+    /// Draws the next frame's fate.
     void nextFrame(std::size_t bytes);
 
     bool arrives() const { return _arrives; }

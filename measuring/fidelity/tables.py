@@ -41,7 +41,7 @@ class CorruptionRow:
         if self.detection > 0:
             return []
         frames = self.figures["sent"]
-        flips = analysis.flips_fit(self.figures["frames_by_flips"], frames, self.frame_bytes, self.reliability)
+        flips = analysis.flips_fit(self.figures["frames_by_flips"], frames, self.reliability)
         return [flips, analysis.spread_fit(self.figures["flips_by_bit"], frames)]
 
     def facts(self):
@@ -62,7 +62,7 @@ class CorruptionRow:
         flips, spread = self.distribution_fits()
         cells["flips set"] = f"{self.frame_bytes * analysis.BITS_PER_BYTE * (1 - self.reliability):.5g}"
         cells["flips measured"] = f"{sum(self.figures['flips_by_bit']) / sent:.5g}"
-        variance = analysis.variance_ratio(self.figures["frames_by_flips"], self.frame_bytes, self.reliability)
+        variance = analysis.variance_ratio(self.figures["frames_by_flips"], self.reliability)
         cells["variance"] = "–" if variance is None else f"{variance:.4f}"
         cells["distribution"] = p_text(flips)
         cells["spread"] = p_text(spread)
@@ -124,14 +124,14 @@ class DelayRow:
     delay: int  # ms, in effect
     deviation: int  # likewise
     deadlines: list  # ms
-    figures: list  # of the client, by deadline
+    figures: dict  # of the client: lists by deadline
     replayed: list  # frames in time, by deadline
 
     def frames(self):
-        return self.figures[0]["sent"]
+        return self.figures["sent"][0]
 
     def in_time(self):
-        return [pair["delivered"] for pair in self.figures]
+        return self.figures["delivered"]
 
     def shares(self):
         return [analysis.share_in_time(deadline, self.delay, self.deviation) for deadline in self.deadlines]
@@ -141,9 +141,10 @@ class DelayRow:
 
     def facts(self):
         return [
-            analysis.fact(all(pair["received"] == pair["sent"] for pair in self.figures), "frames missing"),
-            analysis.fact(all(pair["lost"] == 0 for pair in self.figures), "frames reported lost"),
-            analysis.fact(all(pair["order_errors"] == 0 for pair in self.figures), "frames out of order"),
+            analysis.fact(self.figures["received"] == self.figures["sent"], "frames missing"),
+            analysis.fact(not any(self.figures["lost"]), "frames reported lost"),
+            analysis.fact(not any(self.figures["order_errors"]), "frames out of order"),
+            analysis.fact(not any(self.figures["strays"]), "unexpected messages"),
             analysis.fact(self.in_time() == self.replayed, "differs from the replay"),
         ]
 
