@@ -17,7 +17,7 @@ fi
 install_packages $build_packages fonts-dejavu-core gnuplot-nox python3 python3-scipy util-linux >&2
 cmake --preset release >&2
 cmake --build --preset release --target lattivo-headless lattivo_fidelityclient >&2
-export PYTHONPATH=.:examples
+export PYTHONPATH=.:client/python
 # Debian's own Python, which has the modules of the packages
 # shellcheck disable=SC2086  # no word, or an option and its value
 exec /usr/bin/python3 -B -m measuring.fidelity.fidelity --build-dir build/release $output "$@"

@@ -42,6 +42,11 @@ def fact(holds, otherwise):
     return True if holds else otherwise
 
 
+def wrong(*checks: tuple[object, str]) -> list[str]:
+    """Return the texts of those that are true."""
+    return [text for is_wrong, text in checks if is_wrong]
+
+
 def threshold(tests):
     """The p-value below which one of so many tests fails."""
     return SIGNIFICANCE / max(tests, 1)

@@ -14,9 +14,11 @@ import sys
 import tempfile
 from dataclasses import dataclass, field
 
+import lattivo
 import numpy
 
 from measuring.fidelity import analysis, cases, fidelitydocument, measure, replay, tables
+from measuring.fidelity.measure import SMALLEST_FRAME
 from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, find_program, progress
 from measuring.lab.makesimulation import LinkSettings
 
@@ -34,7 +36,6 @@ UNDECIDED_LINKS = (  # own and default delay and deviation; what has to be in ef
     ((10, 3), (20, 10), (10, 3)),
 )
 CLOCK_LINKS = ((10, 1), (10, 2), (10, 3), (10, 10), (10, 50), (1, 50))  # delay and deviation
-SMALLEST_FRAME = 12  # bytes; the fewest draws between two delays
 IDLE_RATE, LOADED_RATE = 250, 20_000  # frames/s
 
 
@@ -139,7 +140,6 @@ def delay_rows(laboratory, effort):
 def case_rows(laboratory):
     rows = []
     for case in cases.cases(laboratory.seed):
-        progress.begin(f"confirmations: {case.title}")
         rows.append(tables.CaseRow(case, cases.measure_case(laboratory, case)))
     return rows
 
@@ -263,7 +263,7 @@ def main():
         laboratory = measure.Laboratory(options.program, options.client, folder, options.seed)
         try:
             rows, round_trips = measure_all(laboratory, options)
-        except (MeasurementFailed, cases.bridge.Disconnected, OSError) as error:
+        except (MeasurementFailed, lattivo.LattivoError, OSError) as error:
             return progress.fail(error)
     progress.end()
     quiet = (laboratory.repeated, laboratory.disturbed, laboratory.most_runs())

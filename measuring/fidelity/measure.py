@@ -15,6 +15,7 @@ from measuring.lab.launcher import Launcher
 from measuring.lab.makesimulation import CHECKED, LinkSettings, NodeSettings, Simulation
 
 MAXIMAL_TRANSFER_UNIT = 1500  # bytes, of every simulation
+SMALLEST_FRAME = 12  # bytes; the fewest draws between two delays
 PATIENCE = 600  # s, for one measurement
 LONE_RATE = 1000  # frames/s; below it the simulator has gone to sleep when the next frame comes
 LONE = disturbance.Disturbance(stolen=0.001, waited=0.001, late=0.002)  # more is too much where single frames count

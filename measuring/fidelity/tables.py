@@ -185,9 +185,9 @@ class CaseRow:
             "case": self.case.title,
             "received set": " + ".join(str(self.case.received[node]) for node in nodes) or "–",
             "received": " + ".join(str(self.outcome.received[node]) for node in nodes) or "–",
-            "delivered set": str(self.case.delivered),
+            "delivered set": str(self.case.outcomes.delivered),
             "delivered": str(self.outcome.delivered),
-            "lost set": str(self.case.lost),
+            "lost set": str(self.case.outcomes.lost),
             "lost": str(self.outcome.lost),
         }
 

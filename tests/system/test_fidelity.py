@@ -456,7 +456,7 @@ class TestMeasuring(unittest.TestCase):
             self.assertEqual(failures(row), [])
 
     def test_a_confirmation_that_does_not_come_fails(self) -> None:
-        late = cases.Case("late", {}, links={0: LinkSettings(delay=cases.LATER)}, patience=0.5)
+        late = cases.Case("late", links=(LinkSettings(delay=cases.LATER),), patience=0.5)
         self.assertEqual(cases.measure_case(self.laboratory, late).deviations(late), ["counts"])
 
 
