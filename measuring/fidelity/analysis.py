@@ -28,18 +28,13 @@ class Fit:
     """A test of counts against a distribution."""
 
     p_value: float  # 0: impossible counts
-    statistic: float = None  # chi-square; None: a test of another kind
+    statistic: float = 0.0  # chi-square; 0: a test of another kind
     freedom: int = 0  # its degrees
     is_exact: bool = False  # nothing was left to chance: no member of the family
 
 
-def exact_fit(holds):
+def exact_fit(holds: bool) -> Fit:
     return Fit(1.0 if holds else 0.0, is_exact=True)
-
-
-def fact(holds, otherwise):
-    """What leaves nothing to chance: True, or a text that says what is wrong."""
-    return True if holds else otherwise
 
 
 def wrong(*checks: tuple[object, str]) -> list[str]:
@@ -47,30 +42,27 @@ def wrong(*checks: tuple[object, str]) -> list[str]:
     return [text for is_wrong, text in checks if is_wrong]
 
 
-def threshold(tests):
-    """The p-value below which one of so many tests fails."""
+def threshold(tests: int) -> float:
+    """Return the p-value below which one of so many tests fails."""
     return SIGNIFICANCE / max(tests, 1)
 
 
-# Bit errors
-
-
-def frame_error_rate(reliability, frame_bytes):
-    """1 - p^(8n), exact also where next to nothing or nearly everything is hit."""
+def frame_error_rate(reliability: float, frame_bytes: int) -> float:
+    """Return 1 - p^(8n), exact also where next to nothing or nearly everything is hit."""
     if reliability in (0, 1):
         return 1.0 - reliability
     return -math.expm1(frame_bytes * BITS_PER_BYTE * math.log(reliability))
 
 
-def interval(count, total, significance):
-    """Clopper and Pearson's, exact: covers the true share with a probability of at least 1 - significance."""
+def interval(count: int, total: int, significance: float) -> tuple[float, float]:
+    """Return Clopper and Pearson's: it covers the true share with a probability of at least 1 - significance."""
     low = stats.beta.ppf(significance / 2, count, total - count + 1) if count > 0 else 0.0
     high = stats.beta.ppf(1 - significance / 2, count + 1, total - count) if count < total else 1.0
     return float(low), float(high)
 
 
-def share_fit(count, total, share):
-    """Two-sided, by the same interval: fails exactly when the share lies outside of it."""
+def share_fit(count: int, total: int, share: float) -> Fit:
+    """Test two-sided, by the same interval: fails exactly when the share lies outside of it."""
     if share in (0.0, 1.0):
         return exact_fit(count == share * total)
     as_few = stats.binom.cdf(count, total, share)
@@ -78,38 +70,39 @@ def share_fit(count, total, share):
     return Fit(float(min(1.0, 2 * min(as_few, as_many))))
 
 
-def chi_square(observed, expected, deviation=0.0):
-    """Of classes that together hold everything; a class that cannot occur must be empty. The p-value is that of a
-    source whose shares are off by so much (Cohen's w)."""
-    observed, expected = numpy.asarray(observed, float), numpy.asarray(expected, float)
-    if observed[expected == 0].any():
+def chi_square(observed: Sequence[float], expected: Sequence[float], deviation: float = 0.0) -> Fit:
+    """Test classes that together hold everything; a class that cannot occur must be empty.
+
+    The p-value is that of a source whose shares are off by so much (Cohen's w).
+    """
+    seen, due = numpy.asarray(observed, float), numpy.asarray(expected, float)
+    if seen[due == 0].any():
         return exact_fit(False)
-    observed, expected = joined(observed[expected > 0], expected[expected > 0])
-    freedom = len(expected) - 1
+    seen, due = joined(seen[due > 0], due[due > 0])
+    freedom = len(due) - 1
     if freedom < 1:
         return exact_fit(True)
-    statistic = float(((observed - expected) ** 2 / expected).sum())
-    shift = observed.sum() * deviation**2
+    statistic = float(((seen - due) ** 2 / due).sum())
+    shift = seen.sum() * deviation**2
     p_value = stats.ncx2.sf(statistic, freedom, shift) if shift else stats.chi2.sf(statistic, freedom)
     return Fit(float(p_value), statistic, freedom)
 
 
-def joined(observed, expected):
-    """Neighbouring classes put together until each is large enough."""
-    classes = []
-    for seen, due in zip(observed, expected):
-        if classes and classes[-1][1] < SMALLEST_EXPECTED:
-            classes[-1] = (classes[-1][0] + seen, classes[-1][1] + due)
-        else:
-            classes.append((seen, due))
+def joined(observed: Sequence[float], expected: Sequence[float]) -> tuple[numpy.ndarray, numpy.ndarray]:
+    """Put neighbouring classes together until each is large enough."""
+    classes = [numpy.zeros(2)]
+    for one in zip(observed, expected):
+        if classes[-1][1] >= SMALLEST_EXPECTED:
+            classes.append(numpy.zeros(2))
+        classes[-1] += one
     if len(classes) > 1 and classes[-1][1] < SMALLEST_EXPECTED:
-        seen, due = classes.pop()
-        classes[-1] = (classes[-1][0] + seen, classes[-1][1] + due)
+        last = classes.pop()
+        classes[-1] += last
     return numpy.array([seen for seen, _ in classes]), numpy.array([due for _, due in classes])
 
 
-def binomial_shares(numbers, trials, share):
-    """By logarithms: shares too small for a number come out as 0."""
+def binomial_shares(numbers: numpy.ndarray, trials: int, share: float) -> numpy.ndarray:
+    """Compute by logarithms: shares too small for a number come out as 0."""
     return numpy.exp(stats.binom.logpmf(numbers, trials, share))
 
 
@@ -132,8 +125,8 @@ def variance_ratio(frames_by_flips: Sequence[int], reliability: float) -> float 
     return float(numpy.average((flips - mean) ** 2, weights=frames_by_flips) / expected)
 
 
-def spread_fit(flips_by_bit, frames):
-    """Whether all bit positions are hit alike often, whatever that often is."""
+def spread_fit(flips_by_bit: Sequence[int], frames: int) -> Fit:
+    """Test whether all bit positions are hit alike often, whatever that often is."""
     flips = numpy.asarray(flips_by_bit, float)
     share = flips.sum() / (len(flips) * frames)
     if share in (0.0, 1.0):
@@ -142,30 +135,26 @@ def spread_fit(flips_by_bit, frames):
     return Fit(float(stats.chi2.sf(statistic, len(flips) - 1)), statistic, len(flips) - 1)
 
 
-# Delays
+def delays(delay: int, deviation: int) -> list[int]:
+    """Return those that are equally likely, in ms: from delay - deviation / 2, rounded towards the delay, deviation
+    values in all; those that would be negative are 0."""
+    return [max(0, delay - deviation // 2 + step) for step in range(deviation or 1)]
 
 
-def delay_shares(delay, deviation):
-    """Probability by delay in ms: evenly from delay - deviation / 2, rounded towards the delay, deviation values in
-    all; those that would be negative are 0."""
-    if deviation == 0:
-        return {delay: 1.0}
-    shares = {}
-    for step in range(deviation):
-        drawn = max(0, delay - deviation // 2 + step)
-        shares[drawn] = shares.get(drawn, 0.0) + 1 / deviation
-    return shares
+def delay_shares(delay: int, deviation: int) -> dict[int, float]:
+    """Return the probability by delay in ms."""
+    drawn = delays(delay, deviation)
+    return {value: drawn.count(value) / len(drawn) for value in drawn}
 
 
-def share_in_time(deadline, delay, deviation):
-    """Of the delays that are not above the deadline."""
-    possible = range(deviation) if deviation else (0,)
-    first = delay - deviation // 2
-    return sum(max(0, first + step) <= deadline for step in possible) / len(possible)
+def share_in_time(deadline: int, delay: int, deviation: int) -> float:
+    """Return the share of the delays that are not above the deadline."""
+    drawn = delays(delay, deviation)
+    return sum(value <= deadline for value in drawn) / len(drawn)
 
 
-def deadlines_fit(in_time, frames, shares):
-    """The distribution function at several deadlines, each of them measured with other frames."""
+def deadlines_fit(in_time: Sequence[int], frames: int, shares: Sequence[float]) -> Fit:
+    """Test the distribution function at several deadlines, each of them measured with other frames."""
     statistic, freedom = 0.0, 0
     for count, share in zip(in_time, shares):
         if share in (0.0, 1.0):
@@ -177,13 +166,16 @@ def deadlines_fit(in_time, frames, shares):
     return Fit(float(stats.chi2.sf(statistic, freedom)), statistic, freedom) if freedom else exact_fit(True)
 
 
-def delivery_errors(sent, arrived, delays):
-    """Of each arrival against the due time that it belongs to, in µs. All three in the order of sending, the times in
-    ns. A link hands the oldest frame over at each due time, so the n-th arrival belongs to the n-th due time."""
-    due = numpy.sort(numpy.asarray(sent) + numpy.asarray(delays) * NANOSECONDS_PER_MILLISECOND)
+def delivery_errors(sent: Sequence[int], arrived: Sequence[int], drawn: Sequence[int]) -> numpy.ndarray:
+    """Return by how much each arrival is behind the due time that it belongs to, in µs.
+
+    All three are in the order of sending, times in ns and delays in ms. A link hands the oldest frame over at each due
+    time, so the n-th arrival belongs to the n-th due time.
+    """
+    due = numpy.sort(numpy.asarray(sent) + numpy.asarray(drawn) * NANOSECONDS_PER_MILLISECOND)
     return (numpy.asarray(arrived) - due) / 1e3
 
 
-def clock_readings(sent, arrived):
-    """Whole milliseconds from sending to arriving, of frames that were alone on the link."""
+def clock_readings(sent: Sequence[int], arrived: Sequence[int]) -> numpy.ndarray:
+    """Return whole milliseconds from sending to arriving, of frames that were alone on the link."""
     return (numpy.asarray(arrived) - numpy.asarray(sent)) // NANOSECONDS_PER_MILLISECOND

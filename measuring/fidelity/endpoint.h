@@ -47,8 +47,7 @@ public:
         return result != LATTIVO_AGAIN && _check(result);
     }
 
-    /// Reads once, when something has come, and calls \a handle for each message. Returns whether there was
-    /// one.
+    /// Reads once, when something has come, and calls \a handle for each message. False: there was none.
     template <typename Handle> bool receive(milliseconds wait, Handle handle)
     {
         lattivo_message message{};

@@ -1,37 +1,22 @@
-"""The simulator's random numbers drawn a second time, to know the delay of each single frame."""
+"""Draw the simulator's random numbers a second time, to know the delay of each single frame."""
 
-import functools
+from __future__ import annotations
 
 MODULUS = 2**31 - 1
-MULTIPLIER = 48271
+MULTIPLIER = 48271  # each number is so many times the one before, modulo the modulus
 DRAWS_PER_BYTE = 8
 
 
-class Draws:
-    """Each number is 48271 times the one before, modulo 2^31 - 1."""
-
-    def __init__(self, seed):
-        self._state = seed % MODULUS or 1
-
-    def next(self):
-        self._state = self._state * MULTIPLIER % MODULUS
-        return self._state
-
-    def skip(self, count):
-        self._state = self._state * _power(count) % MODULUS
-
-
-@functools.lru_cache
-def _power(count):
-    return pow(MULTIPLIER, count, MODULUS)
-
-
-def delays(seed, count, frame_bytes, delay, deviation):
-    """In ms, of so many frames that all arrive over a link that flips no bit."""
-    draws = Draws(seed)
+def delays(seed: int, count: int, frame_bytes: int, delay: int, deviation: int) -> list[int]:
+    """Return the delays in ms of so many frames that all arrive over a link that flips no bit."""
+    draw = seed % MODULUS or 1
+    past_frame = pow(MULTIPLIER, frame_bytes * DRAWS_PER_BYTE, MODULUS)
     drawn = []
     for _ in range(count):
-        offset = deviation // 2 - draws.next() % deviation if deviation else 0
+        offset = 0
+        if deviation:
+            draw = draw * MULTIPLIER % MODULUS
+            offset = deviation // 2 - draw % deviation
         drawn.append(max(0, delay - offset))
-        draws.skip(frame_bytes * DRAWS_PER_BYTE)
+        draw = draw * past_frame % MODULUS
     return drawn

@@ -11,8 +11,7 @@ constexpr milliseconds longestHoldUp{1};  // that is made good
 constexpr int roundTripCount = 500;
 constexpr microseconds roundTripPause{500};  // the simulator goes to sleep in it
 
-/// One pair, each frame in a call of its own. Never sleeps: the clock is read as soon as something has
-/// arrived.
+/// One pair, each frame in a call of its own. Never sleeps: it reads the clock when something arrives.
 class Timing
 {
 public:

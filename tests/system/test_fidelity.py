@@ -5,16 +5,14 @@ Needs Debian's python3-scipy. The simulator and the measuring client come from t
 
 from __future__ import annotations
 
+import collections
 import copy
 import os
-import sys
 import tempfile
 import time
 import unittest
 import unittest.mock
 from pathlib import Path
-
-TOP_FOLDER = Path(__file__).resolve().parents[2]
 
 import numpy
 
@@ -32,9 +30,9 @@ RELIABILITY = 0.99
 MILLISECOND = analysis.NANOSECONDS_PER_MILLISECOND
 
 
-def failures(row: object) -> list[str]:
+def failures(row: tables.Row) -> list[str]:
     """Return what speaks against the row."""
-    return tables.failures(row, THRESHOLD)
+    return row.failures(THRESHOLD)
 
 
 def corruption_figures(flips: numpy.ndarray) -> dict:
@@ -103,11 +101,15 @@ class TestFormulas(unittest.TestCase):
         self.assertEqual((observed.tolist(), expected.tolist()), ([3, 32], [6.0, 31.5]))
 
     def test_the_replay_draws_the_documented_numbers(self) -> None:
-        draws = replay.Draws(1)
-        self.assertEqual([draws.next() for _ in range(3)], [48271, 182605794, 1291394886])
-        skipping = replay.Draws(1)
-        skipping.skip(2)
-        self.assertEqual(skipping.next(), 1291394886)
+        middle = replay.MODULUS // 2  # with these settings the delays are the numbers
+        drawn = replay.delays(1, 3, frame_bytes=0, delay=middle, deviation=replay.MODULUS)
+        self.assertEqual(drawn, [48271, 182605794, 1291394886])
+
+    def test_the_replay_leaves_a_number_to_each_bit(self) -> None:
+        middle = replay.MODULUS // 2
+        numbers = replay.delays(1, 10, frame_bytes=0, delay=middle, deviation=replay.MODULUS)
+        drawn = replay.delays(1, 2, frame_bytes=1, delay=middle, deviation=replay.MODULUS)
+        self.assertEqual(drawn, [numbers[0], numbers[9]])
 
 
 class TestCorruptionVerdicts(unittest.TestCase):
@@ -190,6 +192,13 @@ class TestDelayVerdicts(unittest.TestCase):
         row.replayed = [count + 1 for count in row.replayed]
         self.assertIn("differs from the replay", failures(row))
 
+    def test_each_exact_fact_matters(self) -> None:
+        for name in ("received", "lost", "strays", "order_errors"):
+            with self.subTest(name):
+                row = self.row([1000 * step for step in range(11)])
+                row.figures[name][5] += 1
+                self.assertNotEqual(failures(row), [])
+
     def punctuality_row(self, lateness_us: int, wanted_rate: float = 1000) -> tables.PunctualityRow:
         sent = numpy.arange(100) * MILLISECOND
         delays = [10, 5] * 50
@@ -220,11 +229,32 @@ class TestDelayVerdicts(unittest.TestCase):
         self.assertNotEqual(failures(self.clock_row([5] * 100 + list(range(5, 15)) * 50)), [])
 
 
+class TestCaseVerdicts(unittest.TestCase):
+    """A case of the confirmations fails when something else comes, or comes too early."""
+
+    CASE = cases.Case("lost", (cases.LOST,))
+
+    def test_losses_at_the_deadline_hold(self) -> None:
+        self.assertEqual(cases.Outcome(lost=cases.FRAMES, first_loss=0.06).deviations(self.CASE), [])
+
+    def test_a_loss_before_the_deadline_fails(self) -> None:
+        found = cases.Outcome(lost=cases.FRAMES, first_loss=0.059).deviations(self.CASE)
+        self.assertEqual(found, ["reported lost after 59.0 ms"])
+
+    def test_a_confirmation_behind_the_first_frame_is_not_at_once(self) -> None:
+        case = cases.Case("broadcast", destination=cases.BROADCAST, is_confirmed_at_once=True)
+        received = collections.Counter({cases.RECEIVER: cases.FRAMES})
+        outcome = cases.Outcome(delivered=cases.FRAMES, received=received, confirmed_first=cases.FRAMES - 1)
+        self.assertEqual(outcome.deviations(case), ["not confirmed at once"])
+
+
 class TestDocument(unittest.TestCase):
     """What becomes of a row that fails."""
 
     def result(self, errors: int) -> fidelitydocument.Result:
-        return fidelitydocument.Result({"order": [tables.OrderRow(1000, 900, errors)]}, numpy.array([1.0]), 1)
+        return fidelitydocument.Result(
+            {"order": [tables.OrderRow(measure.Counts(1, 1000, 900, errors))]}, numpy.array([1.0]), 1
+        )
 
     def test_a_failing_row_shows_in_table_and_summary(self) -> None:
         result = self.result(errors=3)
@@ -262,9 +292,6 @@ class PlannedRuns(measure.Laboratory):
         figures = {"run": run, "runs": 1, "order_errors": 0, "earliest_us": 0.0, **self.figures(run)}
         return figures, self.planned[run - 1]
 
-    def run_beside_timer(self, *what) -> tuple:
-        return self.run_once(*what)
-
     def measure_planned(self, limits: Disturbance, tries: int) -> int:
         """Return which run counts."""
         return self.measure_quietly(limits, tries, self.run_once)["run"]
@@ -292,7 +319,7 @@ class TestDisturbance(unittest.TestCase):
     def go_on_from(self, earlier: PlannedRuns, *stolen: float) -> PlannedRuns:
         """Return a laboratory that has what another run has kept."""
         later = PlannedRuns(*stolen)
-        later.go_on_from(PlannedRuns().counted(), earlier.timings)
+        later.timings = earlier.timings
         return later
 
     def test_a_quiet_run_that_was_kept_is_not_made_again(self) -> None:
@@ -326,8 +353,8 @@ class TestDisturbance(unittest.TestCase):
     def test_frames_out_of_order_count_in_discarded_runs_too(self) -> None:
         laboratory = PlannedRuns(0.3, 0.0)
         laboratory.figures = lambda run: {"sent_ns": [0], "arrived_ns": [1], "order_errors": 7 if run == 1 else 0}
-        measure.measure_timing(laboratory, 2, 1, FRAME_BYTES, 0, 0, rate=0)
-        self.assertEqual(laboratory.order_errors, 7)
+        measure.measure_timing(laboratory, 2, 1, 0, 0, rate=0)
+        self.assertEqual(laboratory.counts.order_errors, 7)
 
     def test_an_early_frame_of_a_discarded_run_fails_the_row(self) -> None:
         laboratory = PlannedRuns(0.3, 0.0)
@@ -405,8 +432,8 @@ class TestMeasuring(unittest.TestCase):
 
     def test_only_frames_that_arrive_whole_have_a_place_where_some_are_lost(self) -> None:
         figures = self.corruption(RELIABILITY, detection=0.5)
-        self.assertEqual(self.laboratory.frames_sent, FRAMES)
-        self.assertEqual(self.laboratory.frames_placed, figures["intact"])
+        self.assertEqual(self.laboratory.counts.sent, FRAMES)
+        self.assertEqual(self.laboratory.counts.placed, figures["intact"])
         self.assertLess(figures["intact"], figures["received"])
 
     def test_times_measured_later_go_on_where_the_other_rows_ended(self) -> None:
@@ -426,7 +453,7 @@ class TestMeasuring(unittest.TestCase):
         taken = fidelity.kept_before(self.laboratory, self.kept_file)
         self.assertEqual(taken.rows.keys(), kept.rows.keys())
         self.assertEqual(taken.rows["delays"], kept.rows["delays"])
-        self.assertEqual(self.laboratory.counted(), first.counted())
+        self.assertEqual(self.laboratory.counts, first.counts)
         self.assertEqual(self.laboratory.next_seed(), first.next_seed())
 
     def test_times_alone_need_an_earlier_run(self) -> None:
@@ -434,7 +461,7 @@ class TestMeasuring(unittest.TestCase):
             fidelity.kept_before(self.laboratory, self.kept_file)
 
     def test_times_of_another_build_of_the_simulator_are_not_gone_on_with(self) -> None:
-        fidelity.Kept("another", {}, self.laboratory.counted(), {}).save(self.kept_file)
+        fidelity.Kept("another", {}, self.laboratory.counts, {}).save(self.kept_file)
         with self.assertRaises(MeasurementFailed):
             fidelity.kept_before(self.laboratory, self.kept_file)
 
