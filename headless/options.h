@@ -5,7 +5,7 @@
 
 #include <optional>
 
-/// What the user asks for on the command line.
+/// The choices of the user on the command line.
 struct Options {
     QString simulationFile;              // empty: a new simulation
     std::optional<quint16> listenPort;   // 0: any free port; not given: as the simulation has it
@@ -21,7 +21,7 @@ struct Options {
     bool debugOutput = false;
 };
 
-/// What the command line says: the options, or a text that ends the program.
+/// The outcome of parsing: the options, or a text that ends the program.
 struct CommandLine {
     std::optional<Options> options;
     QString text;  // help, version or error; without options only

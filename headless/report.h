@@ -4,7 +4,7 @@
 
 class NetworkSimulation;
 
-/// What the report says of the run, beside the simulation itself.
+/// The facts of the run that the report adds to those of the simulation.
 struct RunFacts {
     quint32 seed = 0;
     double seconds = 0.0;        // since all awaited nodes were attached

@@ -15,7 +15,7 @@
 class AwaitedNodes;
 
 /// One run of a simulation without a window. It sets the simulation up as the options say, waits for the end
-/// and writes what they ask for. Each failure has one line on standard error and an exit code of its own.
+/// and writes what they ask for. Each failure has its line on standard error and its exit code.
 class Runner : public QObject
 {
     Q_OBJECT

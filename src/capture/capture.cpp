@@ -86,7 +86,7 @@ void writeDumpHeader(CaptureDumpStream& stream)
 }
 
 /// Writes one frame. Three things are so on purpose. Milliseconds stand where microseconds are announced. The
-/// length before the payload is the bare one. Two bytes 01 stand in the place of a check sequence, and count
+/// length before the payload is the bare one. Two bytes 01 take the place of a check sequence, and count
 /// in the captured length.
 void writeDumpRecord(CaptureDumpStream& stream, const Frame& frame)
 {
@@ -98,7 +98,7 @@ void writeDumpRecord(CaptureDumpStream& stream, const Frame& frame)
 
 }  // namespace
 
-/// Asks for the images, which the linker else drops: they stand in a static library.
+/// Asks for the images, which the linker drops otherwise: they are in a static library.
 static void initializeImages()
 {
     Q_INIT_RESOURCE(resources);

@@ -17,7 +17,7 @@ namespace {
 constexpr PropertyForm::Range<double> percentages{0.0, 100.0, 1.0};
 constexpr double percent = 100.0;
 
-// What a link stores to follow the default link
+// Stored by a link that follows the default link
 constexpr double undecidedReal = -1.0;
 constexpr int undecidedTime = -1;
 

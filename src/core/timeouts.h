@@ -32,7 +32,7 @@ public:
     void start(int delay);
 
     /// Does as start(), for one constant \a delay and a handler that may run more often than needed. Of the
-    /// starts within a millisecond, only the first and the last have a timeout of their own. Outside of a
+    /// starts within a millisecond, only the first and the last get a timeout. Outside of a
     /// pass, the handler runs for what is overdue before this returns. Within one, the time is that of a
     /// moment ago.
     void startShared(int delay);

@@ -32,7 +32,7 @@ public:
         Value step;
     };
 
-    /// What a colour row offers and shows.
+    /// The colours that a colour row offers and shows.
     struct Colors {
         QColor shown;
         QColor inherited;  // offered under the name "Default"; invalid: not offered
@@ -57,7 +57,7 @@ public:
     QCheckBox* addCheckBox(const QString& label, Qt::CheckState state, const char* changed);
     QCheckBox* addThreeStateBox(const QString& label, Qt::CheckState state, const char* changed);
     QLineEdit* addLineEdit(const QString& label, const QString& text);
-    QLineEdit* addReadOnlyField(const QString& label, const QString& text);  // no label: a row of its own
+    QLineEdit* addReadOnlyField(const QString& label, const QString& text);  // no label: fills its row
     QtColorPicker* addColorPicker(const QString& label, const Colors& colors, const char* changed);
     QPushButton* addButton(const QString& text, const char* clicked, const QString& label = QString());
 

@@ -7,11 +7,11 @@ QT_BEGIN_NAMESPACE
 class QWidget;
 QT_END_NAMESPACE
 
-/// What the user can place in the network's scene and edit in the property editor: a node or a link.
+/// A node or a link: the user places it in the network's scene and edits it in the property editor.
 class NetworkItem : public QGraphicsItem
 {
 public:
-    /// What type() returns. Simulation files hold these numbers, so they may not change.
+    /// Values of type(). Simulation files hold these numbers, so they may not change.
     enum ItemType {
         NodeType = QGraphicsItem::UserType,
         ConnectionType = QGraphicsItem::UserType + 1,

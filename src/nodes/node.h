@@ -85,7 +85,7 @@ public:
     void _dataIndication(QByteArray frame);  // a frame has arrived
     void _dataConfirmation(bool delivered);  // passed on when confirmations are wanted, else ignored
 
-    // What the node's program hears; a plain node has none
+    // For the node's program; a plain node has none
     virtual void dataIndication(QByteArray frame);
     virtual void dataConfirmation(bool delivered);
 

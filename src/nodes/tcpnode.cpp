@@ -19,8 +19,8 @@ namespace {
 
 constexpr qint64 unsentLimit = qint64{64} * 1024 * 1024;  // bytes, for a program that does not read
 
-// What the node handles for one program before others have their turn: some milliseconds of work at most. It
-// handles a burst of 16 KiB, the most that is safe to have under way, as a whole.
+// The node handles this much for one program before others have their turn: some milliseconds of work at
+// most. It handles a burst of 16 KiB, the most that is safe to have under way, as a whole.
 constexpr int mostMessagesAtATime = 1000;
 constexpr int mostBytesAtATime = 64 * 1024;
 
@@ -176,7 +176,7 @@ void TcpNode::_handleInput()
     _socket->skip(_input.size());
     _socket->setReadBufferSize(unlimited);
     _input.clear();
-    _socketStateChanged(_socket->state());  // the program may have gone meanwhile
+    _socketStateChanged(_socket->state());  // the program may have gone by now
 }
 
 /// Handles one message. Does nothing for an incomplete one, which the reader reports. False when the
