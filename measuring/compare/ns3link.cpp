@@ -26,8 +26,7 @@ struct Options {
     unsigned seed = 1;
 };
 
-/// What a link of ns-3 would have to do to decide each bit by itself; a corrupted frame is dropped all the
-/// same.
+/// Decides each bit by itself, as a link of ns-3 would have to; it still drops a corrupted frame.
 class EveryBitErrorModel : public ns3::ErrorModel
 {
 public:

@@ -65,7 +65,7 @@ struct Options {
     int lanesPerPair() const { return isInStep ? 2 : 1; }
 };
 
-/// What drives one node.
+/// Drives one node.
 struct Program {
     lattivo_client* client = nullptr;  // open until the process ends
     std::size_t lane = 0;              // whose frames and confirmations it gets

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-// What load client, limit server and makesimulation.py agree on.
+// Load client, limit server and makesimulation.py agree on this.
 
 constexpr std::size_t addressBytes = 6;
 

@@ -22,7 +22,7 @@
 
 namespace {
 
-// The server has codes of its own, so that it judges the simulator's.
+// The server repeats the codes, so that it judges the simulator's.
 enum MessageType : char {
     FrameMessage = 1,  // both ways
     Confirmation = 2,  // to the program

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares lattivo-headless with the limit server: the least that any program could do for the same job.
+"""Compares lattivo-headless with the limit server, a minimal program for the same job.
 
 Some workloads are also compared with the floor: the limit server that draws no random number and only relays.
 All take turns on one processor core, under the same load client on another; the table shows medians of all

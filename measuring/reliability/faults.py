@@ -1,6 +1,6 @@
-"""Runs the tests of the machine's faults, and writes what became of each and how large the whole suite is.
+"""Runs the tests of the machine's faults, and writes the result of each and the size of the whole suite.
 
-Exit code 2: the tests could not be run. A test that fails is told by the document.
+Exit code 2: the tests could not be run. The document reports a test that fails.
 """
 
 from __future__ import annotations
@@ -36,7 +36,7 @@ def cases_of(tests: unittest.TestSuite | unittest.TestCase) -> Iterator[unittest
 
 
 def run_with_programs() -> dict[str, str]:
-    """Return what became of each test, by class and name."""
+    """Return the result of each test, by class and name."""
     suite = unittest.defaultTestLoader.loadTestsFromNames(MODULES)
     names = [test.id() for test in cases_of(suite)]
     result = unittest.TextTestRunner(verbosity=2).run(suite)

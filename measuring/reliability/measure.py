@@ -1,6 +1,6 @@
-"""Measures what hostile programs cost the runner: its memory, and how long two ordinary programs wait meanwhile.
+"""Measures what hostile programs cost the runner: its memory, and the waiting time of two ordinary programs.
 
-Each attack goes against a runner of its own, from a process of its own, for some seconds. The result is written as
+Each attack starts a new runner and a new process, and lasts some seconds. The result is written as
 JSON. The exit code is 1 when the runner or an ordinary frame was lost, or when a limit was exceeded.
 """
 
