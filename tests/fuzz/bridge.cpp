@@ -186,7 +186,7 @@ private:
     }
 };
 
-/// A sender with the program that the fuzzer is, linked to a receiver with a program of its own.
+/// A sender, whose program is the fuzzer, and a receiver with another program at the end of a link.
 class Scene : public Fuzz::Scene
 {
 public:
@@ -248,7 +248,7 @@ private:
         _network->addItem(new Connection(_sender, _sender));
     }
 
-    /// Checks what becomes of a piece that has been sent and not yet read.
+    /// Checks what happens to a piece that has been sent and not yet read.
     void _check(const QByteArray& piece)
     {
         const bool wasAttached = _sender->socket() != nullptr;

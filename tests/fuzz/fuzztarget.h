@@ -9,18 +9,18 @@
 
 class Network;
 
-// What libFuzzer and the replay program call; each target defines the second one.
+// libFuzzer and the replay program call these; each target defines the second one.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-/// What the fuzz targets share.
+/// The fuzz targets share this.
 namespace Fuzz {
 
 /// Ends the process where a promise of the program is broken, which is a finding like a crash.
 void require(bool holds, const char* promise);
 
-/// What the seeds of a target are to reach; a replay of them fails when none does. Each goal is a variable
-/// with static storage.
+/// A case that the seeds of a target must reach; a replay of them fails when none does. Each goal is a
+/// variable with static storage.
 class Goal
 {
 public:

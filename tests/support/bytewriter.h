@@ -32,7 +32,7 @@ public:
         u32(value);
     }
 
-    /// Writes a length and the bytes: a null array has a length of its own, an empty one has length 0.
+    /// Writes a length and the bytes: a null array has a special length, an empty one has length 0.
     void array(const QByteArray& value)
     {
         length(value.isNull() ? 0xFFFFFFFF : static_cast<quint32>(value.size()));

@@ -14,7 +14,7 @@
 
 #include <memory>
 
-/// Shows the table of captured frames in a window of its own, for tests that use the mouse.
+/// Shows the table of captured frames in a separate window, for tests that use the mouse.
 namespace CaptureViewHelpers {
 
 constexpr int windowWidth = 1200;  // wide enough for all columns

@@ -1,4 +1,4 @@
-"""A screen of its own with a window manager, worked by mouse and keyboard as a user would: Xvfb, openbox, xdotool."""
+"""A virtual screen with a window manager, worked by mouse and keyboard as a user would: Xvfb, openbox, xdotool."""
 
 from __future__ import annotations
 
@@ -41,7 +41,7 @@ Value = TypeVar("Value")
 
 
 class TimedOut(AssertionError):
-    """What was waited for did not come."""
+    """An awaited event did not come in time."""
 
 
 def missing_programs() -> list[str]:
@@ -83,7 +83,7 @@ def environment(folder: Path, **more: str) -> dict[str, str]:
 
 
 class Picture:
-    """What the screen shows at one moment."""
+    """The contents of the screen at one moment."""
 
     def __init__(self, width: int, height: int, rows: list[bytes]) -> None:
         self.width = width

@@ -301,7 +301,7 @@ public:
 constexpr int largeFrameSize = 16000;
 constexpr int manyLargeFrames = 1000;  // they overflow the kernel's buffers, but not what the simulator keeps
 
-/// Owns the files of a run, in a folder of their own. A test class inherits it.
+/// Owns the files of a run, in a new folder. A test class inherits it.
 class RunFiles
 {
 protected:

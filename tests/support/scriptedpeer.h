@@ -76,7 +76,7 @@ private:
     int _descriptor;
 };
 
-/// What programs connect to in the place of the simulator.
+/// Listens in the place of the simulator.
 class Listener
 {
 public:

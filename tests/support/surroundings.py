@@ -1,4 +1,4 @@
-"""What goes wrong around a program, made for real: disks and networks that only this process and its children see.
+"""Make faults for real, on disks and networks that only this process and its children see.
 
 Root may make them; elsewhere unavailable() says why not.
 """
@@ -67,7 +67,7 @@ class Disk:
 
 
 class Machine:
-    """A network stack of its own, as another machine on the network has it; it lives as long as a process in it."""
+    """A separate network stack, like that of another machine; it lives as long as a process in it."""
 
     def __init__(self, stack: ExitStack) -> None:
         self._stack = stack
@@ -97,13 +97,13 @@ class Machine:
             _run(*command)
 
     def set_tcp_retries(self, count: int) -> None:
-        """How often the kernel sends again before it gives a connection up; each time it waits twice as long."""
+        """Set how often the kernel sends again before it gives a connection up; each time it waits twice as long."""
         with self.inside():
             Path("/proc/sys/net/ipv4/tcp_retries2").write_text(str(count), encoding="ascii")
 
 
 class Cable:
-    """What joins two machines; it can be pulled out."""
+    """Joins two machines; it can be pulled out."""
 
     SUBNET = "10.93.0.{}/30"
 

@@ -7,7 +7,7 @@
 #include "nodes/node.h"
 #include "nodes/tcpnode.h"
 
-/// What tests reach of the core's private members: settings that only property forms and files write, and
+/// Gives tests some private members of the core: settings that only property forms and files write, and
 /// state that only painting shows.
 struct TestAccess {
     static auto& parameters(Network& network) { return network._network; }

@@ -187,7 +187,7 @@ def is_waiting(pid: int) -> bool:
 
 
 class TestSimulationFile(RunnerTest):
-    """The simulation cannot be read, or changes meanwhile."""
+    """The simulation cannot be read, or changes while it is read."""
 
     @needs_surroundings
     def test_a_simulation_on_a_read_only_disk_is_run(self) -> None:

@@ -1,4 +1,4 @@
-"""Uses the whole program as a user does, on a screen of its own, and checks the files that it leaves.
+"""Uses the whole program as a user does, on a virtual screen, and checks the files that it leaves.
 
 The environment variable LATTIVO_PROGRAM holds the path of the program; CTest sets it.
 """
@@ -271,7 +271,7 @@ class TestFirstWindow(unittest.TestCase):
 
 
 class TestDialogs(unittest.TestCase):
-    """The dialogs of some desktops run an event loop of their own, in which no frame would go through."""
+    """The dialogs of some desktops run a separate event loop, in which no frame would go through."""
 
     @unittest.skipUnless(glob.glob(GTK_THEME), "the desktop theme of GTK (qt5-gtk-platformtheme) is not installed")
     def test_frames_go_through_while_a_file_dialog_is_open(self) -> None:

@@ -8,7 +8,7 @@
 
 using namespace TestHelpers;
 
-/// Tests a link as an item between two nodes. Frames on it have tests of their own.
+/// Tests a link as an item between two nodes. Other tests send frames over it.
 class TestConnection : public QObject
 {
     Q_OBJECT

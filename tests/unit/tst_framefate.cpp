@@ -101,7 +101,7 @@ QByteArray inverted(QByteArray bytes)
 
 }  // namespace
 
-/// Tests what becomes of a frame on its link: random draws decide it, in a fixed order.
+/// Tests what happens to a frame on its link: random draws decide it, in a fixed order.
 class TestFrameFate : public QObject
 {
     Q_OBJECT

@@ -26,7 +26,7 @@ std::unique_ptr<Simulator> startBoundByPermissions(const QStringList& arguments)
 
 }  // namespace
 
-/// Tests the options and files that the runner refuses, and what becomes of its files.
+/// Tests the options and files that the runner refuses, and what happens to its files.
 class TestHeadlessFiles : public QObject, private RunFiles
 {
     Q_OBJECT

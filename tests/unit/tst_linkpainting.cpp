@@ -39,7 +39,7 @@ int runsOf(const QColor& color, const QImage& image, const QPointF& begin, const
 
 }  // namespace
 
-/// What links look like, read from pictures of the scene.
+/// Tests what links look like, by pictures of the scene.
 class TestLinkPainting : public QObject, protected PaintedPair
 {
     Q_OBJECT

@@ -31,7 +31,7 @@ QByteArray burstOfFrames()
     return bytes;
 }
 
-/// What messages from the program can change.
+/// The settings that messages from the program can change.
 struct NodeState {
     explicit NodeState(TcpNode& node)
         : name(node.name())

@@ -45,7 +45,7 @@ QByteArray deliverInOnePass(TcpNode* node, int count)
 
 }  // namespace
 
-/// What a node writes to its program, and when.
+/// Tests what a node writes to its program, and when.
 class TestMessagesToProgram : public QObject
 {
     Q_OBJECT

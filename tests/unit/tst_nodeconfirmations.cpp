@@ -17,7 +17,7 @@ constexpr int farAway = 100000;    // ms, longer than any test runs
 
 }  // namespace
 
-/// What a node tells its program about the frames that it has sent.
+/// Tests what a node tells its program about the frames that it has sent.
 class TestNodeConfirmations : public QObject
 {
     Q_OBJECT

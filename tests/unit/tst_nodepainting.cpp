@@ -15,7 +15,7 @@ using namespace TestHelpers;
 
 namespace {
 
-/// What a node should look like, painted by hand for comparison.
+/// Paints a node by hand, for comparison.
 struct NodePicture {
     QColor base;
     double strokeWidth = 2.0;
@@ -71,7 +71,7 @@ QImage imageOf(const NodePicture& picture)
 
 }  // namespace
 
-/// What nodes look like, read from pictures of them.
+/// Tests what nodes look like, by pictures of them.
 class TestNodePainting : public QObject
 {
     Q_OBJECT

@@ -28,7 +28,7 @@ void assign(const Form& form, const QString& text, Qt::Key key)
 
 }  // namespace
 
-/// What happens to a node when a user edits its form.
+/// Tests what happens to a node when a user edits its form.
 class TestNodeSettings : public QObject
 {
     Q_OBJECT

@@ -31,7 +31,7 @@ protected:
 
 }  // namespace
 
-/// What mouse and keys do in a view that is shown, but for the drawing of links.
+/// Tests what mouse and keys do in a view that is shown, except for drawing links.
 class TestSceneEditing : public QObject, protected EditedScene
 {
     Q_OBJECT

@@ -10,7 +10,7 @@
 
 using namespace Painting;
 
-/// What clicks on links and nodes do, and their tool tips.
+/// Tests what clicks on links and nodes do, and their tool tips.
 class TestSceneMouse : public QObject, protected ShownPair
 {
     Q_OBJECT

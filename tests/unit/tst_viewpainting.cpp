@@ -10,7 +10,7 @@
 
 using namespace Painting;
 
-/// What a view's window really holds while things change.
+/// Tests what a view's window really shows while things change.
 class TestViewPainting : public QObject, protected ShownPair
 {
     Q_OBJECT
