@@ -1,6 +1,6 @@
 #!/bin/sh
 # bench.sh [OPTION...]: compares lattivo-headless with the limit server.
-# bench.sh --window [OPTION...]: compares the window, on a display of its own, with lattivo-headless.
+# bench.sh --window [OPTION...]: compares the window, on a virtual display, with lattivo-headless.
 # Builds the release tree first. --help lists the options.
 set -eu
 

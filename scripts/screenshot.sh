@@ -1,5 +1,5 @@
 #!/bin/sh
-# Takes docs/screenshot.png, a picture of the program at work, on a screen of its own. Needs no display.
+# Takes docs/screenshot.png, a picture of the program at work, on a virtual screen. Needs no display.
 set -eu
 
 cd "$(dirname "$0")/.."
