@@ -182,6 +182,12 @@ def processor_wait(pid: int) -> int:
     return int(Path(f"/proc/{pid}/schedstat").read_text(encoding="ascii").split()[1])
 
 
+def memory_of(pid: int, field: str = "VmRSS") -> int:
+    """Return how many bytes of memory a process uses; "VmHWM" gives the most it has ever used."""
+    status = Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    return 1024 * int(status.split(field + ":")[1].split()[0])
+
+
 def find_program(folder: Path, name: str) -> str | None:
     """Return the path of a program that was built somewhere in the folder."""
     found = [path for path in sorted(folder.rglob(name)) if path.is_file() and os.access(path, os.X_OK)]

@@ -6,7 +6,7 @@ Node N is called "node-N" and has the address 02:00:00:00:HH:LL (N in its last t
 from __future__ import annotations
 
 import struct
-from dataclasses import dataclass, field
+from dataclasses import astuple, dataclass, field
 from typing import Optional, Sequence, Tuple
 
 Color = Optional[Tuple[int, int, int]]  # None is the invalid colour, which inherits
@@ -56,7 +56,7 @@ class NodeSettings:
 
 @dataclass
 class LinkSettings:
-    """Settings of one link; what is left out follows the default link."""
+    """Settings of one link, in the order of the file; what is left out follows the default link."""
 
     broken: bool = False
     reliability: float = -1.0  # negative: the default's
@@ -110,8 +110,9 @@ def node_address(node: int) -> bytes:
     return struct.pack(">BxxxH", 2, node)
 
 
-def boolean(value: bool) -> bytes:
-    return struct.pack(">?", value)
+def frame_between(source: int, destination: int, number: int, size: int = 64) -> bytes:
+    addresses = node_address(destination) + node_address(source)
+    return (addresses + number.to_bytes(4, "big")).ljust(size, b"\xaa")
 
 
 def byte_array(value: bytes) -> bytes:
@@ -131,48 +132,40 @@ def color(rgb: Color) -> bytes:
 
 def node_record(
     node_type: int,
-    node_id: int,
+    number: int,
     position: tuple[float, float],
     address: bytes,
-    body: bytes,
     name: str,
-    promiscuous: int,
+    settings: NodeSettings,
+    colors: Sequence[Color],
+    stroke_width: float,
+    shown: int,
 ) -> bytes:
-    header = struct.pack(">iiQ", NODE_ITEM_TYPE, node_type, node_id)
     flags = 0
-    return (
-        header
-        + struct.pack(">dd", *position)
-        + byte_array(address)
-        + struct.pack(">i", flags)
-        + body
-        + string(name)
-        + string("")  # tool tip
-        + struct.pack(">i", promiscuous)
-    )
-
-
-def node_settings(acknowledged: int, timeout: int, colors: Sequence[Color], stroke_width: float, shown: int) -> bytes:
     show_address = show_connection_count = show_name = shown
     return (
-        struct.pack(">ii", acknowledged, timeout)
-        + b"".join(color(rgb) for rgb in colors)
-        + struct.pack(">d", stroke_width)
-        + struct.pack(">iii", show_address, show_connection_count, show_name)
+        struct.pack(">iiQdd", NODE_ITEM_TYPE, node_type, number, *position)
+        + byte_array(address)
+        + struct.pack(">iii", flags, settings.confirms, settings.confirmation_timeout)
+        + b"".join(map(color, colors))
+        + struct.pack(">diii", stroke_width, show_address, show_connection_count, show_name)
+        + string(name)
+        + string("")  # tool tip
+        + struct.pack(">i", settings.promiscuous)
     )
 
 
 def default_node(simulation: Simulation) -> bytes:
-    acknowledged = CHECKED if simulation.confirms else UNCHECKED
-    timeout = simulation.confirmation_timeout if simulation.confirms else 0
+    confirms, timeout = (CHECKED, simulation.confirmation_timeout) if simulation.confirms else (UNCHECKED, 0)
     colors = (LIGHT_GRAY, ACTIVE_BLUE, TX_GREEN, RX_YELLOW)
-    settings = node_settings(acknowledged, timeout, colors, 2.0, CHECKED)
-    return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", settings, "", UNCHECKED)
+    settings = NodeSettings(confirms, timeout, UNCHECKED)
+    return node_record(PLAIN_NODE, 0, (0.0, 0.0), b"", "", settings, colors, 2.0, CHECKED)
 
 
-def node(index: int, position: tuple[float, float], own: NodeSettings) -> bytes:
-    body = node_settings(own.confirms, own.confirmation_timeout, (None,) * 4, -1.0, PARTIALLY_CHECKED)
-    return node_record(TCP_NODE, node_id(index), position, node_address(index), body, node_name(index), own.promiscuous)
+def node(index: int, simulation: Simulation) -> bytes:
+    own = simulation.own_nodes.get(index, NodeSettings())
+    place, address, name = simulation.layout.position(index), node_address(index), node_name(index)
+    return node_record(TCP_NODE, node_id(index), place, address, name, own, (None,) * 4, -1.0, PARTIALLY_CHECKED)
 
 
 def node_id(index: int) -> int:
@@ -180,11 +173,8 @@ def node_id(index: int) -> int:
 
 
 def connection_record(ends: tuple[int, int], settings: LinkSettings, rgb: Color, stroke_width: float) -> bytes:
-    behaviour = (settings.reliability, settings.detection, settings.delay, settings.delay_deviation)
     return (
-        struct.pack(">iQQ", CONNECTION_ITEM_TYPE, *ends)
-        + boolean(settings.broken)
-        + struct.pack(">ddii", *behaviour)
+        struct.pack(">iQQ?ddii", CONNECTION_ITEM_TYPE, *ends, *astuple(settings))
         + color(rgb)
         + struct.pack(">d", stroke_width)
         + string("")  # tool tip
@@ -205,10 +195,7 @@ def connection(ends: tuple[int, int], own: LinkSettings) -> bytes:
 def network_record(simulation: Simulation) -> bytes:
     server_on = plug_and_play = name_based = False  # the runner's options decide
     parameters = (simulation.maximal_transfer_unit, ADDRESS_LENGTH, DESTINATION_OFFSET, SOURCE_OFFSET)
-    nodes = [
-        node(index, simulation.layout.position(index), simulation.own_nodes.get(index, NodeSettings()))
-        for index in range(simulation.node_count())
-    ]
+    nodes = [node(index, simulation) for index in range(simulation.node_count())]
     connections = [
         connection(ends, simulation.own_links.get(index, LinkSettings()))
         for index, ends in enumerate(simulation.links())
@@ -232,6 +219,5 @@ def simulation_file(simulation: Simulation) -> bytes:
     return (
         struct.pack(">II", VERSIONED_MAGIC, FILE_VERSION)
         + network_record(simulation)
-        + struct.pack(">??", capture_enabled, view_follows)
-        + struct.pack(">I", VERSIONED_MAGIC)
+        + struct.pack(">??I", capture_enabled, view_follows, VERSIONED_MAGIC)
     )

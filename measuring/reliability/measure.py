@@ -11,7 +11,6 @@ import json
 import multiprocessing
 import random
 import resource
-import socket
 import statistics
 import sys
 import tempfile
@@ -23,13 +22,13 @@ from multiprocessing.synchronize import Event
 from pathlib import Path
 from typing import Callable
 
-from lattivo import Frame, LattivoError, NodeControl, Outcome, messages
+from lattivo import Client, Confirmation, Frame, LattivoError, Message, NodeControl, Outcome, messages
 from lattivo.codes import HEADER
 
 from measuring.lab import makesimulation
-from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, Server
-from tests.support import surroundings
-from tests.support.runner import Program, frame_between
+from measuring.lab.launcher import TOP_FOLDER, MeasurementFailed, Server, memory_of
+from measuring.lab.makesimulation import frame_between
+from measuring.lab.programs import Hostile
 
 PATIENCE = 30.0  # s, of the hostile programs
 LEFT, RIGHT, ATTACKER, PARTNER = range(4)  # nodes: two ordinary programs, and two for the attacks
@@ -41,6 +40,7 @@ CROWD = 1000  # connections at once
 LARGEST_LENGTH = 0xFFFFFFFE  # bytes announced; one more would be a null array
 SENT_OF_IT = 1000  # bytes that really come
 
+DELIVERED = Confirmation(Outcome.DELIVERED)
 MEBIBYTE = 1 << 20
 BUFFERS = 16 * MEBIBYTE  # twice what the sockets of a crowd take, 8 KiB each, and what the allocator keeps of them
 WAITING = 64 * MEBIBYTE  # of frames, after which the runner drops a program that does not read
@@ -78,31 +78,34 @@ def start_runner(stack: ExitStack, program: Path) -> Server:
     return stack.enter_context(Server(command, folder / "log"))
 
 
-def connect(stack: ExitStack, port: int) -> socket.socket:
-    stream = stack.enter_context(socket.create_connection(("127.0.0.1", port), PATIENCE))
-    stream.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    return stream
-
-
-def attach(stack: ExitStack, port: int, node: int) -> Program:
+def attach(stack: ExitStack, port: int, node: int) -> Client:
     """Return an ordinary program once it is attached: a frame without addresses is reported as lost then."""
-    program = Program.connect(port=port, address=makesimulation.node_address(node))
-    stack.enter_context(program)
-    program.outcome_of(b"\0")
+    program = stack.enter_context(Client.connect(port=port, address=makesimulation.node_address(node)))
+    answer_to(program, b"\0")
+    return program
+
+
+def answer_to(program: Client, frame: bytes) -> Message | None:
+    """Send a frame; return what comes then, None when nothing does."""
+    program.send_frame(frame, PATIENCE)
+    return program.receive(PATIENCE)
+
+
+def connect(port: int) -> Hostile:
+    program = Hostile(port)
+    if not program.wait_until_connected(PATIENCE):
+        raise TimeoutError("no connection")
     return program
 
 
 def send_and_wait_for_end(port: int, data: bytes) -> None:
     """Send bytes, nothing more, and read until the simulator ends the connection."""
-    with ExitStack() as stack:
-        stream = connect(stack, port)
-        try:
-            stream.sendall(data)
-            stream.shutdown(socket.SHUT_WR)
-            while stream.recv(65536):
-                pass
-        except ConnectionError:
-            pass  # closed with our bytes unread
+    program = connect(port)
+    program.send(data)
+    program.end_output()
+    if not program.wait_for_end(PATIENCE):
+        raise TimeoutError("the simulator keeps the connection")
+    program.close()
 
 
 # Attacks: one round each
@@ -118,10 +121,10 @@ def announce_too_much(port: int, _: random.Random) -> None:
 
 def crowd(port: int, _: random.Random) -> None:
     """Make connections that say nothing."""
-    with ExitStack() as stack:
-        for _number in range(CROWD):
-            connect(stack, port)
-        time.sleep(SETTLING)
+    programs = [connect(port) for _number in range(CROWD)]
+    time.sleep(SETTLING)
+    for program in programs:
+        program.close()
 
 
 def talk_nonsense(port: int, draws: random.Random) -> None:
@@ -136,7 +139,7 @@ def never_read(port: int, _: random.Random) -> None:
         sender = attach(stack, port, ATTACKER)
         attach(stack, port, PARTNER)
         number = 0
-        while sender.outcome_of(frame_between(ATTACKER, PARTNER, number, LARGE_FRAME)) == Outcome.DELIVERED:
+        while answer_to(sender, frame_between(ATTACKER, PARTNER, number, LARGE_FRAME)) == DELIVERED:
             number += 1
 
 
@@ -160,17 +163,17 @@ def attack_until(name: str, port: int, is_over: Event, rounds: Synchronized[int]
         rounds.value += 1
 
 
-def answer_time(left: Program, right: Program, number: int) -> float:
+def answer_time(left: Client, right: Client, number: int) -> float:
     """Send a frame from one ordinary program to the other; return the seconds until it is there and confirmed."""
     frame = frame_between(LEFT, RIGHT, number)
     start = time.perf_counter()
-    outcome = left.outcome_of(frame)
-    if right.next_message() != Frame(frame) or outcome != Outcome.DELIVERED:
+    answer = answer_to(left, frame)
+    if right.receive(PATIENCE) != Frame(frame) or answer != DELIVERED:
         raise AssertionError("an ordinary frame was lost")
     return time.perf_counter() - start
 
 
-def measure_answers(pair: tuple[Program, Program], seconds: float, is_enough: Callable[[], bool]) -> list[float]:
+def measure_answers(pair: tuple[Client, Client], seconds: float, is_enough: Callable[[], bool]) -> list[float]:
     times: list[float] = []
     start = time.monotonic()
     while time.monotonic() - start < seconds or not is_enough():
@@ -187,7 +190,7 @@ def measure(name: str, program: Path, seconds: float) -> Measurement:
             runner = start_runner(stack, program)
             pair = attach(stack, runner.port, LEFT), attach(stack, runner.port, RIGHT)
             measure_answers(pair, SETTLING, lambda: True)
-            result.resident_before = surroundings.memory_of(runner.process.pid)
+            result.resident_before = memory_of(runner.process.pid)
             is_over, rounds = multiprocessing.Event(), multiprocessing.Value("i", 0)
             attacker = multiprocessing.Process(target=attack_until, args=(name, runner.port, is_over, rounds))
             attacker.start()
@@ -199,7 +202,7 @@ def measure(name: str, program: Path, seconds: float) -> Measurement:
             result.answers = len(times)
             result.answer_median_ms = 1000 * statistics.median(times)
             result.answer_worst_ms = 1000 * max(times)
-            result.resident_peak = surroundings.memory_of(runner.process.pid, "VmHWM")
+            result.resident_peak = memory_of(runner.process.pid, "VmHWM")
         result.survived = attacker.exitcode == 0
     except (AssertionError, LattivoError, MeasurementFailed, OSError) as error:
         print(f"{name}: {error}", file=sys.stderr)

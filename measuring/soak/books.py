@@ -13,8 +13,8 @@ from typing import Any
 
 from lattivo import Client, Confirmation, Disconnected, Frame, Outcome
 
+from measuring.lab import programs
 from measuring.lab.confirmations import RULES, Fate, outcomes
-from measuring.soak import programs
 from measuring.soak.simulator import BOOK_KIND, CERTAIN_LINK, CHECKED, HANG, MAXIMAL_TRANSFER_UNIT, UNCHECKED, Simulator
 
 LOSS_TIMEOUT = 200  # ms, of A's confirmations

@@ -16,8 +16,9 @@ from typing import Any, Callable, Sequence, TypeVar
 from lattivo import Client, LattivoError, MessageType, NodeControl, messages
 from lattivo.codes import HEADER, NULL_LENGTH
 
-from measuring.soak import honest, programs
-from measuring.soak.programs import Hostile
+from measuring.lab import programs
+from measuring.lab.programs import Hostile
+from measuring.soak import honest
 from measuring.soak.simulator import (
     CHAOS_KIND,
     CHECKED,

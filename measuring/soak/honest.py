@@ -18,8 +18,8 @@ from typing import Any, Callable
 
 from lattivo import Client, Confirmation, Disconnected, Frame, Outcome
 
+from measuring.lab import programs
 from measuring.lab.confirmations import Fate, outcomes
-from measuring.soak import programs
 
 NODE_KIND = 1  # of addresses
 SENDING_INTERVAL = 0.04  # s, of each program

@@ -13,8 +13,10 @@ from typing import Any, Callable, Sequence
 
 from lattivo import Client
 
+from measuring.lab import programs
+from measuring.lab.launcher import memory_of
 from measuring.lab.remotecontrol import RemoteControl
-from measuring.soak import honest, programs
+from measuring.soak import honest
 
 CHECKED, UNCHECKED = 2, 0
 DESCRIPTORS = 4096  # of the simulator, when none are taken away from it
@@ -108,8 +110,7 @@ class Simulator(RemoteControl):
         resource.prlimit(self.process.pid, resource.RLIMIT_NOFILE, (limit, DESCRIPTORS))
 
     def resident_bytes(self) -> int:
-        with open(f"/proc/{self.process.pid}/statm", encoding="ascii") as file:
-            return int(file.read().split()[1]) * resource.getpagesize()
+        return memory_of(self.process.pid)
 
 
 def add_honest_pairs(simulator: Simulator, rng: random.Random) -> None:

@@ -151,8 +151,3 @@ class RunnerTest(unittest.TestCase):
     def reported_node(self, node: int) -> dict[str, object]:
         name = makesimulation.node_name(node)
         return next(entry for entry in self.reported()["nodes"] if entry["name"] == name)
-
-
-def frame_between(source: int, destination: int, number: int, size: int = 64) -> bytes:
-    addresses = makesimulation.node_address(destination) + makesimulation.node_address(source)
-    return (addresses + number.to_bytes(4, "big")).ljust(size, b"\xaa")

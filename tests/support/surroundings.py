@@ -122,14 +122,6 @@ class Cable:
         self._far.run("ip", "link", "set", "cable", "up")
 
 
-def memory_of(pid: int, field: str = "VmRSS") -> int:
-    """Return how many bytes of memory a process uses; "VmHWM" gives the most it has ever used."""
-    for line in Path(f"/proc/{pid}/status").read_text(encoding="ascii").splitlines():
-        if line.startswith(field + ":"):
-            return int(line.split()[1]) * 1024
-    raise ValueError(field)
-
-
 def _run(*command: str) -> None:
     subprocess.run(command, check=True, capture_output=True, timeout=PATIENCE)
 

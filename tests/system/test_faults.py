@@ -19,6 +19,7 @@ from pathlib import Path
 
 import lattivo
 
+from measuring.lab.makesimulation import frame_between
 from tests.support import desktop, formatreader, surroundings
 from tests.support.runner import (
     NO_DUMP,
@@ -29,7 +30,6 @@ from tests.support.runner import (
     Run,
     RunnerTest,
     environment,
-    frame_between,
     needs_root,
     needs_surroundings,
 )

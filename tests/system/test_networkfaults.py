@@ -15,8 +15,10 @@ import lattivo
 from lattivo import messages
 
 from measuring.lab import makesimulation
+from measuring.lab.launcher import memory_of
+from measuring.lab.makesimulation import frame_between
 from tests.support import desktop, surroundings
-from tests.support.runner import PATIENCE, SUCCESS, Program, RunnerTest, frame_between, needs_surroundings
+from tests.support.runner import PATIENCE, SUCCESS, Program, RunnerTest, needs_surroundings
 
 LOSS_SIZE = 6  # bytes of the report that a frame is lost
 
@@ -113,7 +115,7 @@ class TestNetworkLoss(RunnerTest):
         self.assertEqual(self.reported_node(1)["attached"], True)
 
     def test_what_waits_for_the_lost_program_is_bounded(self) -> None:
-        before = surroundings.memory_of(self.simulator.pid, "VmHWM")
+        before = memory_of(self.simulator.pid, "VmHWM")
         self.cable.pull_out()
         waiting = 0
         while self.send(waiting, self.LARGE) == lattivo.Outcome.DELIVERED:
@@ -123,7 +125,7 @@ class TestNetworkLoss(RunnerTest):
         for number in range(20):  # nothing is kept of what a program sends to the detached node
             self.assertEqual(self.send(number, self.LARGE), lattivo.Outcome.LOST)
         self.assert_others_are_served()
-        growth = surroundings.memory_of(self.simulator.pid, "VmHWM") - before
+        growth = memory_of(self.simulator.pid, "VmHWM") - before
         self.assertLess(growth, 2 * self.UNSENT_LIMIT)  # sanitizers take some half more
         self.assertEqual(self.simulator.end(), (SUCCESS, ""))
         self.assertEqual(self.reported_node(1)["attached"], False)

@@ -75,6 +75,12 @@ class Hostile:
             self.read()
         return self.has_ended
 
+    def end_output(self) -> None:
+        try:
+            self.socket.shutdown(socket.SHUT_WR)
+        except OSError:
+            self.has_ended = True
+
     def close(self) -> None:
         self.has_ended = True
         self.socket.close()
