@@ -132,16 +132,13 @@ class Chaos:
     # The course of things
 
     def run(self, seconds: float, rare_operations: Sequence[Operation]) -> None:
-        """Perform ordinary operations for so long, and the rare ones in between in their order."""
+        """Perform ordinary operations for so long, and the rare ones behind them."""
         begin = time.monotonic()
-        times = sorted(self.rng.uniform(0.1, 0.9) * seconds for _ in rare_operations)
-        waiting = collections.deque(zip(times, rare_operations))
-        while time.monotonic() - begin < seconds or waiting:
-            if waiting and time.monotonic() - begin >= waiting[0][0]:
-                self.perform(waiting.popleft()[1])
-            else:
-                self.perform(self.rng.choices(list(ORDINARY), list(ORDINARY.values()))[0])
+        while time.monotonic() - begin < seconds:
+            self.perform(self.rng.choices(list(ORDINARY), list(ORDINARY.values()))[0])
             self._idle(self.rng.expovariate(1 / 0.03))
+        for operation in rare_operations:
+            self.perform(operation)
 
     def perform(self, operation: Operation) -> None:
         self.tally[operation.__name__] += 1

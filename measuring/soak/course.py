@@ -80,7 +80,6 @@ class Course:
         self.frames: collections.Counter[str] = collections.Counter()
         self.worst_answer = 0.0  # s
         self.is_opened = False  # the simulation is one that was opened; else it is empty
-        self.memory: list[Json] = []  # after each replacement by an empty simulation
 
     def run(self) -> Json:
         """Return the summary."""
@@ -91,7 +90,6 @@ class Course:
             for ending in ("new", "open", "damaged"):  # what is loaded once and kept for good is there then
                 self._epoch(self.plan.warm_up_seconds, RARE, ending, in_flight=ending == "open")
             levels.append(self._level())
-            self.memory.clear()
             warm_up = time.monotonic() - begin
             self._soak(self.plan.seconds)
             levels.append(self._level())
@@ -104,7 +102,9 @@ class Course:
             self._end_processes()
         start, end = [*levels, None, None][:2]
         self._compare_levels(start, end)
-        verdicts = {verdict: not texts for verdict, texts in self.failures.items()}
+        verdicts: dict[str, bool | None] = {verdict: not texts for verdict, texts in self.failures.items()}
+        if end and not self.plan.judges_memory:
+            verdicts["memory"] = None
         return {
             "seed": self.plan.seed,
             "seconds": time.monotonic() - begin - warm_up,
@@ -116,12 +116,11 @@ class Course:
             "equation": books.EQUATION,
             "start": start,
             "end": end,
-            "memory_course": self.memory,
             "memory_limit": MEMORY_LIMIT if self.plan.judges_memory else None,
             "worst_answer_seconds": max(self.worst_answer, self.simulator.worst_answer),
             "answer_limit_seconds": HANG,
             "verdict_titles": VERDICTS,
-            "verdicts": {**verdicts, **({} if self.plan.judges_memory or not end else {"memory": None})},
+            "verdicts": verdicts,
             "failures": {verdict: texts for verdict, texts in self.failures.items() if texts},
             "passed": not any(self.failures.values()),
         }
@@ -166,9 +165,6 @@ class Course:
         else:
             self._note("honest", *report["errors"])
         self.is_opened = ending == "open"
-        if not self.is_opened:
-            level = self._level()
-            self.memory.append({name: level[name] for name in ("resident_bytes", "heap_bytes")})
 
     def _begin_simulation(self) -> None:
         self.simulator.do("parameters", maximal_transfer_unit=MAXIMAL_TRANSFER_UNIT)

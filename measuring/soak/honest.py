@@ -29,7 +29,6 @@ LARGEST_BODY = 200  # bytes behind addresses and number
 NUMBER = struct.Struct(">QI")  # number of the frame, check sum of the rest
 SILENCE = 0.5  # s without a message too many, at the end
 END_PATIENCE = 60.0  # s for the last messages
-MOST_ERRORS = 20
 
 
 @dataclass(frozen=True)
@@ -136,8 +135,7 @@ class Talker:
         return time.monotonic() - self.sent_times[self.partner.received] - self.link.longest_delay() / 1000
 
     def note(self, error: str) -> None:
-        if len(self.errors) < MOST_ERRORS:
-            self.errors.append(f"{node_name(self.number)}: {error}")
+        self.errors.append(f"{node_name(self.number)}: {error}")
 
 
 class Honest:
@@ -167,7 +165,7 @@ class Honest:
             "confirmations": sum(talker.confirmed for talker in self.talkers),
             "worst": max((talker.worst for talker in self.talkers), default=0.0),
             "waiting": max((talker.waiting() for talker in self.talkers), default=0.0),
-            "errors": [error for talker in self.talkers for error in talker.errors][:MOST_ERRORS],
+            "errors": [error for talker in self.talkers for error in talker.errors],
         }
 
     def stop(self) -> dict[str, Any]:

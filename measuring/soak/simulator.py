@@ -30,6 +30,12 @@ CHAOS_NODES = 10
 CHAOS_LINKS = 14
 
 CERTAIN_LINK = [("reliabilityChanged", 100.0), ("errorDetectionReliabilityChanged", 100.0)]
+UNCONFIRMED = [("framesAcknowledgedChanged", UNCHECKED), ("promiscuousModeChanged", UNCHECKED)]
+
+
+def confirming(timeout: int) -> list[tuple[str, Any]]:
+    """Return the settings of a node that takes its own frames only and hears of each within the time-out (ms)."""
+    return [*UNCONFIRMED, ("framesAcknowledgedChanged", CHECKED), ("frameAcknowledgeTimeoutChanged", timeout)]
 
 
 class Simulator(RemoteControl):
@@ -49,7 +55,8 @@ class Simulator(RemoteControl):
         self.port = self.do("listen")["port"]
 
     def identify_by(self, by_name: bool, plug_and_play: bool) -> None:
-        self.do("identification", by_name=by_name, plug_and_play=plug_and_play)
+        for slot, is_on in (("tcpUseNameForPnpChanged", by_name), ("tcpPnpEnabledChanged", plug_and_play)):
+            self.set("network", (slot, CHECKED if is_on else UNCHECKED))
         self.by_name = by_name
 
     def nodes(self) -> list[dict[str, Any]]:
@@ -76,10 +83,12 @@ class Simulator(RemoteControl):
             time.sleep(POLL)
         return True
 
-    def add_node(self, rng: random.Random, name: str, address: bytes) -> int:
+    def add_node(self, rng: random.Random, name: str, address: bytes, *settings: tuple[str, Any]) -> int:
         """Return the number of a new node at any place."""
         place = {"x": rng.uniform(0, 700), "y": rng.uniform(0, 500)}
-        return int(self.do("add_node", name=name, address=address.hex(), **place)["number"])
+        number = int(self.do("add_node", name=name, address=address.hex(), **place)["number"])
+        self.set(number, *settings)
+        return number
 
     def add_link(self, ends: Sequence[int], *settings: tuple[str, Any]) -> int:
         """Return the number of a new link."""
@@ -115,13 +124,11 @@ class Simulator(RemoteControl):
 
 def add_honest_pairs(simulator: Simulator, rng: random.Random) -> None:
     for pair, link in enumerate(honest.LINKS):
+        settings = confirming(link.timeout) if link.confirms else UNCONFIRMED
         ends = [
-            simulator.add_node(rng, honest.node_name(end), honest.node_address(end)) for end in (2 * pair, 2 * pair + 1)
+            simulator.add_node(rng, honest.node_name(end), honest.node_address(end), *settings)
+            for end in (2 * pair, 2 * pair + 1)
         ]
-        for end in ends:
-            confirms = CHECKED if link.confirms else UNCHECKED
-            simulator.set(end, ("framesAcknowledgedChanged", confirms), ("promiscuousModeChanged", UNCHECKED))
-            simulator.set(end, ("frameAcknowledgeTimeoutChanged", link.timeout))
         delays = [("delayChanged", link.delay), ("delayDeviationChanged", link.deviation)]
         simulator.add_link(ends, *CERTAIN_LINK, *delays)
 

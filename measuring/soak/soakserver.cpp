@@ -59,9 +59,11 @@ QJsonObject added(NetworkItem* item)
     return {{"number", numberOf(item)}};
 }
 
-/// Makes the form of the item with that number, of the default node or of the default link.
+/// Makes the form of the item with that number, of the network, of the default node or of the default link.
 QWidget* newFormOf(const QJsonValue& item)
 {
+    if (item == QJsonValue("network"))
+        return network().propertiesWidget();
     if (item == QJsonValue("default node"))
         return network().defaultNode()->propertiesWidget();
     if (item == QJsonValue("default connection"))
@@ -127,12 +129,6 @@ const RemoteCommand exportFrames("export", [](const QJsonObject& arguments) -> Q
 
 const RemoteCommand setParameters("parameters", [](const QJsonObject& arguments) -> QJsonObject {
     TestAccess::parameters(network()).maximalTransferUnit = arguments["maximal_transfer_unit"].toInt();
-    return {};
-});
-
-const RemoteCommand setIdentification("identification", [](const QJsonObject& arguments) -> QJsonObject {
-    network().setNameUsedForPnpIdentification(arguments["by_name"].toBool());
-    network().setTcpPnpEnabled(arguments["plug_and_play"].toBool());
     return {};
 });
 
