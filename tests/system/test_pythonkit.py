@@ -251,12 +251,12 @@ class TestFullSpeed(KitTest):
 
     def test_no_frame_is_lost_with_asyncio(self) -> None:
         count = FRAMES // 10
-        self.start_simulator()
+        self.start_simulator("--identify-by", "name")  # which tells when the receiver is attached
 
         async def exchange() -> int:
             where = {"host": self.host, "port": self.port, "timeout": PATIENCE}
-            async with lattivo.aio.connect(address=address_of(0), **where) as sender, lattivo.aio.connect(
-                address=address_of(1), **where
+            async with lattivo.aio.connect(name=name_of(0), **where) as sender, lattivo.aio.connect(
+                name=name_of(1), **where
             ) as receiver:
                 sending = asyncio.ensure_future(sender.send_frames(numbered_frames(MIXED_SIZES, count)))
                 received = 0
