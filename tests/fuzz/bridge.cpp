@@ -167,23 +167,18 @@ struct MessagesToProgram {
             if (type == Bridge::Frame)
                 frames.append(body);
             else
-                _countOutcome(type, body);
+                outcomes.append(body);
+            Fuzz::require(type == Bridge::Frame || type == Bridge::Confirmation,
+                          "a program gets what it knows");
         }
+        Fuzz::require(confirmations() + losses() == outcomes.size(), "an outcome is one or the other");
     }
+
+    int confirmations() const { return outcomes.count(QByteArray(1, Bridge::FrameDelivered)); }
+    int losses() const { return outcomes.count(QByteArray(1, Bridge::FrameNotDelivered)); }
 
     QByteArrayList frames;
-    int confirmations = 0;
-    int losses = 0;
-
-private:
-    void _countOutcome(quint8 type, const QByteArray& body)
-    {
-        const int outcome = body.at(0);
-        Fuzz::require(type == Bridge::Confirmation && body.size() == 1, "a program gets what it knows");
-        Fuzz::require(outcome == Bridge::FrameDelivered || outcome == Bridge::FrameNotDelivered,
-                      "an outcome is one or the other");
-        ++(outcome == Bridge::FrameDelivered ? confirmations : losses);
-    }
+    QByteArrayList outcomes;
 };
 
 /// A sender, whose program is the fuzzer, and a receiver with another program at the end of a link.
@@ -268,20 +263,19 @@ private:
     {
         const MessagesToProgram toReceiver(_receivingProgram.receive());
         const MessagesToProgram toSender(_sendingProgram.receive());
-        Fuzz::require(toReceiver.confirmations + toReceiver.losses == 0, "only a sender gets confirmations");
+        Fuzz::require(toReceiver.outcomes.isEmpty(), "only a sender gets confirmations");
         Fuzz::require(toSender.frames == expected.returned,
                       "the sender gets the frames that come back to it");
         if (!_is(WantsConfirmations))
-            Fuzz::require(toSender.confirmations + toSender.losses == 0,
-                          "confirmations come only where they are wanted");
+            Fuzz::require(toSender.outcomes.isEmpty(), "confirmations come only where they are wanted");
         if (_is(IsLinkNoisy)) {
             lostToNoise.noteIf(toReceiver.frames.size() < expected.delivered.size());
             return;
         }
         Fuzz::require(toReceiver.frames == expected.delivered, "the receiver gets its frames in order");
-        Fuzz::require(toSender.confirmations == expected.unicasts + expected.broadcasts,
+        Fuzz::require(toSender.confirmations() == expected.unicasts + expected.broadcasts,
                       "every frame that is taken is confirmed");
-        Fuzz::require(toSender.losses == expected.losses,
+        Fuzz::require(toSender.losses() == expected.losses,
                       "every frame that nobody takes is reported as lost");
         _noteGoals(expected);
     }

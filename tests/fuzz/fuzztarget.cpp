@@ -51,8 +51,8 @@ void Fuzz::require(bool holds, const char* promise)
     std::abort();
 }
 
-Fuzz::Goal::Goal(const char* what)
-    : _what(what)
+Fuzz::Goal::Goal(const char* words)
+    : what(words)
 {
     goals().push_back(this);
 }
@@ -64,10 +64,12 @@ std::vector<const Fuzz::Goal*>& Fuzz::goals()
     return all;
 }
 
-Network* Fuzz::newNetwork()
+/// Lets each input see the same random draws.
+Fuzz::Scene::Scene(uint8_t choices)
+    : _network(NetworkSimulation::newNetworkSimulation()->network())
+    , _choices(choices)
 {
     qsrand(1);
-    return NetworkSimulation::newNetworkSimulation()->network();
 }
 
 void Fuzz::deleteNetwork()

@@ -21,28 +21,18 @@ void require(bool holds, const char* promise);
 
 /// A case that the seeds of a target must reach; a replay of them fails when none does. Each goal is a
 /// variable with static storage.
-class Goal
-{
-public:
-    explicit Goal(const char* what);
-    Goal(const Goal&) = delete;
-    Goal& operator=(const Goal&) = delete;
+struct Goal {
+    explicit Goal(const char* words);
+    Q_DISABLE_COPY_MOVE(Goal)
 
-    void noteIf(bool isReached) { _isReached = _isReached || isReached; }
+    void noteIf(bool reached) { isReached = isReached || reached; }
 
-    const char* what() const { return _what; }
-    bool isReached() const { return _isReached; }
-
-private:
-    const char* _what;
-    bool _isReached = false;
+    const char* what;
+    bool isReached = false;
 };
 
 /// Returns the goals of the target in this program.
 std::vector<const Goal*>& goals();
-
-/// Makes a new simulation, with the same random draws for each input.
-Network* newNetwork();
 
 /// Deletes the simulation, of which nothing may be left for the next input.
 void deleteNetwork();
@@ -61,14 +51,9 @@ QByteArrayList piecesOf(const QByteArray& input);
 class Scene
 {
 public:
-    explicit Scene(uint8_t choices)
-        : _network(newNetwork())
-        , _choices(choices)
-    {
-    }
+    explicit Scene(uint8_t choices);
     ~Scene() { deleteNetwork(); }
-    Scene(const Scene&) = delete;
-    Scene& operator=(const Scene&) = delete;
+    Q_DISABLE_COPY_MOVE(Scene)
 
 protected:
     /// Tells whether the bit \a choice is set.
@@ -95,8 +80,7 @@ class Program
 public:
     Program();
     ~Program();
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
+    Q_DISABLE_COPY_MOVE(Program)
 
     int takeSimulatorEnd();  // a descriptor, the caller's from here on
 

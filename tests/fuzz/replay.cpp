@@ -33,9 +33,9 @@ bool areGoalsReached()
 {
     bool areAll = true;
     for (const Fuzz::Goal* goal : Fuzz::goals()) {
-        if (!goal->isReached())
-            std::printf("No seed reaches this: %s\n", goal->what());
-        areAll = areAll && goal->isReached();
+        if (!goal->isReached)
+            std::printf("No seed reaches this: %s\n", goal->what);
+        areAll = areAll && goal->isReached;
     }
     return areAll;
 }

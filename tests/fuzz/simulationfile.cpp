@@ -116,17 +116,13 @@ QByteArray normalised(const QByteArray& file, Order order)
     return head + records + file.right(tailSize);
 }
 
-template <typename Item> void makeForms(const QList<Item*>& items)
-{
-    for (Item* item : items.mid(0, mostForms))
-        delete item->propertiesWidget();
-}
-
-void makeAllForms()
+void makeForms()
 {
     delete network().propertiesWidget();
-    makeForms(items<Node>());
-    makeForms(items<Connection>());
+    for (Node* node : items<Node>().mid(0, mostForms))
+        delete node->propertiesWidget();
+    for (Connection* connection : items<Connection>().mid(0, mostForms))
+        delete connection->propertiesWidget();
 }
 
 /// Paints an area in the middle and all that there is.
@@ -244,7 +240,7 @@ void use()
     deliverFrames();
     paint();
     readCapture();
-    makeAllForms();
+    makeForms();
     simulation().capture()->setEnabled(isCaptureOn);
     Fuzz::require(saved() == file, "neither forms nor frames change what is saved");
 
