@@ -19,7 +19,7 @@ public:
 
     void addFlag(const std::string& name, bool& flag, const std::string& help)
     {
-        _flags[name] = &flag;
+        _options[name] = {false, [&flag](const std::string& /*name*/) { return flag = true; }};
         _usage += "  " + name + ": " + help + '\n';
     }
 
@@ -38,7 +38,7 @@ public:
     void addValue(const std::string& name, const std::function<bool(const std::string&)>& take,
                   const std::string& help)
     {
-        _values[name] = take;
+        _options[name] = {true, take};
         _usage += "  " + name + " VALUE: " + help + '\n';
     }
 
@@ -46,11 +46,9 @@ public:
     void read(int argc, char** argv) const
     {
         for (int i = 1; i < argc; ++i) {
-            const auto flag = _flags.find(argv[i]);
-            const auto value = _values.find(argv[i]);
-            if (flag != _flags.end())
-                *flag->second = true;
-            else if (value == _values.end() || ++i == argc || !value->second(argv[i]))
+            const auto found = _options.find(argv[i]);
+            if (found == _options.end() || (found->second.hasValue && ++i == argc)
+                || !found->second.take(argv[i]))
                 refuse();
         }
     }
@@ -63,9 +61,13 @@ public:
     }
 
 private:
+    struct Option {
+        bool hasValue;
+        std::function<bool(const std::string&)> take;
+    };
+
     std::string _usage;
-    std::map<std::string, bool*> _flags;
-    std::map<std::string, std::function<bool(const std::string&)>> _values;
+    std::map<std::string, Option> _options;
 };
 
 /// Ends the process: a measurement that did not work out is none.

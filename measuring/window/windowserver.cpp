@@ -74,16 +74,6 @@ PaintWatch& application()
     return *static_cast<PaintWatch*>(QCoreApplication::instance());
 }
 
-const Node* nodeOfName(const QString& name)
-{
-    const QList<Node*> nodes = itemsOf<Node>(RemoteControl::network().items());
-    for (const Node* node : nodes) {
-        if (node->name() == name)
-            return node;
-    }
-    return nullptr;
-}
-
 /// Returns when the display shows the window, which may be as large as the screen.
 const RemoteCommand show("show", [](const QJsonObject& arguments) -> QJsonObject {
     MainWindow& window = RemoteControl::window();
@@ -97,11 +87,13 @@ const RemoteCommand show("show", [](const QJsonObject& arguments) -> QJsonObject
 
 /// Answers with the place of a node on the screen; "pictures" tells from now on when it was painted where.
 const RemoteCommand watch("watch", [](const QJsonObject& arguments) -> QJsonObject {
-    const Node* node = nodeOfName(arguments["node"].toString());
-    if (!node)
-        return RemoteControl::failure("no such node");
-    application().watch(static_cast<QGraphicsView*>(RemoteControl::window().centralWidget()), node);
-    return {{"x", application().place().x()}, {"y", application().place().y()}};
+    for (const Node* node : itemsOf<Node>(RemoteControl::network().items())) {
+        if (node->name() != arguments["node"].toString())
+            continue;
+        application().watch(static_cast<QGraphicsView*>(RemoteControl::window().centralWidget()), node);
+        return {{"x", application().place().x()}, {"y", application().place().y()}};
+    }
+    return RemoteControl::failure("no such node");
 });
 
 const RemoteCommand tellPictures("pictures", [](const QJsonObject& /*arguments*/) -> QJsonObject {
