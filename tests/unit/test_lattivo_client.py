@@ -330,6 +330,26 @@ class TestSending(ClientTest):
         self.client.send_frame(b"next", PATIENCE)
         self.assertEqual(read_exactly(self.peer, 9), messages.encode_frame(b"next"))
 
+    def test_a_timeout_before_a_frame_that_is_too_large_counts_too(self) -> None:
+        self.connect_with_little_room()
+        self.fill_path(self.client)
+        with self.assertRaises(lattivo.Timeout) as caught:
+            self.client.send_frames([bytes(1000), bytes(100_000)], TINY)
+        self.assertEqual(caught.exception.sent, 0)
+        self.assertTrue(self.client.flush())  # nothing waits
+
+    def test_a_timeout_keeps_what_was_queued_before(self) -> None:
+        self.connect_with_little_room()
+        count = self.fill_path(self.client)
+        self.assertTrue(self.client.queue_frame(bytes(1000)))
+        with self.assertRaises(lattivo.Timeout):
+            self.client.send_frames([bytes(1000)], TINY)
+        size = (count + 1) * 1005
+        receiving = in_background(self, lambda: self.client.receive(PATIENCE))
+        self.assertEqual(len(read_exactly(self.peer, size)), size)
+        self.peer.sendall(DELIVERED)
+        receiving.join(PATIENCE)
+
     def test_a_peer_that_closes_ends_a_sender_that_waits_for_room(self) -> None:
         self.connect_with_little_room()
         self.fill_path(self.client)

@@ -86,23 +86,24 @@ class Client:
         A Timeout says in its member sent how many were sent. Those before one that is too large are sent.
         """
         channel, deadline = self._channel, Deadline(timeout)
+        run(steps.flush(channel), deadline)  # what queue_frame() has taken stays queued after a Timeout
         sent = queued = 0
         try:
-            run(steps.flush(channel), deadline)
-            for frame in frames:
-                message = messages.encode_frame(frame)
-                if not channel.queue(message):
-                    run(steps.flush(channel), deadline)
-                    sent, queued = sent + queued, 0
-                    channel.queue(message)
-                queued += 1
+            try:
+                for frame in frames:
+                    message = messages.encode_frame(frame)
+                    if not channel.queue(message):
+                        run(steps.flush(channel), deadline)
+                        sent, queued = sent + queued, 0
+                        channel.queue(message)
+                    queued += 1
+            except FrameTooLarge:
+                run(steps.flush(channel), deadline)
+                raise
             run(steps.flush(channel), deadline)
         except Timeout as error:
             channel.withdraw()
             raise Timeout(str(error), sent) from None
-        except FrameTooLarge:
-            run(steps.flush(channel), deadline)
-            raise
         return sent + queued
 
     def set_address(self, address: bytes, timeout: Optional[float] = None) -> None:
