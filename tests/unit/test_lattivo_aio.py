@@ -11,7 +11,15 @@ import unittest
 import lattivo
 from lattivo import messages
 from tests.support.scriptedpeer import PATIENCE, Listener, read_exactly
-from tests.unit.test_lattivo_client import DELIVERED, IDENTIFICATION_SIZE, LEFT, TINY, WRONG_OPENINGS, echo
+from tests.unit.test_lattivo_client import (
+    DELIVERED,
+    IDENTIFICATION_SIZE,
+    LEFT,
+    TINY,
+    WRONG_OPENINGS,
+    echo,
+    tear_next_call,
+)
 
 
 async def in_thread(work, *arguments):
@@ -127,6 +135,11 @@ class TestMessages(AioTest):
         self.assertEqual(len(await in_thread(read_exactly, self.peer, size)), size)
         await self.client.send_frame(b"next")
         self.assertEqual(await in_thread(read_exactly, self.peer, 9), messages.encode_frame(b"next"))
+
+    async def test_a_frame_is_sent_with_the_rest_that_the_kernel_did_not_take(self) -> None:
+        tear_next_call(self.client)
+        await self.client.send_frame(b"torn")
+        self.assertEqual(await in_thread(read_exactly, self.peer, 9), messages.encode_frame(b"torn"))
 
     async def test_sending_goes_on_when_there_is_room_again(self) -> None:
         count = await self.fill_path()

@@ -50,6 +50,21 @@ def silent_server(test: unittest.TestCase, host: str = "127.0.0.2", port: int = 
     return server
 
 
+def tear_next_call(client: lattivo.Client | lattivo.aio.Client) -> None:
+    """Let the kernel take only three bytes of the next call, as when memory is short."""
+    whole = client._channel._socket
+
+    class Torn:
+        def __getattr__(self, name: str) -> object:
+            return getattr(whole, name)
+
+        def send(self, data: bytes, flags: int) -> int:
+            client._channel._socket = whole
+            return whole.send(data[:3], flags)
+
+    client._channel._socket = Torn()
+
+
 class ClientTest(unittest.TestCase):
     """A client that has identified itself by address, and its peer."""
 
@@ -386,21 +401,16 @@ class TestSending(ClientTest):
             client.send_frame(b"x", PATIENCE)
 
     def test_a_rest_that_the_kernel_did_not_take_leaves_first(self) -> None:
-        whole = self.client._channel._socket
-
-        class Torn:
-            def __getattr__(self, name: str) -> object:
-                return getattr(whole, name)
-
-            def send(self, data: bytes, flags: int) -> int:
-                return whole.send(data[:3], flags)
-
-        self.client._channel._socket = Torn()
+        tear_next_call(self.client)
         self.assertTrue(self.client.try_send(b"torn"))
         self.assertTrue(self.client.wants_to_write)
-        self.client._channel._socket = whole
         self.client.send_frame(b"next")
         self.assertEqual(read_exactly(self.peer, 18), messages.encode_frame(b"torn") + messages.encode_frame(b"next"))
+
+    def test_a_frame_is_sent_with_the_rest_that_the_kernel_did_not_take(self) -> None:
+        tear_next_call(self.client)
+        self.client.send_frame(b"torn")
+        self.assertEqual(read_exactly(self.peer, 9), messages.encode_frame(b"torn"))
 
 
 class TestReceiving(ClientTest):

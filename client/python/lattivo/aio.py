@@ -31,7 +31,8 @@ class Client:
     """A program that drives one node of the network.
 
     Several tasks may use one client. All failures are a LattivoError. A task that is cancelled while it sends a frame
-    has sent nothing of it. Nothing is read until somebody receives.
+    has sent nothing of it; only where memory is short may it have sent a part, whose rest leaves with the next call.
+    Nothing is read until somebody receives.
     """
 
     def __init__(self, channel: Channel) -> None:
@@ -135,6 +136,7 @@ class Client:
         async with self._sending:
             if not self._channel.send_at_once(message):
                 await _run(steps.send(self._channel, message))
+            await _run(steps.flush(self._channel))  # the rest, where memory is short
         self._sends += 1
         if self._sends % SENDS_AT_A_TIME == 0:
             await asyncio.sleep(0)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import select
 import socket
 import time
@@ -215,8 +216,12 @@ class Client:
         self.close()
 
     def _send(self, message: bytes, timeout: Optional[float]) -> None:
-        if not self._channel.send_at_once(message):
-            run(steps.send(self._channel, message), Deadline(timeout))
+        channel, deadline = self._channel, Deadline(timeout)
+        if not channel.send_at_once(message):
+            run(steps.send(channel, message), deadline)
+        if channel.wants_to_write:  # a rest, since memory is short; it leaves first when the time is over
+            with contextlib.suppress(Timeout):
+                run(steps.flush(channel), deadline)
 
 
 class Deadline:
