@@ -25,8 +25,8 @@ from .errors import Disconnected, FrameTooLarge
 from .messages import Decoder
 
 SIOCOUTQ = termios.TIOCOUTQ  # Linux gives both requests the same number
-WINDOW_PAUSE = 0.001  # seconds until it is worth while to ask again for room
-SLOW_PAUSE = 0.0001  # seconds until it is worth while to ask again whether all has been taken
+WINDOW_PAUSE = 0.001  # seconds between two looks for room
+SLOW_PAUSE = 0.0001  # seconds between two looks whether all has been taken
 KEEPALIVE_PAUSE = 1  # seconds
 
 # What TCP_INFO tells, with the place in its answer
@@ -131,6 +131,8 @@ class Channel:
         """Whether the other kernel has acknowledged all that was written."""
         try:
             answer = fcntl.ioctl(self._socket, SIOCOUTQ, bytes(4))
+        except ValueError:
+            raise self._ended() from None  # closed: there is no descriptor
         except OSError as error:
             raise self._ended(error) from error
         is_taken = struct.unpack("=i", answer) == (0,)
