@@ -365,6 +365,12 @@ class TestSending(ClientTest):
         self.peer.sendall(DELIVERED)
         receiving.join(PATIENCE)
 
+    def test_the_slow_gate_says_that_the_client_has_been_closed(self) -> None:
+        client, _ = self.connect(end_of_record=False)
+        client.close(0.0)
+        with self.assertRaisesRegex(lattivo.Disconnected, "this client has been closed"):
+            client.send_frame(b"x")
+
     def test_a_peer_that_closes_ends_a_sender_that_waits_for_room(self) -> None:
         self.connect_with_little_room()
         self.fill_path(self.client)
@@ -455,6 +461,13 @@ class TestReceiving(ClientTest):
         self.peer.close()
         self.assertEqual(len(list(self.client)), 3)
 
+    def test_a_loop_that_breaks_off_leaves_the_other_messages(self) -> None:
+        self.peer.sendall(b"".join(messages.encode_frame(b"%d" % number) for number in range(3)))
+        first = next(iter(self.client))
+        self.assertEqual(
+            [first, *self.client.receive_messages(0)], [lattivo.Frame(b"%d" % number) for number in range(3)]
+        )
+
     def test_a_frame_above_the_largest_ends_the_reading(self) -> None:
         client, peer = self.connect(largest_frame=100)
         peer.sendall(messages.encode_frame(bytes(100)) + messages.encode_frame(bytes(101)))
@@ -512,6 +525,15 @@ class TestLoop(ClientTest):
         reading.join(PATIENCE)
         self.assertFalse(reading.is_alive())
         self.assertIsNone(self.client.wait_time)
+
+    def test_room_that_comes_after_a_refusal_leaves_something_to_wait_for(self) -> None:
+        while self.client.queue_frame(b"x"):
+            pass
+        is_room_for = self.client._channel._is_room_for
+        answers = iter([False])
+        with mock.patch.object(self.client._channel, "_is_room_for", lambda size: next(answers, is_room_for(size))):
+            self.assertFalse(self.client.try_send(b"y"))
+        self.assertTrue(self.client.wants_to_write or self.client.wait_time)  # else nothing would wake the loop
 
     def test_the_descriptor_is_readable_when_something_arrives(self) -> None:
         self.peer.sendall(DELIVERED)

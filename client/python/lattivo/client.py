@@ -150,8 +150,8 @@ class Client:
     def __iter__(self) -> Iterator[Message]:
         """Give the messages as they come, until the connection has ended."""
         try:
-            while True:
-                yield from self.receive_messages()
+            while (message := self.receive()) is not None:
+                yield message  # one at a time: a loop that breaks off leaves the others
         except Disconnected:
             return
 
@@ -188,7 +188,8 @@ class Client:
         """Queue a frame and send what is queued, without waiting; return False when the queue is full."""
         message = messages.encode_frame(frame)
         is_queued = self._channel.queue(message) or (self._channel.flush() and self._channel.queue(message))
-        self._channel.flush()
+        if is_queued:
+            self._channel.flush()
         return is_queued
 
     # End
