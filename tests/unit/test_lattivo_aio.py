@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import multiprocessing
+import select
 import socket
 import time
 import unittest
@@ -69,6 +70,10 @@ class TestConnect(unittest.IsolatedAsyncioTestCase):
             with self.subTest(wrong), self.assertRaises(lattivo.WrongUse):
                 lattivo.aio.connect(**{"port": self.listener.port, "address": LEFT, **wrong})
 
+    async def test_a_task_of_its_own_may_connect(self) -> None:
+        connecting = asyncio.ensure_future(lattivo.aio.connect(port=self.listener.port, address=LEFT))
+        await (await connecting).close(0.0)
+
     async def test_behind_a_name_two_further_connections_must_have_ended(self) -> None:
         connecting = asyncio.ensure_future(self.connect_by_name())
         peer = await in_thread(self.listener.accept)
@@ -129,6 +134,24 @@ class TestMessages(AioTest):
         self.assertEqual(len([message async for message in self.client]), 3)
         with self.assertRaises(lattivo.Disconnected):
             await self.client.receive()
+
+    async def test_a_loop_that_breaks_off_leaves_the_other_messages(self) -> None:
+        self.peer.sendall(3 * DELIVERED)
+        async for _ in self.client:
+            break
+        self.assertEqual(len(await asyncio.wait_for(self.client.receive_messages(), 4 * TINY)), 2)
+
+    async def test_a_task_cancelled_before_any_of_its_sends_has_sent_nothing(self) -> None:
+        for count in range(2 * lattivo.aio.SENDS_AT_A_TIME):
+            with self.subTest(count):
+                sending = asyncio.ensure_future(self.client.send_frame(b"cancelled"))
+                await asyncio.sleep(0)
+                if sending.cancel():
+                    with self.assertRaises(asyncio.CancelledError):
+                        await sending
+                else:
+                    self.assertEqual(await in_thread(read_exactly, self.peer, 14), messages.encode_frame(b"cancelled"))
+        self.assertFalse(select.select([self.peer], [], [], TINY)[0])
 
     async def test_a_cancelled_sender_has_sent_nothing_of_its_frame(self) -> None:
         size = await self.fill_path() * 1005
@@ -200,6 +223,25 @@ class TestMessages(AioTest):
         self.peer.close()
         await closing
         self.assertEqual(self.client._channel.fileno(), -1)
+
+    async def test_closing_ends_the_tasks_that_wait(self) -> None:
+        await self.fill_path()
+        waiting = [self.client.receive(), self.client.receive(), self.client.send_frame(bytes(1000))]
+        tasks = [asyncio.ensure_future(wait) for wait in waiting]
+        await asyncio.sleep(TINY)
+        closing = asyncio.ensure_future(self.client.close(PATIENCE))
+        for task in tasks:
+            with self.assertRaisesRegex(lattivo.Disconnected, "this client has been closed"):
+                await asyncio.wait_for(task, PATIENCE / 2)
+        self.assertFalse(closing.done())
+        self.peer.close()
+        await asyncio.wait_for(closing, PATIENCE / 2)
+
+    async def test_two_tasks_may_close(self) -> None:
+        closing = [asyncio.ensure_future(self.client.close(PATIENCE)) for _ in range(2)]
+        await asyncio.sleep(TINY)
+        self.peer.close()
+        await asyncio.wait_for(asyncio.gather(*closing), PATIENCE / 2)
 
 
 class TestSpeed(unittest.TestCase):

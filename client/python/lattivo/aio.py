@@ -13,7 +13,20 @@ import functools
 import select
 import socket
 from types import TracebackType
-from typing import Any, AsyncIterator, Callable, Coroutine, Generator, Iterable, List, Optional, Sequence, Type, TypeVar
+from typing import (
+    Any,
+    AsyncIterator,
+    Callable,
+    Coroutine,
+    Dict,
+    Generator,
+    Iterable,
+    List,
+    Optional,
+    Sequence,
+    Type,
+    TypeVar,
+)
 
 from . import messages, steps
 from .channel import Channel
@@ -23,6 +36,7 @@ from .errors import Disconnected, FrameTooLarge, LattivoError, UnknownHost
 from .messages import Message
 
 SENDS_AT_A_TIME = 16  # then other tasks have their turn
+TURN = steps.Wait(-1, 0)
 
 Result = TypeVar("Result")
 
@@ -30,7 +44,7 @@ Result = TypeVar("Result")
 class Client:
     """A program that drives one node of the network.
 
-    Several tasks may use one client. All failures are a LattivoError. A task that is cancelled while it sends a frame
+    Several tasks may use one client; close() ends those that wait with Disconnected. All failures are a LattivoError. A task that is cancelled while it sends a frame
     has sent nothing of it; only where memory is short may it have sent a part, whose rest leaves with the next call.
     Nothing is read until somebody receives.
     """
@@ -40,6 +54,7 @@ class Client:
         self._channel = channel
         self._sending = asyncio.Lock()
         self._receiving = asyncio.Lock()
+        self._waits = _Waits()
         self._sends = 0
 
     @property
@@ -63,13 +78,13 @@ class Client:
                 for frame in frames:
                     message = messages.encode_frame(frame)
                     if not channel.queue(message):
-                        await _run(steps.flush(channel))
-                        await asyncio.sleep(0)
+                        await self._waits.run(steps.flush(channel))
+                        await self._waits.wait(TURN)
                         channel.queue(message)
                     count += 1
-                await _run(steps.flush(channel))
+                await self._waits.run(steps.flush(channel))
             except FrameTooLarge:
-                await _run(steps.flush(channel))
+                await self._waits.run(steps.flush(channel))
                 raise
             finally:
                 channel.withdraw()
@@ -115,8 +130,7 @@ class Client:
         """Give the messages as they come, until the connection has ended."""
         try:
             while True:
-                for message in await self.receive_messages():
-                    yield message
+                yield await self.receive()  # one at a time: a loop that breaks off leaves the others
         except Disconnected:
             return
 
@@ -125,27 +139,34 @@ class Client:
 
         Messages that still arrive are dropped.
         """
+        self._waits.end()
         try:
-            await asyncio.wait_for(_run(steps.close(self._channel)), timeout)
+            await asyncio.wait_for(self._close(), timeout)
         except (LattivoError, asyncio.TimeoutError):
             pass  # the regular end: the simulator has closed as well
         finally:
             self._channel.close()
 
+    async def _close(self) -> None:
+        async with self._sending, self._receiving:  # those that waited have gone
+            await _Waits().run(steps.close(self._channel))
+
     async def _send(self, message: bytes) -> None:
+        channel = self._channel
         async with self._sending:
-            if not self._channel.send_at_once(message):
-                await _run(steps.send(self._channel, message))
-            await _run(steps.flush(self._channel))  # the rest, where memory is short
-        self._sends += 1
-        if self._sends % SENDS_AT_A_TIME == 0:
-            await asyncio.sleep(0)
+            self._sends += 1
+            if self._sends % SENDS_AT_A_TIME == 0:
+                await self._waits.wait(TURN)  # before the message leaves: this is where a task may be cancelled
+            if not channel.send_at_once(message):
+                await self._waits.run(steps.send(channel, message))
+            if channel.wants_to_write:  # a rest, since memory is short
+                await self._waits.run(steps.flush(channel))
 
     async def _fill(self) -> None:
         if self._channel.read():
-            await asyncio.sleep(0)  # other tasks have their turn
+            await self._waits.wait(TURN)
         else:
-            await _wait(steps.Wait(self._channel.fileno(), select.POLLIN))
+            await self._waits.wait(steps.Wait(self._channel.fileno(), select.POLLIN))
 
 
 class _Opening:
@@ -180,7 +201,10 @@ def connect(
     attach_pause: Optional[float] = None,
     end_of_record: bool = True,
 ) -> _Opening:
-    """Connect and identify, as lattivo.Client.connect() does: await it, or use it with "async with"."""
+    """Connect and identify, as lattivo.Client.connect() does: await it, or use it with "async with".
+
+    asyncio.ensure_future() makes a task of it; asyncio.create_task() takes coroutines only.
+    """
     steps.check_opening(port, name, address, timeout, attach_pause)  # raises WrongUse here, not later
     opening = functools.partial(
         steps.open_channel,
@@ -207,44 +231,71 @@ async def _open(
     except (OSError, UnicodeError) as error:
         raise UnknownHost(f"no address of {host}: {error}") from error
     try:
-        return Client(await asyncio.wait_for(_run(opening(addresses)), timeout))
+        return Client(await asyncio.wait_for(_Waits().run(opening(addresses)), timeout))
     except asyncio.TimeoutError:
         raise steps.no_answer(host, port, timeout) from None
 
 
-async def _run(work: steps.Steps[Result]) -> Result:
-    """Do the steps; a task that is cancelled ends them early."""
-    try:
-        while True:
-            await _wait(next(work))
-    except StopIteration as done:
-        result: Result = done.value
-        return result
-    finally:
-        work.close()
+class _Waits:
+    """What the tasks of one client wait for: each event at most once, since the loop calls only one task for it."""
 
+    def __init__(self) -> None:
+        self._ready: Dict[steps.Wait, asyncio.Future[None]] = {}
+        self._are_over = False
 
-async def _wait(wait: steps.Wait) -> None:
-    if not wait.events:
-        await asyncio.sleep(wait.seconds or 0.0)
-        return
-    loop = asyncio.get_running_loop()
-    ready = loop.create_future()
+    async def run(self, work: steps.Steps[Result]) -> Result:
+        """Do the steps; a task that is cancelled ends them early."""
+        try:
+            while True:
+                await self.wait(next(work))
+        except StopIteration as done:
+            result: Result = done.value
+            return result
+        finally:
+            work.close()
 
-    def wake() -> None:
-        if not ready.done():
-            ready.set_result(None)
+    async def wait(self, wait: steps.Wait) -> None:
+        """Return when the wait is over; raise Disconnected after end()."""
+        if self._are_over:
+            raise _closed()
+        if not wait.events:
+            await asyncio.sleep(wait.seconds or 0.0)
+            return
+        loop = asyncio.get_running_loop()
+        ready = self._ready[wait] = loop.create_future()
+        if wait.events & select.POLLIN:
+            loop.add_reader(wait.descriptor, _wake, ready)
+        if wait.events & select.POLLOUT:
+            loop.add_writer(wait.descriptor, _wake, ready)
+        try:
+            await asyncio.wait_for(ready, wait.seconds)
+        except asyncio.TimeoutError:
+            pass
+        finally:
+            self._forget(wait)
 
-    if wait.events & select.POLLIN:
-        loop.add_reader(wait.descriptor, wake)
-    if wait.events & select.POLLOUT:
-        loop.add_writer(wait.descriptor, wake)
-    try:
-        await asyncio.wait_for(ready, wait.seconds)
-    except asyncio.TimeoutError:
-        pass
-    finally:
+    def end(self) -> None:
+        """End all waits, now and from now on."""
+        self._are_over = True
+        for wait, ready in list(self._ready.items()):
+            self._forget(wait)  # at once: the descriptor may soon be another's
+            if not ready.done():
+                ready.set_exception(_closed())
+
+    def _forget(self, wait: steps.Wait) -> None:
+        if self._ready.pop(wait, None) is None:
+            return
+        loop = asyncio.get_running_loop()
         if wait.events & select.POLLIN:
             loop.remove_reader(wait.descriptor)
         if wait.events & select.POLLOUT:
             loop.remove_writer(wait.descriptor)
+
+
+def _wake(ready: asyncio.Future[None]) -> None:
+    if not ready.done():
+        ready.set_result(None)
+
+
+def _closed() -> Disconnected:
+    return Disconnected("this client has been closed")
