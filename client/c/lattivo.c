@@ -9,6 +9,7 @@
 #include <limits.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -21,10 +22,12 @@
 
 #ifdef __linux__
 #include <linux/sockios.h>
-#include <linux/tcp.h> /* the one of the C library may be too old to know the window */
-#else
-#include <netinet/tcp.h>
+#elif !defined(SO_NWRITE)
 #define SIOCOUTQ FIONWRITE
+#endif
+
+#ifndef MSG_NOSIGNAL
+#define MSG_NOSIGNAL 0 /* see new_socket() */
 #endif
 
 /* Linux neither joins what was sent with MSG_EOR to what follows nor cuts it, as long as it fits into a
@@ -49,7 +52,12 @@ enum {
     KNOCKS = 2,                    /* see identify_by_name() */
     OPTIONS_ROOM = 36,      /* bytes that a segment loses while the kernel reports gaps in what arrives */
     SMALLEST_SEGMENT = 536, /* bytes; what every path carries */
-    STATE_ESTABLISHED = 1,  /* of tcpi_state */
+    TCP_STATE_OFFSET = 0,   /* in what TCP_INFO tells: 8 bits */
+    SEGMENT_OFFSET = 16,    /* 32 bits: bytes */
+    TAKEN_OFFSET = 120,     /* 64 bits: bytes that the peer has acknowledged */
+    WINDOW_OFFSET = 228,    /* 32 bits, since Linux 5.4: bytes behind them */
+    TCP_INFO_SIZE = 232,
+    STATE_ESTABLISHED = 1,
     ERROR_SIZE = 320,
     PLACE_SIZE = 160
 };
@@ -156,17 +164,22 @@ static void ask_kernel(lattivo_client* client)
 {
     size_t segment = SMALLEST_SEGMENT;
 #ifdef __linux__
-    struct tcp_info info;
+    uint8_t info[TCP_INFO_SIZE] = {0}; /* the headers of an older system do not know all of it */
     socklen_t size = sizeof info;
-    memset(&info, 0, sizeof info);
-    if (getsockopt(client->descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) {
-        segment = info.tcpi_snd_mss;
+    if (getsockopt(client->descriptor, IPPROTO_TCP, TCP_INFO, info, &size) == 0) {
+        uint32_t segment_size;
+        uint32_t window;
+        uint64_t acknowledged;
+        memcpy(&segment_size, info + SEGMENT_OFFSET, sizeof segment_size);
+        memcpy(&window, info + WINDOW_OFFSET, sizeof window);
+        memcpy(&acknowledged, info + TAKEN_OFFSET, sizeof acknowledged);
+        segment = segment_size;
         if (client->sent == 0)
-            client->acknowledged_at_start = info.tcpi_bytes_acked;
-        client->window_end = info.tcpi_bytes_acked - client->acknowledged_at_start + info.tcpi_snd_wnd;
-        if (size < offsetof(struct tcp_info, tcpi_snd_wnd) + sizeof info.tcpi_snd_wnd)
+            client->acknowledged_at_start = acknowledged;
+        client->window_end = acknowledged - client->acknowledged_at_start + window;
+        if (size < TCP_INFO_SIZE)
             client->window_end = UINT64_MAX; /* Linux before 5.4 does not tell */
-        if (info.tcpi_state != STATE_ESTABLISHED && client->failure == LATTIVO_OK)
+        if (info[TCP_STATE_OFFSET] != STATE_ESTABLISHED && client->failure == LATTIVO_OK)
             fail_closed(client, 0);
     }
 #else
@@ -201,7 +214,12 @@ static void probe_window(lattivo_client* client)
 static bool has_unacknowledged(const lattivo_client* client)
 {
     int bytes = 0;
+#ifdef SO_NWRITE
+    socklen_t size = sizeof bytes;
+    return getsockopt(client->descriptor, SOL_SOCKET, SO_NWRITE, &bytes, &size) == 0 && bytes > 0;
+#else
     return ioctl(client->descriptor, SIOCOUTQ, &bytes) == 0 && bytes > 0;
+#endif
 }
 
 /* Returns whether what is queued may go. Behind the end of the window it would wait in the kernel, which
@@ -347,6 +365,9 @@ static int new_socket(int family)
     fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     fcntl(descriptor, F_SETFL, O_NONBLOCK);
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+#ifdef SO_NOSIGPIPE
+    setsockopt(descriptor, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
     return descriptor;
 }
 

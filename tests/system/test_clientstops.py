@@ -316,20 +316,34 @@ class TestSources(unittest.TestCase):
     """The sources compile without a warning."""
 
     def test_the_library_is_clean_c99(self) -> None:
-        for compiler in available("gcc", "clang"):
-            for variant in ((), ("-DLATTIVO_SLOW_GATE",)):
-                with self.subTest(compiler, variant=variant):
-                    run(compiler, *WARNINGS, *variant, "-fsyntax-only", CLIENT_FOLDER / "lattivo.c")
+        for variant in ((), ("-DLATTIVO_SLOW_GATE",)):
+            self.assert_is_clean(*variant)
+
+    def test_the_library_compiles_with_the_headers_of_an_older_linux(self) -> None:
+        self.assert_is_clean_with("linux/tcp.h", "#define tcpi_snd_wnd no_member")
+
+    def test_the_library_compiles_where_a_socket_option_tells_what_is_unsent(self) -> None:
+        changes = ("#define SO_NWRITE 0x1024", "#define SO_NOSIGPIPE 0x1022", "#undef MSG_NOSIGNAL")
+        self.assert_is_clean_with("sys/socket.h", *changes, flags=("-U__linux__", "-D_DEFAULT_SOURCE"))
+
+    def assert_is_clean_with(self, header: str, *changes: str, flags: tuple[str, ...] = ()) -> None:
+        """Compile with a header of the system that is changed to be like another system's."""
+        with tempfile.TemporaryDirectory(prefix="lattivo-") as folder:
+            file = Path(folder, header)
+            file.parent.mkdir()
+            file.write_text("\n".join((f"#include_next <{header}>", *changes, "")), encoding="ascii")
+            self.assert_is_clean("-isystem", folder, *flags)
+
+    def assert_is_clean(self, *options: str) -> None:
+        for compiler in ("gcc", "clang"):
+            with self.subTest(compiler, options=options):
+                run(compiler, *WARNINGS, *options, "-fsyntax-only", CLIENT_FOLDER / "lattivo.c")
 
     def test_the_header_is_clean_cpp(self) -> None:
         options = ("-x", "c++", "-std=c++11", *WARNINGS[1:], "-fsyntax-only")
-        for compiler in available("g++", "clang++"):
+        for compiler in ("g++", "clang++"):
             with self.subTest(compiler):
                 run(compiler, *options, CLIENT_FOLDER / "lattivo.h")
-
-
-def available(*compilers: str) -> list[str]:
-    return [compiler for compiler in compilers if shutil.which(compiler)]
 
 
 if __name__ == "__main__":
