@@ -2,8 +2,8 @@
 
 build_packages="ca-certificates cmake g++ ninja-build qtbase5-dev"
 demo_packages="fonts-dejavu-core python3 tshark"
-test_packages="$demo_packages iproute2 mount openbox pkg-config python3-scipy qt5-gtk-platformtheme strace util-linux
-    xdotool xvfb"
+test_packages="$demo_packages clang iproute2 mount openbox pkg-config python3-scipy qt5-gtk-platformtheme strace
+    util-linux xdotool xvfb"
 check_packages="black clang-format clang-tidy clazy mypy"
 
 as_root()
