@@ -232,11 +232,38 @@ class TestNames(KitTest):
             self.assertEqual(load.communicate(timeout=PATIENCE)[0], "attached\n1\n", f"attempt {attempt}")
 
 
-def example() -> dict[str, str]:
-    """Return the blocks of the library's document that a user copies: the program, and how CMake builds it."""
+def examples(kind: str) -> list[str]:
+    """Return the blocks of a language in the library's document, which a user copies."""
     text = (CLIENT_FOLDER / "README.md").read_text(encoding="utf-8")
-    blocks = {kind: re.search(rf"```{kind}\n(.*?)```", text, re.DOTALL) for kind in ("c", "cmake")}
-    return {kind: block.group(1) for kind, block in blocks.items() if block}
+    return re.findall(rf"```{kind}\n(.*?)```", text, re.DOTALL)
+
+
+# Queues a frame, and runs the document's loop until it ends.
+LOOP_PROGRAM = """
+#include <lattivo.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+static void handle(const lattivo_message* message)
+{
+    printf("%%d\\n", message->type);
+    fflush(stdout);
+}
+
+int main(int argc, char** argv)
+{
+    const unsigned char frame[12] = {2, 0, 0, 0, 0, 2, 2, 0, 0, 0, 0, 1};
+    lattivo_client* client;
+    lattivo_message message;
+    if (argc != 2 || lattivo_open(&client, "localhost", (uint16_t)atoi(argv[1]), NULL) != LATTIVO_OK
+        || lattivo_identify_by_name(client, "node-1") != LATTIVO_OK
+        || lattivo_send_frame(client, frame, sizeof frame, 0) != LATTIVO_OK)
+        return 1;
+    %s
+    return lattivo_close(client) == LATTIVO_CLOSED ? 0 : 1;
+}
+"""
 
 
 class TestInstallation(KitTest):
@@ -249,7 +276,7 @@ class TestInstallation(KitTest):
         self.prefix = installed.rename(self.folder / "moved")
         self.user = self.folder / "user"
         self.user.mkdir()
-        (self.user / "talk.c").write_text(example()["c"], encoding="utf-8")
+        (self.user / "talk.c").write_text(examples("c")[0], encoding="utf-8")
 
     def test_a_program_is_built_with_pkg_config(self) -> None:
         if shutil.which("pkg-config") is None:
@@ -263,14 +290,23 @@ class TestInstallation(KitTest):
         self.assert_talks(program)
 
     def test_a_program_is_built_with_cmake(self) -> None:
-        program = self.build_with_cmake(example()["cmake"])
+        program = self.build_with_cmake(examples("cmake")[0])
         self.assertNotIn("liblattivo-client", run("readelf", "-d", program))
         self.assert_talks(program)
 
     def test_a_program_is_built_with_cmake_and_the_shared_library(self) -> None:
-        program = self.build_with_cmake(example()["cmake"].replace("lattivo::client", "lattivo::client-shared"))
+        program = self.build_with_cmake(examples("cmake")[0].replace("lattivo::client", "lattivo::client-shared"))
         self.assertIn("liblattivo-client.so.1", run("readelf", "-d", program))
         self.assert_talks(program)
+
+    def test_the_loop_of_the_document_ends_with_the_connection(self) -> None:
+        (self.user / "talk.c").write_text(LOOP_PROGRAM % examples("c")[1], encoding="utf-8")
+        program = self.build_with_cmake(examples("cmake")[0])
+        simulator, port = self.start_simulator(wiring=((1, 2),), confirms=True)
+        loop = self.start(program, port, stderr=subprocess.DEVNULL)
+        self.assertEqual(read_line(loop), "2\n")  # the confirmation
+        simulator.terminate()
+        self.assertEqual(loop.wait(PATIENCE), 0)
 
     def build_with_cmake(self, project: str) -> Path:
         (self.user / "CMakeLists.txt").write_text(project, encoding="utf-8")
