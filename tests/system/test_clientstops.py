@@ -105,7 +105,10 @@ def stop_again_and_again(simulator: subprocess.Popen[str], load: subprocess.Pope
 
 
 class TestStops(KitTest):
-    """A program sends at full speed while the simulator is stopped again and again."""
+    """A program sends at full speed while the simulator is stopped again and again.
+
+    The simulator's room is counted in bytes: 100,000 frames of 1,000 bytes fill it more often than 1,000,000 of 64.
+    """
 
     def make_cable(self) -> tuple[surroundings.Machine, surroundings.Machine, surroundings.Cable]:
         """Join a machine for the programs with one for the simulator."""
