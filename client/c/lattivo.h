@@ -75,8 +75,9 @@ LATTIVO_API lattivo_result lattivo_identify_by_address(lattivo_client* client, c
  * own speed makes that unsafe: options.attach_pause makes it wait that long instead. */
 LATTIVO_API lattivo_result lattivo_identify_by_name(lattivo_client* client, const char* name);
 
-/* Sends what is queued, waits until the simulator has read it all and closes the connection. Frames that
- * still arrive are dropped. Gives all memory back whatever it returns. NULL is allowed. */
+/* Sends what is queued, waits until the simulator has read it all and closes the connection. Does not wait
+ * after LATTIVO_NO_CONNECTION. Frames that still arrive are dropped. Gives all memory back whatever it
+ * returns. NULL is allowed. */
 LATTIVO_API lattivo_result lattivo_close(lattivo_client* client);
 
 /* Sending */
