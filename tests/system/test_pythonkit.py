@@ -28,9 +28,10 @@ from pathlib import Path
 from typing import Callable, Iterator, Optional
 
 import lattivo
+from lattivo import messages
 
 from measuring.lab import makesimulation
-from tests.support import surroundings
+from tests.support import scriptedpeer, surroundings
 
 PATIENCE = 60.0  # seconds; only a failing test waits that long
 DOCUMENT = Path(__file__).resolve().parents[2] / "client" / "python" / "README.md"
@@ -64,8 +65,8 @@ def numbered_frames(sizes: tuple[int, ...], count: int) -> Iterator[bytes]:
         yield start + NUMBER.pack(number) + fillers[number % len(fillers)]
 
 
-def send_without_end_of_record(client: lattivo.Client) -> None:
-    """Let the kernel join what waits to leave."""
+def send_joined(client: lattivo.Client) -> None:
+    """Let the kernel join what waits to leave, at full speed; connect(end_of_record=False) sends slowly, which is safe."""
     client._channel._flags &= ~socket.MSG_EOR
 
 
@@ -237,9 +238,9 @@ class TestFullSpeed(KitTest):
         self.attach_both_over_a_cable()
         self.assert_none_is_lost()
 
-    def test_without_end_of_record_the_program_is_cut_off_over_ethernet(self) -> None:
+    def test_with_joined_messages_the_program_is_cut_off_over_ethernet(self) -> None:
         self.attach_both_over_a_cable()
-        self.assert_cut_off((64,), send_without_end_of_record)
+        self.assert_cut_off((64,), send_joined)
 
     def test_without_regard_to_room_the_program_is_cut_off(self) -> None:
         self.attach_both()
@@ -411,6 +412,20 @@ class TestDocument(KitTest):
         self.simulator.terminate()
         output, _ = program.communicate(timeout=PATIENCE)
         self.assertEqual((output, program.returncode), ("the simulator has gone\n", 0))
+
+    def test_the_program_with_its_own_loop_gives_more_answers_than_a_segment_holds(self) -> None:
+        listener = self.stack.enter_context(scriptedpeer.Listener())
+        self.port = listener.port
+        program = self.start("loop")
+        peer = self.stack.enter_context(listener.accept())
+        scriptedpeer.read_exactly(peer, len(messages.encode_address(address_of(2))))
+        program.send_signal(signal.SIGSTOP)  # so that it reads all requests at once
+        requests = [address_of(2) + address_of(1) + b"%0500d" % number for number in range(100)]
+        peer.sendall(b"".join(messages.encode_frame(request) for request in requests))
+        program.send_signal(signal.SIGCONT)
+        answers = [address_of(1) + address_of(2) + request[12:] for request in requests]
+        expected = b"".join(messages.encode_frame(answer) for answer in answers)
+        self.assertEqual(scriptedpeer.read_exactly(peer, len(expected)), expected)
 
 
 class TestInstallation(unittest.TestCase):
