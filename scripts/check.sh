@@ -20,7 +20,7 @@ echo "== black =="
 black --check --line-length 120 client examples measuring scripts tests
 
 echo "== mypy =="
-mypy --strict client/python/lattivo
+mypy --config-file client/python/pyproject.toml client/python/lattivo
 
 analysed=$(find QtComponents client headless src -name '*.c' -o -name '*.cpp' | sort)
 echo "== clang-tidy =="
