@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -51,8 +50,7 @@ struct Client {
     int fd = -1;
     int node = -1;               // -1: not identified yet
     std::string partialMessage;  // kept until the rest arrives
-    std::string output;          // collected during one read, then what the kernel did not take
-    bool waitsForRoom = false;
+    std::string output;          // collected during one read
 };
 
 std::string messageOf(char type, const std::string& body)
@@ -120,7 +118,7 @@ public:
             || ::listen(_listener, SOMAXCONN) != 0)
             fail("lattivo_limitserver: cannot listen");
         getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &size);
-        _watch(_listener, EPOLL_CTL_ADD, EPOLLIN);
+        _watch(_listener);
         std::printf("listening on port %d\n", ntohs(address.sin_port));
         std::fflush(stdout);
     }
@@ -134,50 +132,36 @@ public:
                 if (events[i].data.fd == _listener)
                     _accept();
                 else
-                    _handle(events[i].data.fd, events[i].events);
+                    _read(*_clients.at(events[i].data.fd));
             }
         }
     }
 
 private:
-    void _watch(int fd, int operation, std::uint32_t events) const
+    void _watch(int fd) const
     {
         epoll_event event{};
-        event.events = events;
+        event.events = EPOLLIN;
         event.data.fd = fd;
-        epoll_ctl(_epoll, operation, fd, &event);
+        epoll_ctl(_epoll, EPOLL_CTL_ADD, fd, &event);
     }
 
     void _accept()
     {
-        const int fd = accept4(_listener, nullptr, nullptr, SOCK_NONBLOCK);
+        const int fd = accept(_listener, nullptr, nullptr);
         if (fd < 0)
             return;
         const int on = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         _clients[fd] = std::make_unique<Client>();
         _clients[fd]->fd = fd;
-        _watch(fd, EPOLL_CTL_ADD, EPOLLIN);
-    }
-
-    void _handle(int fd, std::uint32_t events)
-    {
-        const auto found = _clients.find(fd);
-        if (found == _clients.end())
-            return;
-        Client& client = *found->second;
-        if (events & EPOLLOUT)
-            _flush(client);
-        if (events & (EPOLLIN | EPOLLHUP | EPOLLERR))
-            _read(client);
+        _watch(fd);
     }
 
     void _read(Client& client)
     {
         const std::size_t kept = client.partialMessage.copy(_input.data(), client.partialMessage.size());
         const ssize_t received = recv(client.fd, _input.data() + kept, _input.size() - kept, 0);
-        if (received < 0 && (errno == EAGAIN || errno == EINTR))
-            return;
         if (received <= 0 || !_relayWholeMessages(client, kept + static_cast<std::size_t>(received)))
             _drop(client);
     }
@@ -246,18 +230,13 @@ private:
         return _options.isWithoutDraws || crossesTheLink(frameBytes, _options.reliability);
     }
 
-    void _flush(Client& client) const
+    /// May wait: a client has far less in flight than the kernel takes. What is meant for one that has gone
+    /// is lost.
+    static void _flush(Client& client)
     {
-        if (client.output.empty())
-            return;
-        const ssize_t sent
-            = send(client.fd, client.output.data(), client.output.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0)
-            client.output.erase(0, static_cast<std::size_t>(sent));
-        const bool waits = !client.output.empty();
-        if (waits != client.waitsForRoom)
-            _watch(client.fd, EPOLL_CTL_MOD, EPOLLIN | (waits ? std::uint32_t{EPOLLOUT} : 0));
-        client.waitsForRoom = waits;
+        if (!client.output.empty())
+            send(client.fd, client.output.data(), client.output.size(), MSG_NOSIGNAL);
+        client.output.clear();
     }
 
     void _drop(Client& client)
