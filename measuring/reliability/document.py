@@ -45,7 +45,6 @@ class Row:
 
     promise: str
     figure: str
-    command: str
     holds: bool | None  # None: not run, or not whole
 
 
@@ -87,55 +86,52 @@ FAULTS = {  # with the tests that show it, by how their names begin
 
 
 def fault_rows(sources: Sources) -> list[Row]:
-    command = "ctest --preset release -R faults"
     if not sources.tests:
-        return [Row(promise, MISSING, command, None) for promise in FAULTS]
-    return [fault_row(sources.tests["faults"], *fault, command) for fault in FAULTS.items()]
+        return [Row(promise, MISSING, None) for promise in FAULTS]
+    return [fault_row(sources.tests["faults"], *fault) for fault in FAULTS.items()]
 
 
-def fault_row(outcomes: dict[str, str], promise: str, beginnings: tuple[str, ...], command: str) -> Row:
+def fault_row(outcomes: dict[str, str], promise: str, beginnings: tuple[str, ...]) -> Row:
     counts = Counter(outcome for test, outcome in outcomes.items() if test.startswith(beginnings))
     figure = "tests: " + ", ".join(f"{counts[outcome]} {outcome}" for outcome in sorted(counts))
-    return Row(promise, figure, command, False if counts["failed"] else set(counts) == {"passed"} or None)
+    return Row(promise, figure, False if counts["failed"] else set(counts) == {"passed"} or None)
 
 
 def attack_rows(sources: Sources) -> list[Row]:
-    command = "scripts/reliability.sh --measure"
     if not sources.attacks:
-        return [Row("Hostile programs take neither memory nor time", MISSING, command, None)]
-    return [attack_row(sources.attacks, name, title, command) for name, title in ATTACK_TITLES.items()]
+        return [Row("Hostile programs take neither memory nor time", MISSING, None)]
+    return [attack_row(sources.attacks, name, title) for name, title in ATTACK_TITLES.items()]
 
 
-def attack_row(measured: Json, name: str, title: str, command: str) -> Row:
+def attack_row(measured: Json, name: str, title: str) -> Row:
     attack = measured["attacks"][name]
     rounds = attack["rounds"]
     promise = title.format(rounds=rounds, crowd=measured["crowd"], messages=rounds * LENGTHS_A_ROUND)
     if not attack["survived"]:
-        return Row(promise, "the runner or an ordinary frame was lost", command, False)
+        return Row(promise, "the runner or an ordinary frame was lost", False)
     before, peak, limit = (attack[key] / MEBIBYTE for key in ("resident_before", "resident_peak", "growth_limit"))
     figure = (
         f"memory {before:.1f} MiB, at the peak {peak - before:.1f} MiB more (limit {limit:.0f} MiB); "
         f"another pair's frame confirmed after {attack['answer_median_ms']:.2f} ms (median), "
         f"{attack['answer_worst_ms']:.0f} ms (worst of {attack['answers']:,}, limit {attack['answer_limit_ms']:.0f} ms)"
     )
-    return Row(promise, figure, command, attack["holds"])
+    return Row(promise, figure, attack["holds"])
 
 
 def fuzz_rows(sources: Sources) -> list[Row]:
-    command = f"scripts/fuzz.sh {60 * FULL_MINUTES}"
     targets = {target["target"]: target for target in sources.fuzz["targets"]} if sources.fuzz else {}
-    return [fuzz_row(targets.get(name), title, command) for name, title in TARGET_TITLES.items()]
+    return [fuzz_row(targets.get(name), title) for name, title in TARGET_TITLES.items()]
 
 
-def fuzz_row(target: Json | None, title: str, command: str) -> Row:
+def fuzz_row(target: Json | None, title: str) -> Row:
     if not target:
-        return Row(title, MISSING, command, None)
+        return Row(title, MISSING, None)
     findings = len(target["findings"])
     figure = (
         f"{target['executions']:,} executions in {duration(target['seconds'])}, {target['edgesCovered']:,} edges, "
         f"at most {target['peakMemoryMiB']} MiB, findings: {findings}"
     )
-    return Row(title, figure, command, findings == 0)
+    return Row(title, figure, findings == 0)
 
 
 def duration(seconds: float) -> str:
@@ -144,23 +140,22 @@ def duration(seconds: float) -> str:
 
 
 def soak_rows(sources: Sources) -> list[Row]:
-    command = f"scripts/soak.sh {FULL_MINUTES}"
     if not sources.soak:
-        return [Row("A mixture of all of it, for a long time", MISSING, command, None)]
+        return [Row("A mixture of all of it, for a long time", MISSING, None)]
     builds = {SOAKED.get(name, name): build for name, build in sources.soak["builds"].items()}
     unfinished = [name for name, build in builds.items() if not build or not build["end"]]
     if unfinished:
-        return [Row("The soak comes to its end", "not with " + " and ".join(unfinished), command, False)]
+        return [Row("The soak comes to its end", "not with " + " and ".join(unfinished), False)]
     titles = next(iter(builds.values()))["verdict_titles"]
-    return [soak_row(builds, verdict, title, command) for verdict, title in titles.items()]
+    return [soak_row(builds, verdict, title) for verdict, title in titles.items()]
 
 
-def soak_row(builds: dict[str, Json], verdict: str, title: str, command: str) -> Row:
+def soak_row(builds: dict[str, Json], verdict: str, title: str) -> Row:
     """Return the row of the builds that judge it: the sanitizers keep memory that was given back."""
     judged = {name: build for name, build in builds.items() if build["verdicts"][verdict] is not None}
     figures = [f"{name}: {soak_figure(build, verdict)}" for name, build in judged.items()]
     holds = all(build["verdicts"][verdict] for build in judged.values())
-    return Row(title[0].upper() + title[1:], "; ".join(figures), command, holds)
+    return Row(title[0].upper() + title[1:], "; ".join(figures), holds)
 
 
 def soak_figure(build: Json, verdict: str) -> str:
@@ -189,22 +184,19 @@ def memory_figure(build: Json) -> str:
 # The document
 
 
-def table(rows: list[Row]) -> str:
+PARTS = {  # what makes the rows of each table, and the command that measures them
+    "attacks": (attack_rows, "scripts/reliability.sh --measure"),
+    "fuzz": (fuzz_rows, f"scripts/fuzz.sh {60 * FULL_MINUTES}"),
+    "soak": (soak_rows, f"scripts/soak.sh {FULL_MINUTES}"),
+    "faults": (fault_rows, "ctest --preset release -R faults"),
+}
+
+
+def table(rows: list[Row], command: str) -> str:
     """Return a table in which a promise that does not hold stands out."""
-    lines = [[row.promise, row.figure, f"`{row.command}`"] for row in rows]
-    for row, line in zip(rows, lines):
-        if row.holds is False:
-            line[1] = "**does not hold**: " + row.figure
+    words = {True: "", None: "", False: "**does not hold**: "}
+    lines = [[row.promise, words[row.holds] + row.figure, f"`{command}`"] for row in rows]
     return document.table(["promise", "figure", "command"], lines)
-
-
-def all_rows(sources: Sources) -> dict[str, list[Row]]:
-    return {
-        "attacks": attack_rows(sources),
-        "fuzz": fuzz_rows(sources),
-        "soak": soak_rows(sources),
-        "faults": fault_rows(sources),
-    }
 
 
 def texts(sources: Sources) -> dict[str, str]:
@@ -266,8 +258,8 @@ def main() -> int:
     parser.add_argument("--output", type=Path, required=True, metavar="FOLDER")
     options = parser.parse_args()
     sources = Sources(options.build)
-    rows = all_rows(sources)
-    tables = {name: table(part) for name, part in rows.items()}
+    rows = {name: rows_of(sources) for name, (rows_of, _) in PARTS.items()}
+    tables = {name: table(rows[name], command) for name, (_, command) in PARTS.items()}
     document.write(TEMPLATE, options.output / "reliability.md", verdict=verdict(rows), **tables, **texts(sources))
     return 1 if any(row.holds is False for part in rows.values() for row in part) else 0
 

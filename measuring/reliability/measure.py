@@ -8,17 +8,15 @@ from __future__ import annotations
 
 import argparse
 import json
-import multiprocessing
 import random
 import resource
 import statistics
 import sys
 import tempfile
 import time
+from concurrent.futures import ProcessPoolExecutor
 from contextlib import ExitStack
 from dataclasses import asdict, dataclass
-from multiprocessing.sharedctypes import Synchronized
-from multiprocessing.synchronize import Event
 from pathlib import Path
 from typing import Callable
 
@@ -156,11 +154,15 @@ ATTACKS: dict[str, Callable[[int, random.Random], None]] = {
 }
 
 
-def attack_until(name: str, port: int, is_over: Event, rounds: Synchronized[int]) -> None:
+def attack_for(seconds: float, name: str, port: int) -> int:
+    """Return the number of rounds, which is 1 at least."""
     draws = random.Random(1)
-    while rounds.value == 0 or not is_over.is_set():
+    end = time.monotonic() + seconds
+    rounds = 0
+    while rounds == 0 or time.monotonic() < end:
         ATTACKS[name](port, draws)
-        rounds.value += 1
+        rounds += 1
+    return rounds
 
 
 def answer_time(left: Client, right: Client, number: int) -> float:
@@ -173,7 +175,9 @@ def answer_time(left: Client, right: Client, number: int) -> float:
     return time.perf_counter() - start
 
 
-def measure_answers(pair: tuple[Client, Client], seconds: float, is_enough: Callable[[], bool]) -> list[float]:
+def measure_answers(
+    pair: tuple[Client, Client], seconds: float, is_enough: Callable[[], bool] = lambda: True
+) -> list[float]:
     times: list[float] = []
     start = time.monotonic()
     while time.monotonic() - start < seconds or not is_enough():
@@ -189,21 +193,17 @@ def measure(name: str, program: Path, seconds: float) -> Measurement:
         with ExitStack() as stack:
             runner = start_runner(stack, program)
             pair = attach(stack, runner.port, LEFT), attach(stack, runner.port, RIGHT)
-            measure_answers(pair, SETTLING, lambda: True)
+            measure_answers(pair, SETTLING)
             result.resident_before = memory_of(runner.process.pid)
-            is_over, rounds = multiprocessing.Event(), multiprocessing.Value("i", 0)
-            attacker = multiprocessing.Process(target=attack_until, args=(name, runner.port, is_over, rounds))
-            attacker.start()
-            stack.callback(attacker.kill)
-            times = measure_answers(pair, seconds, lambda: rounds.value > 0 or not attacker.is_alive())
-            is_over.set()
-            times += measure_answers(pair, SETTLING, lambda: not attacker.is_alive())
-            result.rounds = rounds.value
+            attacker = stack.enter_context(ProcessPoolExecutor(1))
+            attack = attacker.submit(attack_for, seconds, name, runner.port)
+            times = measure_answers(pair, seconds, attack.done) + measure_answers(pair, SETTLING)
+            result.rounds = attack.result()
             result.answers = len(times)
             result.answer_median_ms = 1000 * statistics.median(times)
             result.answer_worst_ms = 1000 * max(times)
             result.resident_peak = memory_of(runner.process.pid, "VmHWM")
-        result.survived = attacker.exitcode == 0
+        result.survived = True
     except (AssertionError, LattivoError, MeasurementFailed, OSError) as error:
         print(f"{name}: {error}", file=sys.stderr)
     return result
