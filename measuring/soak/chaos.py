@@ -346,13 +346,9 @@ class Chaos:
             self.simulator.do("delete", item=number)
             self._look()
 
-    @ordinary(3)
-    def break_link(self) -> None:
-        self._set(self._some(self._links), {"brokenChanged": one_of(CHECKED)})
-
-    @ordinary(3)
-    def mend_link(self) -> None:
-        self._set(self._some(self._links), {"brokenChanged": one_of(UNCHECKED)})
+    @ordinary(6)
+    def break_or_mend_link(self) -> None:
+        self._set(self._some(self._links), {"brokenChanged": one_of(CHECKED, UNCHECKED)})
 
     @ordinary(6)
     def change_link(self) -> None:
@@ -363,13 +359,9 @@ class Chaos:
         if node := self._some(self._nodes):
             self._set(node["number"], NODE_SETTINGS)
 
-    @ordinary(1)
-    def change_default_node(self) -> None:
-        self._set("default node", NODE_DEFAULTS)
-
-    @ordinary(1)
-    def change_default_link(self) -> None:
-        self._set("default connection", LINK_DEFAULTS)
+    @ordinary(2)
+    def change_default(self) -> None:
+        self._set(*self.rng.choice([("default node", NODE_DEFAULTS), ("default connection", LINK_DEFAULTS)]))
 
     def _set(self, item: int | str | None, settings: dict[str, Draw]) -> None:
         slot, draw = self.rng.choice(list(settings.items()))
@@ -393,15 +385,10 @@ class Chaos:
         switches = {"enabled": self.rng.random() < 0.7, "follows": self.rng.random() < 0.5}
         self.simulator.do("capture", **switches, clear=self.rng.random() < 0.5)
 
-    @ordinary(0.5)
-    def export_capture(self) -> None:
-        if not self.simulator.do("export", file=str(self.folder / "chaos.pcapdump"))["exported"]:
-            self.errors.append("the capture is not exported")
-
-    @ordinary(0.5)
-    def save(self) -> None:
-        if not self.simulator.do("save", file=str(self.folder / "chaos.ltvo"))["saved"]:
-            self.errors.append("the simulation is not saved")
+    @ordinary(1)
+    def save_and_export(self) -> None:
+        if not all(self._save_and_export()):
+            self.errors.append("simulation or capture is not written")
 
     @ordinary(1)
     def debug(self) -> None:
@@ -454,10 +441,10 @@ class Chaos:
         self._attach_ordinary_program("after descriptors were used up")
         self.simulator.limit_descriptors(DESCRIPTORS)
 
-    def _save_and_export(self) -> None:
-        """Try both, whether or not they can be done."""
-        self.simulator.do("save", file=str(self.folder / "shortage.ltvo"))
-        self.simulator.do("export", file=str(self.folder / "shortage.pcapdump"))
+    def _save_and_export(self) -> list[bool]:
+        """Return whether each can be done."""
+        files = {"save": "chaos.ltvo", "export": "chaos.pcapdump"}
+        return [self.simulator.do(what, file=str(self.folder / name))["written"] for what, name in files.items()]
 
     def _gather(self, size: int) -> list[Hostile]:
         """Connect so many programs at the same moment, which read nothing."""

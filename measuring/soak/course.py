@@ -152,7 +152,7 @@ class Course:
         self._run_chaos(seconds, rare)
         file = self.plan.folder / "whole.ltvo"
         file.unlink(missing_ok=True)  # a longer old one would keep its tail
-        if not self.simulator.do("save", file=str(file))["saved"]:
+        if not self.simulator.do("save", file=str(file))["written"]:
             self._note("service", "the simulation is not saved")
         if not in_flight:
             self._stop_honest()

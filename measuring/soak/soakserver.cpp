@@ -120,11 +120,11 @@ const RemoteCommand replace("replace", [](const QJsonObject& arguments) {
 });
 
 const RemoteCommand save("save", [](const QJsonObject& arguments) -> QJsonObject {
-    return {{"saved", NetworkSimulation::instance()->save(arguments["file"].toString())}};
+    return {{"written", NetworkSimulation::instance()->save(arguments["file"].toString())}};
 });
 
 const RemoteCommand exportFrames("export", [](const QJsonObject& arguments) -> QJsonObject {
-    return {{"exported", NetworkSimulation::instance()->exportPcapDump(arguments["file"].toString())}};
+    return {{"written", NetworkSimulation::instance()->exportPcapDump(arguments["file"].toString())}};
 });
 
 const RemoteCommand setParameters("parameters", [](const QJsonObject& arguments) -> QJsonObject {
