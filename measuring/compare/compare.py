@@ -28,7 +28,7 @@ from measuring.compare import tables
 from measuring.lab import disturbance, makesimulation
 from measuring.lab.bench import SEED, options_parser, read_options, write_json
 from measuring.lab.document import aligned
-from measuring.lab.launcher import MeasurementFailed, choose_cores, pinned, progress
+from measuring.lab.launcher import MeasurementFailed, Server, choose_cores, pinned, progress
 
 ERROR_RATE = 1e-4  # per bit
 SIZES = (64, 255)  # bytes of a frame from its destination address to its end
@@ -68,7 +68,7 @@ class Run:
     def __init__(self, bench: Bench, placement: str) -> None:
         self.bench = bench
         self.placement = placement
-        self.processes: list[subprocess.Popen[bytes]] = []
+        self.processes: list[subprocess.Popen[Any]] = []
         self.folder = Path(tempfile.mkdtemp(dir=bench.folder))
         self.log = open(self.folder / "errors", "w+")
 
@@ -138,7 +138,7 @@ class Run:
         return pinned(command, core) if self.placement == "one core" else command
 
 
-def end(process: subprocess.Popen[bytes]) -> None:
+def end(process: subprocess.Popen[Any]) -> None:
     try:
         process.communicate(timeout=START_PATIENCE)
     except subprocess.TimeoutExpired:
@@ -159,10 +159,11 @@ def lattivo(current: Run, size: int) -> Figures:
     file = current.folder / "simulation.ltvo"
     file.write_bytes(makesimulation.simulation_file(makesimulation.Simulation(reliability=1.0 - ERROR_RATE)))
     options = current.bench.options
-    arguments = ["--listen", "0", "--identify-by", "address", "--seed", SEED]
-    server = current.start([options.program, str(file)] + arguments)
-    port = current.first_line(server).split()[-1]
-    result = current.client([options.client, "--port", port], size)
+    command = [options.program, str(file), "--listen", "0", "--identify-by", "address", "--seed", SEED]
+    core = current.bench.server_core if current.placement == "one core" else None
+    with Server(command, current.folder / "errors", core) as server:
+        current.processes.append(server.process)
+        result = current.client([options.client, "--port", str(server.port)], size)
     return figures(result, result["frames"] + result["lost"], result["lost"])
 
 

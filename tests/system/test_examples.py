@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import json
 import os
-import select
 import signal
 import subprocess
 import sys
@@ -23,6 +22,7 @@ import numbered
 import program
 
 from measuring.lab import makesimulation
+from measuring.lab.launcher import Server
 
 PATIENCE = 60.0  # seconds; only a failing test waits that long
 CONFIRMATION_TIMEOUT = 50  # ms
@@ -38,6 +38,7 @@ class ExampleTest(unittest.TestCase):
     def setUp(self) -> None:
         self.folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.report_file = self.folder / "report.json"
+        self.log = self.folder / "log.txt"
 
     def start(self, *command: str) -> subprocess.Popen[str]:
         """Start a program that does not outlive the test."""
@@ -48,28 +49,24 @@ class ExampleTest(unittest.TestCase):
         self.addCleanup(process.kill)
         return process
 
-    def start_simulator(self, simulation: Path, *arguments: str) -> subprocess.Popen[str]:
+    def start_simulator(self, simulation: Path, *arguments: str) -> Server:
         """Start the simulator and remember its port."""
-        runner = os.environ["LATTIVO_HEADLESS"]
-        simulator = self.start(runner, str(simulation), "--listen", "0", "--report", str(self.report_file), *arguments)
-        self.assertTrue(select.select([simulator.stdout], [], [], PATIENCE)[0], "no answer from the simulator")
-        ready = simulator.stdout.readline()
-        self.assertRegex(ready, r"^listening on port \d+\n$")
-        self.port = int(ready.split()[-1])
+        command = [os.environ["LATTIVO_HEADLESS"], str(simulation), "--listen", "0", "--report", str(self.report_file)]
+        simulator = self.enterContext(Server([*command, *arguments], self.log))
+        self.port = simulator.port
         return simulator
 
-    def start_clean(self, *arguments: str) -> subprocess.Popen[str]:
+    def start_clean(self, *arguments: str) -> Server:
         """Start a simulator whose link loses nothing."""
         simulation = self.folder / "clean.ltvo"
         pair = makesimulation.Simulation(confirms=True, confirmation_timeout=CONFIRMATION_TIMEOUT, delay=2)
         simulation.write_bytes(makesimulation.simulation_file(pair))
         return self.start_simulator(simulation, *arguments)
 
-    def end(self, simulator: subprocess.Popen[str]) -> dict[str, object]:
+    def end(self, simulator: Server) -> dict[str, object]:
         """Ask the simulator to end, and return its report."""
-        simulator.send_signal(signal.SIGTERM)
-        _, errors = simulator.communicate(timeout=PATIENCE)
-        self.assertEqual((errors, simulator.returncode), ("", 0))
+        code = simulator.end()
+        self.assertEqual((self.log.read_text(encoding="utf-8"), code), ("", 0))
         report: dict[str, object] = json.loads(self.report_file.read_text(encoding="utf-8"))
         return report
 

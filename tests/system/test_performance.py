@@ -25,7 +25,7 @@ from measuring.compare import compare
 from measuring.lab import makesimulation
 from measuring.lab.bench import Bench, Workload
 from measuring.lab.document import aligned, table, write
-from measuring.lab.launcher import MeasurementFailed, find_program
+from measuring.lab.launcher import MeasurementFailed, Server, find_program
 from measuring.lab.rows import Row, ratio_row
 from measuring.limit import document, run
 
@@ -233,6 +233,10 @@ class ProgramTest(unittest.TestCase):
         self.addCleanup(process.kill)
         return process
 
+    def start_server(self, command: list[str]) -> Server:
+        folder = Path(self.enterContext(tempfile.TemporaryDirectory()))
+        return self.enterContext(Server(command, folder / "log"))
+
     def start_client(self, port: int | str, *arguments: str) -> subprocess.Popen:
         client = find_program(build_folder(), "lattivo_loadclient")
         return self.start(client, "--port", str(port), *arguments)
@@ -252,15 +256,15 @@ class PacedLoadTest(ProgramTest):
     def test_no_message_is_cut_while_the_simulator_stands_still(self):
         file = Path(self.enterContext(tempfile.TemporaryDirectory())) / "pair.ltvo"
         file.write_bytes(makesimulation.simulation_file(makesimulation.Simulation()))
-        simulator = self.start(build_folder() / "lattivo-headless", file, "--listen", "0", "--identify-by", "address")
-        port = simulator.stdout.readline().split()[-1]
+        command = [str(build_folder() / "lattivo-headless"), str(file), "--listen", "0", "--identify-by", "address"]
+        simulator = self.start_server(command)
         load = ["--rate", str(self.RATE), "--duration", str(1.0 + self.STOPS * (self.STOP_TIME + self.RUN_TIME))]
-        client = self.start_client(port, *load)
+        client = self.start_client(simulator.port, *load)
         for _ in range(self.STOPS):
             time.sleep(self.RUN_TIME)
-            simulator.send_signal(signal.SIGSTOP)
+            simulator.process.send_signal(signal.SIGSTOP)
             time.sleep(self.STOP_TIME)
-            simulator.send_signal(signal.SIGCONT)
+            simulator.process.send_signal(signal.SIGCONT)
         self.assertGreater(self.figures(client)["frames"], 0)
 
 
@@ -348,9 +352,8 @@ class LimitTest(ProgramTest):
 
     def test_the_floor_relays_every_frame(self):
         limit_server = find_program(build_folder(), "lattivo_limitserver")
-        floor = self.start(limit_server, "--star", "3", "--reliability", "0", "--no-draws")
-        port = floor.stdout.readline().split()[-1]
-        figures = self.figures(self.start_client(port, "--star", "3", "--window", "1", "--frames", "1000"))
+        floor = self.start_server([limit_server, "--star", "3", "--reliability", "0", "--no-draws"])
+        figures = self.figures(self.start_client(floor.port, "--star", "3", "--window", "1", "--frames", "1000"))
         self.assertEqual(0, figures["lost"])
 
 
