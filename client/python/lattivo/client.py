@@ -217,8 +217,12 @@ class Client:
         self.close()
 
     def _send(self, message: bytes, timeout: Optional[float]) -> None:
-        channel, deadline = self._channel, Deadline(timeout)
-        if not channel.send_at_once(message):
+        channel = self._channel
+        is_sent = channel.send_at_once(message)
+        if is_sent and not channel.wants_to_write:
+            return
+        deadline = Deadline(timeout)
+        if not is_sent:
             run(steps.send(channel, message), deadline)
         if channel.wants_to_write:  # a rest, since memory is short; it leaves first when the time is over
             with contextlib.suppress(Timeout):
