@@ -44,9 +44,9 @@ Result = TypeVar("Result")
 class Client:
     """A program that drives one node of the network.
 
-    Several tasks may use one client; close() ends those that wait with Disconnected. All failures are a LattivoError. A task that is cancelled while it sends a frame
-    has sent nothing of it; only where memory is short may it have sent a part, whose rest leaves with the next call.
-    Nothing is read until somebody receives.
+    Several tasks may use one client; close() ends those that wait with Disconnected. All failures are a LattivoError.
+    A task that is cancelled while it sends a frame has sent nothing of it. Only where memory is short may it have sent a
+    part, whose rest leaves with the next call. Nothing is read until somebody receives.
     """
 
     def __init__(self, channel: Channel) -> None:

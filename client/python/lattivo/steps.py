@@ -158,7 +158,10 @@ def _knock(family: int, peer: Any) -> Steps[None]:
 
 
 def send(channel: Channel, message: bytes) -> Steps[None]:
-    """Send a message by itself; when this is ended early, nothing of it was sent. Where memory is short, a rest waits."""
+    """Send a message by itself; when this is ended early, nothing of it was sent.
+
+    Where memory is short, a rest of it waits for flush().
+    """
     yield from flush(channel)
     while not channel.send_at_once(message):
         yield _writing(channel)
