@@ -28,7 +28,6 @@ enum Choice : unsigned {
 };
 
 constexpr double noisyReliability = 0.99;  // per bit; the receiver notices every error
-constexpr int shortAddressLength = 1;
 constexpr quint32 nullLength = 0xFFFFFFFF;
 
 Fuzz::Goal deliveredUnicast("a frame is delivered to the node that it names");
@@ -43,12 +42,6 @@ Fuzz::Goal switchedOff("a node that is switched off sends nothing");
 Fuzz::Goal switchedOn("a node that was switched on again sends");
 Fuzz::Goal gotFirstAddress("a node gets its first address");
 Fuzz::Goal detachedByError("an error detaches a program");
-
-/// Returns an address as docs/protocol.md has it: 02:00:00:00:00 and the number.
-QByteArray address(int number, int length)
-{
-    return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
-}
 
 struct SentFrame {
     QByteArray bytes;
@@ -190,9 +183,9 @@ public:
     {
         auto& parameters = TestAccess::parameters(*_network);
         if (_is(AreAddressesShort)) {
-            parameters.addressLength = shortAddressLength;
-            parameters.sourceAddressOffset = shortAddressLength;
-            parameters.broadcastAddress.truncate(shortAddressLength);
+            parameters.addressLength = Fuzz::shortAddressLength;
+            parameters.sourceAddressOffset = Fuzz::shortAddressLength;
+            parameters.broadcastAddress.truncate(Fuzz::shortAddressLength);
         }
         NetworkSimulation::instance()->capture()->setEnabled(true);
         _sender = _addNode(_is(HasSenderNoAddress) ? 0 : 1, _sendingProgram);
@@ -221,7 +214,8 @@ public:
 private:
     TcpNode* _addNode(int number, Fuzz::Program& program)
     {
-        const QByteArray identity = number == 0 ? QByteArray() : address(number, _network->addressLength());
+        const QByteArray identity
+            = number == 0 ? QByteArray() : Fuzz::address(number, _network->addressLength());
         auto* socket = new QTcpSocket;
         Fuzz::require(socket->setSocketDescriptor(program.takeSimulatorEnd()), "a descriptor can be adopted");
         auto* node = new TcpNode(identity, socket);
@@ -237,7 +231,7 @@ private:
         _network->addItem(link);
         if (!_is(HasFurtherLinks))
             return;
-        auto* third = new TcpNode(address(3, _network->addressLength()), nullptr);
+        auto* third = new TcpNode(Fuzz::address(3, _network->addressLength()), nullptr);
         _network->addItem(third);
         _network->addItem(new Connection(third, _sender));
         _network->addItem(new Connection(_sender, _sender));

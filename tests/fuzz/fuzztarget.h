@@ -40,6 +40,14 @@ void deleteNetwork();
 /// Runs what is due by now, never waits.
 void passEvents(int passes = 1);
 
+constexpr int shortAddressLength = 1;
+
+/// Returns an address as docs/protocol.md has it: 02:00:00:00:00 and the number.
+inline QByteArray address(int number, int length)
+{
+    return QByteArray::fromHex("0200000000").append(static_cast<char>(number)).right(length);
+}
+
 constexpr int passesOfAFrame = 4;  // from the socket over a link without delay to the other socket
 
 /// Returns what a program sends, as a stream may cut it. \a input holds a byte with the number of cuts, a

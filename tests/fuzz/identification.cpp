@@ -22,7 +22,6 @@ enum Choice : unsigned {
     IsNodeDeletedAtTheEnd,  // with its program, if it has one
 };
 
-constexpr int shortAddressLength = 1;
 const QString knownName = QStringLiteral("Left");
 
 Fuzz::Goal foundByAddress("a program is attached by its address");
@@ -33,11 +32,6 @@ Fuzz::Goal tookOver("a program takes the node of another one over");
 Fuzz::Goal wasRefused("a program is refused");
 Fuzz::Goal readsOn("a node reads what follows an address");
 Fuzz::Goal deletedAttached("a node is deleted with its program");
-
-QByteArray knownAddress(int length)
-{
-    return QByteArray::fromHex("020000000001").right(length);
-}
 
 /// Opens what only a server itself may call.
 struct AcceptingServer : QTcpServer {
@@ -87,13 +81,13 @@ public:
         : Fuzz::Scene(choices)
     {
         if (_is(IsAddressShort))
-            TestAccess::parameters(*_network).addressLength = shortAddressLength;
+            TestAccess::parameters(*_network).addressLength = Fuzz::shortAddressLength;
         _network->setNameUsedForPnpIdentification(_is(IsNameBased));
         _network->setTcpPnpEnabled(_is(IsPlugAndPlayOn));
         _network->setTcpPort(0);
         Fuzz::require(_network->setTcpEnabled(true), "the server can be started");
 
-        _known = new TcpNode(knownAddress(_network->addressLength()), nullptr);
+        _known = new TcpNode(Fuzz::address(1, _network->addressLength()), nullptr);
         _known->setName(knownName);
         _network->addItem(_known);
         auto* plain = new Node(_known->address());  // may not be found, though it lies on top
