@@ -73,20 +73,6 @@ std::size_t wholeMessageBytes(const char* buffer, std::size_t size)
     return bytes <= size ? bytes : 0;
 }
 
-/// Makes the same draws and comparisons as a simulated link; a corrupted frame is always detected and
-/// dropped.
-bool crossesTheLink(std::size_t frameBytes, double reliability)
-{
-    bool corrupted = false;
-    for (std::size_t bit = 0; bit < frameBytes * bitsPerByte; ++bit) {
-        if (!(reliability > qrand() / drawRange))
-            corrupted = true;
-    }
-    if (!corrupted)
-        return true;
-    return !(errorDetectionReliability > qrand() / drawRange);
-}
-
 /// Relays frame messages between the sockets of linked nodes and does nothing that a relay could leave out.
 class LimitServer
 {
@@ -171,7 +157,10 @@ private:
     {
         std::size_t handled = 0;
         while (const std::size_t next = wholeMessageBytes(_input.data() + handled, bytes - handled)) {
-            if (!_handleMessage(client, _input.data() + handled, next))
+            const char* message = _input.data() + handled;
+            if (client.node >= 0 && message[0] == FrameMessage)
+                _relay(client, message, next);
+            else if (client.node >= 0 || !_identify(client, message, next))
                 return false;
             handled += next;
         }
@@ -183,16 +172,6 @@ private:
                 _flush(*_nodes[neighbour]);
         }
         _flush(client);
-        return true;
-    }
-
-    bool _handleMessage(Client& client, const char* message, std::size_t bytes)
-    {
-        if (client.node < 0)
-            return _identify(client, message, bytes);
-        if (message[0] != FrameMessage)
-            return false;
-        _relay(client, message, bytes);
         return true;
     }
 
@@ -225,9 +204,18 @@ private:
             sender.output += confirmations[isDelivered];
     }
 
+    /// Makes the same draws and comparisons as a simulated link; a corrupted frame is always detected and
+    /// dropped.
     bool _crosses(std::size_t frameBytes) const
     {
-        return _options.isWithoutDraws || crossesTheLink(frameBytes, _options.reliability);
+        if (_options.isWithoutDraws)
+            return true;
+        bool corrupted = false;
+        for (std::size_t bit = 0; bit < frameBytes * bitsPerByte; ++bit) {
+            if (!(_options.reliability > qrand() / drawRange))
+                corrupted = true;
+        }
+        return !corrupted || !(errorDetectionReliability > qrand() / drawRange);
     }
 
     /// May wait: a client has far less in flight than the kernel takes. What is meant for one that has gone
