@@ -125,8 +125,7 @@ QJsonArray pageTimes(QTableView* table)
 
 QAction* action(const MainWindow& window, const QString& text)
 {
-    const QList<QAction*> actions = window.findChildren<QAction*>();
-    for (QAction* candidate : actions) {
+    for (QAction* candidate : window.findChildren<QAction*>()) {
         if (candidate->text() == text)
             return candidate;
     }
@@ -160,25 +159,16 @@ double timeUntilSeen()
     return stopwatch.milliseconds();
 }
 
-/// Returns nodes from all over the network.
-QList<Node*> nodesToDelete()
-{
-    const QList<Node*> nodes = itemsOf<Node>(RemoteControl::network().items());
-    if (nodes.size() < deletedNodes)
-        qFatal("only %d nodes to delete", nodes.size());
-    QList<Node*> spread;
-    for (int i = 0; i < deletedNodes; ++i)
-        spread.append(nodes.at(i * nodes.size() / deletedNodes));
-    return spread;
-}
-
-/// Returns the time until the picture without the node is seen, in ms, of each node.
+/// Deletes nodes from all over the network; returns the time until the picture without the node is seen, in
+/// ms, of each node.
 QJsonArray deletionTimes(QWidget* view)
 {
     QJsonArray times;
-    const QList<Node*> nodes = nodesToDelete();
-    for (Node* node : nodes) {
-        node->setSelected(true);
+    const QList<Node*> nodes = itemsOf<Node>(RemoteControl::network().items());
+    if (nodes.size() < deletedNodes)
+        qFatal("only %d nodes to delete", nodes.size());
+    for (int i = 0; i < deletedNodes; ++i) {
+        nodes.at(i * nodes.size() / deletedNodes)->setSelected(true);
         timeUntilSeen();
 
         QKeyEvent press(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
