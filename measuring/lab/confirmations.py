@@ -6,35 +6,25 @@ import enum
 from typing import NamedTuple, Sequence
 
 
-class Fate(enum.Enum):
-    """What becomes of a frame on one of the links of its sender."""
-
-    IN_TIME = "the node that it names gets it before the sender's time-out"
-    LATE = "the node that it names gets it after the time-out"
-    OVERHEARD = "only a promiscuous node takes it"
-    VANISHED = "its link is broken or deleted while it is under way"
-    LOST = "the receiver notices a bit error, or is not named"
-    ONTO_BROKEN_LINK = "its link is broken already"
-    OF_BAD_SIZE = "it is too short or too long for any link"
-
-
 class Rule(NamedTuple):
     """What a fate means to the sender."""
 
-    confirms: bool  # a unicast frame
-    carries: bool  # a broadcast is confirmed at once when this is its fate on the last link
-    delivers: bool  # a frame that no link delivers is reported as lost at the time-out
+    meaning: str
+    confirms: bool = False  # a unicast frame
+    carries: bool = False  # a broadcast is confirmed at once when this is its fate on the last link
+    delivers: bool = False  # a frame that no link delivers is reported as lost at the time-out
 
 
-RULES = {
-    Fate.IN_TIME: Rule(confirms=True, carries=True, delivers=True),
-    Fate.LATE: Rule(confirms=False, carries=True, delivers=True),
-    Fate.OVERHEARD: Rule(confirms=False, carries=True, delivers=True),
-    Fate.VANISHED: Rule(confirms=False, carries=True, delivers=True),
-    Fate.LOST: Rule(confirms=False, carries=True, delivers=False),
-    Fate.ONTO_BROKEN_LINK: Rule(confirms=False, carries=False, delivers=False),
-    Fate.OF_BAD_SIZE: Rule(confirms=False, carries=False, delivers=False),
-}
+class Fate(Rule, enum.Enum):
+    """What becomes of a frame on one of the links of its sender."""
+
+    IN_TIME = Rule("the node that it names gets it before the sender's time-out", True, carries=True, delivers=True)
+    LATE = Rule("the node that it names gets it after the time-out", carries=True, delivers=True)
+    OVERHEARD = Rule("only a promiscuous node takes it", carries=True, delivers=True)
+    VANISHED = Rule("its link is broken or deleted while it is under way", carries=True, delivers=True)
+    LOST = Rule("the receiver notices a bit error, or is not named", carries=True)
+    ONTO_BROKEN_LINK = Rule("its link is broken already")
+    OF_BAD_SIZE = Rule("it is too short or too long for any link")
 
 
 class Outcomes(NamedTuple):
@@ -46,11 +36,10 @@ class Outcomes(NamedTuple):
 
 def outcomes(fates: Sequence[Fate], is_broadcast: bool = False) -> Outcomes:
     """Return the outcomes of a frame with these fates on the sender's links, in the order of the links."""
-    rules = [RULES[fate] for fate in fates]
     if is_broadcast:
-        confirmed = int(not rules or rules[-1].carries)
-        is_lost = bool(rules) and not any(rule.delivers for rule in rules)
+        confirmed = int(not fates or fates[-1].carries)
+        is_lost = bool(fates) and not any(fate.delivers for fate in fates)
     else:
-        confirmed = sum(rule.confirms for rule in rules)
-        is_lost = not any(rule.delivers for rule in rules)
+        confirmed = sum(fate.confirms for fate in fates)
+        is_lost = not any(fate.delivers for fate in fates)
     return Outcomes(confirmed, int(is_lost))
