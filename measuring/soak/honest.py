@@ -157,8 +157,8 @@ class Honest:
     def report(self, expects_end: bool = False) -> dict[str, Any]:
         self.work()  # what has come while this program itself was away is not the simulator's delay
         for talker in self.talkers:
-            if talker.has_ended and not expects_end:
-                talker.note("the simulator has ended the connection")
+            if talker.has_ended != expects_end:
+                talker.note("the simulator has " + ("kept" if expects_end else "ended") + " the connection")
         return {
             "sent": sum(len(talker.sent_times) for talker in self.talkers),
             "received": sum(talker.received for talker in self.talkers),
@@ -185,9 +185,6 @@ class Honest:
         """Wait until all connections have ended; return the last report."""
         self.is_talking = False
         self._run_until(lambda: all(talker.has_ended for talker in self.talkers), END_PATIENCE)
-        for talker in self.talkers:
-            if not talker.has_ended:
-                talker.note("the old simulation has kept the connection")
         report = self.report(expects_end=True)
         for talker in self.talkers:
             talker.client.close(0.0)
