@@ -29,27 +29,22 @@ class MeasurementFailed(Exception):
 class Progress:
     """Which measurement is being made: told on a terminal, and when it fails."""
 
-    def __init__(self) -> None:
-        self.step = ""
+    step = ""
 
     def begin(self, step: str) -> None:
         self.step = step
-        self._show(step)
+        if sys.stderr.isatty():
+            print(f"\r\033[K{step}", end="", file=sys.stderr, flush=True)
 
     def end(self) -> None:
-        self._show("")
+        self.begin("")
 
     def fail(self, error: Exception) -> int:
         """Tell what failed; return the exit code of a script that could not measure everything."""
-        self.end()
         during = f"{self.step}: " if self.step else ""
+        self.end()
         print(f"not measured: {during}{error}", file=sys.stderr)
         return 2
-
-    @staticmethod
-    def _show(text: str) -> None:
-        if sys.stderr.isatty():
-            print(f"\r\033[K{text}", end="", file=sys.stderr, flush=True)
 
 
 progress = Progress()  # of this process
