@@ -9,18 +9,16 @@ The exit code is 0 when every target is reached, 1 when one is missed and 2 when
 
 from __future__ import annotations
 
-import contextlib
-import os
 import statistics
 import subprocess
 import sys
 import time
 from concurrent.futures import ThreadPoolExecutor
-from typing import Iterator, Sequence
+from typing import Sequence
 
 from measuring.lab import bench, makesimulation
 from measuring.lab.bench import Bench, Contender, Workload, workload_rows
-from measuring.lab.launcher import Figures, MeasurementFailed, Server, pinned, processor_wait
+from measuring.lab.launcher import START_PATIENCE, Figures, MeasurementFailed, Server, pinned, processor_wait
 from measuring.lab.remotecontrol import RemoteControl
 from measuring.lab.rows import Row, ratio_row, single_row
 
@@ -155,22 +153,18 @@ def p95(values: Sequence[float]) -> float:
     return statistics.quantiles(values, n=100, method="inclusive")[94]
 
 
-@contextlib.contextmanager
-def virtual_display(core: int) -> Iterator[str]:
-    """Give the name of a display on a number of its own."""
-    read_end, write_end = os.pipe()
-    command = ["Xvfb", "-displayfd", str(write_end), "-screen", "0", SCREEN, "-nolisten", "tcp"]
-    server = subprocess.Popen(pinned(command, core), pass_fds=[write_end], stderr=subprocess.DEVNULL)
-    os.close(write_end)
-    try:
-        with os.fdopen(read_end) as answer:
-            number = answer.readline().strip()
+class Display(Server):
+    """A virtual display; its number stands in the place of a port."""
+
+    def __init__(self, lab: Bench) -> None:
+        command = ["Xvfb", "-displayfd", "1", "-screen", "0", SCREEN, "-nolisten", "tcp"]
+        super().__init__(command, lab.folder / "display.log", lab.client_core)
+
+    def _read_port(self) -> int:
+        number = self._read_line(START_PATIENCE)
         if not number:
-            raise MeasurementFailed("the virtual display does not start")
-        yield f":{number}"
-    finally:
-        server.terminate()
-        server.wait()
+            raise MeasurementFailed(f"the virtual display does not start: {self._last_words()}")
+        return int(number)
 
 
 def drag_rows(lab: WindowBench) -> list[Row]:
@@ -214,8 +208,8 @@ OTHERS = {"drag": drag_rows, "capture": capture_rows, "files": file_rows}
 
 def measure(lab: WindowBench) -> list[Row]:
     wanted = lab.options.wanted
-    with virtual_display(lab.client_core) as display:
-        lab.environment.update(DISPLAY=display, QT_QPA_PLATFORM="xcb")
+    with Display(lab) as display:
+        lab.environment.update(DISPLAY=f":{display.port}", QT_QPA_PLATFORM="xcb")
         workloads = [workload for workload in WORKLOADS if workload.key in wanted]
         runs = lab.in_turns(workloads)
         rows = [row for each in workloads for row in workload_rows("headless", each, *runs[each.key])]
