@@ -51,7 +51,7 @@ class TestRemoteControl(unittest.TestCase):
     def test_the_capture_is_worked_by_its_check_boxes(self) -> None:
         self.window.do("capture", enabled=True)
         file = self.folder / "saved.ltvo"
-        self.assertTrue(self.window.do("save", file=str(file))["saved"])
+        self.assertTrue(self.window.do("save", file=str(file))["written"])
         self.window.do("open")
         self.window.do("open", file=str(file))
         again = self.folder / "again.ltvo"
