@@ -42,8 +42,7 @@ class Simulator(RemoteControl):
     """The program that soakserver.cpp describes."""
 
     def __init__(self, program: Path, seed: int, log: Path) -> None:
-        environment = {name: value for name, value in os.environ.items() if name != "DISPLAY"}
-        super().__init__([str(program), str(seed)], log, environment=environment, patience=HANG)
+        super().__init__([str(program), str(seed)], log, patience=HANG)
         self.limit_descriptors(DESCRIPTORS)
         self.by_name = False
 
