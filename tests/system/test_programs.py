@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import argparse
 import signal
-import socket
 import struct
 import subprocess
 import sys
@@ -12,15 +11,15 @@ import unittest
 from pathlib import Path
 from unittest import mock
 
-TOP_FOLDER = Path(__file__).resolve().parents[2]
-EXAMPLES = TOP_FOLDER / "examples"
-
 import lattivo
 import numbered
 import program
 import receiver
 import sender
 
+from tests.support.scriptedpeer import Listener, read_exactly
+
+EXAMPLES = Path(__file__).resolve().parents[2] / "examples"
 LEFT = bytes.fromhex("020000000001")
 RIGHT = bytes.fromhex("020000000002")
 IDENTIFICATION = bytes.fromhex("03 00000007 01") + LEFT
@@ -65,38 +64,9 @@ class TestNumberedFrames(unittest.TestCase):
                 numbered.parse_address(text)
 
 
-class Simulator:
-    """The simulator's end of one connection, on a free port."""
-
-    def __init__(self) -> None:
-        self.server = socket.create_server(("127.0.0.1", 0))
-        self.server.settimeout(PATIENCE)
-        self.port: int = self.server.getsockname()[1]
-
-    def __enter__(self) -> Simulator:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.server.close()
-
-    def accept(self) -> socket.socket:
-        """Return the connection of the next program."""
-        connection, _ = self.server.accept()
-        connection.settimeout(PATIENCE)
-        return connection
-
-
 def frame_message(number: int, size: int) -> bytes:
     """Return the message with a frame of the sender."""
     return struct.pack(">BI", 1, size) + numbered.build_frame(RIGHT, LEFT, number, size)
-
-
-def read_exactly(connection: socket.socket, size: int) -> bytes:
-    """Return size bytes, or fewer when the peer has closed."""
-    data = b""
-    while len(data) < size and (chunk := connection.recv(size - len(data))):
-        data += chunk
-    return data
 
 
 class TestReceiver(unittest.TestCase):
@@ -154,7 +124,7 @@ class TestPrograms(unittest.TestCase):
         )
 
     def test_the_sender_counts_outcomes(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start_sender(simulator.port, "--count", "3", "--size", "20")
             with simulator.accept() as peer:
                 received = read_exactly(peer, 12 + 3 * 25)
@@ -166,7 +136,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual((errors, process.returncode), ("", program.EXIT_DONE))
 
     def test_the_sender_gives_up_waiting(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start_sender(simulator.port, "--count", "2", "--timeout", "0.2")
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 2 * 69)
@@ -178,7 +148,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual(process.returncode, program.EXIT_DONE)
 
     def test_a_dropped_program_says_so_in_one_line(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start_sender(simulator.port, "--count", "2")
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 2 * 69)
@@ -187,7 +157,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual(process.returncode, program.EXIT_DROPPED)
 
     def test_no_simulator_is_one_line_and_a_code_of_its_own(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             port = simulator.port
         process = self.start_sender(port)
         output, errors = process.communicate(timeout=PATIENCE)
@@ -196,7 +166,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual(process.returncode, program.EXIT_NOT_CONNECTED)
 
     def test_the_receiver_ends_after_its_count(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start("receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex(), "--count", "2")
             with simulator.accept() as peer:
                 read_exactly(peer, 12)
@@ -208,7 +178,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual(process.returncode, program.EXIT_DONE)
 
     def test_the_receiver_ends_when_nothing_comes(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start(
                 "receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex(), "--idle", "0.2"
             )
@@ -220,7 +190,7 @@ class TestPrograms(unittest.TestCase):
 
     def interrupted(self, number: int) -> tuple[subprocess.Popen[str], str]:
         """Start a receiver, end it by this signal once it is attached and return it with its report."""
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start("receiver.py", "--port", str(simulator.port), "--address", RIGHT.hex())
             with simulator.accept() as peer:
                 read_exactly(peer, 12)
@@ -238,7 +208,7 @@ class TestPrograms(unittest.TestCase):
                 self.assertEqual(process.returncode, program.EXIT_DONE)
 
     def test_a_signal_ends_the_sender_with_its_report_and_a_code(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start_sender(simulator.port, "--count", "1")
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 69)
@@ -249,7 +219,7 @@ class TestPrograms(unittest.TestCase):
         self.assertEqual((errors, process.returncode), ("", program.EXIT_INTERRUPTED))
 
     def test_the_debug_command_quit_ends_a_program(self) -> None:
-        with Simulator() as simulator:
+        with Listener() as simulator:
             process = self.start_sender(simulator.port, "--count", "1")
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 69)
