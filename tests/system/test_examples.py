@@ -14,15 +14,15 @@ import tempfile
 import unittest
 from pathlib import Path
 
-TOP_FOLDER = Path(__file__).resolve().parents[2]
-EXAMPLES = TOP_FOLDER / "examples"
-
 import lattivo
 import numbered
 import program
 
 from measuring.lab import makesimulation
 from measuring.lab.launcher import Server
+
+TOP_FOLDER = Path(__file__).resolve().parents[2]
+EXAMPLES = TOP_FOLDER / "examples"
 
 PATIENCE = 60.0  # seconds; only a failing test waits that long
 CONFIRMATION_TIMEOUT = 50  # ms

@@ -19,8 +19,6 @@ import types
 import unittest
 from pathlib import Path
 
-TOP_FOLDER = Path(__file__).resolve().parents[2]
-
 from measuring.compare import compare
 from measuring.lab import makesimulation
 from measuring.lab.bench import Bench, Workload
@@ -28,6 +26,8 @@ from measuring.lab.document import aligned, table, write
 from measuring.lab.launcher import MeasurementFailed, Server, find_program
 from measuring.lab.rows import Row, ratio_row
 from measuring.limit import document, run
+
+TOP_FOLDER = Path(__file__).resolve().parents[2]
 
 PATIENCE = 200.0  # seconds; only a failing test waits that long
 

@@ -15,12 +15,12 @@ import unittest
 from dataclasses import replace
 from pathlib import Path
 
+import numbered
+
 from tests.support import desktop, formatreader, lattivowindow
 
 TOP_FOLDER = Path(__file__).resolve().parents[2]
 EXAMPLES = TOP_FOLDER / "examples"
-
-import numbered
 
 GTK_THEME = "/usr/lib/*/qt5/plugins/platformthemes/libqgtk3.so"
 PATIENCE = 60.0  # seconds; only a failing test waits that long
