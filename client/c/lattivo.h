@@ -1,7 +1,10 @@
 /* Lets a program drive a node of the network simulator Lattivo: it sends and receives the frames of the node.
  *
  * One lattivo_client is one connection. Connections share nothing; a client must not be used by two threads
- * at once. Memory is taken by lattivo_open() and given back by lattivo_close(), and never in between. */
+ * at once. Memory is taken by lattivo_open() and given back by lattivo_close(), and never in between.
+ *
+ * A signal ends no wait: after its handler the call waits on. A program that ends by a flag of its handler
+ * gives short timeouts and looks at the flag between the calls, or waits in a poll() of its own. */
 #ifndef LATTIVO_H
 #define LATTIVO_H
 
@@ -65,7 +68,8 @@ LATTIVO_API lattivo_result lattivo_open(lattivo_client** client, const char* hos
                                         const lattivo_options* options);
 
 /* Says which node the program drives, where the network identifies programs by address. The program may send
- * at once. A refusal shows later, as LATTIVO_CLOSED. */
+ * at once. A refusal shows later, as LATTIVO_CLOSED. Whatever else listens at the port may stay silent: a
+ * wrong port then shows only because no confirmations come. */
 LATTIVO_API lattivo_result lattivo_identify_by_address(lattivo_client* client, const void* address,
                                                        size_t size);
 
@@ -98,7 +102,8 @@ LATTIVO_API lattivo_result lattivo_send_active(lattivo_client* client, bool acti
 /* Gives the kernel what is queued. LATTIVO_AGAIN: a part is still queued after timeout ms. */
 LATTIVO_API lattivo_result lattivo_flush(lattivo_client* client, int timeout);
 
-/* Returns how many bytes a frame may have to be sent over the present path. */
+/* Returns how many bytes a frame may have to be sent over the present path. That may grow while the
+ * connection lives. 0: the connection is over. */
 LATTIVO_API size_t lattivo_largest_frame(lattivo_client* client);
 
 /* Receiving */
