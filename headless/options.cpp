@@ -14,7 +14,9 @@ struct KnownOptions {
     const QCommandLineOption plugAndPlay{"plug-and-play",
                                          "Give a new node to each program that matches none."};
     const QCommandLineOption identifyBy{
-        "identify-by", "Let programs identify themselves by \"name\" or by \"address\".", "name|address"};
+        "identify-by",
+        "Let programs identify themselves by \"name\" or by \"address\" (default: as in the file).",
+        "name|address"};
     const QCommandLineOption capture{"capture",
                                      "Switch the capture on and write it to FILE (pcap) at the end.", "FILE"};
     const QCommandLineOption seed{
