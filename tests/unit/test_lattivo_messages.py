@@ -111,6 +111,15 @@ class TestEncoding(unittest.TestCase):
         with self.assertRaises(lattivo.WrongUse):
             messages.encode_name("Le\0ft")
 
+    def test_what_is_not_bytes_is_no_frame_and_no_address(self) -> None:
+        for encode, what in ((messages.encode_frame, "a frame"), (messages.encode_address, "an address")):
+            with self.subTest(what), self.assertRaisesRegex(lattivo.WrongUse, f"{what} is made of bytes, not str"):
+                encode("020000000001")
+
+    def test_bytes_are_no_name(self) -> None:
+        with self.assertRaisesRegex(lattivo.WrongUse, "a name is text, not bytes"):
+            messages.encode_name(b"Left")
+
     def test_a_colour_out_of_range_is_refused(self) -> None:
         for part in (-1, 256):
             with self.subTest(part), self.assertRaisesRegex(lattivo.WrongUse, f"not {part}"):

@@ -43,7 +43,10 @@ _DEBUG_COMMANDS = {command.value: DebugCommand(command) for command in Command}
 
 def encode_message(message_type: int, body: bytes) -> bytes:
     """Return the bytes of any message."""
-    return HEADER.pack(message_type, memoryview(body).nbytes) + body  # len() may count items of several bytes
+    try:
+        return HEADER.pack(message_type, memoryview(body).nbytes) + body  # len() may count items of several bytes
+    except TypeError as error:
+        raise _wrong_type("a frame is made of bytes", body) from error
 
 
 def encode_frame(payload: bytes) -> bytes:
@@ -58,13 +61,18 @@ def encode_control(control: NodeControl, data: bytes = b"") -> bytes:
 
 def encode_address(address: bytes) -> bytes:
     """Return the message that identifies the program by address or, later, changes the node's address."""
-    return encode_control(NodeControl.ADDRESS, address)
+    try:
+        return encode_control(NodeControl.ADDRESS, address)
+    except TypeError as error:
+        raise _wrong_type("an address is made of bytes", address) from error
 
 
 def encode_name(name: str) -> bytes:
     """Return the message that identifies the program by name or, later, changes the node's name."""
     try:
         data = name.encode("utf-8")
+    except AttributeError as error:
+        raise _wrong_type("a name is text", name) from error
     except UnicodeEncodeError as error:
         raise WrongUse(f"a name is text that UTF-8 can hold, not {name!r}") from error
     if 0 in data:
@@ -92,6 +100,11 @@ def encode_identification(name: Optional[str], address: Optional[bytes]) -> byte
     if address is not None and name is None:
         return encode_address(address)
     raise WrongUse("a program identifies itself either by name or by address")
+
+
+def _wrong_type(rule: str, value: object) -> WrongUse:
+    """Return what to raise for an argument of another type."""
+    return WrongUse(f"{rule}, not {type(value).__name__}")
 
 
 class Decoder:
