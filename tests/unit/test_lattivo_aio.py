@@ -11,6 +11,7 @@ import unittest
 
 import lattivo
 from lattivo import messages
+from lattivo.client import CLOSE_TIMEOUT
 from tests.support.scriptedpeer import PATIENCE, Listener, read_exactly
 from tests.unit.test_lattivo_client import (
     DELIVERED,
@@ -221,8 +222,18 @@ class TestMessages(AioTest):
         self.assertEqual(await in_thread(read_exactly, self.peer, 10), messages.encode_frame(b"last"))  # then the end
         self.assertFalse(closing.done())
         self.peer.close()
-        await closing
+        self.assertTrue(await closing)
         self.assertEqual(self.client._channel.fileno(), -1)
+
+    async def test_closing_tells_that_the_simulator_has_not_read_all_in_time(self) -> None:
+        self.assertFalse(await self.client.close(TINY))
+
+    async def test_an_error_in_a_block_closes_at_once(self) -> None:
+        with self.assertRaises(KeyError):
+            async with lattivo.aio.connect(port=self.listener.port, address=LEFT):
+                started = time.monotonic()
+                raise KeyError
+        self.assertLess(time.monotonic() - started, CLOSE_TIMEOUT / 2)
 
     async def test_closing_ends_the_tasks_that_wait(self) -> None:
         await self.fill_path()

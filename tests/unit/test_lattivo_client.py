@@ -15,6 +15,7 @@ from unittest import mock
 
 import lattivo
 from lattivo import channel, messages
+from lattivo.client import CLOSE_TIMEOUT
 from tests.support.scriptedpeer import PATIENCE, Listener, read_exactly
 
 LEFT = bytes.fromhex("020000000001")
@@ -546,13 +547,36 @@ class TestClose(ClientTest):
     def test_closing_waits_until_the_simulator_has_read_all(self) -> None:
         self.peer.sendall(DELIVERED)  # unread on the program's side
         self.client.queue_frame(b"last")
-        closing = in_background(self, lambda: self.client.close(PATIENCE))
+        results = []
+        closing = in_background(self, lambda: results.append(self.client.close(PATIENCE)))
         self.assertEqual(read_exactly(self.peer, 9), messages.encode_frame(b"last"))
         self.assertEqual(self.peer.recv(1), b"")  # ended normally; a reset would raise
         self.assertTrue(closing.is_alive())
         self.peer.close()
         closing.join(PATIENCE)
-        self.assertFalse(closing.is_alive())
+        self.assertEqual(results, [True])
+
+    def test_closing_tells_that_the_simulator_has_not_read_all_in_time(self) -> None:
+        self.assertFalse(self.client.close(TINY))
+
+    def test_closing_tells_that_the_simulator_has_left_bytes_unread(self) -> None:
+        self.client.send_frame(b"unread")
+        self.assertTrue(select.select([self.peer], [], [], PATIENCE)[0])
+        self.peer.close()  # resets the connection
+        self.assertFalse(self.client.close(PATIENCE))
+
+    def test_an_error_in_a_block_closes_at_once(self) -> None:
+        started = time.monotonic()
+        with self.assertRaises(KeyboardInterrupt), self.client:
+            raise KeyboardInterrupt
+        self.assertLess(time.monotonic() - started, CLOSE_TIMEOUT / 2)
+        self.assertEqual(self.client.fileno(), -1)
+
+    def test_a_block_that_ends_the_program_waits_for_the_simulator(self) -> None:
+        with mock.patch.object(self.client, "close") as close:
+            with self.assertRaises(SystemExit), self.client:
+                raise SystemExit
+        close.assert_called_once_with(CLOSE_TIMEOUT)
 
     def test_a_simulator_that_keeps_sending_does_not_hold_up_the_end(self) -> None:
         def send() -> None:

@@ -30,7 +30,7 @@ from typing import (
 
 from . import messages, steps
 from .channel import Channel
-from .client import CLOSE_TIMEOUT, CONNECT_TIMEOUT, LARGEST_FRAME
+from .client import CLOSE_TIMEOUT, CONNECT_TIMEOUT, LARGEST_FRAME, close_timeout
 from .codes import DEFAULT_PORT
 from .errors import Disconnected, FrameTooLarge, LattivoError, UnknownHost
 from .messages import Message
@@ -134,16 +134,18 @@ class Client:
         except Disconnected:
             return
 
-    async def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> None:
+    async def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> bool:
         """Wait until the simulator has read all that was sent and close; never raise a LattivoError.
 
-        Messages that still arrive are dropped.
+        Return whether it has read all. False: the timeout came first, or the connection had ended before. Messages that
+        still arrive are dropped.
         """
         self._waits.end()
         try:
             await asyncio.wait_for(self._close(), timeout)
+            return True
         except (LattivoError, asyncio.TimeoutError):
-            pass  # the regular end: the simulator has closed as well
+            return False
         finally:
             self._channel.close()
 
@@ -187,7 +189,7 @@ class _Opening:
         self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
     ) -> None:
         assert self._client
-        await self._client.close()
+        await self._client.close(close_timeout(error))
 
 
 def connect(

@@ -211,10 +211,15 @@ class Channel:
         except OSError as error:
             raise self._ended(error) from error
 
-    def discard(self) -> None:
-        """Read and forget what has arrived."""
+    def discard(self) -> bool:
+        """Read and forget what has arrived; False when the simulator has closed its side as well."""
         self._decoder.clear()
-        self.read()
+        try:
+            return self._socket.recv_into(self._decoder.room()) > 0
+        except BlockingIOError:
+            return True
+        except OSError as error:
+            raise self._ended(error) from error
 
     def close(self) -> None:
         """Close the socket."""

@@ -194,15 +194,17 @@ class Client:
 
     # End
 
-    def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> None:
+    def close(self, timeout: Optional[float] = CLOSE_TIMEOUT) -> bool:
         """Send what is queued, wait until the simulator has read all and close; never raise a LattivoError.
 
-        Messages that still arrive are dropped.
+        Return whether it has read all. False: the timeout came first, or the connection had ended before. Messages that
+        still arrive are dropped.
         """
         try:
             run(steps.close(self._channel), Deadline(timeout))
+            return True
         except LattivoError:
-            pass  # the regular end: the simulator has closed as well
+            return False
         finally:
             self._channel.close()
 
@@ -213,8 +215,8 @@ class Client:
     def __exit__(
         self, kind: Optional[Type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
     ) -> None:
-        """Close the client."""
-        self.close()
+        """Close the client; wait for the simulator only when the block has ended without an error."""
+        self.close(close_timeout(error))
 
     def _send(self, message: bytes, timeout: Optional[float]) -> None:
         channel = self._channel
@@ -227,6 +229,11 @@ class Client:
         if channel.wants_to_write:  # a rest, since memory is short; it leaves first when the time is over
             with contextlib.suppress(Timeout):
                 run(steps.flush(channel), deadline)
+
+
+def close_timeout(error: Optional[BaseException]) -> float:
+    """Return how long to wait behind a block that this has ended; sys.exit() is no error."""
+    return CLOSE_TIMEOUT if error is None or isinstance(error, SystemExit) else 0.0
 
 
 class Deadline:

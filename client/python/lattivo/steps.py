@@ -207,9 +207,9 @@ def close(channel: Channel) -> Steps[None]:
     """
     yield from flush(channel)
     channel.shut_down()
-    while True:
+    yield Wait(channel.fileno(), select.POLLIN)
+    while channel.discard():
         yield Wait(channel.fileno(), select.POLLIN)
-        channel.discard()
 
 
 def _writing(channel: Channel) -> Wait:
