@@ -68,6 +68,7 @@ struct lattivo_client {
     struct sockaddr_storage peer;
     socklen_t peer_size;
     bool is_identified;
+    bool may_be_unknown;    /* identified by address, and nothing has arrived since */
     lattivo_result failure; /* of the connection; LATTIVO_OK while it stands */
     char error[ERROR_SIZE];
     char place[PLACE_SIZE]; /* host and port */
@@ -112,15 +113,19 @@ fail(lattivo_client* client, lattivo_result result, const char* format, ...)
 
 static lattivo_result fail_closed(lattivo_client* client, int error)
 {
+    const char* doubt = client->may_be_unknown
+        ? "; perhaps it has no node of this address, or identifies programs by name"
+        : "";
     if (error == 0)
-        return fail(client, LATTIVO_CLOSED, "%s has closed the connection", client->place);
-    return fail(client, LATTIVO_CLOSED, "the connection to %s is over: %s", client->place, strerror(error));
+        return fail(client, LATTIVO_CLOSED, "%s has closed the connection%s", client->place, doubt);
+    return fail(client, LATTIVO_CLOSED, "the connection to %s is over: %s%s", client->place, strerror(error),
+                doubt);
 }
 
 static lattivo_result fail_silent(lattivo_client* client)
 {
-    return fail(client, LATTIVO_NO_CONNECTION, "%s has not answered for %d ms", client->place,
-                client->options.timeout);
+    return fail(client, LATTIVO_NO_CONNECTION, "%s has not answered for %g s", client->place,
+                client->options.timeout / 1000.0);
 }
 
 /* Deadlines are ms of the monotonic clock. */
@@ -480,11 +485,11 @@ lattivo_result lattivo_open(lattivo_client** client, const char* host, uint16_t 
     made->descriptor = -1;
     made->failure = LATTIVO_NO_CONNECTION; /* if the caller goes on after a failed open */
     result = take_options(made, options);
-    if (result == LATTIVO_OK && !host)
+    if (result == LATTIVO_OK && (!host || !*host))
         result = fail(made, LATTIVO_WRONG_USE, "there is no host to connect to");
     if (result != LATTIVO_OK)
         return result;
-    snprintf(made->place, sizeof made->place, "%.120s, port %u", host, (unsigned)port);
+    snprintf(made->place, sizeof made->place, "%.120s port %u", host, (unsigned)port);
     result = connect_client(made, host, port);
     if (result == LATTIVO_OK) {
         made->failure = LATTIVO_OK;
@@ -585,7 +590,10 @@ static size_t text_size(const char* text)
 
 lattivo_result lattivo_identify_by_address(lattivo_client* client, const void* address, size_t size)
 {
-    return identify(client, LATTIVO_CONTROL_ADDRESS, address, size);
+    const lattivo_result result = identify(client, LATTIVO_CONTROL_ADDRESS, address, size);
+    if (result == LATTIVO_OK)
+        client->may_be_unknown = true;
+    return result;
 }
 
 lattivo_result lattivo_identify_by_name(lattivo_client* client, const char* name)
@@ -594,7 +602,9 @@ lattivo_result lattivo_identify_by_name(lattivo_client* client, const char* name
     if (result == LATTIVO_OK)
         result = wait_until_attached(client);
     if (result == LATTIVO_OK && has_ended(client->descriptor))
-        result = fail(client, LATTIVO_REFUSED, "%s has refused the name \"%.100s\"", client->place, name);
+        result = fail(client, LATTIVO_REFUSED,
+                      "%s has refused the name \"%.100s\"; perhaps it identifies programs by address",
+                      client->place, name);
     return result;
 }
 
@@ -782,6 +792,7 @@ static lattivo_result read_input(lattivo_client* client)
                 client->input_capacity - client->input_end, 0);
     if (size > 0) {
         client->input_end += (size_t)size;
+        client->may_be_unknown = false;
         return LATTIVO_OK;
     }
     if (size < 0 && is_later(errno))

@@ -120,7 +120,7 @@ private slots:
         QCOMPARE(client.result, LATTIVO_NO_CONNECTION);
         QCOMPARE(
             client.error(),
-            QStringLiteral("127.0.0.1, port %1 cannot be reached: Connection refused").arg(listener.port()));
+            QStringLiteral("127.0.0.1 port %1 cannot be reached: Connection refused").arg(listener.port()));
         QCOMPARE(lattivo_descriptor(client), -1);
     }
 
@@ -129,6 +129,12 @@ private slots:
         const Client client(1, nullptr, "no host");
         QCOMPARE(client.result, LATTIVO_UNKNOWN_HOST);
         QVERIFY2(client.error().startsWith("no host cannot be found: "), qPrintable(client.error()));
+    }
+
+    void anEmptyHostIsWrongUse()
+    {
+        const Client client(1, nullptr, "");
+        QCOMPARE(client.result, LATTIVO_WRONG_USE);
     }
 
     void theNextAddressIsTriedWhenOneDoesNotAnswer()
@@ -250,7 +256,9 @@ private slots:
         peer->receive(nameMessageSize);
         peer->close();
         QCOMPARE(naming.wait(), LATTIVO_REFUSED);
-        QVERIFY2(client.error().endsWith(" has refused the name \"Left\""), qPrintable(client.error()));
+        QVERIFY2(client.error().endsWith(
+                     " has refused the name \"Left\"; perhaps it identifies programs by address"),
+                 qPrintable(client.error()));
     }
 
     void aServerThatIsSwitchedOffHasReadTheName()
@@ -268,7 +276,7 @@ private slots:
         const lattivo_options options = shortOptions();
         const Client client(listener.port(), &options);
         QCOMPARE(lattivo_identify_by_name(client, "Left"), LATTIVO_NO_CONNECTION);
-        QVERIFY2(client.error().endsWith(" has not answered for 50 ms"), qPrintable(client.error()));
+        QVERIFY2(client.error().endsWith(" has not answered for 0.05 s"), qPrintable(client.error()));
     }
 
     void receivingGivesTheFailureOfIdentifying()
@@ -279,7 +287,7 @@ private slots:
         lattivo_identify_by_name(client, "Left");
         lattivo_message message;
         QCOMPARE(lattivo_receive(client, &message, patience), LATTIVO_NO_CONNECTION);
-        QVERIFY2(client.error().endsWith(" has not answered for 50 ms"), qPrintable(client.error()));
+        QVERIFY2(client.error().endsWith(" has not answered for 0.05 s"), qPrintable(client.error()));
     }
 
     void closingDoesNotWaitForASilentSimulatorOnceMore()

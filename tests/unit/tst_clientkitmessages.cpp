@@ -180,7 +180,7 @@ private slots:
             result = lattivo_flush(pair.client, 1);
         }
         QCOMPARE(result, LATTIVO_CLOSED);
-        QVERIFY(pair.client.error().startsWith("the connection to 127.0.0.1, port "));
+        QVERIFY(pair.client.error().startsWith("the connection to 127.0.0.1 port "));
     }
 
     void aFullWindowOfAClosedConnectionIsNotWaitedFor()
@@ -303,6 +303,16 @@ private slots:
         QCOMPARE(pair.receive(), LATTIVO_CLOSED);
         QVERIFY2(pair.client.error().endsWith(" has closed the connection"), qPrintable(pair.client.error()));
         QCOMPARE(pair.receive(0), LATTIVO_CLOSED);
+    }
+
+    void theEndBeforeAnyMessageDoubtsTheAddress()
+    {
+        Pair pair;
+        pair.peer->close();
+        QCOMPARE(pair.receive(), LATTIVO_CLOSED);
+        QVERIFY2(pair.client.error().endsWith(" has closed the connection; perhaps it has no node of this "
+                                              "address, or identifies programs by name"),
+                 qPrintable(pair.client.error()));
     }
 
     void whatCameIsReceivedThoughSendingFails()
