@@ -173,26 +173,30 @@ class TestLossyLink(ExampleTest):
 class TestRefusal(ExampleTest):
     """What the programs say when the simulator does not want them."""
 
-    CLOSED = "error: the simulator closed the connection\n"
+    def closed(self, doubt: str = "") -> str:
+        """Return what a program says whose connection has ended."""
+        return f"error: the simulator at 127.0.0.1 port {self.port} closed the connection{doubt}\n"
 
-    def refused(self) -> str:
+    def refused(self, name: str) -> str:
         """Return what a program says that identifies by name in vain."""
-        return f"error: the simulator at 127.0.0.1 port {self.port} does not take the identification\n"
+        place = f"the simulator at 127.0.0.1 port {self.port}"
+        return f'error: {place} has refused the name "{name}"; perhaps it identifies programs by address\n'
 
     def test_an_unknown_address_is_refused(self) -> None:
         self.start_clean()
         receiver = self.start_example("receiver.py", "--address", "0A0A0A0A0A0A", "--idle", str(PATIENCE))
-        self.finish(receiver, program.EXIT_DROPPED, self.CLOSED)
+        doubt = "; perhaps it has no node of the address 0a0a0a0a0a0a, or identifies programs by name"
+        self.finish(receiver, program.EXIT_DROPPED, self.closed(doubt))
 
     def test_an_unknown_name_is_refused(self) -> None:
         self.start_clean("--identify-by", "name")
         receiver = self.start_example("receiver.py", "--name", "nobody", "--idle", str(PATIENCE))
-        self.finish(receiver, program.EXIT_DROPPED, self.refused())
+        self.finish(receiver, program.EXIT_DROPPED, self.refused("nobody"))
 
     def test_the_other_kind_of_identification_is_refused(self) -> None:
         self.start_clean()
         sender = self.start_sender("--name", self.names[0], "--source", self.addresses[0].hex())
-        self.assertEqual(self.finish(sender, program.EXIT_DROPPED, self.refused()), {})
+        self.assertEqual(self.finish(sender, program.EXIT_DROPPED, self.refused(self.names[0])), {})
 
     def test_another_program_takes_the_node_over(self) -> None:
         simulator = self.start_clean()
@@ -200,7 +204,7 @@ class TestRefusal(ExampleTest):
         first = self.start_example("receiver.py", *identity)
         self.wait_for_receiver(address=self.addresses[0])
         second = self.start_example("receiver.py", *identity)
-        self.assertEqual(self.finish(first, program.EXIT_DROPPED, self.CLOSED)["received"], 1)
+        self.assertEqual(self.finish(first, program.EXIT_DROPPED, self.closed())["received"], 1)
         second.send_signal(signal.SIGTERM)
         self.finish(second)
         self.end(simulator)
@@ -210,7 +214,7 @@ class TestRefusal(ExampleTest):
         receiver = self.start_example("receiver.py", "--address", self.addresses[1].hex())
         self.wait_for_receiver(address=self.addresses[0])
         self.end(simulator)
-        self.assertEqual(self.finish(receiver, program.EXIT_DROPPED, self.CLOSED)["received"], 1)
+        self.assertEqual(self.finish(receiver, program.EXIT_DROPPED, self.closed())["received"], 1)
 
     def test_without_a_simulator_there_is_no_connection(self) -> None:
         self.end(self.start_clean())

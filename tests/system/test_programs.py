@@ -153,7 +153,7 @@ class TestPrograms(unittest.TestCase):
             with simulator.accept() as peer:
                 read_exactly(peer, 12 + 2 * 69)
             _, errors = process.communicate(timeout=PATIENCE)
-        self.assertEqual(errors, "error: the simulator closed the connection\n")
+        self.assertRegex(errors, rf"^error: the simulator at 127\.0\.0\.1 port {simulator.port} closed .*\n$")
         self.assertEqual(process.returncode, program.EXIT_DROPPED)
 
     def test_no_simulator_is_one_line_and_a_code_of_its_own(self) -> None:

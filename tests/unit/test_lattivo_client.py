@@ -188,6 +188,11 @@ class TestConnect(unittest.TestCase):
         self.peer.close()
         self.refuse_knocks()
         self.assertIsInstance(self.error, lattivo.Refused)
+        self.assertEqual(
+            str(self.error),
+            f'the simulator at 127.0.0.1 port {self.listener.port} has refused the name "Left"; '
+            "perhaps it identifies programs by address",
+        )
 
     def test_a_name_that_is_refused_by_a_reset_is_refused_too(self) -> None:
         """Reset the connection between the client's last look at it and its first knock."""
@@ -456,6 +461,23 @@ class TestReceiving(ClientTest):
         with self.assertRaises(lattivo.Disconnected) as caught:
             self.client.receive(PATIENCE)
         self.assertEqual(caught.exception.code, lattivo.ErrorCode.CLOSED)
+
+    def test_the_end_before_any_message_names_the_address_that_may_be_unknown(self) -> None:
+        self.peer.close()
+        with self.assertRaises(lattivo.Disconnected) as caught:
+            self.client.receive(PATIENCE)
+        self.assertEqual(
+            str(caught.exception),
+            f"the simulator at 127.0.0.1 port {self.listener.port} closed the connection; "
+            "perhaps it has no node of the address 020000000001, or identifies programs by name",
+        )
+
+    def test_the_end_behind_a_message_names_no_address(self) -> None:
+        self.peer.sendall(DELIVERED)
+        self.peer.close()
+        self.client.receive(PATIENCE)
+        with self.assertRaisesRegex(lattivo.Disconnected, rf"port {self.listener.port} closed the connection$"):
+            self.client.receive(PATIENCE)
 
     def test_the_iterator_ends_with_the_connection(self) -> None:
         self.peer.sendall(3 * DELIVERED)

@@ -47,9 +47,16 @@ OPTIONS_SIZE = 36
 class Channel:
     """A connected socket, the messages that arrive on it and the segment that waits to leave."""
 
-    def __init__(self, connected: socket.socket, decoder: Decoder, *, end_of_record: bool = True) -> None:
-        """Take the socket over; end_of_record=False does without MSG_EOR."""
+    def __init__(
+        self, connected: socket.socket, decoder: Decoder, place: str, doubt: str, *, end_of_record: bool = True
+    ) -> None:
+        """Take the socket over; end_of_record=False does without MSG_EOR.
+
+        The texts of failures name the place, and the doubt too when the connection ends before anything has arrived.
+        """
         self._socket = connected
+        self._place = place
+        self._doubt = doubt
         connected.setblocking(False)
         connected.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         # The kernel asks for room again only while it has something to send, which the third rule keeps from it:
@@ -195,6 +202,7 @@ class Channel:
             raise self._ended(error) from error
         if count == 0:
             raise self._ended()
+        self._doubt = ""
         self._decoder.add(count)
         return True
 
@@ -229,5 +237,5 @@ class Channel:
         if self._socket.fileno() < 0:
             return Disconnected("this client has been closed")
         if error is None or isinstance(error, ConnectionError):
-            return Disconnected("the simulator closed the connection")
-        return Disconnected(f"the connection has ended: {error.strerror}")
+            return Disconnected(f"{self._place} closed the connection{self._doubt}")
+        return Disconnected(f"the connection to {self._place} has ended: {error.strerror}")

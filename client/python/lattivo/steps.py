@@ -74,10 +74,14 @@ def open_channel(
     Whoever runs this ends it when the timeout is over.
     """
     identification = messages.encode_identification(name, address)
+    place = f"the simulator at {host} port {port}"
+    doubt = "; perhaps it identifies programs by address"
+    if address is not None:
+        doubt = f"; perhaps it has no node of the address {bytes(address).hex()}, or identifies programs by name"
     decoder = Decoder(largest_frame)
     connected, peer = yield from _connect_to_any(host, port, addresses, timeout)
     try:
-        channel = Channel(connected, decoder, end_of_record=end_of_record)
+        channel = Channel(connected, decoder, place, doubt, end_of_record=end_of_record)
         yield from send(channel, identification)
         if name is not None and attach_pause is None:
             yield from _await_attachment(channel, connected.family, peer)
@@ -86,7 +90,8 @@ def open_channel(
             channel.read()
     except Disconnected:
         connected.close()
-        raise Refused(f"the simulator at {host} port {port} does not take the identification") from None
+        who = "the address" if name is None else f'the name "{name}"'
+        raise Refused(f"{place} has refused {who}{doubt}") from None
     except OSError as error:
         connected.close()
         raise ConnectError(f"{host} port {port} cannot be reached again: {error.strerror}") from error
