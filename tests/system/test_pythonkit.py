@@ -330,9 +330,9 @@ class TestNodeControls(KitTest):
 
     def test_the_simulator_follows(self) -> None:
         report = self.folder / "report.json"
-        self.start_simulator("--report", str(report), confirms=True)
+        self.start_simulator("--identify-by", "name", "--report", str(report), confirms=True)
         new_address = bytes.fromhex("0200000000AA")
-        receiver, sender = self.attach(1), self.attach(0)
+        receiver, sender = self.attach_by_name(1), self.attach_by_name(0)  # both are attached from here on
         receiver.set_address(new_address)
         receiver.set_name("Renamed")
         receiver.set_color(64, 128, 32)
