@@ -34,6 +34,7 @@ from measuring.lab import makesimulation
 from tests.support import scriptedpeer, surroundings
 
 PATIENCE = 60.0  # seconds; only a failing test waits that long
+MOST_TRIALS = 5  # the sanitizers make the simulator so slow that its window hardly ever ends within a message
 DOCUMENT = Path(__file__).resolve().parents[2] / "client" / "python" / "README.md"
 FRAMES = int(os.environ.get("LATTIVO_FRAMES", "1000000"))
 FRAMES_AT_A_TIME = 10_000
@@ -196,8 +197,11 @@ class TestFullSpeed(KitTest):
         self.assertGreater(self.stops, 3)
 
     def assert_cut_off(self, sizes: tuple[int, ...], change: Change) -> None:
-        """Send frames against one of the kit's rules."""
-        self.assertIsInstance(self.send_all(sizes, change), lattivo.Disconnected)
+        """Send frames against one of the kit's rules, until a stop comes at a bad moment."""
+        failure = None
+        for _ in range(MOST_TRIALS):
+            failure = failure or self.send_all(sizes, change)
+        self.assertIsInstance(failure, lattivo.Disconnected)
 
     def attach_both(self) -> None:
         """Start the simulator and attach two programs."""
