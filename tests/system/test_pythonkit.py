@@ -34,9 +34,9 @@ from measuring.lab import makesimulation
 from tests.support import scriptedpeer, surroundings
 
 PATIENCE = 60.0  # seconds; only a failing test waits that long
-MOST_TRIALS = 5  # the sanitizers make the simulator so slow that its window hardly ever ends within a message
+MOST_TRIALS = 5  # until a stop lets the window end within a message
 DOCUMENT = Path(__file__).resolve().parents[2] / "client" / "python" / "README.md"
-FRAMES = int(os.environ.get("LATTIVO_FRAMES", "1000000"))
+FRAMES = 1_000_000
 FRAMES_AT_A_TIME = 10_000
 NUMBER = struct.Struct(">I")
 NUMBER_OFFSET = 2 * makesimulation.ADDRESS_LENGTH
