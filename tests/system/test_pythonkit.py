@@ -1,6 +1,6 @@
 """Tests of the kit in Python against the headless simulator, which is stopped again and again while programs send.
 
-CTest sets the environment: LATTIVO_HEADLESS holds the path of the simulator, LATTIVO_FRAMES how many frames to send.
+CTest sets the environment: LATTIVO_HEADLESS holds the path of the simulator.
 """
 
 from __future__ import annotations
