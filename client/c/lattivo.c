@@ -70,6 +70,7 @@ struct lattivo_client {
     bool is_identified;
     bool may_be_unknown;    /* identified by address, and nothing has arrived since */
     lattivo_result failure; /* of the connection; LATTIVO_OK while it stands */
+    const char* again;      /* the text of LATTIVO_AGAIN, if that was last; else NULL */
     char error[ERROR_SIZE];
     char place[PLACE_SIZE]; /* host and port */
 
@@ -105,6 +106,7 @@ fail(lattivo_client* client, lattivo_result result, const char* format, ...)
     va_start(arguments, format);
     /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the line above has */
     vsnprintf(client->error, sizeof client->error, format, arguments);
+    client->again = NULL;
     va_end(arguments);
     if (result >= LATTIVO_UNKNOWN_HOST)
         client->failure = result;
@@ -290,7 +292,7 @@ static lattivo_result flush_until(lattivo_client* client, int64_t deadline)
     while (result == LATTIVO_AGAIN && wait_for(client, 0, deadline))
         result = give_to_kernel(client);
     if (result == LATTIVO_AGAIN)
-        return fail(client, result, "there is no room to send within the given time");
+        client->again = "there is no room to send within the given time";
     return result;
 }
 
@@ -819,8 +821,11 @@ lattivo_result lattivo_receive(lattivo_client* client, lattivo_message* message,
         result = read_input(client);
         if (result == LATTIVO_AGAIN && client->failure != LATTIVO_OK)
             return client->failure; /* the connection may stand, but has been given up */
-        if (result == LATTIVO_AGAIN && !wait_for(client, POLLIN, deadline))
-            return fail(client, result, "nothing has arrived within the given time");
+        if (result == LATTIVO_AGAIN && !wait_for(client, POLLIN, deadline)) {
+            client->again
+                = "nothing has arrived within the given time"; /* every loop comes by: not formatted */
+            return result;
+        }
     }
 }
 
@@ -848,7 +853,9 @@ int lattivo_timeout(const lattivo_client* client)
 
 const char* lattivo_error(const lattivo_client* client)
 {
-    return client ? client->error : lattivo_result_text(LATTIVO_OUT_OF_MEMORY);
+    if (!client)
+        return lattivo_result_text(LATTIVO_OUT_OF_MEMORY);
+    return client->again ? client->again : client->error;
 }
 
 const char* lattivo_result_text(lattivo_result result)
